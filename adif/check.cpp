@@ -1,0 +1,13 @@
+#include "adif/check.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace adif {
+
+void check_failed(const char *text, const char *source, const char *function) {
+  std::fprintf(stderr, "%s: %s: Assertion `%s' failed.\n", source, function, text);
+  std::abort();
+}
+
+}  // namespace adif
