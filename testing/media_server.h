@@ -1,0 +1,161 @@
+// A whole media service on this machine's loopback for tests and for c2ms-server: one entry server
+// that hands out the list of media nodes, and the nodes, each with its own listening socket, rate,
+// delay and faults. It shares no code with the library that it is to judge.
+//
+//   refserver::media_server server({.nodes = 2, .node = {{.rate_bytes_per_s = 1e6}}});
+//   const auto id = server.add_generated("film.mp4", 5'000'000'000,
+//   refserver::type_by_name("film.mp4")); if (!server.start()) ... open(server.url(id)); ...;
+//   refserver::content_mismatch(id, position, bytes, count) ...
+//
+// Threads: one thread does all the network work. Every member function may be called by any thread
+// at any time after construction, unless it says otherwise; each takes effect before it returns (a
+// call waits at most for one turn of that thread, milliseconds). Nothing throws.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "testing/content.h"
+#include "testing/faults.h"
+
+namespace refserver {
+
+/// Number of the entry server wherever a node is asked for; media nodes count from 0.
+inline constexpr int entry_server = -1;
+
+/// How one server behaves. Rate and delay hold for all of its connections together.
+struct node_options {
+  double rate_bytes_per_s =
+      0;             ///< 0: as fast as it goes; else shared evenly by the busy connections
+  int delay_ms = 0;  ///< passes between each request and the first byte of its response
+  uint8_t type = 2;  ///< as listed: bit 1 serves lists, bit 2 media
+  int load = -1;     ///< load that it reports, -1: its open connections
+  std::vector<fault> faults;
+};
+
+struct server_options {
+  int nodes = 4;                   ///< media nodes beside the entry server
+  std::vector<node_options> node;  ///< of node 0, 1, ...; further nodes get the defaults
+  node_options entry;
+  uint16_t port = 0;  ///< of the entry; nodes follow at port + 1, ...; 0: any free ports
+  bool spread_addresses = false;  ///< node i at 127.0.0.(2 + i), all on the entry's port
+  bool entry_is_node = false;  ///< the entry lists itself too, last (it serves media in any case)
+  bool encipher = false;       ///< server lists and descriptions are enciphered (result 1)
+  bool check_auth = true;      ///< result 30 unless auth, stamp and keyid are those of the URL
+  int32_t stamp = 1700000000;
+  uint32_t keyid = 7;
+  bool keep_log = true;
+};
+
+/// One request as it came and what became of it.
+struct request_record {
+  int node = entry_server;
+  uint64_t connection = 0;  ///< number of the connection, counted over all servers
+  double time_s = 0;        ///< when the whole request was there, since start()
+  uint32_t command = 0;     ///< 1 list, 2 description, 3 media
+  uint32_t sequence = 0;
+  uint16_t version = 0;
+  uint32_t client_version = 0;
+  std::string local_ip;
+  std::array<uint8_t, 20> hid{};
+  uint64_t uid = 0;
+  std::array<uint8_t, 16> auth{};
+  int64_t stamp = 0;
+  uint32_t keyid = 0;
+  file_id fid{};
+  uint64_t offset = 0;  ///< media requests only, as the next two
+  uint32_t length = 0;
+  uint8_t flag = 0;
+  uint32_t result = 0;        ///< as answered
+  uint64_t bytes_sent = 0;    ///< of the response, as taken by the socket so far
+  uint64_t payload_sent = 0;  ///< media bytes among them
+  double done_s = 0;          ///< when the last byte was handed to the socket; 0: not (yet)
+  fault_kind injected = fault_kind::none;
+  std::string error;  ///< what is wrong with the request; such a connection is closed unanswered
+};
+
+/// Totals of one server.
+struct node_totals {
+  uint64_t accepted = 0;  ///< connections
+  uint64_t open = 0;      ///< connections now
+  uint64_t requests = 0;  ///< whole requests, bad ones too
+  uint64_t bad_requests = 0;
+  uint64_t lists = 0, descriptions = 0, media = 0;  ///< good requests by command
+  uint64_t bytes_sent = 0, payload_sent = 0;
+};
+
+/// Type code for a description by a name's ending ("mp4" 7, ...); 0 for an unknown one.
+uint8_t type_by_name(std::string_view name);
+
+/// The id that a file of this path or name gets: its MD5.
+file_id id_of(std::string_view path);
+
+class server_loop;
+
+class media_server {
+ public:
+  explicit media_server(server_options options = {});
+  ~media_server();  ///< stops
+  media_server(const media_server &) = delete;
+  media_server &operator=(const media_server &) = delete;
+
+  /// Serves a file of the disk; `path` is read with pread while it is served. False: cannot be
+  /// opened or is no regular file. `id` (may be NULL) receives its id.
+  bool add_file(const std::string &path, file_id *id);
+
+  /// Serves generated content (testing/content.h) of any size. The same name gives the same id.
+  file_id add_generated(const std::string &name, uint64_t size, uint8_t type = 7);
+
+  /// Serves these bytes.
+  file_id add_bytes(const std::string &name, std::string bytes, uint8_t type = 7);
+
+  /// Descriptions of `media` name `index`, another file added here, as its separate index file.
+  void set_index(const file_id &media, const file_id &index);
+
+  /// Opens the ports and starts the thread. False: a port cannot be had; error() tells which.
+  bool start();
+  void stop();  ///< closes everything at once; no call after this but those that only read
+  std::string error() const;
+
+  /// "kesp://127.0.0.1:PORT/name?fid=...;auth=...;stamp=...;keyid=..." for a file added before.
+  /// Only after start(), as the next two.
+  std::string url(const file_id &id) const;
+  std::string address(int node) const;  ///< dotted
+  uint16_t port(int node) const;        ///< stays the same over kill and revive
+
+  /// Closes the port and all connections of a server, with a reset of each connection if `reset`.
+  /// New connections are refused until it is revived. The port stays reserved.
+  void kill_node(int node, bool reset = false);
+  void revive_node(int node);
+  void kill_all(bool reset = false);  ///< the entry too
+  void revive_all();
+
+  void set_rate(int node, double bytes_per_s);
+  void set_delay(int node, int ms);
+
+  /// Replaces all faults of a server by one; add_fault keeps the others. Counting starts afresh.
+  /// When several match one request, the first in order of adding is committed.
+  void set_fault(int node, const fault &order);
+  void add_fault(int node, const fault &order);
+  void clear_faults(int node);
+
+  /// How often a server really committed a fault since start().
+  uint64_t injected(int node, fault_kind kind) const;
+
+  node_totals totals(int node) const;
+  node_totals totals() const;  ///< all servers together
+
+  /// Requests in order of arrival, of one server or of all.
+  std::vector<request_record> log(int node) const;
+  std::vector<request_record> log() const;
+  void clear_log();
+
+ private:
+  std::unique_ptr<server_loop> loop_;
+};
+
+}  // namespace refserver
