@@ -1,0 +1,216 @@
+/*
+ * c2ms.h - the player's interface of libc2ms, in C99, usable from C and C++.
+ *
+ * A media file is opened by its URL and read as if it were a local, seekable file, while its bytes come
+ * from several servers at once:
+ *
+ *     c2ms_mgmt *lib = c2ms_mgmt_init(NULL, uid_low, uid_high, NULL, 16 << 20);
+ *     int32_t err;
+ *     c2ms_sess *film = c2ms_sess_open(lib, "kesp://entry.example/film?fid=0011...", &err);
+ *     uint64_t size;
+ *     c2ms_sess_attr(film, NULL, NULL, &size, NULL);
+ *     c2ms_sess_cache_init(film, c2ms_sess_pack_size(film, 65536));
+ *     c2ms_sess_range(film, 0, size);
+ *     while ((n = c2ms_sess_read(film, buf, sizeof buf, 0)) > 0) play(buf, n);
+ *     c2ms_sess_close(film);
+ *     c2ms_mgmt_clean(lib);
+ *
+ * Threads. Every call may be made from any thread. Reads and receives of one session are serialised;
+ * seeks, queries and the close may come from another thread while a read waits. The callback given to
+ * c2ms_sess_open1 and the function given to c2ms_set_diag must not call back into the same session.
+ *
+ * Process-wide effects of c2ms_mgmt_init. The signals SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE and SIGTTIN are
+ * ignored from then on (so wait() and system() no longer see how a child ended); eight threads named
+ * "c2ms-N" with all signals blocked run until c2ms_mgmt_clean; diagnostic lines go to standard output
+ * unless c2ms_set_diag says otherwise; descriptors are opened with close-on-exec, and connections whose
+ * descriptor would be 1024 or above are not made.
+ *
+ * Results. 0 or a positive count is success. -1 stands for a NULL first argument, -2 for the next missing
+ * thing (in the data calls: no cache yet); the session codes below (-1000 to -1011) have a text, given by
+ * c2ms_sess_error.
+ */
+#ifndef C2MS_H
+#define C2MS_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#if defined(__GNUC__)
+#define C2MS_API __attribute__((visibility("default")))
+#else
+#define C2MS_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The library's root object: configuration, identity, memory, threads. One per process is enough. */
+typedef struct c2ms_mgmt c2ms_mgmt;
+/* One opened media URL. Belongs to its c2ms_mgmt; valid until c2ms_sess_close. */
+typedef struct c2ms_sess c2ms_sess;
+
+/* Session codes. */
+enum {
+  C2MS_OK = 0,
+  C2MS_INVALID_PARAMETER = -1000,  /* "Invalid Parameter" */
+  C2MS_INVALID_URL = -1001,        /* "Invalid URL" */
+  C2MS_UNSUPPORTED_SCHEME = -1002, /* "Unsupported URL Scheme" */
+  C2MS_NO_MEMORY = -1003,          /* "Memory allocation error" */
+  C2MS_ENTRY_UNAVAILABLE = -1004,  /* "Entry Server unavailable" */
+  C2MS_CLOSED = -1005,             /* "Session closed" */
+  C2MS_OPEN_TIMEOUT = -1006,       /* "Session open timeout" */
+  C2MS_MEDIA_NOT_EXIST = -1007,    /* "Media not exist" */
+  C2MS_UNAUTHORIZED = -1008,       /* "User unauthorized" */
+  C2MS_AUTH_FAILED = -1009,        /* "Authenticate failed" */
+  C2MS_IN_DEBT = -1010,            /* "User in debt" */
+  C2MS_CACHING = -1011             /* "Net data caching" */
+};
+
+/* Compiled-in defaults. Set them before c2ms_mgmt_init; the texts must outlive it. The two servers are
+ * host names or dotted addresses; as built they name this machine, so that nothing leaves it by accident. */
+extern C2MS_API uint32_t g_oemid;           /* OEM id reported to servers, 102 */
+extern C2MS_API uint32_t g_version;         /* client version reported to servers, 30 */
+extern C2MS_API uint32_t g_vendorid;        /* vendor id, 0 */
+extern C2MS_API uint16_t g_proto_ver;       /* protocol version on the wire, 1 */
+extern C2MS_API const char *g_entry_server; /* entry server of URLs without a host */
+extern C2MS_API const char *g_perf_server;  /* report server, looked up once by c2ms_mgmt_init */
+extern C2MS_API const char *g_build_time;   /* "Oct 11 2011 11:18:31" */
+
+/* ---- The library ------------------------------------------------------------------------------- */
+
+/* Starts the library: memory, threads, configuration, identity.
+ * conf_path: a configuration file (first 63 characters), or NULL or "" for none. Only a regular file up to
+ *   1 MiB is read; a missing or malformed one leaves the defaults. Section "Communication Option", keys
+ *   "Entry Server", "Build TCP Max Time", "Cyclic Connection Check Time", "Session Check Time" (seconds).
+ * uid_low, uid_high: the halves of the 64-bit user id.
+ * hid: 20 bytes of hardware id (copied), or NULL to take the first Ethernet interface's address.
+ * mem_size: bytes from which the sessions' caches are cut, raised to 8 MiB when smaller.
+ * Looks up g_perf_server (may block as long as the resolver does). The context, or NULL when memory or
+ * threads can't be had. Ends the process with status 2 when a worker thread can't be started. */
+C2MS_API c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
+                                   const uint8_t *hid, int32_t mem_size);
+
+/* Stops and frees everything, sessions that are still open included: calls that wait on them return
+ * C2MS_CLOSED first. No other call on the context may start once this one has. 0, or -1 for NULL. */
+C2MS_API int c2ms_mgmt_clean(c2ms_mgmt *mgmt);
+
+/* Reads the configuration file again; what it says holds for what starts afterwards. 0, or -1 for NULL. */
+C2MS_API int c2ms_mgmt_readconf(c2ms_mgmt *mgmt);
+
+/* Identity. Texts and bytes belong to the context (c2ms_natip: to the C library's static buffer).
+ * With NULL: 0, an empty text, or the compiled-in default. */
+C2MS_API uint64_t c2ms_uid(c2ms_mgmt *mgmt);
+C2MS_API const uint8_t *c2ms_hid(c2ms_mgmt *mgmt);   /* 20 bytes and a zero */
+C2MS_API const char *c2ms_localip(c2ms_mgmt *mgmt);  /* dotted address of this device, or "" */
+C2MS_API const char *c2ms_natip(c2ms_mgmt *mgmt);
+C2MS_API uint32_t c2ms_oemid(c2ms_mgmt *mgmt);
+C2MS_API uint32_t c2ms_version(c2ms_mgmt *mgmt);
+C2MS_API int32_t c2ms_buildtime(c2ms_mgmt *mgmt);    /* seconds since the epoch */
+
+/* Hands diagnostic lines (with their line feeds) to fn instead of standard output; NULL: silence.
+ * Process-wide; may be called at any time. fn runs on any thread with no lock of the library held; a line
+ * under way when this returns may still reach the former function. */
+C2MS_API void c2ms_set_diag(void (*fn)(void *arg, const char *line), void *arg);
+
+/* ---- Opening and closing ----------------------------------------------------------------------- */
+
+/* Opens a media: "kesp://" or "kedp://", then optional host[:port] (default: the configured entry server,
+ * port 3528), a path and a query with the keys fid (32 hexadecimal digits: the media's id), auth (32
+ * hexadecimal digits), stamp and keyid (decimal). Values end at a blank, tab, comma or semicolon. Example:
+ *     kesp://127.0.0.1:3528/film?fid=00112233445566778899aabbccddeeff;stamp=7;keyid=3
+ * Blocks until a server has described the media, at most about 21 seconds (and a name look-up).
+ * err: NULL, or receives 0 or a session code. The session, or NULL. */
+C2MS_API c2ms_sess *c2ms_sess_open(c2ms_mgmt *mgmt, const char *url, int32_t *err);
+
+/* The same; cb is called about once a second while the open waits, and a negative result ends the open
+ * with C2MS_UNAUTHORIZED. */
+C2MS_API c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err, int32_t (*cb)(void));
+
+/* Asks the entry server for media servers again; the open media goes on. Done by the library itself when
+ * its servers are lost. May block in a name look-up. 0, -1 for NULL, -100 when no connection could be
+ * started, C2MS_CLOSED. */
+C2MS_API int c2ms_sess_reopen(c2ms_sess *sess);
+
+/* Closes the session: waiting calls on it return C2MS_CLOSED, then everything it holds is given back. The
+ * handle must not be used afterwards (a second close does nothing). 0, or -1 for NULL. */
+C2MS_API int c2ms_sess_close(c2ms_sess *sess);
+
+/* The text of a session code; "" for any other number. Constant. */
+C2MS_API const char *c2ms_sess_error(int32_t code);
+
+/* ---- The file ---------------------------------------------------------------------------------- */
+
+/* What was opened; every output may be NULL. fid_text: 33 bytes, receives 32 hexadecimal digits and a
+ * zero. name: 37 bytes. size: bytes. type: 0 bin, 1 wmv, 2 avi, 3 flv, 4 rmvb, 5 rm, 6 frf, 7 mp4, 8 ts,
+ * 9 mkv, 10 7z. 0, or -1. */
+C2MS_API int c2ms_sess_attr(c2ms_sess *sess, char *fid_text, char *name, uint64_t *size, uint8_t *type);
+
+/* 1 when the media has a separate index file, else 0; -1 for NULL. idx_text: 33 bytes or NULL, its id;
+ * len: its length in bytes, or NULL. */
+C2MS_API int c2ms_sess_idxfile(c2ms_sess *sess, char *idx_text, uint32_t *len);
+
+/* A pack size for c2ms_sess_cache_init: at or just above wanted, at least 4096, a multiple of 4096 where
+ * that is possible, such that neither the media's size nor its index's length is a multiple of it. (The
+ * last pack of a file whose size is a multiple of the pack size is never delivered; this call avoids it.)
+ * Small packs start and seek fast; big packs suit long delays. -1 for NULL. */
+C2MS_API int32_t c2ms_sess_pack_size(c2ms_sess *sess, int32_t wanted);
+
+/* Gives the session its cache: all memory of the context that is free at this moment, cut into packs of
+ * pack_size bytes (raised to 4096). To share the memory between sessions, give the first a pack size that
+ * leaves a rest. May be called again; a former cache is given back first. No file is selected afterwards:
+ * c2ms_sess_range or c2ms_sess_set_media does that. Waits for a read in progress to end.
+ * 0; -1 NULL; -2 no memory is left; -3, -4 less than one pack is left; C2MS_CLOSED. */
+C2MS_API int c2ms_sess_cache_init(c2ms_sess *sess, int32_t pack_size);
+
+/* Selects what reads deliver: which 0 the media, any other value its index file; size bytes from
+ * base_offset. Positions of reads and seeks count from base_offset. Drops what was cached and goes to
+ * position 0. Ends a waiting read. 0; -1; -2 no cache; -100 no index file; -201 the cache has no pack;
+ * -202 the size needs more than 2^31-1 packs; C2MS_CLOSED. */
+C2MS_API int c2ms_sess_set_media(c2ms_sess *sess, int which, uint64_t base_offset, uint64_t size);
+
+/* c2ms_sess_set_media(sess, 0, base_offset, size). */
+C2MS_API int c2ms_sess_range(c2ms_sess *sess, uint64_t base_offset, uint64_t size);
+
+/* Moves the read position; pos at or past the end becomes the last byte. Never waits for the network; ends
+ * a waiting read, which returns what it has. 0; -1; -2 no cache; C2MS_CLOSED. */
+C2MS_API int c2ms_sess_seek(c2ms_sess *sess, uint64_t pos);
+
+/* Copies up to len bytes from the read position to buf (NULL: skips them) and moves the position.
+ * nonblock 0: waits until len bytes, the end of the file or one of the ends below; otherwise takes what is
+ * there, 0 included. Ends short: a seek or a file selection by another thread, a pack of size 0 (see
+ * c2ms_sess_pack_size). While servers are unreachable it keeps waiting: they are asked again. Bytes
+ * delivered; -200 at the end of the file; -1; -2 no cache; -201 the cache has no packs; C2MS_CLOSED;
+ * C2MS_MEDIA_NOT_EXIST, C2MS_UNAUTHORIZED, C2MS_AUTH_FAILED, C2MS_IN_DEBT when the servers refuse and no
+ * node is left that serves. len below 1 gives 0. */
+C2MS_API int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock);
+
+/* The same with a budget: when timeout_ms milliseconds are used up, what is there is delivered (0
+ * included). 0 or less does not wait. */
+C2MS_API int c2ms_sess_recv(c2ms_sess *sess, void *buf, int32_t len, int32_t timeout_ms);
+
+/* Says how many bytes ahead of the position the player wants before it plays (0: none); at most what the
+ * cache holds ahead. 0; -1; -2 no cache. */
+C2MS_API int c2ms_sess_buffering(c2ms_sess *sess, int32_t bytes);
+
+/* How much of that lead is there, in percent (0 to 100), through ratio. 0; -1; -2 no cache; -3 no ratio;
+ * -400 no server has been usable for 4 seconds (ratio is written all the same). */
+C2MS_API int c2ms_sess_bufratio(c2ms_sess *sess, int32_t *ratio);
+
+/* ---- Figures ----------------------------------------------------------------------------------- */
+
+/* Bytes per millisecond over the last two-second window; 0 for NULL. */
+C2MS_API double c2ms_sess_realtime_recvspeed(c2ms_sess *sess);
+/* Bytes per millisecond of receiving since the open; 0 before any, -1.0 for NULL. */
+C2MS_API double c2ms_sess_average_recvspeed(c2ms_sess *sess);
+/* Microseconds that the best node is expected to need for one pack: at least 200,000; 20,000,000 when
+ * unknown; 1,000,000 without a node or for NULL. */
+C2MS_API int32_t c2ms_sess_fasttime(c2ms_sess *sess);
+/* Writes a readable dump of session, queue and nodes to out (NULL: standard output). */
+C2MS_API void c2ms_sess_print(c2ms_sess *sess, FILE *out);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
