@@ -1,0 +1,27 @@
+// A lock between processes: an advisory POSIX record lock over a whole file. For programs that
+// embed the library. It excludes processes, not threads: two threads of one process both get it.
+#pragma once
+
+#include <fcntl.h>
+
+#include <cstdint>
+
+struct file_mutex {
+  int32_t fd;
+  struct flock lock_desc;  ///< rewritten before every call
+};
+
+/// A lock on the file `path`, which must exist, not yet taken. Null when it doesn't, can't be
+/// opened for reading and writing, or memory has run out.
+[[nodiscard]] file_mutex *file_mutex_init(const char *path);
+/// Takes the lock without waiting. 0; -1 when another process holds it, on error, or for null.
+int file_mutex_lock(file_mutex *fm);
+/// 0, or -1 on error or for null.
+int file_mutex_unlock(file_mutex *fm);
+/// Whether some other process holds the lock on `path`: 1 or 0; -1 on error. A lock of the calling
+/// process is 0, and is not disturbed. Creates a missing file without any permission bits, as it
+/// only ever serves as a lock (kept).
+int file_mutex_locked(const char *path);
+/// Closes the file, unless its descriptor is 0 (kept), and frees the record; 0. POSIX drops the
+/// process's lock on a file with the first of its descriptors that is closed: one mutex per file.
+int file_mutex_destroy(file_mutex *fm);
