@@ -73,8 +73,9 @@ int setAlert(block_pool *pool, pool_alert_fn alert_fn, pool_alert_fn recover_fn,
 /// The three counters; each out may be null. 0; -1 for null.
 int getProfile(block_pool *pool, int *allocated_out, int *free_out, int *in_use_out);
 
-/// A unit, or null: pool null, exhausted, or a unit size below 1. When memory has run out the
-/// allocation is repeated until it succeeds, with the lock held: the pool does not give up (kept).
+/// A unit, or null: pool null, exhausted, or nothing to grow by (unit size below 1). When memory
+/// has run out the allocation is repeated until it succeeds, with the lock held: the pool does not
+/// give up (kept).
 [[nodiscard]] void *fetchUnit(block_pool *pool);
 /// The same, but waits without limit while a limited pool is exhausted. Null with `*status_out` -10
 /// when the pool is being cleaned up, null with 0 as fetchUnit(). `status_out` may be null.

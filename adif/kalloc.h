@@ -7,23 +7,24 @@
 
 #include <cstdint>
 #include <memory>
-#include <source_location>
+
+#include "adif/source_place.h"
 
 /// `size` bytes, uninitialised. Null when `size` is below 1 or memory has run out.
 [[nodiscard]] void *kalloc_dbg(int64_t size,
-                               std::source_location caller = std::source_location::current());
+                               adif::source_place caller = adif::source_place::current());
 
 /// `size` zero bytes. Null when `size` is below 1 or memory has run out.
 [[nodiscard]] void *kzalloc_dbg(int64_t size,
-                                std::source_location caller = std::source_location::current());
+                                adif::source_place caller = adif::source_place::current());
 
 /// Resizes block `p` (null: takes a new block); the old pointer is dead on success. Null when
 /// `size` is below 1 or memory has run out; `p` is then still the caller's, unchanged.
 [[nodiscard]] void *krealloc_dbg(void *p, int64_t size,
-                                 std::source_location caller = std::source_location::current());
+                                 adif::source_place caller = adif::source_place::current());
 
 /// Gives block `p` back; null is ignored.
-void kfree_dbg(void *p, std::source_location caller = std::source_location::current());
+void kfree_dbg(void *p, adif::source_place caller = adif::source_place::current());
 
 namespace adif {
 

@@ -11,7 +11,8 @@
 
 #include <cstdint>
 #include <cstring>
-#include <source_location>
+
+#include "adif/source_place.h"
 
 struct mem_unit;
 
@@ -21,17 +22,17 @@ struct mem_unit;
 
 /// First block that fits `size` bytes, uninitialised, 16-aligned. Null for a null unit, a size
 /// below 1, or no room.
-[[nodiscard]] void *mem_unit_alloc_dbg(
-    mem_unit *unit, int32_t size, std::source_location caller = std::source_location::current());
+[[nodiscard]] void *mem_unit_alloc_dbg(mem_unit *unit, int32_t size,
+                                       adif::source_place caller = adif::source_place::current());
 inline void *mem_unit_alloc(mem_unit *unit, int32_t size,
-                            std::source_location caller = std::source_location::current()) {
+                            adif::source_place caller = adif::source_place::current()) {
   return mem_unit_alloc_dbg(unit, size, caller);
 }
 
 /// Gives a block back. 0; -1 for a null unit, -2 for a null pointer, -3 when `p` is not the start
 /// of a block in use (outside, inside a block, or free already): nothing changes then.
 int mem_unit_free_dbg(mem_unit *unit, void *p,
-                      std::source_location caller = std::source_location::current());
+                      adif::source_place caller = adif::source_place::current());
 inline int mem_unit_free(mem_unit *unit, void *p) {
   return mem_unit_free_dbg(unit, p);
 }

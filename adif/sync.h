@@ -47,10 +47,10 @@ void SetEventAll(event *e, uint32_t value);
 /// reason, and hands over only the last of several values: look at your own state afterwards.
 int32_t WaitEvent(event *e);
 
-/// Sleeps once, for at most `seconds` cut to whole seconds (0.5 is 0; kept), on the monotonic
-/// clock. 0 when woken, -1 when the time is over or the wait failed, -10 for null. Not the stored
-/// value.
-int TimedWaitEvent(event *e, float seconds);
+/// Sleeps once, for at most `timeout_seconds` cut to whole seconds (0.5 is 0; kept), on the
+/// monotonic clock. 0 when woken, -1 when the time is over or the wait failed, -10 for null. Not
+/// the stored value.
+int TimedWaitEvent(event *e, float timeout_seconds);
 
 namespace adif {
 
