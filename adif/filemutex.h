@@ -9,6 +9,7 @@
 struct file_mutex {
   int32_t fd;
   struct flock lock_desc;  ///< rewritten before every call
+  file_mutex *next;        ///< the next living one of this process
 };
 
 /// A lock on the file `path`, which must exist, not yet taken. Null when it doesn't, can't be

@@ -47,8 +47,8 @@ int isFull(const hash_table *table);
 /// The key's element, or null.
 void *ht_value(const hash_table *table, const void *key);
 void *ht_get(const hash_table *table, const void *key);  ///< the same
-/// Puts an element under a key, replacing one that is there. The number of entries; 0 for a null
-/// table or key, or when there is no slot for the key.
+/// Puts an element under a key, replacing one that is there together with its key. The number of
+/// entries; 0 for a null table or key, or when there is no slot for the key.
 int ht_set(hash_table *table, const void *key, void *element);
 /// Removes a key and returns its element, or null.
 void *ht_delete(hash_table *table, const void *key);
