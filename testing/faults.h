@@ -50,6 +50,9 @@ enum class fault_kind : uint8_t {
   desc_truncated,  ///< the body behind the result is cut to `value` bytes
 };
 
+/// How many kinds there are, `none` included.
+inline constexpr int fault_kinds = static_cast<int>(fault_kind::desc_truncated) + 1;
+
 /// Exchanges that a fault can be limited to; 0 in `fault::on` means all that its kind belongs to.
 enum fault_target : uint8_t { on_srvlist = 1, on_desc = 2, on_media = 4 };
 
@@ -77,6 +80,9 @@ std::span<const fault_info> fault_table();
 
 /// The row of `kind`; of `none` a row without name.
 const fault_info &fault_describe(fault_kind kind);
+
+/// The exchanges that `order` really belongs to.
+uint8_t fault_targets(const fault &order);
 
 /// A fault from text "KIND[:N][,value=V][,ms=M][,from=K][,on=list|desc|media][,node=I]"; N is the
 /// count. `node` gets I, -1 (every node) without it. Empty result: the text is wrong; `error` says

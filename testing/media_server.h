@@ -21,6 +21,7 @@
 
 #include "testing/content.h"
 #include "testing/faults.h"
+#include "testing/wire.h"
 
 namespace refserver {
 
@@ -34,13 +35,13 @@ struct node_options {
   int delay_ms = 0;  ///< passes between each request and the first byte of its response
   uint8_t type = 2;  ///< as listed: bit 1 serves lists, bit 2 media
   int load = -1;     ///< load that it reports, -1: its open connections
-  std::vector<fault> faults;
+  std::vector<fault> faults{};
 };
 
 struct server_options {
-  int nodes = 4;                   ///< media nodes beside the entry server
-  std::vector<node_options> node;  ///< of node 0, 1, ...; further nodes get the defaults
-  node_options entry;
+  int nodes = 4;                     ///< media nodes beside the entry server
+  std::vector<node_options> node{};  ///< of node 0, 1, ...; further nodes get the defaults
+  node_options entry{};
   uint16_t port = 0;  ///< of the entry; nodes follow at port + 1, ...; 0: any free ports
   bool spread_addresses = false;  ///< node i at 127.0.0.(2 + i), all on the entry's port
   bool entry_is_node = false;  ///< the entry lists itself too, last (it serves media in any case)
@@ -51,31 +52,17 @@ struct server_options {
   bool keep_log = true;
 };
 
-/// One request as it came and what became of it.
-struct request_record {
+/// One request as it came (its fields: testing/wire.h) and what became of it.
+struct request_record : request {
   int node = entry_server;
-  uint64_t connection = 0;  ///< number of the connection, counted over all servers
-  double time_s = 0;        ///< when the whole request was there, since start()
-  uint32_t command = 0;     ///< 1 list, 2 description, 3 media
-  uint32_t sequence = 0;
-  uint16_t version = 0;
-  uint32_t client_version = 0;
-  std::string local_ip;
-  std::array<uint8_t, 20> hid{};
-  uint64_t uid = 0;
-  std::array<uint8_t, 16> auth{};
-  int64_t stamp = 0;
-  uint32_t keyid = 0;
-  file_id fid{};
-  uint64_t offset = 0;  ///< media requests only, as the next two
-  uint32_t length = 0;
-  uint8_t flag = 0;
+  uint64_t connection = 0;    ///< number of the connection, counted over all servers from 1
+  double time_s = 0;          ///< when the whole request was there, since start()
   uint32_t result = 0;        ///< as answered
   uint64_t bytes_sent = 0;    ///< of the response, as taken by the socket so far
   uint64_t payload_sent = 0;  ///< media bytes among them
   double done_s = 0;          ///< when the last byte was handed to the socket; 0: not (yet)
   fault_kind injected = fault_kind::none;
-  std::string error;  ///< what is wrong with the request; such a connection is closed unanswered
+  std::string error{};  ///< what is wrong with the request; such a connection is closed unanswered
 };
 
 /// Totals of one server.
@@ -111,7 +98,7 @@ class media_server {
   file_id add_generated(const std::string &name, uint64_t size, uint8_t type = 7);
 
   /// Serves these bytes.
-  file_id add_bytes(const std::string &name, std::string bytes, uint8_t type = 7);
+  file_id add_bytes(const std::string &name, std::string content, uint8_t type = 7);
 
   /// Descriptions of `media` name `index`, another file added here, as its separate index file.
   void set_index(const file_id &media, const file_id &index);
