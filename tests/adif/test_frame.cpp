@@ -1,0 +1,353 @@
+// The frame's growth rules, its reception from sockets, what every call does with bad arguments,
+// and the bits and integers of the codecs.
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <memory>
+#include <string>
+
+#include "adif/framebuf.h"
+#include "adif/framecodec.h"
+#include "adif/frameio.h"
+#include "adif/framesearch.h"
+#include "adif/frametext.h"
+#include "adif/framext.h"
+#include "adif/kalloc.h"
+
+namespace {
+
+struct frame_delete {
+  void operator()(frame_t *frame) const { deleteFrame(&frame); }
+};
+using frame_ptr = std::unique_ptr<frame_t, frame_delete>;
+
+/// A handle that deletes its frame.
+class holder {
+ public:
+  holder() = default;
+  explicit holder(const std::string &text) { appendString(&frame_, text.c_str()); }
+  ~holder() { deleteFrame(&frame_); }
+  holder(const holder &) = delete;
+  holder &operator=(const holder &) = delete;
+  frame_t **handle() { return &frame_; }
+  frame_t *get() const { return frame_; }
+  frame_t *operator->() const { return frame_; }
+  std::string text() const {
+    const auto *bytes = reinterpret_cast<const char *>(bytePointer(frame_));
+    return bytes ? std::string(bytes, static_cast<size_t>(frameLength(frame_))) : "";
+  }
+
+ private:
+  frame_t *frame_ = nullptr;
+};
+
+class pair {
+ public:
+  explicit pair(int type = SOCK_STREAM) { EXPECT_EQ(socketpair(AF_UNIX, type, 0, fd_), 0); }
+  ~pair() {
+    close_peer();
+    close(fd_[0]);
+  }
+  pair(const pair &) = delete;
+  pair &operator=(const pair &) = delete;
+  int own() const { return fd_[0]; }
+  int peer() const { return fd_[1]; }
+  void send(const std::string &text) const {
+    ASSERT_EQ(::send(peer(), text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+  }
+  void close_peer() {
+    if (fd_[1] >= 0) close(fd_[1]);
+    fd_[1] = -1;
+  }
+
+ private:
+  int fd_[2];
+};
+
+}  // namespace
+
+TEST(frame, grows_by_the_stated_steps) {
+  holder byte;
+  putLastByte(byte.handle(), 'x');
+  EXPECT_EQ(byte->size, 127);
+  EXPECT_EQ(byte->start, 63);
+  EXPECT_EQ(byte->length, 1);
+  for (int i = 0; i < 64; ++i) putLastByte(byte.handle(), 'y');
+  EXPECT_EQ(byte->size, 254);
+
+  holder run;
+  putnLastBytes(run.handle(), "abc", 3);
+  EXPECT_EQ(run->size, 130);
+  EXPECT_EQ(run->start, 0);
+
+  frame_t *four = createFrame(4);
+  EXPECT_EQ(putnLastBytes(&four, nullptr, 10), 0);
+  EXPECT_EQ(four->size, 10);
+  EXPECT_EQ(four->length, 0);
+  deleteFrame(&four);
+  EXPECT_EQ(four, nullptr);
+}
+
+// Room larger than the request, larger than the content, and above 127: else a new array.
+TEST(frame, reclaims_head_room_only_when_all_three_tests_hold) {
+  const struct {
+    int start, length, n;
+    bool reclaimed;
+  } cases[] = {
+      {200, 199, 199, true}, {200, 200, 10, false}, {200, 10, 200, false},
+      {128, 1, 1, true},     {127, 1, 1, false},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::Message() << c.start << ' ' << c.length << ' ' << c.n);
+    frame_t *frame = createFrame(500);
+    const std::string text = std::string(static_cast<size_t>(c.length - 1), 'a') + 'z';
+    appendnBytes(&frame, ' ', c.start);
+    appendString(&frame, text.c_str());
+    deleteBytes(frame, c.start);
+    ASSERT_EQ(frame->start, c.start);
+    EXPECT_EQ(frameGrow(&frame, c.n), 0);
+    EXPECT_EQ(frame->start, c.reclaimed ? c.start - c.n : c.start);
+    EXPECT_EQ(frame->size, c.reclaimed ? 500 : 500 + c.n);
+    EXPECT_EQ(compareString(frame, text.c_str()), 0);
+    deleteFrame(&frame);
+  }
+}
+
+TEST(frame, receives_what_is_there_and_tells_a_close) {
+  pair sockets;  // left in blocking mode: the call must not wait
+  holder frame;
+  int total = -1;
+  EXPECT_EQ(frame_tcp_nb_receive(sockets.own(), frame.handle(), &total), 0);
+  EXPECT_EQ(total, 0);
+  sockets.send("abc");
+  EXPECT_EQ(frame_tcp_nb_receive(sockets.own(), frame.handle(), nullptr), 3);
+  EXPECT_EQ(frame_tcp_nb_receive2(sockets.own(), frame.handle(), 10, &total), 0);
+
+  sockets.send(std::string(100, 'x'));
+  sockets.close_peer();
+  EXPECT_EQ(frame_tcp_nb_receive2(sockets.own(), frame.handle(), 60, &total), 60);
+  EXPECT_EQ(frame_tcp_nb_receive(sockets.own(), frame.handle(), &total), -1);
+  EXPECT_EQ(total, 40);
+  EXPECT_EQ(frame.text(), "abc" + std::string(100, 'x'));
+
+  for (int fd : {-1, INT_MAX}) {
+    total = 7;
+    EXPECT_EQ(frame_tcp_nb_receive(fd, frame.handle(), &total), -1);
+    EXPECT_EQ(total, 0);
+  }
+  EXPECT_EQ(frame_tcp_nb_receive(sockets.own(), nullptr, &total), -1);
+  EXPECT_EQ(frame_tcp_nb_receive2(sockets.own(), frame.handle(), 0, &total), -1);
+}
+
+// A packet socket drops what a receive does not ask for, which makes the pieces visible.
+TEST(frame, asks_for_pieces_of_8192_bytes_and_no_more_than_wanted) {
+  const pair sockets(SOCK_SEQPACKET);
+  for (char c : {'1', '2', '3', '4'}) sockets.send(std::string(9000, c));
+  holder frame;
+  EXPECT_EQ(frame_tcp_nb_receive2(sockets.own(), frame.handle(), 20000, nullptr), 20000);
+  EXPECT_EQ(frame.text(), std::string(8192, '1') + std::string(8192, '2') + std::string(3616, '3'));
+}
+
+TEST(frame, reception_is_limited_per_call_and_fails_with_the_frame_whole) {
+  const pair sockets;
+  const int room = 1 << 20;
+  setsockopt(sockets.peer(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  const std::string piece(16384, 'p');
+  while (send(sockets.peer(), piece.data(), piece.size(), MSG_DONTWAIT) > 0) continue;
+  int pending = 0;
+  ioctl(sockets.own(), FIONREAD, &pending);
+  ASSERT_GT(pending, 262144);
+
+  holder frame("kept");
+  adif::fail_allocations(1);
+  EXPECT_EQ(frame_tcp_nb_receive(sockets.own(), frame.handle(), nullptr), -1);
+  EXPECT_EQ(adif::failed_allocations(), 1);
+  adif::fail_allocations(0);
+  EXPECT_EQ(frame.text(), "kept");
+  pending -= 8192;  // lost, as documented
+
+  EXPECT_EQ(frame_tcp_nb_receive(sockets.own(), frame.handle(), nullptr),
+            std::min(pending, 262144));
+  EXPECT_EQ(frameLength(frame.get()), 4 + std::min(pending, 262144));
+}
+
+TEST(frame, moves_through_sockets_and_files) {
+  const pair sockets;
+  holder out("hello world");
+  holder in;
+  int total = 0;
+  EXPECT_EQ(frame_tcp_send(sockets.own(), out.get(), 1000, &total), 11);
+  EXPECT_EQ(total, 11);
+  EXPECT_EQ(frame_tcp_receive(sockets.peer(), in.handle(), 5, 1000, &total), 5);
+  EXPECT_EQ(frameRecv(in.handle(), sockets.peer(), 100), 6);
+  EXPECT_EQ(frameRecv(in.handle(), sockets.peer(), 100), 0);
+  EXPECT_EQ(frameSend(out.get(), sockets.own()), 11);
+  EXPECT_EQ(frameLength(out.get()), 0);
+  EXPECT_EQ(appendFromSocket(in.handle(), sockets.peer(), 5), 5);
+  EXPECT_EQ(frame_tcp_receive(sockets.peer(), in.handle(), 7, 1, &total), 0);  // one short
+  EXPECT_EQ(total, 6);
+  EXPECT_EQ(in.text(), "hello worldhello world");
+
+  const std::string path = testing::TempDir() + "frame_io_" + std::to_string(getpid());
+  EXPECT_EQ(writeToFile(in.get(), path.c_str()), 22);
+  EXPECT_EQ(appendFile(out.handle(), path.c_str()), 22);
+  FILE *stream = fopen(path.c_str(), "r");
+  EXPECT_EQ(appendFromFile(out.handle(), stream, 5), 5);
+  EXPECT_EQ(appendFromFile(out.handle(), stream, 100), 17);
+  EXPECT_EQ(appendFromFile(out.handle(), stream, 100), 0);
+  fclose(stream);
+  unlink(path.c_str());
+  EXPECT_EQ(out.text(), in.text() + in.text());
+  EXPECT_EQ(appendFile(out.handle(), path.c_str()), -1);
+}
+
+TEST(frame, refuses_bad_arguments_without_harm) {
+  holder frame("12345678");
+  frame_t *none = nullptr;
+  uint8_t byte;
+  const auto refused = [&frame](int result, int expected) {
+    return result == expected && frame.text() == "12345678" && traverseCheck(frame.get()) == 1;
+  };
+  EXPECT_TRUE(refused(setnBytes(frame.get(), 8, "x", 1), -1));
+  EXPECT_TRUE(refused(setnBytes(frame.get(), -1, "x", 1), -1));
+  EXPECT_TRUE(refused(setnBytes(frame.get(), 0, nullptr, 1), -1));
+  EXPECT_TRUE(refused(setnBytes(frame.get(), 0, "x", 0), -1));
+  EXPECT_TRUE(refused(putnLastBytes(frame.handle(), "x", -1), 0));
+  EXPECT_TRUE(refused(putnLastBytes(frame.handle(), "x", 0), 0));
+  EXPECT_TRUE(refused(putnLastBytes(frame.handle(), nullptr, INT_MAX), -1));
+  EXPECT_TRUE(refused(frameGrow(frame.handle(), INT_MAX), -1));
+  EXPECT_TRUE(refused(frameGrow(frame.handle(), -1), 0));
+  EXPECT_TRUE(refused(frameGrowHead(frame.handle(), INT_MAX), -1));
+  EXPECT_TRUE(refused(appendnBytes(frame.handle(), 'x', -1), 0));
+  EXPECT_TRUE(refused(insertBytes(frame.handle(), 9, "x", 1), -1));
+  EXPECT_TRUE(refused(insertBytes(frame.handle(), 0, nullptr, 1), -1));
+  EXPECT_TRUE(refused(writeByte(frame.handle(), 9, 'x'), -1));
+  EXPECT_TRUE(refused(deleteMidBytes(frame.get(), INT_MAX, INT_MAX), -1));
+  EXPECT_TRUE(refused(deleteMidBytes(frame.get(), 8, INT_MAX), 0));
+  EXPECT_TRUE(refused(getnFirstBytes(frame.get(), &byte, -1), 0));
+  EXPECT_TRUE(refused(readnBytes(frame.get(), nullptr, 9), -100));
+  EXPECT_TRUE(refused(frameSetLength(frame.get(), -1), -1));
+  EXPECT_TRUE(refused(frameSetLength(frame.get(), frameSize(frame.get()) + 1), -1));
+  EXPECT_TRUE(refused(combineFrame(frame.handle(), frame.handle()), -1));
+  EXPECT_TRUE(refused(searchBytes(frame.get(), 0, "", 0), -1));
+  EXPECT_TRUE(refused(searchString(frame.get(), 0, nullptr), -1));
+  EXPECT_TRUE(refused(replacePattern(frame.handle(), "", 0, "x", 1), -1));
+  EXPECT_TRUE(refused(attachBuffer(frame.handle(), nullptr, 0), -1));
+  EXPECT_TRUE(refused(frame_ascii_to_bin(none, frame.handle()), -1));
+  EXPECT_TRUE(refused(setBit(frame.get(), 64, 1), -1));
+  EXPECT_TRUE(refused(encodeInt(frame.handle(), 1, 9), -1));
+
+  EXPECT_EQ(setnBytes(frame.get(), 5, "xxxxxxxxxx", 10), 3);
+  EXPECT_EQ(frame.text(), "12345xxx");
+
+  EXPECT_EQ(emptyFrame(nullptr), -1);
+  EXPECT_EQ(frameLength(nullptr) + frameSize(nullptr) + frameRemaining(nullptr), 0);
+  EXPECT_EQ(bytePointer(nullptr), nullptr);
+  EXPECT_EQ(putLastByte(nullptr, 1), -1);
+  EXPECT_EQ(getFirstByte(nullptr), -1);
+  EXPECT_EQ(getLastByte(nullptr), -1);
+  EXPECT_EQ(appendFrame(&none, nullptr), 0);
+  EXPECT_EQ(frameString(nullptr), nullptr);
+  EXPECT_EQ(frameToLong(nullptr), 0);
+  EXPECT_EQ(copyFrame(nullptr), nullptr);
+  EXPECT_EQ(splitFrame(frame.get(), 9), nullptr);
+  deleteFrame(nullptr);
+  deleteFrame(&none);
+  const frame_ptr negative(createFrame(-5));
+  EXPECT_EQ(frameSize(negative.get()), 0);
+}
+
+TEST(frame, text_calls_terminate_and_compare) {
+  holder frame("  -42 Apples");
+  char out[8];
+  EXPECT_EQ(frameToLong(frame.get()), -42);
+  EXPECT_EQ(copyFrameToString(frame.get(), out, sizeof out), 7);
+  EXPECT_STREQ(out, "  -42 A");
+  EXPECT_EQ(copyToString(frame.get(), 6, 3, out, sizeof out), 3);
+  EXPECT_STREQ(out, "App");
+  EXPECT_STREQ(frameString(frame.get()), "  -42 Apples");
+  EXPECT_EQ(searchCaseString(frame.get(), 0, "aPPL"), 6);
+  EXPECT_EQ(searchString(frame.get(), 0, "aPPL"), -1);
+  EXPECT_EQ(stripBlanks(frame.get()), 10);
+  EXPECT_EQ(compareCaseString(frame.get(), "-42 apples"), 0);
+  EXPECT_LT(compareCaseString(frame.get(), "-42 applesauce"), 0);
+  EXPECT_GT(compareCaseString(frame.get(), "-42 APPLE"), 0);
+  EXPECT_NE(compareString(frame.get(), "-42 apples"), 0);
+  appendDecimal(frame.handle(), INT64_MIN);
+  EXPECT_EQ(frame.text(), "-42 Apples-9223372036854775808");
+}
+
+TEST(frame, shifts_as_one_number) {
+  const uint64_t number = 0x0123'4567'89AB'CDEF;
+  for (int n : {0, 1, 7, 8, 9, 33, 63, 64, INT_MAX}) {
+    for (bool left : {true, false}) {
+      holder frame;
+      encodeInt(frame.handle(), number, 8);
+      EXPECT_EQ(left ? shiftBitLeft(frame.get(), n) : shiftBitRight(frame.get(), n), 0);
+      uint64_t shifted = 0;
+      EXPECT_EQ(decodeNetInt(frame.get(), 0, 8, &shifted), 8);
+      EXPECT_EQ(shifted, n > 63 ? 0 : left ? number << n : number >> n) << n << left;
+    }
+  }
+  holder bits(std::string(2, '@'));  // 0100 0000
+  setBit(bits.get(), 1, 0);
+  setBit(bits.get(), 15, 1);
+  EXPECT_EQ(bits.text(), std::string("\0A", 2));
+}
+
+TEST(frame, reads_back_multi_byte_integers_and_reports_cut_ones) {
+  holder frame;
+  const uint32_t values[] = {0, 127, 128, 300'000, UINT32_MAX};
+  for (uint32_t value : values) EXPECT_GT(appendUintvar(frame.handle(), value), 0);
+  insertUintvar(frame.handle(), 0, 16384);
+  uint32_t value = 0;
+  EXPECT_EQ(extractUintvar(frame.get(), &value), 3);
+  EXPECT_EQ(value, 16384U);
+  for (uint32_t expected : values) {
+    EXPECT_EQ(GetUintvar(frame.get(), &value), 0);
+    EXPECT_EQ(value, expected);
+  }
+  EXPECT_EQ(GetUintvar(frame.get(), &value), -100);
+  EXPECT_EQ(extractUintvar(frame.get(), &value), -1);
+  putLastByte(frame.handle(), 0x81);
+  EXPECT_EQ(GetUintvar(frame.get(), &value), -100);
+  EXPECT_EQ(peekUintvar(frame.get(), 0, &value), 1);
+  EXPECT_EQ(value, 1U);
+}
+
+TEST(frame_buffer, queues_frames_and_chains_in_order) {
+  frame_buf *buf = createFrameBuf();
+  frame_t *first = nullptr;
+  frame_t *chain[2] = {};
+  frame_t *empty = createFrame(10);
+  putLastByte(&first, 'a');
+  putLastByte(&chain[0], 'b');
+  putLastByte(&chain[1], 'c');
+  chain[0]->next = chain[1];
+  EXPECT_EQ(appendToBuf(buf, &first), 1);
+  EXPECT_EQ(first, nullptr);
+  EXPECT_EQ(appendToBuf(buf, &first), 1);
+  EXPECT_EQ(appendToBuf(buf, &empty), 1);
+  EXPECT_NE(empty, nullptr);
+  EXPECT_EQ(appendToBuf(nullptr, &empty), 0);
+  EXPECT_EQ(appendToBuf(buf, &chain[0]), 3);
+  EXPECT_EQ(traverseCheck(buf->head), 3);
+  for (char expected : {'a', 'b'}) {
+    frame_t *taken = getFrameOutofBuf(buf);
+    EXPECT_EQ(peekByte(taken, 0), expected);
+    EXPECT_EQ(traverseCheck(taken), 1);
+    deleteFrame(&taken);
+  }
+  EXPECT_EQ(frameBufNum(buf), 1);
+  EXPECT_EQ(emptyFrameBuf(buf), 0);
+  EXPECT_EQ(getFrameOutofBuf(buf), nullptr);
+  EXPECT_EQ(appendToBuf(buf, &empty) + frameBufNum(nullptr), 0);  // still empty, still ours
+  putLastByte(&empty, 'd');
+  EXPECT_EQ(appendToBuf(buf, &empty), 1);
+  destroyFrameBuf(&buf);
+  EXPECT_EQ(buf, nullptr);
+}
