@@ -1,0 +1,139 @@
+// The live line of c2ms-get.
+#include "tools/c2ms-get-progress.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace get {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kDrawEvery = 100ms;
+constexpr auto kAskEvery = 1s;
+constexpr auto kSpeedWindow = 3s;
+constexpr int kBarMin = 10, kBarMax = 40;
+
+template <typename... Args>
+std::string format(const char *pattern, Args... args) {
+  char text[160];
+  std::snprintf(text, sizeof text, pattern, args...);
+  return text;
+}
+
+std::string text_of_time(double seconds) {
+  if (seconds < 0 || seconds > 359'999) return "-:--";
+  const int whole = static_cast<int>(seconds + 0.5);
+  if (whole < 3600) return format("%d:%02d", whole / 60, whole % 60);
+  return format("%d:%02d:%02d", whole / 3600, whole / 60 % 60, whole % 60);
+}
+
+int terminal_width() {
+  winsize size{};
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
+  return size.ws_col;
+}
+
+int count(std::string_view text, std::string_view word) {
+  int found = 0;
+  for (size_t at = 0; (at = text.find(word, at)) != text.npos; at += word.size()) ++found;
+  return found;
+}
+
+/// Media nodes, and how many of them could deliver: the session's dump is the only place that
+/// tells.
+void count_nodes(c2ms_sess *sess, Figures *figures) {
+  char *text = nullptr;
+  size_t size = 0;
+  FILE *const out = open_memstream(&text, &size);
+  if (!out) return;
+  c2ms_sess_print(sess, out);
+  std::fclose(out);
+  const std::string_view dump(text, size);
+  if (const char *number = std::strstr(text, "NodeNum: ")) {
+    figures->nodes = std::atoi(number + std::strlen("NodeNum: "));
+    figures->nodes_usable = count(dump, "State: C2MS_NODE_READY") +
+                            count(dump, "State: C2MS_NODE_WAITING_GETMEDIA_RESP");
+  }
+  std::free(text);
+}
+
+}  // namespace
+
+std::string text_of_bytes(double bytes) {
+  static constexpr const char *units[] = {"KiB", "MiB", "GiB", "TiB"};
+  if (bytes < 1024) return format("%.0f B", bytes);
+  size_t unit = 0;
+  for (bytes /= 1024; bytes >= 1000 && unit + 1 < std::size(units); ++unit) bytes /= 1024;
+  return format(bytes < 10 ? "%.2f %s" : "%.1f %s", bytes, units[unit]);
+}
+
+std::string progress_line(const Figures &f, int width) {
+  const double share =
+      f.total > 0 ? static_cast<double>(f.received) / static_cast<double>(f.total) : 1.0;
+  // Rounded down: 100 % is shown when every byte is there, and not before.
+  std::string words = format("%5.1f%%  ", static_cast<int>(share * 1000) / 10.0);
+  words += text_of_bytes(static_cast<double>(f.received)) + " of " +
+           text_of_bytes(static_cast<double>(f.total)) + "  " + text_of_bytes(f.bytes_per_s) + "/s";
+  if (f.buffer_percent >= 0) words += format("  buffer %d%%", f.buffer_percent);
+  if (f.nodes_usable >= 0) words += format("  nodes %d/%d", f.nodes_usable, f.nodes);
+  words += "  " + text_of_time(f.seconds_left) + " left";
+
+  const int room = std::min(width - static_cast<int>(words.size()) - 4, kBarMax);
+  if (room < kBarMin) return words.substr(0, static_cast<size_t>(std::max(width - 1, 0)));
+  const auto full = static_cast<size_t>(share * room);
+  std::string bar(full, '=');
+  if (full < static_cast<size_t>(room)) bar += '>';
+  bar.resize(static_cast<size_t>(room), ' ');
+  return "[" + bar + "] " + words;
+}
+
+Progress::Progress(bool wanted, uint64_t total) : on_(wanted && isatty(STDERR_FILENO) == 1) {
+  figures_.total = total;
+}
+
+Progress::~Progress() {
+  if (drawn_) std::fputc('\n', stderr);
+}
+
+void Progress::measure(Clock::time_point now, uint64_t received) {
+  samples_.push_back({now, received});
+  while (samples_.size() > 2 && now - samples_[1].time >= kSpeedWindow) samples_.pop_front();
+  figures_.received = received;
+  const std::chrono::duration<double> elapsed = now - samples_.front().time;
+  const auto bytes = static_cast<double>(received - samples_.front().received);
+  figures_.bytes_per_s = elapsed.count() > 0 ? bytes / elapsed.count() : 0;
+  const auto rest = static_cast<double>(figures_.total - received);
+  figures_.seconds_left = figures_.bytes_per_s > 0 ? rest / figures_.bytes_per_s : -1;
+}
+
+void Progress::ask(c2ms_sess *sess, Clock::time_point now) {
+  int32_t percent = -1;
+  c2ms_sess_bufratio(sess, &percent);  // -400 (no usable server) writes the ratio all the same
+  figures_.buffer_percent = percent;
+  if (now < next_ask_) return;
+  next_ask_ = now + kAskEvery;
+  count_nodes(sess, &figures_);
+}
+
+void Progress::update(c2ms_sess *sess, uint64_t received) {
+  const auto now = Clock::now();
+  const bool complete = received == figures_.total;
+  if (!on_ || (now < next_draw_ && !complete)) return;
+  next_draw_ = now + kDrawEvery;
+  measure(now, received);
+  ask(sess, now);
+  // One write, erased to the end of the line by the terminal: the line does not flicker.
+  const std::string line = "\r" + progress_line(figures_, terminal_width()) + "\x1b[K";
+  std::fwrite(line.data(), 1, line.size(), stderr);
+  drawn_ = true;
+}
+
+}  // namespace get
