@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cinttypes>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,10 +21,12 @@ constexpr auto kAskEvery = 1s;
 constexpr auto kSpeedWindow = 3s;
 constexpr int kBarMin = 10, kBarMax = 40;
 
-template <typename... Args>
-std::string format(const char *pattern, Args... args) {
+[[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...) {
   char text[160];
-  std::snprintf(text, sizeof text, pattern, args...);
+  va_list arguments;
+  va_start(arguments, pattern);
+  std::vsnprintf(text, sizeof text, pattern, arguments);
+  va_end(arguments);
   return text;
 }
 
