@@ -3,6 +3,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <gcrypt.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -59,6 +60,17 @@ inline void sign(bytes &request, const std::string &url) {
   refserver::put32(&request[78], stamp < 0 ? 0xffffffff : 0);
   refserver::put32(&request[82], static_cast<uint32_t>(stamp));
   refserver::put32(&request[86], static_cast<uint32_t>(std::stoul(after("keyid="))));
+}
+
+/// Single DES, ECB, padding left in; empty when `data` are no whole blocks.
+inline bytes decipher_blocks(const bytes &key, bytes data) {
+  gcry_cipher_hd_t cipher;
+  gcry_cipher_open(&cipher, GCRY_CIPHER_DES, GCRY_CIPHER_MODE_ECB, 0);
+  gcry_cipher_ctl(cipher, GCRYCTL_SET_ALLOW_WEAK_KEY, nullptr, 1);
+  gcry_cipher_setkey(cipher, key.data(), key.size());
+  if (gcry_cipher_decrypt(cipher, data.data(), data.size(), nullptr, 0) != 0) data.clear();
+  gcry_cipher_close(cipher);
+  return data;
 }
 
 class raw_client {
