@@ -110,9 +110,11 @@ int get_value_by_key(const char *text, int len, const char *key, const char **va
   const char *at = kmp_find_string(text, len, key);
   if (!at) return -100;
   at += std::strlen(key);
-  at = skipOver(at, static_cast<int>(end - at), " \t", 2);
-  if (at == end || *at != '=') return -101;
-  ++at;
+  const char *equals = skipOver(at, static_cast<int>(end - at), " \t", 2);
+  if (equals == end || *equals != '=') return -101;
+  const bool spaced = equals != at;
+  at = equals + 1;
+  if (spaced) at = skipOver(at, static_cast<int>(end - at), " \t", 2);
   const int left = static_cast<int>(end - at);
   int found = 0;
   if (const int quoted = QuotedStrlen(at, left); quoted > 0) {

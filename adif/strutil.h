@@ -28,7 +28,9 @@ const char *rskipOver(const char *text, int len, const char *set, int set_len);
 /// key's bytes (not only at a word's start: meant; `id` is found inside `uid` too), blanks and
 /// tabs,
 /// "=", then a quoted value, given without its quotes, or the characters up to a blank, tab, comma,
-/// semicolon or the end. Without a closing quote the quote is part of a plain value.
+/// semicolon or the end. Blanks after "=" belong to it when there are blanks before it (`a = 5`);
+/// after a bare "=" they end an empty value (`a= b=2`). Without a closing quote the quote is part
+/// of a plain value.
 /// `*value` and `*value_len` (each may be null) receive where the value is inside `text`; null and
 /// 0 when there is none or it is empty and unquoted. Returns the value's length; -1 for null text
 /// or `len` < 1; -2 for a null key; -100 when the key is not there or empty; -101 when no "="
