@@ -27,7 +27,7 @@ struct interface_query {
   ifreq request{};
 
   interface_query(int socket, const char *name) : fd(socket) {
-    std::strncpy(request.ifr_name, name, sizeof request.ifr_name - 1);
+    std::snprintf(request.ifr_name, sizeof request.ifr_name, "%s", name);
   }
   bool ask(unsigned long what) { return ioctl(fd, what, &request) == 0; }
 };
