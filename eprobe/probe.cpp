@@ -1,0 +1,223 @@
+// Probe instances and their worker threads.
+#include "eprobe/probe.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "eprobe/rac_connection.h"
+#include "eprobe/rac_handle.h"
+#include "eprobe/rac_operate.h"
+#include "eprobe/rac_process_cycle.h"
+#include "eprobe/rac_time.h"
+#include "eprobe/rac_timer.h"
+
+namespace {
+
+constexpr int STARTUP_FAILED = 2;  ///< exit status
+
+bool make_locks(rac_core *core) {
+  core->hook_lock = rac_mutex_init();
+  core->monitor_lock = rac_mutex_init();
+  core->state_lock = rac_mutex_init();
+  core->state_changed = rac_cond_init();
+  return core->hook_lock != nullptr && core->monitor_lock != nullptr &&
+         core->state_lock != nullptr && core->state_changed != nullptr;
+}
+
+/// Frees an instance whose bases are done.
+void destroy(rac_core *core) {
+  core->bases.reset();
+  rac_connection_destroy(core);
+  rac_timer_destroy(core);
+  rac_operate_destroy(core);
+  rac_mutex_destroy(core->hook_lock);
+  rac_mutex_destroy(core->monitor_lock);
+  rac_mutex_destroy(core->state_lock);
+  rac_cond_destroy(core->state_changed);
+  delete core;
+}
+
+/// Locks and pools, without bases; NULL on failure.
+rac_core *make_core(uint32_t nthreads) {
+  auto *core = new (std::nothrow) rac_core{};
+  if (core == nullptr) return nullptr;
+  core->nbases = std::clamp<uint32_t>(nthreads, 1, PROBE_MAX_THREADS);
+  core->conn_rr.store(-1, std::memory_order_relaxed);
+  core->timer_rr.store(-1, std::memory_order_relaxed);
+  core->connection_n = PROBE_MAX_CONNECTIONS;
+  core->timer_n = PROBE_MAX_TIMERS;
+  core->operate_n = RAC_OPERATIONS;
+  core->model_name = "select";
+  core->bases.reset(new (std::nothrow) rac_base[core->nbases]());
+  if (make_locks(core) && rac_operate_init(core) == 0 && rac_connection_init(core) == 0 &&
+      rac_timer_init(core) == 0 && core->bases != nullptr && rac_register_core(core) == 0)
+    return core;
+  destroy(core);
+  return nullptr;
+}
+
+int make_bases(rac_core *core) {
+  for (uint32_t i = 0; i < core->nbases; ++i) {
+    core->bases[i].index = i;
+    if (rac_base_init(core, &core->bases[i]) == 0) continue;
+    for (uint32_t made = 0; made <= i; ++made) rac_base_done(&core->bases[made]);
+    return -1;
+  }
+  rac_time_update(0, 0);
+  return 0;
+}
+
+bool on_worker_of(const rac_core *core) {
+  return rac_this_base != nullptr && rac_this_base->core == core;
+}
+
+void *worker_main(void *arg) {
+  auto *base = static_cast<rac_base *>(arg);
+  char name[16];
+  std::snprintf(name, sizeof name, "c2ms-%lu", static_cast<unsigned long>(base->index));
+  pthread_setname_np(pthread_self(), name);
+  rac_base_cycle(base);
+  rac_guard guard(base->core->state_lock);
+  base->running = false;
+  rac_cond_broadcast(base->core->state_changed);
+  return nullptr;
+}
+
+/// Signals are the program's own business: the workers inherit a mask that blocks them all.
+void start_workers(rac_core *core) {
+  sigset_t all, old;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &old);
+  {
+    rac_guard guard(core->state_lock);
+    for (uint32_t i = 0; i < core->nbases; ++i) {
+      rac_base *base = &core->bases[i];
+      base->running = true;
+      if (rac_create_thread(&base->thread, worker_main, base) != 0) std::exit(STARTUP_FAILED);
+    }
+    core->threads = core->nbases;
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+/// True for the one caller that is to join; the others wait here until that is done.
+bool enter_join(rac_core *core) {
+  rac_guard guard(core->state_lock);
+  if (core->threads == 0) return false;
+  if (!core->joining) {
+    core->joining = true;
+    return true;
+  }
+  const uint32_t joins = core->joins;
+  while (core->joins == joins) rac_cond_wait(core->state_changed, core->state_lock);
+  return false;
+}
+
+void join_workers(rac_core *core) {
+  if (!enter_join(core)) return;
+  for (uint32_t i = 0; i < core->nbases; ++i) pthread_join(core->bases[i].thread, nullptr);
+  rac_guard guard(core->state_lock);
+  core->threads = 0;
+  core->joining = false;
+  ++core->joins;
+  rac_cond_broadcast(core->state_changed);
+}
+
+void stop_monitor(rac_core *core) {
+  rac_guard guard(core->monitor_lock);
+  if (core->monitor_on == 0) return;
+  core->monitor_on = 0;
+  StopTimer(core->monitor_timer);
+  core->monitor_timer = nullptr;
+  std::fclose(core->monitor_file);
+  core->monitor_file = nullptr;
+  core->monitor_period_ms = 0;
+}
+
+void close_devices(rac_core *core) {
+  for (uint32_t slot = 0; slot < core->connection_n; ++slot) {
+    rac_connection *c = &core->connections[slot];
+    const rac_base *base = c->base.load(std::memory_order_relaxed);
+    if (base == nullptr || c == base->notify_connection) continue;
+    if (rac_life_of(c->ident.load(std::memory_order_relaxed)) == RAC_FREE) continue;
+    rac_close_connection(core, c);
+  }
+}
+
+/// Waits until the base has ended a turn that began after this call.
+void wait_turn(rac_core *core, rac_base *base) {
+  const uint32_t turn = base->barrier_asked.fetch_add(1, std::memory_order_acq_rel) + 1;
+  rac_base_notify(base);
+  rac_guard guard(core->state_lock);
+  while (base->running && static_cast<int32_t>(base->barrier_done - turn) < 0)
+    rac_cond_wait(core->state_changed, core->state_lock);
+}
+
+}  // namespace
+
+rac_core *probe_init(int, uint32_t nthreads) {
+  rac_core *core = make_core(nthreads);
+  if (core != nullptr && make_bases(core) != 0) std::exit(STARTUP_FAILED);
+  return core;
+}
+
+rac_core *probe_create(uint32_t nthreads) {
+  rac_core *core = make_core(nthreads);
+  if (core == nullptr || make_bases(core) == 0) return core;
+  rac_unregister_core(core);
+  destroy(core);
+  return nullptr;
+}
+
+int StartProbe(rac_core *core, int nowait) {
+  if (core == nullptr) return -1;
+  const uint32_t return_at_once = static_cast<uint32_t>(nowait) & 0xff;
+  if (core->started.exchange(1, std::memory_order_acq_rel) != 0) {
+    if (return_at_once == 0) join_workers(core);
+    return 0;
+  }
+  join_workers(core);  // of a run that was stopped from a callback and not waited for
+  core->stop.store(0, std::memory_order_release);
+  core->exiting.store(0, std::memory_order_release);
+  core->nowait.store(return_at_once, std::memory_order_release);
+  rac_time_update(0, 0);
+  if (rac_init_threads() == -1) std::exit(STARTUP_FAILED);
+  start_workers(core);
+  if (return_at_once == 0) join_workers(core);
+  return 0;
+}
+
+int StopProbe(rac_core *core) {
+  if (core == nullptr) return -1;
+  if (core->stop.exchange(1, std::memory_order_acq_rel) != 0) return 0;
+  core->exiting.store(1, std::memory_order_release);
+  for (uint32_t i = 0; i < core->nbases; ++i) rac_base_notify(&core->bases[i]);
+  if (core->nowait.load(std::memory_order_acquire) != 0 && !on_worker_of(core)) join_workers(core);
+  core->started.store(0, std::memory_order_release);
+  return 0;
+}
+
+int probe_cleanup(rac_core *core) {
+  if (core == nullptr) return 0;
+  StopProbe(core);
+  join_workers(core);
+  stop_monitor(core);
+  close_devices(core);
+  rac_unregister_core(core);
+  for (uint32_t i = 0; i < core->nbases; ++i) rac_base_done(&core->bases[i]);
+  destroy(core);
+  return 0;
+}
+
+int probe_barrier(rac_core *core) {
+  if (core == nullptr) return -1;
+  if (on_worker_of(core)) return -2;
+  for (uint32_t i = 0; i < core->nbases; ++i) wait_turn(core, &core->bases[i]);
+  return 0;
+}

@@ -1,0 +1,133 @@
+// Pool, start and end of timers. See rac_timer.h.
+#include "eprobe/rac_timer.h"
+
+#include <new>
+
+#include "adif/check.h"
+#include "eprobe/rac_event.h"
+#include "eprobe/rac_handle.h"
+#include "eprobe/rac_process_cycle.h"
+
+namespace {
+
+constexpr const char *SOURCE = "eprobe/rac_timer";
+
+rac_base *next_base(rac_core *core) {
+  const auto n = static_cast<int32_t>(core->nbases);
+  int32_t last = core->timer_rr.load(std::memory_order_relaxed);
+  while (!core->timer_rr.compare_exchange_weak(last, (last + 1) % n, std::memory_order_relaxed)) {
+  }
+  return &core->bases[static_cast<uint32_t>((last + 1) % n)];
+}
+
+bool is_set(const rac_timer *t) {
+  rac_base *base = t->base.load(std::memory_order_acquire);
+  if (base == nullptr) return false;
+  rac_guard guard(base->timer_lock);
+  return t->event->timer_set;
+}
+
+/// The generation advances under the lock, so that every later look at the old handle finds
+/// nothing.
+void release_locked(rac_base *base, rac_timer *t) REQUIRES(base->timer_lock) {
+  rac_event_del_timer_locked(base, t->event);
+  t->event->closed = true;
+  t->state = RAC_TIMER_RELEASED;
+  t->cmd = 0;
+  t->para = 0;
+  t->handler = nullptr;
+  t->handler_arg = nullptr;
+  t->handler_arg2 = nullptr;
+  const uint32_t generation = t->generation.load(std::memory_order_relaxed);
+  t->generation.store(rac_next_generation(generation), std::memory_order_release);
+}
+
+}  // namespace
+
+int rac_timer_init(rac_core *core) {
+  const uint32_t n = core->timer_n;
+  core->timer_mutex = rac_mutex_init();
+  core->timers.reset(new (std::nothrow) rac_timer[n]());
+  core->timer_events.reset(new (std::nothrow) rac_event[n]());
+  if (core->timer_mutex == nullptr || core->timers == nullptr || core->timer_events == nullptr)
+    return -1;
+  rac_guard guard(core->timer_mutex);
+  core->free_timers = nullptr;
+  for (uint32_t slot = n; slot-- > 0;) {
+    rac_timer &t = core->timers[slot];
+    t.event = &core->timer_events[slot];
+    t.event->closed = t.event->instance = t.event->of_timer = true;
+    t.slot = slot;
+    t.core = core;
+    t.state = RAC_TIMER_RELEASED;
+    t.generation.store(1, std::memory_order_relaxed);
+    t.data = core->free_timers;
+    core->free_timers = &t;
+  }
+  core->free_timer_n.store(n, std::memory_order_relaxed);
+  return 0;
+}
+
+void rac_timer_destroy(rac_core *core) {
+  core->timers.reset();
+  core->timer_events.reset();
+  rac_mutex_destroy(core->timer_mutex);
+  core->timer_mutex = nullptr;
+}
+
+rac_timer *rac_get_timer(rac_core *core) {
+  rac_timer *t = nullptr;
+  {
+    rac_guard guard(core->timer_mutex);
+    t = core->free_timers;
+    if (t == nullptr) return nullptr;
+    core->free_timers = t->data;
+    core->free_timer_n.fetch_sub(1, std::memory_order_relaxed);
+  }
+  t->data = nullptr;
+  t->state = 0;
+  rac_event_reset(t->event, t, false);
+  return t;
+}
+
+void rac_free_timer(rac_core *core, rac_timer *t) {
+  rac_guard guard(core->timer_mutex);
+  t->data = core->free_timers;
+  core->free_timers = t;
+  core->free_timer_n.fetch_add(1, std::memory_order_relaxed);
+}
+
+void rac_close_timer(rac_core *core, rac_timer *t) {
+  rac_base *base = t->base.load(std::memory_order_acquire);
+  rac_unpost_event(t->event);
+  {
+    rac_guard guard(base->timer_lock);
+    release_locked(base, t);
+  }
+  rac_free_timer(core, t);
+}
+
+int rac_dispatch_timer(rac_core *core, rac_timer *t, uint32_t msec) {
+  adif::check(core != nullptr, "core != ((void *)0)", SOURCE);
+  adif::check(t != nullptr, "t != ((void *)0)", SOURCE);
+  rac_base *base = next_base(core);
+  if (is_set(t))
+    base = t->base.load(std::memory_order_relaxed);
+  else
+    t->base.store(base, std::memory_order_release);
+  if (rac_event_add_timer(base, t->event, msec)) rac_base_notify(base);
+  return 0;
+}
+
+bool rac_stop_timer(rac_timer *t, uint32_t generation) {
+  rac_base *base = t->base.load(std::memory_order_acquire);
+  if (base == nullptr) return false;
+  {
+    rac_guard guard(base->timer_lock);
+    if (t->generation.load(std::memory_order_relaxed) != generation) return false;
+    if ((t->state & RAC_TIMER_RUNNING) != 0) return false;
+    release_locked(base, t);
+  }
+  rac_free_timer(t->core, t);
+  return true;
+}
