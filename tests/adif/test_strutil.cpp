@@ -219,7 +219,7 @@ TEST(strutil, multi_byte_integers) {
       const auto value = static_cast<uint32_t>(std::max<int64_t>((int64_t{1} << bit) + around, 0));
       const int n = Uint2MBI(value, bytes);
       int bits = 1;
-      while (value >> bits && bits < 32) ++bits;
+      while (bits < 32 && value >> bits) ++bits;
       EXPECT_EQ(n, (bits + 6) / 7) << value;
       uint32_t read = ~value;
       EXPECT_EQ(MBI2Uint(bytes, MBI_MAX_BYTES, &read), n);

@@ -1,0 +1,2 @@
+c2ms_fuzz(frame frame.cpp adif)
+c2ms_fuzz(strcodec strcodec.cpp adif)

@@ -1,0 +1,103 @@
+// String codecs on foreign text: what is decoded stays in bounds, what is encoded decodes back, and
+// every result lies inside the text that it was found in.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "adif/base64.h"
+#include "adif/kmp.h"
+#include "adif/strutil.h"
+#include "adif/timetext.h"
+
+namespace {
+
+void require(bool holds) {
+  if (!holds) std::abort();
+}
+
+void base64(const char *text, int len) {
+  std::string bytes(static_cast<size_t>((len + 3) / 4 * 3), '\0');
+  const int n = base64_to_bin(text, len, bytes.data());
+  require(n == -100 || (n >= 0 && n <= static_cast<int>(bytes.size())));
+  if (n < 1) return;
+  std::string encoded(static_cast<size_t>((n + 2) / 3 * 4), '\0');
+  require(bin_to_base64(bytes.data(), n, encoded.data()) == static_cast<int>(encoded.size()));
+  std::string again(encoded.size() / 4 * 3, '\0');
+  require(base64_to_bin(encoded.data(), static_cast<int>(encoded.size()), again.data()) == n);
+  require(std::memcmp(bytes.data(), again.data(), static_cast<size_t>(n)) == 0);
+}
+
+void hexadecimal(const char *text, int len) {
+  std::string bytes(static_cast<size_t>(len / 2 + 1), '\0');
+  int written = 0;
+  const int n = ascii_to_bin(text, len, bytes.data(), &written);
+  require(written >= 0 && written <= len / 2 && (n == -100 || n == written));
+  std::string digits(static_cast<size_t>(len) * 2, '\0');
+  require(bin_to_ascii(text, len, digits.data(), nullptr) == 2 * len);
+  std::string again(static_cast<size_t>(len), '\0');
+  require(ascii_to_bin(digits.data(), 2 * len, again.data(), nullptr) == len);
+  require(again == std::string_view(text, static_cast<size_t>(len)));
+}
+
+void integers(const char *text, int len) {
+  uint32_t value = 0;
+  const int n = MBI2Uint(text, len, &value);
+  require(n >= 1 && n <= std::min(len, MBI_MAX_BYTES));
+  uint8_t form[MBI_MAX_BYTES];
+  uint32_t again = 0;
+  const int written = Uint2MBI(value, form);
+  require(MBI2Uint(form, written, &again) == written && again == value);
+  int number = 0;
+  const int used = get_int_from_str(text, len, &number);
+  require(used == -100 || (used > 0 && used <= len));
+}
+
+/// The first byte tells how long the key is that the text begins with.
+void key_and_search(const char *text, int len) {
+  const int key_len = std::min<int>(static_cast<uint8_t>(text[0]) % 16, len - 1);
+  const std::string key(text + 1, static_cast<size_t>(key_len));
+  const char *rest = text + 1 + key_len;
+  const int rest_len = len - 1 - key_len;
+  const char *value = nullptr;
+  int value_len = 0;
+  const int n = get_value_by_key(rest, rest_len, key.c_str(), &value, &value_len);
+  require(n < 0 ? !value : n == value_len);
+  if (value) require(value > rest && value + value_len <= rest + rest_len);
+
+  const std::string_view view(rest, static_cast<size_t>(rest_len));
+  const size_t first = key.empty() ? view.npos : view.find(key);
+  const size_t last = key.empty() ? view.npos : view.rfind(key);
+  const auto at = [rest](const uint8_t *found) {
+    return found ? static_cast<size_t>(reinterpret_cast<const char *>(found) - rest)
+                 : std::string_view::npos;
+  };
+  require(at(kmp_find_bytes(rest, rest_len, key.data(), key_len)) == first);
+  require(at(kmp_rfind_bytes(rest, rest_len, key.data(), key_len)) == last);
+  require(at(str_rfind_bytes(rest, rest_len, key.data(), key_len)) == last);
+
+  const char *stop = skipQuoteTo(rest, rest_len, key.data(), key_len);
+  require(stop >= rest && stop <= rest + rest_len);
+  if (rest_len > 0 && key_len > 0 && stop < rest + rest_len) require(key.find(*stop) != key.npos);
+  const int quoted = QuotedStrlen(rest, rest_len);
+  require(quoted <= rest_len && (quoted < 1 || (quoted > 1 && rest[0] == rest[quoted - 1])));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  const auto *text = reinterpret_cast<const char *>(data);
+  const int len = static_cast<int>(std::min<size_t>(size, 4096));
+  if (len < 1) return 0;
+  base64(text, len);
+  hexadecimal(text, len);
+  integers(text, len);
+  key_and_search(text, len);
+  get_time_from_string(text, len);
+  std::string copy(text, static_cast<size_t>(len));
+  const int trimmed = str_trim(copy.data(), len);
+  require(trimmed >= 0 && trimmed <= len);
+  return 0;
+}
