@@ -1,0 +1,319 @@
+#include "c2ms/c2ms_cache.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "c2ms/c2ms_pack.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_time.h"
+
+namespace {
+
+c2ms_pack *pack_at(c2ms_cache *cache, int32_t index) {
+  const int32_t packnum = cache->packnum.load();
+  return packnum < 1 ? nullptr : static_cast<c2ms_pack *>(sk_value(cache->packs, index % packnum));
+}
+
+int32_t pack_length(c2ms_cache *cache, int32_t index) REQUIRES(cache->lock) {
+  return index == cache->total_packs - 1 ? cache->last_pack_len : cache->packsize.load();
+}
+
+void give_back_packs(c2ms_cache *cache) REQUIRES(cache->lock) {
+  cache->generation.fetch_add(1);
+  cache->packnum = 0;
+  while (auto *pack = static_cast<c2ms_pack *>(sk_pop(cache->packs))) {
+    c2ms_pack_exit_download(pack, -1);
+    c2ms_pack_recycle(cache->session->mgmt, pack);
+  }
+}
+
+}  // namespace
+
+c2ms_cache *c2ms_cache_init(c2ms_sess *session) {
+  if (session == nullptr) return nullptr;
+  c2ms_cache *const cache = &session->cache_record;
+  const adif::Guard lock(cache->lock);
+  if (cache->packs == nullptr) cache->packs = sk_new(nullptr);
+  if (cache->event == nullptr) cache->event = CreateEvent();
+  if (cache->packs == nullptr || cache->event == nullptr) return nullptr;
+  std::memcpy(cache->fid, session->fid, sizeof cache->fid);
+  cache->base_offset = 0;
+  cache->media_size = 0;
+  cache->range_flag = 0;
+  cache->packsize = c2ms::default_pack_bytes;
+  cache->total_packs = 0;
+  cache->first_index = 0;
+  cache->max_first = 0;
+  cache->read_index = 0;
+  cache->read_pos = 0;
+  cache->buffering_size = 0;
+  cache->buffering_packs = 0;
+  cache->read_calls = 0;
+  cache->short_reads = 0;
+  cache->session_id = session->sess_id;
+  cache->session = session;
+  return cache;
+}
+
+int c2ms_cache_clean(c2ms_cache *cache) {
+  if (cache == nullptr) return -1;
+  const adif::Guard lock(cache->lock);
+  give_back_packs(cache);
+  cache->media_size = 0;
+  cache->total_packs = 0;
+  cache->buffer = nullptr;
+  cache->buffer_size = 0;
+  return 0;
+}
+
+int c2ms_cache_setbuf(c2ms_cache *cache, uint8_t *buffer, int32_t size, int32_t packsize) {
+  if (cache == nullptr) return -1;
+  if (buffer == nullptr) return -2;
+  if (size < 1) return -3;
+  if (packsize < 1) packsize = c2ms::default_pack_bytes;
+  if (size < packsize) return -4;
+  const adif::Guard lock(cache->lock);
+  give_back_packs(cache);
+  cache->buffer = buffer;
+  cache->buffer_size = size;
+  cache->packsize = packsize;
+  const int32_t packnum = size / packsize;
+  cache->used_size = packsize * packnum;
+  cache->reserve = packnum / 8;
+  // Nothing is asked for until a file is selected.
+  cache->total_packs = 0;
+  cache->media_size = 0;
+  for (int32_t slot = 0; slot < packnum; ++slot) {
+    uint8_t *const at = buffer + static_cast<ptrdiff_t>(slot) * packsize;
+    c2ms_pack *const pack = c2ms_pack_fetch(cache, slot, at, packsize);
+    if (pack == nullptr) return -5;
+    if (sk_push(cache->packs, pack) < 1) {
+      c2ms_pack_recycle(cache->session->mgmt, pack);
+      return -5;
+    }
+  }
+  cache->packnum = packnum;
+  return 0;
+}
+
+int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset, uint64_t media_size,
+                       uint8_t flag) {
+  if (cache == nullptr) return -1;
+  const adif::Guard lock(cache->lock);
+  const int32_t packnum = cache->packnum;
+  if (packnum < 1) return -201;
+  const auto packsize = static_cast<uint64_t>(cache->packsize.load());
+  const uint64_t total = media_size / packsize + (media_size % packsize != 0 ? 1 : 0);
+  if (total > INT32_MAX || base_offset > UINT64_MAX - media_size) return -202;
+  std::memcpy(cache->fid, fid, 16);
+  cache->base_offset = base_offset;
+  cache->media_size = media_size;
+  cache->range_flag = flag;
+  cache->total_packs = static_cast<int32_t>(total);
+  cache->last_pack_len = static_cast<int32_t>(media_size % packsize);
+  cache->max_first = std::max(static_cast<int32_t>(total) - packnum, 0);
+  cache->read_index = 0;
+  cache->read_pos = 0;
+  cache->first_index = 0;
+  cache->idle_from = 0;
+  // Units of the former file lose their packs here, and would not pass the generation either.
+  cache->generation.fetch_add(1);
+  cache->seek_count.fetch_add(1);
+  for (int32_t slot = 0; slot < packnum; ++slot) c2ms_pack_exit_download(pack_at(cache, slot), slot);
+  return 0;
+}
+
+c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
+  const int64_t now = c2ms::now_us();
+  const adif::Guard lock(cache->lock);
+  const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
+  const auto end = static_cast<int32_t>(std::min<int64_t>(range_end, cache->total_packs));
+  bool paused = false;  // an idle pack was passed over: the next search begins at it again
+  for (int32_t i = std::max(cache->read_index, cache->idle_from); i < end; ++i) {
+    c2ms_pack *const pack = pack_at(cache, i);
+    const adif::Guard pack_lock(pack->lock);
+    if (pack->state != pack_idle) continue;
+    if (!paused) cache->idle_from = i;
+    if (pack->not_before_us <= now) return pack;
+    paused = true;
+  }
+  if (!paused) cache->idle_from = std::max(end, cache->read_index);
+  return nullptr;
+}
+
+bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out) {
+  const adif::Guard lock(cache->lock);
+  const adif::Guard pack_lock(pack->lock);
+  if (pack->cache != cache || pack->index < 0 || pack->index >= cache->total_packs) return false;
+  if (pack->state == pack_idle) {
+    if (pack->not_before_us > c2ms::now_us()) return false;
+    pack->size = pack_length(cache, pack->index);
+    pack->len = 0;
+  }
+  std::memcpy(out->fid, cache->fid, sizeof out->fid);
+  out->offset = static_cast<uint64_t>(pack->index) * static_cast<uint64_t>(cache->packsize.load()) +
+                cache->base_offset;
+  out->length = static_cast<uint32_t>(pack->size);
+  out->flag = cache->range_flag;
+  out->index = pack->index;
+  out->generation = cache->generation;
+  out->redundant = pack->state != pack_idle;
+  return true;
+}
+
+int c2ms_cache_download_pack(c2ms_cache *cache, c2ms_pack *pack) {
+  if (cache == nullptr) return -1;
+  if (cache->session == nullptr) return -2;
+  c2ms_range want;
+  if (!c2ms_cache_range_of(cache, pack, &want) || want.redundant) return -100;
+  const int result = c2ms_sess_unit_issue(cache->session, want, pack);
+  if (result == -100) {
+    const adif::Guard lock(pack->lock);
+    pack->not_before_us = c2ms::now_us() + c2ms::no_memory_pause_us;
+  }
+  return result;
+}
+
+int c2ms_cache_download_all(c2ms_cache *cache) {
+  if (cache == nullptr || cache->session == nullptr) return 0;
+  const int queued = c2ms_sess_unit_num(cache->session);
+  const int limit = std::max(2 * c2ms_sess_node_num(cache->session), c2ms::min_issue_limit);
+  int issued = 0;
+  while (issued + queued < limit && issued < cache->packnum && issued < cache->total_packs) {
+    if (c2ms_cache_download_one(cache) < 1) break;
+    ++issued;
+  }
+  return issued;
+}
+
+int c2ms_cache_download_one(c2ms_cache *cache) {
+  if (cache == nullptr) return 0;
+  c2ms_pack *const pack = c2ms_cache_get_idle_pack(cache);
+  return pack != nullptr && c2ms_cache_download_pack(cache, pack) == 0 ? 1 : 0;
+}
+
+int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos) {
+  if (cache == nullptr) return -1;
+  {
+    const adif::Guard lock(cache->lock);
+    if (cache->media_size == 0) return 0;
+    pos = std::min(pos, cache->media_size - 1);
+    if (pos == cache->read_pos) return 0;
+    cache->seek_count.fetch_add(1);
+    c2ms_cache_seek_to(cache, pos);
+  }
+  c2ms_cache_wake(cache);
+  c2ms_sess_unit_purge(cache->session);
+  c2ms_cache_download_all(cache);
+  return 0;
+}
+
+bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) {
+  const int32_t packnum = cache->packnum;
+  if (packnum < 1) return false;
+  pos = std::min(pos, cache->media_size);
+  const auto index = static_cast<int32_t>(pos / static_cast<uint64_t>(cache->packsize.load()));
+  cache->read_pos = pos;
+  if (index < cache->read_index) cache->idle_from = std::min(cache->idle_from, index);
+  cache->read_index = index;
+  const int32_t old_first = cache->first_index;
+  if (old_first < index && old_first == cache->max_first) return false;
+
+  const int64_t old_end = int64_t{old_first} + packnum;
+  const int32_t back = std::max(index - cache->reserve, 0);
+  int32_t new_first = back;
+  if (index < old_first || index >= old_end) {
+    const bool runs_out_ahead = index >= old_end && back < old_end;
+    if (!runs_out_ahead) new_first = index;
+  } else if (index - old_first <= cache->reserve) {
+    return false;
+  }
+  new_first = std::min(new_first, cache->max_first);
+  // Packs that were in the range keep their data; only the slots that it enters are reset.
+  int32_t reset_from = new_first;
+  auto reset_to = static_cast<int32_t>(std::min<int64_t>(int64_t{new_first} + packnum, INT32_MAX));
+  if (new_first >= old_first && new_first < old_end) reset_from = static_cast<int32_t>(old_end);
+  if (new_first < old_first) reset_to = std::min(reset_to, old_first);
+  for (int32_t i = reset_from; i < reset_to; ++i) c2ms_pack_exit_download(pack_at(cache, i), i);
+  cache->first_index = new_first;
+  if (reset_from < reset_to) cache->idle_from = std::min(cache->idle_from, reset_from);
+  return reset_from < reset_to;
+}
+
+int c2ms_cache_buffering_size(c2ms_cache *cache, int32_t bytes) {
+  if (cache == nullptr) return -1;
+  const adif::Guard lock(cache->lock);
+  bytes = std::max(bytes, 0);
+  if (bytes == cache->buffering_size) return 0;
+  const int64_t packsize = cache->packsize;
+  const int32_t most = cache->packnum - cache->reserve;
+  cache->buffering_size = bytes;
+  cache->buffering_packs = static_cast<int32_t>((bytes + packsize - 1) / packsize);
+  if (cache->buffering_packs > most) {
+    cache->buffering_packs = most;
+    cache->buffering_size = static_cast<int32_t>(packsize * most);
+  }
+  return 0;
+}
+
+int c2ms_cache_buffering_ratio(c2ms_cache *cache, int32_t *ratio) {
+  if (cache == nullptr) return -1;
+  const adif::Guard lock(cache->lock);
+  *ratio = 0;
+  if (cache->buffering_size < 1) {
+    *ratio = 100;
+    return 0;
+  }
+  const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
+  int64_t sum = 0;
+  int32_t i = cache->read_index;
+  for (; i < range_end && i < cache->total_packs; ++i) {
+    c2ms_pack *const pack = pack_at(cache, i);
+    const adif::Guard pack_lock(pack->lock);
+    sum += pack->len;
+    if (pack->state != pack_ready || pack->len < pack->size || sum >= cache->buffering_size) break;
+  }
+  if (sum >= cache->buffering_size || i >= cache->total_packs) {
+    *ratio = 100;
+  } else {
+    const double have = static_cast<float>(sum);
+    *ratio = static_cast<int32_t>(have * 100.0 / static_cast<float>(cache->buffering_size));
+  }
+  return 0;
+}
+
+uint64_t c2ms_cache_readpos(c2ms_cache *cache) {
+  if (cache == nullptr) return 0;
+  const adif::Guard lock(cache->lock);
+  return cache->read_pos;
+}
+
+uint64_t c2ms_cache_offset(c2ms_cache *cache) {
+  if (cache == nullptr) return 0;
+  const adif::Guard lock(cache->lock);
+  return cache->base_offset;
+}
+
+int32_t c2ms_cache_packsize(c2ms_cache *cache) {
+  return cache == nullptr ? 0 : cache->packsize.load();
+}
+
+int32_t c2ms_cache_packnum(c2ms_cache *cache) {
+  return cache == nullptr ? 0 : cache->packnum.load();
+}
+
+void c2ms_cache_wake(c2ms_cache *cache) {
+  if (cache == nullptr) return;
+  cache->wake_count.fetch_add(1);
+  SetEvent(cache->event, 1);
+}
+
+void c2ms_cache_wake_reader_of(c2ms_cache *cache, int32_t index, int32_t len) {
+  if (cache == nullptr || cache->want_index.load() != index) return;
+  if (len >= cache->want_len.load()) c2ms_cache_wake(cache);
+}
+
+void c2ms_cache_note_idle(c2ms_cache *cache, int32_t index) {
+  const adif::Guard lock(cache->lock);
+  cache->idle_from = std::min(cache->idle_from, index);
+}

@@ -1,0 +1,74 @@
+// The pack cache: a ring of packs over one buffer that follows the read position (drawn in
+// c2ms_records.h). The session's data calls (c2ms_sess_read.h) come here under the read gate; units fill
+// packs under the packs' own locks; anybody may move the range.
+//
+// A file's bytes are numbered in packs of packsize bytes from its base offset; every pack number fits an
+// int32, sizes and positions are 64-bit and never become a size_t.
+#pragma once
+
+#include <cstdint>
+
+#include "c2ms/c2ms_records.h"
+
+/// What a download asks for, taken together under the locks of cache and pack. A unit is bound only while
+/// the pack still holds that index of that file.
+struct c2ms_range {
+  uint8_t fid[16];
+  uint64_t offset;  // in the file on the server, base offset included
+  uint32_t length;
+  uint8_t flag;
+  int32_t index;
+  uint32_t generation;
+  bool redundant;  // the pack is being fetched already
+};
+
+/// Readies a session's cache record: no buffer, no file. The record; NULL for NULL.
+c2ms_cache *c2ms_cache_init(c2ms_sess *session);
+
+/// Gives back every pack; later units find no place. The event stays with the record. 0, -1 for NULL.
+int c2ms_cache_clean(c2ms_cache *cache);
+
+/// Cuts `buffer` (not owned) into packs; drops what was there. Needs the read gate. 0; -1, -2 missing cache
+/// or buffer; -3 size below 1; -4 size below packsize (0 or less means 8192); -5 no memory for packs.
+int c2ms_cache_setbuf(c2ms_cache *cache, uint8_t *buffer, int32_t size, int32_t packsize);
+
+/// Selects a file; drops what was there, position 0. Needs the read gate. 0; -1; -201 the cache has no pack;
+/// -202 more packs than an int32 counts.
+int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset, uint64_t media_size,
+                       uint8_t flag);
+
+/// The first idle pack at or above the read position that may be asked for now, or NULL.
+c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache);
+/// Issues an idle pack. 0; -1, -2 missing cache or session; -100 it is not idle (any more); or the issue's
+/// result.
+int c2ms_cache_download_pack(c2ms_cache *cache, c2ms_pack *pack);
+/// Issues idle packs up to twice the number of nodes, at least 10, queued units included: packs issued.
+int c2ms_cache_download_all(c2ms_cache *cache);
+/// Issues one idle pack: 1, or 0 when there is none.
+int c2ms_cache_download_one(c2ms_cache *cache);
+/// The range that a pack stands for; false when the pack holds nothing.
+bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out);
+
+/// Moves the read position for the player and asks for what is missing. 0; -1.
+int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos);
+/// Moves position and range. Packs that stay inside keep their data. True when packs became idle.
+bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock);
+
+/// Copy bytes from the read position (c2ms.h gives the player's view). Need the read gate.
+int c2ms_cache_read(c2ms_cache *cache, void *buf, int32_t len, int32_t nonblock);
+int c2ms_cache_recv(c2ms_cache *cache, void *buf, int32_t len, int32_t timeout_ms);
+
+int c2ms_cache_buffering_size(c2ms_cache *cache, int32_t bytes);
+int c2ms_cache_buffering_ratio(c2ms_cache *cache, int32_t *ratio);
+
+uint64_t c2ms_cache_readpos(c2ms_cache *cache);
+uint64_t c2ms_cache_offset(c2ms_cache *cache);
+int32_t c2ms_cache_packsize(c2ms_cache *cache);
+int32_t c2ms_cache_packnum(c2ms_cache *cache);
+
+/// Wakes the waiting reader, if any.
+void c2ms_cache_wake(c2ms_cache *cache);
+/// Wakes it only when it waits for pack `index` to hold at most `len` bytes.
+void c2ms_cache_wake_reader_of(c2ms_cache *cache, int32_t index, int32_t len);
+/// Tells that a pack has become idle outside a move of the range. Hold no pack's lock.
+void c2ms_cache_note_idle(c2ms_cache *cache, int32_t index);

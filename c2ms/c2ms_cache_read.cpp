@@ -1,0 +1,240 @@
+// The reader's side of the cache: copying out of the ring, waiting for a late pack, asking for it a second
+// time. Part of c2ms_cache.h.
+#include <algorithm>
+#include <cstring>
+
+#include "c2ms/c2ms_cache.h"
+#include "c2ms/c2ms_pack.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_strand.h"
+#include "c2ms/c2ms_time.h"
+
+namespace {
+
+using c2ms::steady;
+constexpr std::chrono::milliseconds longest_wait{1000};
+constexpr std::chrono::milliseconds paused_wait{50};
+constexpr int32_t unhurried_us = 1'000'000;  // an expected time below this is taken ten times
+
+enum class step { go_on, stop, wait, move_range, request };
+
+// One call of read or receive, from its position to its end.
+struct reading {
+  c2ms_cache *cache;
+  uint8_t *out;  // NULL: skip
+  int32_t len;
+  steady::time_point deadline;  // min(): never waits; max(): waits without limit
+  int32_t copied = 0;
+  int32_t result = 0;  // when nothing is copied
+  uint64_t pos = 0;
+  uint64_t media_size = 0;
+  uint32_t seek_count = 0;
+
+  bool expired() const {
+    if (deadline == steady::time_point::max()) return false;
+    return deadline == steady::time_point::min() || steady::now() >= deadline;
+  }
+};
+
+struct place {
+  c2ms_pack *pack;
+  int32_t index;
+  int32_t in_pack;
+};
+
+place where(const reading &call) {
+  const auto packsize = static_cast<uint64_t>(call.cache->packsize.load());
+  const auto index = static_cast<int32_t>(call.pos / packsize);
+  const int32_t slot = index % call.cache->packnum;
+  return {static_cast<c2ms_pack *>(sk_value(call.cache->packs, slot)), index,
+          static_cast<int32_t>(call.pos % packsize)};
+}
+
+// What else than bytes ends a call.
+bool ended(reading &call, bool about_to_wait) {
+  c2ms_sess *const sess = call.cache->session;
+  if (sess->life.load() != c2ms_life::live || sess->mgmt->closing.load()) {
+    call.copied = 0;
+    call.result = C2MS_CLOSED;
+    return true;
+  }
+  if (call.cache->seek_count.load() != call.seek_count) return true;
+  if (!about_to_wait || sess->has_active.load() != 0) return false;
+  const int32_t status = sess->status.load();
+  if (status > C2MS_MEDIA_NOT_EXIST || status < C2MS_IN_DEBT) return false;
+  call.result = status;
+  return true;
+}
+
+int32_t wanted_of(const reading &call, const c2ms_pack *pack, int32_t in_pack) REQUIRES(pack->lock) {
+  return std::min(call.len - call.copied, std::max(pack->size - in_pack, 0));
+}
+
+// Copies what the pack has for this call; tells what to do next.
+step take(reading &call, const place &at) {
+  c2ms_pack *const pack = at.pack;
+  const adif::Guard lock(pack->lock);
+  if (pack->index != at.index) return step::move_range;
+  const int32_t wanted = wanted_of(call, pack, at.in_pack);
+  const bool asked_for = pack->state != pack_idle || pack->not_before_us != 0;
+  if (asked_for && wanted == 0) return step::stop;  // a last pack of size 0
+  const int32_t there = std::clamp(pack->len - at.in_pack, 0, wanted);
+  const bool enough = there == wanted || pack->state == pack_ready;
+  if (!enough && !call.expired()) return pack->state == pack_idle ? step::request : step::wait;
+  if (there > 0 && call.out != nullptr) {
+    std::memcpy(call.out + call.copied, pack->buf + at.in_pack, static_cast<size_t>(there));
+  }
+  call.copied += there;
+  call.pos += static_cast<uint64_t>(there);
+  if (enough && there > 0) return step::go_on;
+  return pack->state == pack_idle ? step::request : step::stop;
+}
+
+// Moves the range behind the reader, unless somebody has seeked meanwhile.
+bool advance(reading &call) {
+  bool became_idle;
+  {
+    const adif::Guard lock(call.cache->lock);
+    if (call.cache->seek_count.load() != call.seek_count) return false;
+    became_idle = c2ms_cache_seek_to(call.cache, call.pos);
+  }
+  // Nodes that had nothing to do while the ring was full find work again.
+  if (became_idle && call.cache->session->ready_num.load() > 0) {
+    c2ms_cache_download_all(call.cache);
+    c2ms::dispatch_if_due(call.cache->session);
+  }
+  return true;
+}
+
+// A pack that keeps its reader waiting for longer than the best node should need is asked for again.
+void ask_again_if_late(reading &call, const place &at) {
+  int64_t allowed = c2ms_sess_fasttime(call.cache->session);
+  if (allowed < unhurried_us) allowed *= 10;
+  const int64_t now = c2ms::now_us();
+  {
+    const adif::Guard lock(at.pack->lock);
+    const bool under_way = at.pack->state == pack_requested || at.pack->state == pack_receiving;
+    if (at.pack->index != at.index || !under_way) return;
+    if (at.pack->late_since_us == 0) at.pack->late_since_us = now;
+    if (now - at.pack->late_since_us <= allowed) return;
+    at.pack->late_since_us = now;
+  }
+  c2ms_pack_redownload(at.pack, 1, now);
+  c2ms::dispatch_if_due(call.cache->session);
+}
+
+bool satisfied(const reading &call, const place &at) {
+  const adif::Guard lock(at.pack->lock);
+  if (at.pack->index != at.index) return true;
+  if (at.pack->state == pack_idle) return at.pack->not_before_us <= c2ms::now_us();
+  const int32_t there = at.pack->len - at.in_pack;
+  return at.pack->state == pack_ready || there >= wanted_of(call, at.pack, at.in_pack);
+}
+
+int32_t wanted_length(const reading &call, const place &at) {
+  const adif::Guard lock(at.pack->lock);
+  return at.in_pack + wanted_of(call, at.pack, at.in_pack);
+}
+
+// A paused pack is asked for again soon after its pause.
+std::chrono::milliseconds longest_wait_at(const place &at) {
+  const adif::Guard lock(at.pack->lock);
+  return at.pack->state == pack_idle ? paused_wait : longest_wait;
+}
+
+// Sleeps until somebody has made true what is needed here, at most a second.
+void wait(reading &call, const place &at) {
+  c2ms_cache *const cache = call.cache;
+  const uint32_t seen = cache->wake_count.load();
+  cache->want_len.store(wanted_length(call, at));
+  cache->want_index.store(at.index);
+  // Looked at again after the need is known: who made it true before found nobody to wake.
+  if (!satisfied(call, at) && !ended(call, true)) {
+    const auto until = std::min(call.deadline, steady::now() + longest_wait_at(at));
+    WaitEventUntil(cache->event, until, [&] { return cache->wake_count.load() != seen; });
+  }
+  cache->want_index.store(-1);
+  ask_again_if_late(call, at);
+}
+
+bool move_range(reading &call, const place &at) {
+  if (!advance(call)) return false;
+  const adif::Guard lock(at.pack->lock);
+  if (at.pack->index == at.index) return true;
+  call.result = -201;
+  return false;
+}
+
+// An idle pack is asked for. When that can't be done now (no memory for a unit, say) the pack is paused and
+// the wait that follows ends in time for the next attempt.
+step request(reading &call, const place &at) {
+  c2ms_cache_download_pack(call.cache, at.pack);
+  c2ms::dispatch_if_due(call.cache->session);
+  return call.expired() ? step::stop : step::wait;
+}
+
+// Delivers from the pack at the position: false when the call ends.
+bool read_pack(reading &call) {
+  const place at = where(call);
+  if (at.pack == nullptr) {
+    call.result = -201;
+    return false;
+  }
+  for (;;) {
+    if (ended(call, false)) return false;
+    const uint64_t before = call.pos;
+    step next = take(call, at);
+    if (call.pos != before && !advance(call)) return false;
+    if (next == step::request) next = request(call, at);
+    switch (next) {
+      case step::go_on:
+        return true;
+      case step::stop:
+        if (call.expired()) ask_again_if_late(call, at);  // players with short budgets get it too
+        return false;
+      case step::move_range:
+        if (!move_range(call, at)) return false;
+        break;
+      default:
+        if (ended(call, true)) return false;
+        wait(call, at);
+        break;
+    }
+  }
+}
+
+int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point deadline) {
+  if (cache == nullptr) return -1;
+  reading call{cache, static_cast<uint8_t *>(buf), len, deadline};
+  {
+    const adif::Guard lock(cache->lock);
+    ++cache->read_calls;
+    call.pos = cache->read_pos;
+    call.media_size = cache->media_size;
+    call.seek_count = cache->seek_count;
+  }
+  if (cache->packnum < 1) return -201;
+  if (call.pos >= call.media_size) return -200;
+  if (len < 1) return 0;
+  while (call.copied < len && call.pos < call.media_size && read_pack(call)) {
+  }
+  if (call.copied < len) {
+    const adif::Guard lock(cache->lock);
+    ++cache->short_reads;
+  }
+  c2ms_cache_download_all(cache);
+  c2ms::dispatch_if_due(cache->session);
+  return call.copied > 0 ? call.copied : call.result;
+}
+
+}  // namespace
+
+int c2ms_cache_read(c2ms_cache *cache, void *buf, int32_t len, int32_t nonblock) {
+  return read_until(cache, buf, len,
+                    nonblock != 0 ? steady::time_point::min() : steady::time_point::max());
+}
+
+int c2ms_cache_recv(c2ms_cache *cache, void *buf, int32_t len, int32_t timeout_ms) {
+  if (timeout_ms <= 0) return c2ms_cache_read(cache, buf, len, 1);
+  return read_until(cache, buf, len, steady::now() + std::chrono::milliseconds(timeout_ms));
+}

@@ -1,0 +1,13 @@
+// Diagnostic lines: to standard output, or to the player's function (c2ms_set_diag in c2ms.h).
+#pragma once
+
+namespace c2ms {
+
+/// Formats a line. Inside a strand it waits until diag_deliver(), which who leaves the strand calls; a
+/// silenced player's lines are not even formatted.
+void diag(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Delivers this thread's waiting lines. Call it with no lock held.
+void diag_deliver();
+
+}  // namespace c2ms

@@ -1,0 +1,62 @@
+// Every number of the session core that has a meaning, in one place.
+#pragma once
+
+#include <cstdint>
+
+namespace c2ms {
+
+// Defaults of the configuration, in seconds; the speed window in milliseconds.
+inline constexpr int32_t build_tcp_max_time_s = 10;
+inline constexpr int32_t conn_check_time_s = 3;
+inline constexpr int32_t sess_check_time_s = 5;
+inline constexpr int32_t speed_count_period_ms = 2000;
+inline constexpr int32_t max_period_s = 86400;  // what a configuration may ask for at most
+
+inline constexpr int32_t min_arena_bytes = 0x800000;
+inline constexpr uint32_t engine_threads = 8;
+inline constexpr uint32_t default_port = 3528;
+
+// Timer commands.
+inline constexpr uint32_t timer_node_connect = 7550;
+inline constexpr uint32_t timer_node_life = 7551;
+inline constexpr uint32_t timer_sess_check = 7563;
+inline constexpr uint32_t timer_speed_count = 7564;
+
+// Node types (bits).
+inline constexpr uint8_t node_serves_list = 0x01;
+inline constexpr uint8_t node_serves_media = 0x02;
+
+// Nodes.
+inline constexpr int32_t max_failed_attempts = 3;    // of a node that is no media node
+inline constexpr int max_media_nodes = 8;            // of one session
+inline constexpr int wanted_media_nodes = 4;         // a session grows towards this many
+inline constexpr int max_list_entries = 4;           // of one server list
+inline constexpr uint32_t max_level = 4;
+inline constexpr uint32_t first_backoff_ms = 250;
+inline constexpr int64_t settled_us = 10'000'000;    // ready that long: the backoff starts anew
+inline constexpr int64_t stalled_us = 10'000'000;    // a transfer without a byte for that long is dropped
+inline constexpr int64_t min_rtt_us = 200'000;
+inline constexpr int max_short_answers = 3;
+inline constexpr double prune_factor = 5.0;
+inline constexpr int32_t prune_after_transfers = 10;
+
+// Sessions.
+inline constexpr int open_timeouts = 20;             // one-second waits of an open
+inline constexpr int64_t reopen_after_us = 20'000'000;
+inline constexpr int64_t ratio_stalled_us = 4'000'000;
+
+// Units and packs.
+inline constexpr uint32_t pdu_header_bytes = 14;
+inline constexpr uint32_t max_pdu_bytes = 1024;
+inline constexpr int request_buffer_bytes = 256;
+inline constexpr int unit_frame_bytes = 160;
+inline constexpr int max_units_per_pack = 5;
+inline constexpr int32_t default_pack_bytes = 8192;
+inline constexpr int32_t min_pack_bytes = 4096;
+inline constexpr int min_issue_limit = 10;
+inline constexpr int receive_slice_bytes = 256 * 1024;  // received under one hold of a pack's lock
+inline constexpr int slices_per_event = 4;              // then the other sockets of the thread have a turn
+inline constexpr int64_t empty_pack_pause_us = 1'000'000;  // between two requests for a pack of size 0
+inline constexpr int64_t no_memory_pause_us = 50'000;      // before a unit is tried for again
+
+}  // namespace c2ms

@@ -1,0 +1,219 @@
+#include "c2ms/c2ms_mgmt.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "adif/fileutil.h"
+#include "adif/kalloc.h"
+#include "adif/timetext.h"
+#include "adif/tsock.h"
+#include "c2ms/c2ms_diag.h"
+#include "c2ms/c2ms_node_obj.h"
+#include "c2ms/c2ms_pack.h"
+#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/c2ms_unit.h"
+
+uint32_t g_oemid = 102;
+uint32_t g_version = 30;
+uint32_t g_vendorid = 0;
+uint16_t g_proto_ver = 1;
+const char *g_entry_server = "127.0.0.1";
+const char *g_perf_server = "127.0.0.1";
+const char *g_build_time = "Oct 11 2011 11:18:31";
+
+namespace {
+
+using namespace c2ms;
+
+constexpr char section[] = "Communication Option";
+
+// The arena follows the context in one block, aligned for any use.
+constexpr size_t arena_offset = (sizeof(c2ms_mgmt) + 63) / 64 * 64;
+
+int32_t configured_seconds(conf_mgmt *conf, const char *key, int32_t fallback) {
+  const int32_t value = conf_get_int(conf, section, key);
+  return value < 1 ? fallback : std::min(value, max_period_s);
+}
+
+block_pool *make_pool(pool_unit_fn init, pool_unit_fn free_unit, size_t size, int escalate) {
+  block_pool *const pool = BPoolInit(nullptr);
+  setInitFunc(pool, init);
+  setFreeFunc(pool, free_unit);
+  setUnitSize(pool, static_cast<int>(size));
+  setEscalate(pool, escalate);
+  setAutoAlloc(pool, 1);
+  return pool;
+}
+
+template <class Record, int (*Fn)(Record *)>
+int on_record(void *unit) {
+  return Fn(static_cast<Record *>(unit));
+}
+
+void make_pools(c2ms_mgmt *mgmt) {
+  mgmt->unit_pool = make_pool(on_record<c2ms_unit, c2ms_unit_init>,
+                              on_record<c2ms_unit, c2ms_unit_free>, sizeof(c2ms_unit), 8);
+  mgmt->node_pool = make_pool(on_record<c2ms_node, c2ms_node_init>,
+                              on_record<c2ms_node, c2ms_node_free>, sizeof(c2ms_node), 8);
+  mgmt->sess_pool = make_pool(on_record<c2ms_sess, c2ms_sess_init>,
+                              on_record<c2ms_sess, c2ms_sess_free>, sizeof(c2ms_sess), 2);
+  mgmt->pack_pool = make_pool(on_record<c2ms_pack, c2ms_pack_init>,
+                              on_record<c2ms_pack, c2ms_pack_free>, sizeof(c2ms_pack), 16);
+}
+
+void drop_pool(block_pool **pool) {
+  block_pool *const old = *pool;
+  *pool = nullptr;  // records that come back from now on are freed
+  BPoolCleanup(old);
+}
+
+void destroy(c2ms_mgmt *mgmt) {
+  mgmt->~c2ms_mgmt();
+  kfree_dbg(mgmt);
+}
+
+template <class Record>
+Record *first_of(adif::Mutex &mutex, pointer_stack *const &registry) {
+  const adif::Guard lock(mutex);
+  return static_cast<Record *>(sk_value(registry, 0));
+}
+
+// Closing sessions refuse new calls; the waiting ones are woken and return.
+void drain_callers(c2ms_mgmt *mgmt) {
+  mgmt->closing.store(true);
+  std::vector<c2ms_sess *> open;
+  {
+    const adif::Guard lock(mgmt->sess_lock);
+    for (int i = 0; i < sk_num(mgmt->sessions); ++i) {
+      open.push_back(static_cast<c2ms_sess *>(sk_value(mgmt->sessions, i)));
+    }
+  }
+  for (c2ms_sess *sess : open) {
+    c2ms_life live = c2ms_life::live;
+    sess->life.compare_exchange_strong(live, c2ms_life::closing);
+    wake_waiters(sess);
+    wait_idle(sess);
+  }
+  while (mgmt->calls.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+}  // namespace
+
+c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
+                          const uint8_t *hid, int32_t mem_size) {
+  mem_size = std::max(mem_size, min_arena_bytes);
+  void *const block = kzalloc_dbg(static_cast<int64_t>(arena_offset) + mem_size);
+  if (block == nullptr) return nullptr;
+  c2ms_mgmt *const mgmt = new (block) c2ms_mgmt();
+  mgmt->probe = probe_init(5, engine_threads);
+  if (mgmt->probe == nullptr) {
+    destroy(mgmt);
+    return nullptr;
+  }
+  std::memcpy(mgmt->des_key, "QaZiXuRo", sizeof mgmt->des_key);
+  mgmt->oemid = g_oemid;
+  mgmt->vendorid = g_vendorid;
+  mgmt->build_time = static_cast<int32_t>(get_time_from_string(g_build_time, -1));
+  mgmt->perf_server_ip = sock_get_hostip(g_perf_server);
+
+  mgmt->mem_size = mem_size;
+  mgmt->arena = static_cast<uint8_t *>(block) + arena_offset;
+  mgmt->mem = mem_unit_init(mgmt->arena, mem_size);
+  if (conf_path != nullptr) std::strncpy(mgmt->conf_path, conf_path, sizeof mgmt->conf_path - 1);
+  c2ms_mgmt_readconf(mgmt);
+
+  mgmt->version = g_version;
+  mgmt->proto_ver = g_proto_ver;
+  mgmt->uid_low = uid_low;
+  mgmt->uid_high = uid_high;
+  c2ms_mgmt_readhid(mgmt);
+  if (hid != nullptr) std::memcpy(mgmt->hid, hid, 20);
+
+  mgmt->nodes = sk_new(nullptr);
+  mgmt->sessions = sk_new(nullptr);
+  make_pools(mgmt);
+  for (const int number : {SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE, SIGTTIN}) signal(number, SIG_IGN);
+  StartProbe(mgmt->probe, 1);
+  diag_deliver();
+  return mgmt;
+}
+
+int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
+  if (mgmt == nullptr) return -1;
+  drain_callers(mgmt);
+  mgmt->resolver.stop();
+  StopProbe(mgmt->probe);
+  drop_pool(&mgmt->pack_pool);
+  drop_pool(&mgmt->unit_pool);
+  drop_pool(&mgmt->node_pool);
+  // The engine has stopped and the callers have left: nobody else is here any more.
+  while (c2ms_sess *sess = first_of<c2ms_sess>(mgmt->sess_lock, mgmt->sessions)) c2ms_sess_free(sess);
+  while (c2ms_node *node = first_of<c2ms_node>(mgmt->node_lock, mgmt->nodes)) c2ms_node_free(node);
+  sk_free(mgmt->nodes);
+  sk_free(mgmt->sessions);
+  drop_pool(&mgmt->sess_pool);
+  probe_cleanup(mgmt->probe);
+  conf_mgmt_cleanup(mgmt->conf);
+  destroy(mgmt);
+  diag_deliver();
+  return 0;
+}
+
+int c2ms_mgmt_readconf(c2ms_mgmt *mgmt) {
+  if (mgmt == nullptr) return -1;
+  const adif::Guard lock(mgmt->conf_lock);
+  if (is_regular_file(mgmt->conf_path)) {
+    conf_mgmt_cleanup(mgmt->conf);
+    mgmt->conf = conf_mgmt_init(mgmt->conf_path);
+  }
+  const char *const server = conf_get_string(mgmt->conf, section, "Entry Server");
+  mgmt->entry_server = server != nullptr && *server != '\0' ? server : g_entry_server;
+  const auto seconds = [mgmt](const char *key, int32_t fallback) REQUIRES(mgmt->conf_lock) {
+    return configured_seconds(mgmt->conf, key, fallback);
+  };
+  mgmt->build_tcp_max_time = seconds("Build TCP Max Time", build_tcp_max_time_s);
+  mgmt->conn_check_time = seconds("Cyclic Connection Check Time", conn_check_time_s);
+  mgmt->sess_check_time = seconds("Session Check Time", sess_check_time_s);
+  mgmt->speed_count_period = speed_count_period_ms;
+  return 0;
+}
+
+void *c2ms_mem_alloc(c2ms_mgmt *mgmt, int32_t size) {
+  if (mgmt == nullptr || size < 1) return nullptr;
+  void *block;
+  {
+    const adif::Guard lock(mgmt->mem_lock);
+    block = mem_unit_alloc(mgmt->mem, size);
+  }
+  if (block == nullptr) return kzalloc_dbg(size);
+  std::memset(block, 0, static_cast<size_t>(size));
+  return block;
+}
+
+int c2ms_mem_free(c2ms_mgmt *mgmt, void *ptr) {
+  if (mgmt == nullptr) return -1;
+  if (ptr == nullptr) return -2;
+  {
+    const adif::Guard lock(mgmt->mem_lock);
+    if (mem_unit_free(mgmt->mem, ptr) >= 0) return 0;
+  }
+  const auto *const byte = static_cast<const uint8_t *>(ptr);
+  const bool in_arena = byte >= mgmt->arena && byte < mgmt->arena + mgmt->mem_size;
+  if (!in_arena) kfree_dbg(ptr);  // a stray pointer into the arena is nobody's to free
+  return 0;
+}
+
+int32_t c2ms_mem_avail(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->mem_lock);
+  return static_cast<int32_t>(mem_unit_availsize(mgmt->mem));
+}
+
+std::string c2ms::entry_server(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->conf_lock);
+  return mgmt->entry_server;
+}

@@ -1,0 +1,341 @@
+// What arrives on a node's connection, and the life check. Part of c2ms_node.h.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "c2ms/c2ms_mgmt.h"
+#include "c2ms/c2ms_node.h"
+#include "c2ms/c2ms_node_obj.h"
+#include "c2ms/c2ms_pack.h"
+#include "c2ms/c2ms_pdu.h"
+#include "c2ms/c2ms_pump.h"
+#include "c2ms/c2ms_sess.h"
+#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_time.h"
+#include "c2ms/c2ms_unit.h"
+
+namespace {
+
+using namespace c2ms;
+
+// The body of a complete control response behind its result, deciphered when it must be. -1: it can't be.
+int body_of(c2ms_unit *unit, uint8_t (&scratch)[max_pdu_bytes], const uint8_t **body) {
+  constexpr int offset = pdu_header_bytes + 4;
+  const int length = static_cast<int>(unit->response.total_length) - offset;
+  return plain_body(unit->request, unit->response.result, bytePointer(unit->frame) + offset, length,
+                    scratch, body);
+}
+
+// The status that a server's answer means for the session. True: it refused, and the node is gone.
+bool refused(c2ms_sess *session, c2ms_node *node, uint32_t result) {
+  c2ms_sess_set_status(session, static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
+  if (result < 2) return false;
+  session->refused = true;
+  c2ms_node_close(node);
+  return true;
+}
+
+int check_response(const c2ms_sess *session, const c2ms_node *node, const c2ms_unit *unit) {
+  if (session == nullptr) return -1;
+  if (node == nullptr) return -2;
+  if (unit == nullptr) return -3;
+  if (session->mgmt == nullptr) return -4;
+  return unit->state == UNIT_END ? 0 : -100;
+}
+
+// Media nodes that never became ready make room for what a new list names.
+void replace_unready(c2ms_sess *session) {
+  std::vector<c2ms_node *> unready;
+  {
+    const adif::Guard lock(session->list_lock);
+    for (int i = 0; i < sk_num(session->node_list); ++i) {
+      auto *const node = static_cast<c2ms_node *>(sk_value(session->node_list, i));
+      if (node->state < C2MS_NODE_READY) unready.push_back(node);
+    }
+  }
+  for (c2ms_node *node : unready) c2ms_node_recycle(node);
+}
+
+void open_listed(c2ms_sess *session, const c2ms_node *sender, const list_entry &entry) {
+  const uint32_t ip = entry.address == 0 ? sender->ip : htonl(entry.address);
+  const uint32_t port = entry.port == 0 ? default_port : entry.port;
+  const uint32_t level = sender->level + 1;
+  uint8_t type = entry.type;
+  if (level > max_level) return;
+  // A server that has been asked for its list is not asked a second time.
+  if (c2ms_sess_server_lists(session, ip, port)) type &= static_cast<uint8_t>(~node_serves_list);
+  if ((type & (node_serves_list | node_serves_media)) == 0 && entry.type != 0) return;
+  const c2ms_node *const known = c2ms_sess_node_find(session, ip, port);
+  if (known != nullptr && known->state >= C2MS_NODE_READY && is_media(known)) return;
+  c2ms_node_open(session, nullptr, ip, port, type, entry.load, level);
+}
+
+// After a complete list: a media node goes on to the description, any other has done its work.
+int after_srvlist(c2ms_node *node) {
+  if (!is_media(node)) return c2ms_node_close(node);
+  c2ms_node_state_to(node, C2MS_NODE_READY);
+  if (node->session->desc_count > 0) return c2ms_node_download_start_dbg(node);
+  const int result = c2ms_node_desc_media(node);
+  if (result < 0) c2ms_node_retry(node);
+  return result;
+}
+
+int recv_control(c2ms_node *node, c2ms_unit *unit, bool list) {
+  bool closed = false;
+  const int result = c2ms_unit_recv_control(node, unit, GetDeviceFD(node->device), &closed);
+  if (result < 0) {
+    c2ms_node_retry(node);
+    return result;
+  }
+  if (unit->state != UNIT_END) return 0;
+  const int handled = list ? c2ms_node_recv_srvlist(node->session, node, unit, &closed)
+                           : c2ms_node_recv_descmedia(node->session, node, unit, &closed);
+  if (handled < 0) return handled;
+  if (closed) return c2ms_node_close(node);
+  if (list) return after_srvlist(node);
+  node->times = 0;
+  ++node->ready_times;
+  c2ms_node_state_to(node, C2MS_NODE_READY);
+  return c2ms_node_download_start_dbg(node);
+}
+
+// True when a node that has just finished a download should leave the session to faster ones.
+bool to_be_pruned(c2ms_node *node) {
+  c2ms_sess *const session = node->session;
+  const adif::Guard lock(session->list_lock);
+  sk_sort_by(session->node_list, c2ms_node_cmp_node_by_perf);
+  const c2ms_node *best = nullptr;
+  int usable = 0, place = 0;
+  for (int i = 0; i < sk_num(session->node_list); ++i) {
+    const auto *const other = static_cast<const c2ms_node *>(sk_value(session->node_list, i));
+    if (other == node) place = usable;
+    if (other->state < C2MS_NODE_READY) continue;
+    if (best == nullptr) best = other;
+    ++usable;
+  }
+  if (usable > wanted_media_nodes) return place >= wanted_media_nodes;
+  return usable >= 2 && best != node && node->perf.TN > prune_after_transfers &&
+         best->perf.AvgSpeed > prune_factor * node->perf.AvgSpeed;
+}
+
+int next_download(c2ms_node *node) {
+  if (node->state != C2MS_NODE_READY || !is_media(node)) return 0;
+  if (to_be_pruned(node)) return c2ms_node_close(node);
+  return c2ms_node_download_start_dbg(node);
+}
+
+int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
+  c2ms_node *const node = ref.node;
+  const int fd = GetDeviceFD(device);
+  c2ms_unit *unit;
+  int result;
+  bool complete;
+  {
+    // Taken inside the strand, so that nobody detaches the unit in between; held while the strand is left,
+    // so that the session's other nodes receive at the same time. The descriptor stays open: a device is
+    // closed by the thread that serves it, and that is this one.
+    const adif::Guard lock(node->download_lock);
+    unit = node->download_unit;
+    strand.pause();
+    result = c2ms_unit_recv(unit, fd);
+    complete = unit->state == UNIT_END;
+  }
+  if (result == 0 && !complete) return 0;
+  strand.resume();
+  if (!still_there(node->library, ref) || node->device != device) return -120;
+  if (result < 0) {
+    c2ms_node_retry(node);
+    return result;
+  }
+  const int handled = c2ms_node_recv_getmedia(node, unit);
+  return handled < 0 ? handled : next_download(node);
+}
+
+// Nothing was asked: silence is life, an end or an error is the end, a byte nobody asked for is a failure.
+int recv_idle(c2ms_node *node) {
+  uint8_t byte;
+  const ssize_t n = recv(GetDeviceFD(node->device), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return c2ms_node_download_start_dbg(node);
+  if (!is_media(node)) return c2ms_node_recycle(node);
+  return c2ms_node_retry(node);
+}
+
+bool has_download(c2ms_node *node) {
+  const adif::Guard lock(node->download_lock);
+  return node->download_unit != nullptr;
+}
+
+void restart_life_timer(c2ms_node *node) {
+  const auto period_ms = static_cast<uint32_t>(node->library->conn_check_time.load()) * 1000;
+  StopTimer(node->life_timer);
+  node->life_timer = StartTimer2(node->library->probe, period_ms, timer_node_life, node->node_id,
+                                 c2ms_pump, node->library);
+}
+
+// A server that owes an answer and has been silent for too long.
+bool stalled(const c2ms_node *node, int64_t now) {
+  const uint32_t state = node->state;
+  const bool owes = state == C2MS_NODE_WAITING_GETMEDIA_RESP ||
+                    state == C2MS_NODE_WAITING_DESCMEDIA_RESP ||
+                    state == C2MS_NODE_WAITING_SRVLIST_RESP;
+  return node->device == nullptr || (owes && now - node->last_active_us > stalled_us);
+}
+
+void account_stalled(c2ms_node *node) {
+  const adif::Guard lock(node->download_lock);
+  if (node->download_unit == nullptr) return;
+  c2ms_node_perf_statistic(node, node->download_unit);
+}
+
+// The pack of a transfer that takes longer than three round trips, or NULL.
+c2ms_pack *late_pack(c2ms_node *node, int64_t now) {
+  int64_t rtt_us;
+  {
+    const adif::Guard list(node->session->list_lock);
+    rtt_us = std::max(node->perf.AvgRTT, min_rtt_us);
+  }
+  const adif::Guard lock(node->download_lock);
+  c2ms_unit *const unit = node->download_unit;
+  if (unit == nullptr || node->state != C2MS_NODE_WAITING_GETMEDIA_RESP) return nullptr;
+  if (!is_set(unit->sent_time) || is_set(unit->end_time)) return nullptr;
+  if (now - to_us(unit->sent_time) <= 3 * rtt_us) return nullptr;
+  return c2ms_unit_verify(unit) != 0 ? unit->pack.load() : nullptr;
+}
+
+int check_list_node(c2ms_node *node, int64_t now) {
+  if (node->state != C2MS_NODE_WAITING_SRVLIST_RESP) return c2ms_node_close(node);
+  const int64_t allowed_us = int64_t{node->library->build_tcp_max_time} * 1'000'000;
+  if (now - to_us(node->srvlist_unit.sent_time) > allowed_us) return c2ms_node_retry(node);
+  restart_life_timer(node);
+  return 0;
+}
+
+}  // namespace
+
+int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
+  c2ms_node *const node = ref.node;
+  if (node->state == C2MS_NODE_WAITING_GETMEDIA_RESP && !has_download(node)) {
+    c2ms_node_state_to(node, C2MS_NODE_READY);
+  }
+  node->last_active_us = now_us();
+  switch (node->state) {
+    case C2MS_NODE_WAITING_SRVLIST_RESP:
+      return recv_control(node, &node->srvlist_unit, true);
+    case C2MS_NODE_WAITING_DESCMEDIA_RESP:
+      return recv_control(node, &node->descmedia_unit, false);
+    case C2MS_NODE_WAITING_GETMEDIA_RESP:
+      return recv_download(ref, device, strand);
+    default:
+      return recv_idle(node);
+  }
+}
+
+int c2ms_node_recv_srvlist(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
+  const int bad = check_response(session, node, unit);
+  if (bad != 0) return bad;
+  if (refused(session, node, unit->response.result)) return -200;
+  uint8_t scratch[max_pdu_bytes];
+  const uint8_t *body = nullptr;
+  const int length = body_of(unit, scratch, &body);
+  list_entry entries[max_list_entries];
+  const int count = length < 0 ? -1 : parse_server_list(body, length, entries);
+  if (count < 0) {
+    c2ms_node_retry(node);
+    return -300;
+  }
+  if (node->level == 0) replace_unready(session);
+  for (int i = 0; i < count; ++i) open_listed(session, node, entries[i]);
+  return 0;
+}
+
+int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
+  const int bad = check_response(session, node, unit);
+  if (bad != 0) return bad;
+  if (refused(session, node, unit->response.result)) return -200;
+  uint8_t scratch[max_pdu_bytes];
+  const uint8_t *body = nullptr;
+  const int length = body_of(unit, scratch, &body);
+  description media;
+  if (length < 0 || !parse_description(body, length, &media)) {
+    c2ms_node_retry(node);
+    return -300;
+  }
+  node->load = media.load;
+  if (session->desc_count == 0) {
+    std::memcpy(session->media_name, media.name, sizeof session->media_name);
+    session->media_size = media.size;
+    session->media_type = media.type;
+    session->idx_len = media.idx_len;
+    std::memcpy(session->idx_fid, media.idx_fid, sizeof media.idx_fid);
+    session->desc_count = 1;
+    wake_opener(session);
+  }
+  return 0;
+}
+
+int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
+  if (node == nullptr) return -1;
+  if (unit == nullptr) return -2;
+  if (unit->state != UNIT_END) return -100;
+  const uint32_t result = unit->response.result;
+  if (result != 0) {
+    c2ms_sess_set_status(node->session, static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
+    c2ms_node_download_end(node);
+    c2ms_node_close(node);
+    return -200;
+  }
+  c2ms_sess_set_status(node->session, 0);
+  c2ms_node_perf_statistic(node, unit);
+  node->load = unit->response.media_word;
+  const bool was_short = is_short_answer(*unit);
+  c2ms_node_download_end(node);
+  c2ms_node_state_to(node, C2MS_NODE_READY);
+  node->short_answers = was_short ? node->short_answers + 1 : 0;
+  if (node->short_answers >= max_short_answers) {
+    node->short_answers = 0;
+    c2ms_node_retry(node);
+    return -300;
+  }
+  if (!was_short) {
+    node->backoff_ms = 0;
+    node->retried = false;
+  }
+  return 0;
+}
+
+int c2ms_node_lifecheck(c2ms_node *node) {
+  if (node == nullptr) return -1;
+  const int64_t now = now_us();
+  if (!is_media(node)) return check_list_node(node, now);
+  if (node->state <= C2MS_NODE_DISCONNECTED) return 0;
+  restart_life_timer(node);
+  if (stalled(node, now)) {
+    account_stalled(node);
+    return c2ms_node_retry(node);
+  }
+  if (node->state >= C2MS_NODE_READY && now - node->ready_since_us > settled_us) {
+    node->backoff_ms = 0;
+    node->retried = false;
+  }
+  c2ms_pack *const late = late_pack(node, now);
+  if (late != nullptr) c2ms_pack_redownload(late, 2, now);
+  return 0;
+}
+
+c2ms::usable_nodes c2ms::find_usable(c2ms_sess *sess) {
+  usable_nodes found{nullptr, 0};
+  const adif::Guard lock(sess->list_lock);
+  sk_sort_by(sess->node_list, c2ms_node_cmp_node_by_perf);
+  for (int i = 0; i < sk_num(sess->node_list); ++i) {
+    auto *const node = static_cast<c2ms_node *>(sk_value(sess->node_list, i));
+    if (node->state < C2MS_NODE_READY) continue;
+    if (found.best == nullptr) found.best = node;
+    ++found.count;
+  }
+  return found;
+}

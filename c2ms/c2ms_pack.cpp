@@ -1,0 +1,156 @@
+#include "c2ms/c2ms_pack.h"
+
+#include <algorithm>
+
+#include "adif/kalloc.h"
+#include "c2ms/c2ms_cache.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_strand.h"
+
+namespace {
+
+void reset(c2ms_pack *pack) REQUIRES(pack->lock) {
+  pack->unit_count = 0;
+  pack->index = -1;
+  pack->state = pack_idle;
+  pack->flag = 0;
+  pack->len = 0;
+  pack->late_since_us = 0;
+  pack->not_before_us = 0;
+}
+
+// A unit that still waits for a node will be the help that is asked for.
+bool has_unsent_unit(const c2ms_pack *pack) REQUIRES(pack->lock) {
+  return std::any_of(pack->units, pack->units + pack->unit_count,
+                     [](const c2ms_unit *unit) { return unit->state == UNIT_INIT; });
+}
+
+}  // namespace
+
+int c2ms_pack_init(c2ms_pack *pack) {
+  if (pack == nullptr) return -1;
+  c2ms::construct_once(pack);
+  const adif::Guard lock(pack->lock);
+  reset(pack);
+  pack->cache = nullptr;
+  pack->slot = -1;
+  pack->buf = nullptr;
+  pack->size = 0;
+  return 0;
+}
+
+c2ms_pack *c2ms_pack_fetch(c2ms_cache *cache, int32_t slot, uint8_t *buf, int32_t size) {
+  if (cache == nullptr) return nullptr;
+  int status = 0;
+  auto *pack = static_cast<c2ms_pack *>(blockFetchUnit(cache->session->mgmt->pack_pool, &status));
+  if (pack == nullptr) {
+    pack = static_cast<c2ms_pack *>(kzalloc_dbg(sizeof(c2ms_pack)));
+    if (c2ms_pack_init(pack) != 0) return nullptr;
+  }
+  // Under its lock: a unit that has just lost the record may still look at it.
+  const adif::Guard lock(pack->lock);
+  pack->cache = cache;
+  pack->slot = slot;
+  pack->buf = buf;
+  pack->size = size;
+  return pack;
+}
+
+int c2ms_pack_recycle(c2ms_mgmt *mgmt, c2ms_pack *pack) {
+  if (pack == nullptr) return -1;
+  if (mgmt == nullptr || mgmt->pack_pool == nullptr) return c2ms_pack_free(pack);
+  return recycleUnit(mgmt->pack_pool, pack);
+}
+
+int c2ms_pack_free(c2ms_pack *pack) {
+  if (pack == nullptr) return -1;
+  pack->~c2ms_pack();
+  kfree_dbg(pack);
+  return 0;
+}
+
+void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) { pack->state = state; }
+
+void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index) {
+  c2ms_cache_wake_reader_of(pack->cache, index, INT32_MAX);
+}
+
+int c2ms_pack_bind_unit(c2ms_pack *pack, c2ms_unit *unit) {
+  const auto end = pack->units + pack->unit_count;
+  if (std::find(pack->units, end, unit) != end) return -100;
+  if (pack->unit_count >= c2ms::max_units_per_pack) return -200;
+  pack->units[pack->unit_count++] = unit;
+  return 0;
+}
+
+int c2ms_pack_unbind_unit(c2ms_pack *pack, c2ms_unit *unit) {
+  const auto end = pack->units + pack->unit_count;
+  const auto found = std::find(pack->units, end, unit);
+  if (found == end) return 0;
+  std::copy(found + 1, end, found);
+  --pack->unit_count;
+  return 1;
+}
+
+void c2ms_pack_unbind_all(c2ms_pack *pack) {
+  for (int32_t i = 0; i < pack->unit_count; ++i) pack->units[i]->pack.store(nullptr);
+  pack->unit_count = 0;
+}
+
+void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index) {
+  const adif::Guard lock(pack->lock);
+  c2ms_pack_unbind_all(pack);
+  reset(pack);
+  pack->index = index;
+}
+
+void c2ms_pack_release_unit(c2ms_unit *unit) {
+  c2ms_pack *const pack = unit->pack.load();
+  if (pack == nullptr) return;
+  c2ms_cache *cache;
+  int32_t index;
+  {
+    const adif::Guard lock(pack->lock);
+    if (unit->pack.load() != pack) return;  // the cache was faster
+    unit->pack.store(nullptr);
+    c2ms_pack_unbind_unit(pack, unit);
+    if (pack->unit_count > 0 || pack->state == pack_ready) return;
+    c2ms_pack_state_to(pack, pack_idle);
+    cache = pack->cache;
+    index = pack->index;
+  }
+  c2ms_cache_note_idle(cache, index);
+  c2ms_cache_wake_reader_of(cache, index, INT32_MAX);
+  c2ms::mark_dispatch_due(cache->session);
+}
+
+int c2ms_pack_redownload(c2ms_pack *pack, int, int64_t) {
+  if (pack == nullptr) return -1;
+  c2ms_cache *cache;
+  uint8_t flag;
+  {
+    const adif::Guard lock(pack->lock);
+    if (pack->state == pack_ready || pack->state == pack_idle) return 0;
+    if (pack->unit_count >= c2ms::max_units_per_pack || has_unsent_unit(pack)) return 0;
+    cache = pack->cache;
+    flag = pack->flag;
+  }
+  c2ms_range want;
+  if (!c2ms_cache_range_of(cache, pack, &want) || !want.redundant) return 0;
+  want.flag = flag;
+  return c2ms_sess_unit_issue(cache->session, want, pack);
+}
+
+uint8_t *c2ms_pack_buf(c2ms_pack *pack) { return pack == nullptr ? nullptr : pack->buf; }
+
+int32_t c2ms_pack_size(c2ms_pack *pack) {
+  if (pack == nullptr) return 0;
+  const adif::Guard lock(pack->lock);
+  return pack->size;
+}
+
+int32_t c2ms_pack_len(c2ms_pack *pack) {
+  if (pack == nullptr) return 0;
+  const adif::Guard lock(pack->lock);
+  return pack->len;
+}

@@ -1,0 +1,403 @@
+// The records of the session core, which point at each other, with the lock that guards each group of
+// fields. Everybody in this folder includes it; what may be done with a record stands in its module's header.
+//
+// Records are pooled: their memory lives until the management context is cleaned, so that a stale pointer
+// reads a record and never freed memory. Locks and events are made once with a record and survive recycling.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "adif/bmempool.h"
+#include "adif/confile.h"
+#include "adif/frame.h"
+#include "adif/lock.h"
+#include "adif/memunit.h"
+#include "adif/stack.h"
+#include "adif/sync.h"
+#include "c2ms/c2ms_limits.h"
+#include "c2ms/c2ms_strand.h"
+#include "c2ms/c2ms_worker.h"
+#include "eprobe/probe.h"
+
+struct c2ms_mgmt;
+struct c2ms_sess;
+struct c2ms_node;
+struct c2ms_unit;
+struct c2ms_pack;
+struct c2ms_cache;
+
+namespace c2ms {
+
+// Lock ranks, outermost first: a thread takes a lock only while all that it holds rank lower.
+enum rank : uint8_t {
+  rank_read_gate = 1,
+  rank_strand,
+  rank_download,
+  rank_node_state,
+  rank_counters,
+  rank_node_list,
+  rank_unit_queue,
+  rank_cache,
+  rank_pack,
+  rank_speed,
+  rank_pdu_id,
+  rank_registry,
+  rank_memory,
+};
+
+/// First member of each pooled record: tells a record whose locks exist from fresh zeroed memory.
+struct pooled {
+  uint32_t constructed;
+};
+
+/// Makes the record in fresh (zeroed) pool memory on first use; later uses keep locks and events.
+template <class Record>
+void construct_once(Record *record) {
+  // Read through a volatile word: the object does not exist yet when the memory is fresh.
+  if (*reinterpret_cast<const volatile uint32_t *>(record) != 0) return;
+  new (record) Record();
+  record->mark.constructed = 1;
+}
+
+}  // namespace c2ms
+
+enum c2ms_node_state : uint32_t {
+  C2MS_NODE_NULL = 0,
+  C2MS_NODE_DISCONNECTED = 1,
+  C2MS_NODE_CONNECTING = 2,
+  C2MS_NODE_CONNECTED = 3,
+  C2MS_NODE_WAITING_SRVLIST_RESP = 4,
+  C2MS_NODE_WAITING_DESCMEDIA_RESP = 5,
+  C2MS_NODE_READY = 6,
+  C2MS_NODE_WAITING_GETMEDIA_RESP = 7,
+};
+
+enum c2ms_unit_state : uint8_t {
+  UNIT_NULL = 0,
+  UNIT_INIT = 1,
+  UNIT_SENT = 2,
+  UNIT_GETHDR = 3,
+  UNIT_GETBODY = 4,
+  UNIT_GETPAYLOAD = 5,
+  UNIT_END = 10,
+};
+
+enum c2ms_pack_state : uint8_t { pack_idle = 0, pack_requested = 1, pack_receiving = 2, pack_ready = 3 };
+
+/// One message of the wire protocol, as fields (c2ms_pdu.h).
+struct c2ms_pdu {
+  uint32_t total_length;
+  uint32_t command_id;
+  uint32_t sequence_id;
+  uint16_t prot_version;
+  uint32_t client_version;  // of a request
+  uint32_t result;          // of a response
+  char local_ip[16];
+  uint8_t hid[20];
+  uint64_t uid;
+  uint8_t auth[16];
+  int64_t stamp;
+  uint32_t keyid;
+  uint8_t fid[16];
+  uint64_t range_offset;
+  uint32_t range_length;
+  uint8_t range_flag;
+  // Fixed part of a media response.
+  uint16_t media_word;  // the node's load
+  uint64_t media_position;
+  uint32_t media_aux;
+  uint32_t payload_length;
+  uint8_t payload_flag;
+
+  uint8_t key[8];  // enciphers the answer to this request
+  c2ms_sess *session;
+};
+
+/// One request and its response on a node: control exchanges (embedded in nodes) and range downloads.
+/// A unit belongs to the queue (unit lock), to a node (its download lock) or to the strand; `pack` alone is
+/// also written by the cache, under that pack's lock, and is compared again under it before use.
+struct c2ms_unit {
+  c2ms::pooled mark{};
+  uint32_t unit_id = 0;
+  std::atomic<uint8_t> state{UNIT_NULL};
+  uint8_t is_download = 0;
+  uint8_t fid[16]{};
+  uint64_t range_offset = 0;
+  uint32_t range_length = 0;
+  uint8_t range_flag = 0;
+  int32_t pack_index = -1;
+  uint32_t generation = 0;  // of the cache when the unit was issued
+  c2ms_pdu request{};
+  uint8_t request_bytes[c2ms::request_buffer_bytes]{};
+  uint32_t request_length = 0;
+  c2ms_pdu response{};
+  frame_t *frame = nullptr;
+  std::atomic<int32_t> received{0};
+  std::atomic<c2ms_pack *> pack{nullptr};
+  timeval sent_time{}, first_time{}, end_time{};
+  uint32_t node_id = 0;
+  c2ms_node *node = nullptr;
+  uint32_t session_id = 0;
+  c2ms_sess *session = nullptr;
+  c2ms_mgmt *library = nullptr;
+};
+
+/// One slot of the ring.
+struct c2ms_pack {
+  c2ms::pooled mark{};
+  adif::Mutex lock{c2ms::rank_pack};
+  // Fixed while the pack belongs to a cache.
+  c2ms_cache *cache = nullptr;
+  int32_t slot = -1;
+  uint8_t *buf = nullptr;
+  // Guarded by lock.
+  int32_t size GUARDED_BY(lock) = 0;
+  c2ms_unit *units[8] GUARDED_BY(lock) = {};
+  int32_t unit_count GUARDED_BY(lock) = 0;
+  int32_t index GUARDED_BY(lock) = -1;
+  uint8_t state GUARDED_BY(lock) = pack_idle;
+  uint8_t flag GUARDED_BY(lock) = 0;
+  int32_t len GUARDED_BY(lock) = 0;
+  int64_t late_since_us GUARDED_BY(lock) = 0;  // a reader has waited since then without progress; 0: none
+  int64_t not_before_us GUARDED_BY(lock) = 0;  // an idle pack is not asked for again before this
+};
+
+/// A session's ring of packs; embedded in the session record.
+///
+///   media packs:   0 1 2 [3 4 5 6 7 8 9 10] 11 12 ...      packnum 8, reserve 1
+///                         ^first_index       ^first_index + packnum (exclusive)
+///   slots:         media pack i lies in slot i mod packnum: 8 9 10 3 4 5 6 7
+///                         read_index is 4: one pack is kept behind it, six lie ahead
+struct c2ms_cache {
+  adif::Mutex lock{c2ms::rank_cache};
+  // Guarded by lock; the pack list and what depends on the buffer change under the read gate too.
+  uint8_t fid[17]{};
+  uint64_t base_offset GUARDED_BY(lock) = 0;
+  uint8_t range_flag GUARDED_BY(lock) = 0;
+  uint8_t *buffer GUARDED_BY(lock) = nullptr;
+  int32_t buffer_size GUARDED_BY(lock) = 0;
+  int32_t used_size GUARDED_BY(lock) = 0;
+  pointer_stack *packs = nullptr;
+  int32_t reserve GUARDED_BY(lock) = 0;
+  int32_t last_pack_len GUARDED_BY(lock) = 0;
+  uint64_t read_pos GUARDED_BY(lock) = 0;
+  int32_t read_index GUARDED_BY(lock) = 0;
+  int32_t max_first GUARDED_BY(lock) = 0;
+  int32_t buffering_size GUARDED_BY(lock) = 0;
+  int32_t buffering_packs GUARDED_BY(lock) = 0;
+  int32_t read_calls GUARDED_BY(lock) = 0;
+  int32_t short_reads GUARDED_BY(lock) = 0;
+  // Written under lock; read without it where a second look under a pack's lock follows.
+  uint64_t media_size = 0;
+  std::atomic<int32_t> packsize{c2ms::default_pack_bytes};
+  std::atomic<int32_t> packnum{0};
+  std::atomic<int32_t> total_packs{0};
+  std::atomic<int32_t> first_index{0};
+  int32_t idle_from GUARDED_BY(lock) = 0;  // no pack from read_index up to here is idle
+  std::atomic<uint32_t> generation{0};  // of file and buffer: a unit of another one delivers nothing
+  std::atomic<uint32_t> seek_count{0};  // a reader that finds it changed ends with what it has
+  // The waiting reader: it publishes what it needs, and whoever makes that true counts up and signals.
+  struct event *event = nullptr;
+  std::atomic<uint32_t> wake_count{0};
+  std::atomic<int32_t> want_index{-1};
+  std::atomic<int32_t> want_len{0};
+  uint32_t session_id = 0;
+  c2ms_sess *session = nullptr;
+};
+
+/// Running statistics of a media node's transfers (c2ms_node_obj.h). Guarded by the session's list lock.
+struct c2ms_node_perf {
+  int32_t TN;
+  int64_t RTT, AccRTT, AvgRTT;
+  int64_t AccTime, AccBytes;
+  double Speed, AvgSpeed;
+};
+
+/// One connection of a session to one server. Fields without a guard named belong to the session's strand.
+struct c2ms_node {
+  c2ms::pooled mark{};
+  uint32_t level = 0;
+  uint16_t load = 0;
+  uint8_t type = 0;
+  uint32_t node_id = 0;
+  adif::Mutex state_lock{c2ms::rank_node_state};
+  std::atomic<uint32_t> state{C2MS_NODE_NULL};  // written under state_lock
+  uint32_t ip = 0;                              // network order
+  uint32_t port = 0;
+  char host[64]{};
+  int32_t times = 0;
+  int32_t ready_times = 0;
+  rac_connection *device = nullptr;
+  rac_timer *connect_timer = nullptr;
+  rac_timer *life_timer = nullptr;
+  std::atomic<int64_t> last_active_us{0};
+  c2ms_unit srvlist_unit, descmedia_unit;
+  adif::Mutex download_lock{c2ms::rank_download};
+  c2ms_unit *download_unit GUARDED_BY(download_lock) = nullptr;
+  c2ms_node_perf perf{};
+  uint32_t session_id = 0;
+  c2ms_sess *session = nullptr;
+  c2ms_mgmt *library = nullptr;
+  // The brake on reconnecting.
+  uint32_t backoff_ms = 0;
+  bool retried = false;  // the attempt at once has been used
+  int64_t ready_since_us = 0;
+  int short_answers = 0;
+};
+
+/// A server that an entry server named.
+struct c2ms_server {
+  uint32_t addr;
+  uint32_t port;
+  char name[64];
+  uint8_t type;
+  uint32_t count;
+};
+
+enum class c2ms_life : int { pooled = 0, live, closing };
+
+/// One opened URL. Fields without a guard named belong to the strand, or are written once while opening.
+struct c2ms_sess {
+  c2ms::pooled mark{};
+  std::atomic<uint32_t> sess_id{0};
+  int32_t open_pending = 0;
+  uint8_t url_type = 0;
+  char hid_text[21]{};
+  char url[512]{};
+  uint8_t url_parsed = 0;
+  const char *scheme = nullptr;
+  int32_t scheme_len = 0;
+  char host[64]{};
+  uint32_t host_len = 0;
+  uint32_t port = c2ms::default_port;
+  const char *path = nullptr;
+  int32_t path_len = 0;
+  const char *query = nullptr;
+  int32_t query_len = 0;
+  uint8_t fid[17]{}, auth[17]{};
+  uint32_t stamp = 0, keyid = 0;
+  std::atomic<int32_t> status{0};
+  std::atomic<uint8_t> hook_registered{0};
+  struct event *event = nullptr;
+  std::atomic<uint32_t> wake_count{0};
+
+  // Media description: written in the strand before desc_count becomes 1, constant afterwards.
+  char media_name[37]{};
+  uint64_t media_size = 0;
+  uint8_t media_type = 0;
+  uint8_t idx_fid[17]{};
+  uint32_t idx_len = 0;
+  std::atomic<uint32_t> desc_count{0};
+  std::atomic<uint32_t> seek_num{0};
+
+  // Speed statistics.
+  adif::Mutex speed_lock{c2ms::rank_speed};
+  uint64_t total_bytes GUARDED_BY(speed_lock) = 0;
+  uint64_t recv_time GUARDED_BY(speed_lock) = 0;
+  uint64_t window_bytes GUARDED_BY(speed_lock) = 0;
+  int64_t stats_us GUARDED_BY(speed_lock) = 0;
+  int64_t window_us GUARDED_BY(speed_lock) = 0;
+  double realtime_speed GUARDED_BY(speed_lock) = 0;
+  uint64_t cache_limit = 0;
+  rac_timer *speed_timer = nullptr;
+
+  adif::Mutex pdu_lock{c2ms::rank_pdu_id};
+  uint32_t next_pdu_id GUARDED_BY(pdu_lock) = 1;
+
+  // Units waiting for a node, by offset.
+  adif::Mutex unit_lock{c2ms::rank_unit_queue};
+  pointer_stack *units GUARDED_BY(unit_lock) = nullptr;
+  std::atomic<int32_t> unit_num{0};  // their number, for a look without the lock
+
+  // Nodes. The counters follow the nodes' states (c2ms_node_state_to).
+  c2ms_node *entry_node = nullptr;
+  int64_t entry_step_us = 0;  // when the entry exchange made its last step
+  bool lookup_pending = false;
+  bool refused = false;       // a server refused while the media was not described
+  adif::Mutex counter_lock{c2ms::rank_counters};
+  std::atomic<int32_t> ready_num{0};     // written under counter_lock
+  std::atomic<int32_t> active_num{0};    // written under counter_lock
+  std::atomic<int32_t> has_active{0};    // written under counter_lock
+  std::atomic<int64_t> active_us{0};     // when has_active last changed
+  int32_t download_num GUARDED_BY(counter_lock) = 0;
+  int64_t download_start_us GUARDED_BY(counter_lock) = 0;
+  int64_t reopened_us = 0;
+  adif::Mutex list_lock{c2ms::rank_node_list};
+  pointer_stack *node_index GUARDED_BY(list_lock) = nullptr;  // every node, by address and port
+  pointer_stack *node_list GUARDED_BY(list_lock) = nullptr;   // media nodes, best first after a sort
+  pointer_stack *server_list GUARDED_BY(list_lock) = nullptr;
+
+  // Cache.
+  c2ms_cache cache_record;
+  std::atomic<c2ms_cache *> cache{nullptr};  // &cache_record once set up
+  void *cache_buf = nullptr;                 // changed under the read gate
+  int32_t cache_buf_size = 0;
+  adif::Gate read_gate{c2ms::rank_read_gate};
+
+  rac_timer *check_timer = nullptr;
+  int64_t open_time = 0, close_time = 0;  // seconds
+  uint8_t token[8]{};
+  c2ms_mgmt *mgmt = nullptr;
+  rac_core *probe = nullptr;
+
+  // Life (c2ms_strand.h).
+  c2ms::Strand strand;
+  std::atomic<c2ms_life> life{c2ms_life::pooled};
+  std::atomic<int32_t> calls{0};  // player's calls inside
+  std::atomic<bool> dispatch_due{false};
+};
+
+/// The root object.
+struct c2ms_mgmt {
+  // Configuration; the periods are words of their own that any thread may read.
+  adif::Mutex conf_lock{c2ms::rank_registry};
+  std::string entry_server GUARDED_BY(conf_lock);
+  std::atomic<int32_t> build_tcp_max_time{c2ms::build_tcp_max_time_s};
+  std::atomic<int32_t> conn_check_time{c2ms::conn_check_time_s};
+  std::atomic<int32_t> sess_check_time{c2ms::sess_check_time_s};
+  std::atomic<int32_t> speed_count_period{c2ms::speed_count_period_ms};
+  uint32_t version = 0;
+  uint16_t proto_ver = 0;
+  char des_key[9]{};
+  char conf_path[64]{};
+  conf_mgmt *conf GUARDED_BY(conf_lock) = nullptr;
+  uint32_t oemid = 0, vendorid = 0;
+  int32_t build_time = 0;
+  uint32_t perf_server_ip = 0;
+  uint32_t uid_low = 0, uid_high = 0;
+
+  // Identity: written once, found later when no network was up at the start.
+  adif::Mutex identity_lock{c2ms::rank_registry};
+  uint8_t hid[21]{};
+  char local_ip_text[16]{};
+  uint32_t local_ip = 0;
+  int64_t identity_asked_us GUARDED_BY(identity_lock) = 0;
+
+  adif::Mutex node_lock{c2ms::rank_registry};
+  uint32_t next_node_id GUARDED_BY(node_lock) = 1;
+  pointer_stack *nodes GUARDED_BY(node_lock) = nullptr;
+  adif::Mutex sess_lock{c2ms::rank_registry};
+  uint32_t next_sess_id GUARDED_BY(sess_lock) = 1;
+  pointer_stack *sessions GUARDED_BY(sess_lock) = nullptr;
+  adif::Mutex unit_lock{c2ms::rank_registry};
+  uint32_t next_unit_id GUARDED_BY(unit_lock) = 1;
+
+  block_pool *sess_pool = nullptr, *node_pool = nullptr, *unit_pool = nullptr, *pack_pool = nullptr;
+  adif::Mutex mem_lock{c2ms::rank_memory};
+  mem_unit *mem = nullptr;
+  int32_t mem_size = 0;
+  uint8_t *arena = nullptr;
+  rac_core *probe = nullptr;
+
+  c2ms::Worker resolver{"c2ms-resolver"};  // looks names up for sessions that reopen by themselves
+
+  std::atomic<bool> closing{false};
+  std::atomic<int32_t> calls{0};  // opens under way
+};

@@ -1,0 +1,291 @@
+#include "c2ms/c2ms_sess.h"
+
+#include <arpa/inet.h>
+#include <strings.h>
+
+#include <cstring>
+#include <string>
+
+#include "adif/tsock.h"
+#include "c2ms/c2ms_diag.h"
+#include "c2ms/c2ms_mgmt.h"
+#include "c2ms/c2ms_node.h"
+#include "c2ms/c2ms_pump.h"
+#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_time.h"
+#include "c2ms/c2ms_url.h"
+
+namespace {
+
+using namespace c2ms;
+
+struct code_text {
+  int32_t code;
+  const char *text;
+};
+
+constexpr code_text error_texts[] = {
+    {C2MS_OK, "OK"},
+    {C2MS_INVALID_PARAMETER, "Invalid Parameter"},
+    {C2MS_INVALID_URL, "Invalid URL"},
+    {C2MS_UNSUPPORTED_SCHEME, "Unsupported URL Scheme"},
+    {C2MS_NO_MEMORY, "Memory allocation error"},
+    {C2MS_ENTRY_UNAVAILABLE, "Entry Server unavailable"},
+    {C2MS_CLOSED, "Session closed"},
+    {C2MS_OPEN_TIMEOUT, "Session open timeout"},
+    {C2MS_MEDIA_NOT_EXIST, "Media not exist"},
+    {C2MS_UNAUTHORIZED, "User unauthorized"},
+    {C2MS_AUTH_FAILED, "Authenticate failed"},
+    {C2MS_IN_DEBT, "User in debt"},
+    {C2MS_CACHING, "Net data caching"},
+};
+
+int32_t status_of(int32_t code) {
+  switch (code) {
+    case 10:
+      return C2MS_MEDIA_NOT_EXIST;
+    case 20:
+      return C2MS_UNAUTHORIZED;
+    case 30:
+      return C2MS_AUTH_FAILED;
+    case 40:
+      return C2MS_IN_DEBT;
+    case 400:
+      return C2MS_ENTRY_UNAVAILABLE;
+    default:
+      return 0;
+  }
+}
+
+// Opens under way keep c2ms_mgmt_clean from going on.
+class OpenGuard {
+ public:
+  explicit OpenGuard(c2ms_mgmt *mgmt) : mgmt_(mgmt) { mgmt_->calls.fetch_add(1); }
+  ~OpenGuard() {
+    diag_deliver();
+    mgmt_->calls.fetch_sub(1);
+  }
+  OpenGuard(const OpenGuard &) = delete;
+  OpenGuard &operator=(const OpenGuard &) = delete;
+
+ private:
+  c2ms_mgmt *const mgmt_;
+};
+
+bool set_scheme(c2ms_sess *sess) {
+  constexpr int32_t scheme_length = 7;
+  if (sess->scheme_len != scheme_length) return false;
+  if (strncasecmp(sess->scheme, "kesp://", scheme_length) == 0) sess->url_type = 1;
+  if (strncasecmp(sess->scheme, "kedp://", scheme_length) == 0) sess->url_type = 2;
+  return sess->url_type != 0;
+}
+
+int32_t take_url(c2ms_sess *sess, const char *url) {
+  const StrandGuard strand(sess);
+  std::strncpy(sess->url, url, sizeof sess->url - 1);
+  sess->url[sizeof sess->url - 1] = '\0';
+  sess->url_parsed = 0;
+  if (c2ms_sess_url_parse(sess) < 0) return C2MS_INVALID_URL;
+  c2ms_sess_para_parse(sess);
+  return set_scheme(sess) ? 0 : C2MS_UNSUPPORTED_SCHEME;
+}
+
+int32_t start_opening(c2ms_sess *sess, uint32_t address) {
+  const StrandGuard strand(sess);
+  const int64_t now = now_us();
+  sess->open_pending = 1;
+  sess->open_time = now / 1'000'000;
+  {
+    const adif::Guard lock(sess->speed_lock);
+    sess->stats_us = sess->window_us = now;
+  }
+  sess->active_us = now;
+  sess->reopened_us = now;
+  return start_entry_exchange(sess, address) == 0 ? 0 : C2MS_ENTRY_UNAVAILABLE;
+}
+
+bool has_nodes(c2ms_sess *sess) {
+  const adif::Guard lock(sess->list_lock);
+  return sk_num(sess->node_index) > 0;
+}
+
+bool closing(const c2ms_sess *sess) {
+  return sess->life.load() != c2ms_life::live || sess->mgmt->closing.load();
+}
+
+// Waits for the first description. 0, or what ends the open.
+int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
+  int timeouts = 0;
+  auto tick = steady::now() + std::chrono::seconds(1);
+  for (;;) {
+    const uint32_t seen = sess->wake_count.load();
+    if (sess->desc_count != 0) return 0;
+    if (closing(sess)) return C2MS_CLOSED;
+    if (const int32_t status = sess->status; status != 0) return status;
+    if (!has_nodes(sess)) return C2MS_OPEN_TIMEOUT;  // nobody is left who could describe the media
+    const auto changed = [&] { return sess->wake_count.load() != seen; };
+    if (WaitEventUntil(sess->event, tick, changed)) continue;
+    tick += std::chrono::seconds(1);
+    if (cb != nullptr && cb() < 0) return C2MS_UNAUTHORIZED;
+    if (++timeouts > open_timeouts) return C2MS_OPEN_TIMEOUT;
+  }
+}
+
+int hook_check(void *sess, int) { return c2ms_sess_dispatch_check(static_cast<c2ms_sess *>(sess)); }
+
+int hook_dispatch(void *sess, int) { return c2ms_sess_dispatch(static_cast<c2ms_sess *>(sess)); }
+
+void start_playing(c2ms_sess *sess) {
+  const StrandGuard strand(sess);
+  sess->open_pending = 0;
+  if (sess->hook_registered == 0) {
+    RegisterHook(sess->probe, hook_check, sess, hook_dispatch, sess);
+    sess->hook_registered = 1;
+  }
+  c2ms_sess_start_check_timer(sess);
+  c2ms_sess_start_speed_timer(sess);
+}
+
+int32_t open_in(c2ms_sess *sess, const char *url, int32_t (*cb)(void)) {
+  if (const int32_t bad = take_url(sess, url); bad != 0) return bad;
+  const uint32_t address = resolve_entry(sess);
+  if (address == 0) return C2MS_ENTRY_UNAVAILABLE;
+  if (const int32_t bad = start_opening(sess, address); bad != 0) return bad;
+  diag_deliver();
+  const int32_t result = wait_described(sess, cb);
+  if (result == 0) {
+    start_playing(sess);
+  } else {
+    sess->status = result;
+  }
+  return result;
+}
+
+uint32_t lookup(const char *host) {
+  const uint32_t address = sock_get_hostip(host);
+  return address == SOCK_NO_ADDRESS ? 0 : address;
+}
+
+rac_timer *start_timer(c2ms_sess *sess, uint32_t msec, uint32_t command) {
+  return StartTimer2(sess->probe, msec, command, sess->sess_id, c2ms_pump, sess->mgmt);
+}
+
+}  // namespace
+
+c2ms_sess *c2ms_sess_open(c2ms_mgmt *mgmt, const char *url, int32_t *err) {
+  return c2ms_sess_open1(mgmt, url, err, nullptr);
+}
+
+c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err, int32_t (*cb)(void)) {
+  int32_t ignored;
+  int32_t &error = err != nullptr ? *err : ignored;
+  error = 0;
+  if (mgmt == nullptr) {
+    error = C2MS_INVALID_PARAMETER;
+    return nullptr;
+  }
+  if (url == nullptr || std::strlen(url) < 8) {
+    error = C2MS_INVALID_URL;
+    return nullptr;
+  }
+  const OpenGuard guard(mgmt);
+  if (mgmt->closing) {
+    error = C2MS_CLOSED;
+    return nullptr;
+  }
+  c2ms_sess *const sess = c2ms_sess_fetch(mgmt);
+  if (sess == nullptr) {
+    error = C2MS_NO_MEMORY;
+    return nullptr;
+  }
+  error = open_in(sess, url, cb);
+  if (error == 0) return sess;
+  sess->life = c2ms_life::closing;
+  c2ms_sess_recycle(sess);
+  return nullptr;
+}
+
+int c2ms_sess_reopen(c2ms_sess *sess) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  const uint32_t address = resolve_entry(sess);
+  const StrandGuard strand(sess);
+  return start_entry_exchange(sess, address);
+}
+
+int c2ms_sess_close(c2ms_sess *sess) {
+  if (sess == nullptr) return -1;
+  c2ms_life live = c2ms_life::live;
+  if (!sess->life.compare_exchange_strong(live, c2ms_life::closing)) return 0;
+  wait_idle(sess);
+  const int result = c2ms_sess_recycle(sess);
+  diag_deliver();
+  return result;
+}
+
+const char *c2ms_sess_error(int32_t code) {
+  for (const code_text &entry : error_texts) {
+    if (entry.code == code) return entry.text;
+  }
+  return "";
+}
+
+int c2ms_sess_set_status(c2ms_sess *sess, int32_t code) {
+  if (sess == nullptr) return -1;
+  const int32_t status = status_of(code);
+  // A plain success on top of a success is nobody's news, and there is one for each transfer.
+  if (sess->status.exchange(status) == 0 && status == 0) return 0;
+  wake_opener(sess);
+  if (status != 0) c2ms_cache_wake(sess->cache.load());
+  return 0;
+}
+
+void c2ms_sess_start_speed_timer(c2ms_sess *sess) {
+  const auto period_ms = static_cast<uint32_t>(sess->mgmt->speed_count_period.load());
+  sess->speed_timer = start_timer(sess, period_ms, timer_speed_count);
+}
+
+void c2ms_sess_start_check_timer(c2ms_sess *sess) {
+  const auto period_ms = static_cast<uint32_t>(sess->mgmt->sess_check_time.load()) * 1000;
+  sess->check_timer = start_timer(sess, period_ms, timer_sess_check);
+}
+
+uint32_t c2ms::resolve_entry(c2ms_sess *sess) {
+  const uint32_t address = sock_get_hostip(sess->host);
+  if (address == SOCK_NO_ADDRESS) return 0;
+  return address != 0 ? address : lookup(entry_server(sess->mgmt).c_str());
+}
+
+int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
+  if (sess->entry_node != nullptr) return 0;
+  c2ms_sess_server_clear(sess);
+  sess->open_pending = 1;
+  sess->reopened_us = now_us();
+  if (address == 0) return -100;
+  sess->entry_node =
+      c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
+  return sess->entry_node != nullptr ? 0 : -100;
+}
+
+void c2ms::reopen_later(c2ms_sess *sess) {
+  in_addr address{};
+  if (inet_pton(AF_INET, sess->host, &address) == 1 && address.s_addr != 0) {
+    start_entry_exchange(sess, address.s_addr);
+    return;
+  }
+  if (sess->lookup_pending) return;
+  c2ms_mgmt *const mgmt = sess->mgmt;
+  const uint32_t id = sess->sess_id;
+  sess->lookup_pending = mgmt->resolver.post([mgmt, id, host = std::string(sess->host)] {
+    uint32_t found = sock_get_hostip(host.c_str());
+    if (found == 0) found = lookup(entry_server(mgmt).c_str());
+    c2ms_sess *const again = c2ms_sess_get(mgmt, id);
+    if (again == nullptr) return;
+    const StrandGuard strand(again);
+    if (!still_open(again, id)) return;
+    again->lookup_pending = false;
+    start_entry_exchange(again, found == SOCK_NO_ADDRESS ? 0 : found);
+  });
+}

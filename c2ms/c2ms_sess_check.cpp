@@ -1,0 +1,54 @@
+// The periodic session check. Part of c2ms_pump.h.
+#include <algorithm>
+
+#include "c2ms/c2ms_cache.h"
+#include "c2ms/c2ms_mgmt.h"
+#include "c2ms/c2ms_node.h"
+#include "c2ms/c2ms_pump.h"
+#include "c2ms/c2ms_sess.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_time.h"
+
+namespace {
+
+using namespace c2ms;
+
+// One more connection to the best server, while fewer than four are usable.
+void grow(c2ms_sess *sess) {
+  const usable_nodes usable = find_usable(sess);
+  const int all = c2ms_sess_node_num(sess);
+  if (usable.best == nullptr || all >= wanted_media_nodes) return;
+  const c2ms_node *const best = usable.best;
+  c2ms_node_open(sess, best->host, best->ip, best->port, node_serves_media, 0, best->level);
+}
+
+bool servers_lost(c2ms_sess *sess) {
+  if (sess->desc_count == 0) return false;
+  if (c2ms_sess_node_num(sess) < 1) return true;
+  const int64_t since = std::max(sess->active_us.load(), sess->reopened_us);
+  return sess->has_active == 0 && now_us() - since > reopen_after_us;
+}
+
+void rearm_nodes(c2ms_sess *sess) {
+  const adif::Guard lock(sess->list_lock);
+  for (int i = 0; i < sk_num(sess->node_list); ++i) {
+    rearm_retry(static_cast<c2ms_node *>(sk_value(sess->node_list, i)));
+  }
+}
+
+}  // namespace
+
+int c2ms_sess_check(c2ms_sess *sess) {
+  if (sess == nullptr) return -1;
+  if (sess->mgmt == nullptr) return -2;
+  grow(sess);
+  rearm_nodes(sess);
+  if (servers_lost(sess)) reopen_later(sess);
+  if (sess->active_num > 0 && sess->desc_count > 0) {
+    c2ms_cache *const cache = sess->cache.load();
+    if (cache != nullptr) c2ms_cache_note_idle(cache, 0);
+    c2ms_cache_download_all(cache);
+  }
+  c2ms_sess_start_check_timer(sess);
+  return 0;
+}

@@ -1,0 +1,209 @@
+// The player's data calls: each counts itself into the session, takes the read gate where it must and goes
+// to the cache. Described in c2ms.h.
+#include <algorithm>
+#include <cstring>
+
+#include "adif/strutil.h"
+#include "c2ms.h"
+#include "c2ms/c2ms_cache.h"
+#include "c2ms/c2ms_mgmt.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_time.h"
+
+namespace {
+
+using namespace c2ms;
+
+constexpr auto no_limit = steady::time_point::max();
+
+class GateGuard {
+ public:
+  GateGuard(c2ms_sess *sess, steady::time_point deadline) NO_THREAD_SAFETY_ANALYSIS
+      : gate_(sess->read_gate),
+        entered_(gate_.enter_until(deadline)) {}
+  ~GateGuard() NO_THREAD_SAFETY_ANALYSIS {
+    if (entered_) gate_.leave();
+  }
+  GateGuard(const GateGuard &) = delete;
+  GateGuard &operator=(const GateGuard &) = delete;
+  explicit operator bool() const { return entered_; }
+
+ private:
+  adif::Gate &gate_;
+  const bool entered_;
+};
+
+// A reader that waits gives way to who wants to change file or buffer.
+void interrupt_reader(c2ms_cache *cache) {
+  if (cache == nullptr) return;
+  cache->seek_count.fetch_add(1);
+  c2ms_cache_wake(cache);
+}
+
+void hex_text(const uint8_t *id, char *out) {
+  if (out == nullptr) return;
+  bin_to_ascii(id, 16, out, nullptr);
+  out[32] = '\0';
+}
+
+int select_file(c2ms_sess *sess, const uint8_t *fid, uint64_t base_offset, uint64_t size) {
+  c2ms_cache *const cache = sess->cache.load();
+  if (cache == nullptr) return -2;
+  interrupt_reader(cache);
+  int result;
+  {
+    const GateGuard gate(sess, no_limit);
+    result = c2ms_cache_setfile(cache, fid, base_offset, size, 0);
+  }
+  c2ms_sess_unit_purge(sess);
+  c2ms_cache_download_all(cache);
+  dispatch_if_due(sess);
+  return result;
+}
+
+int32_t usable_buffer_size(int32_t free_bytes, int32_t pack_size) { return free_bytes / pack_size * pack_size; }
+
+int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
+  const GateGuard gate(sess, no_limit);
+  // The old buffer goes back before the free size is taken.
+  c2ms_cache_clean(sess->cache.load());
+  if (sess->cache_buf != nullptr) c2ms_mem_free(sess->mgmt, sess->cache_buf);
+  sess->cache_buf_size = usable_buffer_size(c2ms_mem_avail(sess->mgmt), pack_size);
+  sess->cache_buf = c2ms_mem_alloc(sess->mgmt, sess->cache_buf_size);
+  c2ms_cache *cache = sess->cache.load();
+  if (cache == nullptr) {
+    cache = c2ms_cache_init(sess);
+    sess->cache = cache;
+  }
+  const int result = c2ms_cache_setbuf(cache, static_cast<uint8_t *>(sess->cache_buf),
+                                       sess->cache_buf_size, pack_size);
+  const double capacity = static_cast<double>(c2ms_cache_packnum(cache)) * c2ms_cache_packsize(cache);
+  sess->cache_limit = static_cast<uint64_t>(capacity * 0.9);
+  return result;
+}
+
+bool divides(int32_t pack_size, uint64_t size) {
+  return size != 0 && size % static_cast<uint64_t>(pack_size) == 0;
+}
+
+}  // namespace
+
+int c2ms_sess_cache_init(c2ms_sess *sess, int32_t pack_size) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  if (sess->mgmt == nullptr) return -2;
+  interrupt_reader(sess->cache.load());
+  const int result = set_up_cache(sess, std::max(pack_size, min_pack_bytes));
+  c2ms_sess_unit_purge(sess);
+  return result;
+}
+
+int c2ms_sess_attr(c2ms_sess *sess, char *fid_text, char *name, uint64_t *size, uint8_t *type) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  hex_text(sess->fid, fid_text);
+  if (name != nullptr) std::memcpy(name, sess->media_name, sizeof sess->media_name);
+  if (size != nullptr) *size = sess->media_size;
+  if (type != nullptr) *type = sess->media_type;
+  return 0;
+}
+
+int c2ms_sess_idxfile(c2ms_sess *sess, char *idx_text, uint32_t *len) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  hex_text(sess->idx_fid, idx_text);
+  if (len != nullptr) *len = sess->idx_len;
+  return sess->idx_len != 0 ? 1 : 0;
+}
+
+int32_t c2ms_sess_pack_size(c2ms_sess *sess, int32_t wanted) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  constexpr int32_t step = min_pack_bytes;
+  constexpr int32_t largest = INT32_MAX / step * step;
+  // Multiples of the step above a file's size divide it no more, so the search is short; only files
+  // that are multiples of many page counts need a look beyond a few steps.
+  int64_t size = std::max<int64_t>((int64_t{std::max(wanted, step)} + step - 1) / step * step, step);
+  for (; size <= largest; size += step) {
+    const auto candidate = static_cast<int32_t>(size);
+    if (!divides(candidate, sess->media_size) && !divides(candidate, sess->idx_len)) return candidate;
+  }
+  // No multiple of the step serves: any odd size near the wanted one that does.
+  int32_t odd = std::max(wanted, step) | 1;
+  while (divides(odd, sess->media_size) || divides(odd, sess->idx_len)) odd -= 2;
+  return odd;
+}
+
+int c2ms_sess_set_media(c2ms_sess *sess, int which, uint64_t base_offset, uint64_t size) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  if (which == 0) return select_file(sess, sess->fid, base_offset, size);
+  if (sess->idx_len == 0) return -100;
+  return select_file(sess, sess->idx_fid, base_offset, size);
+}
+
+int c2ms_sess_range(c2ms_sess *sess, uint64_t base_offset, uint64_t size) {
+  return c2ms_sess_set_media(sess, 0, base_offset, size);
+}
+
+int c2ms_sess_seek(c2ms_sess *sess, uint64_t pos) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  c2ms_cache *const cache = sess->cache.load();
+  if (cache == nullptr) return -2;
+  sess->seek_num.fetch_add(1);
+  const int result = c2ms_cache_seek(cache, pos);
+  dispatch_if_due(sess);
+  return result;
+}
+
+int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  c2ms_cache *const cache = sess->cache.load();
+  if (cache == nullptr) return -2;
+  const GateGuard gate(sess, nonblock != 0 ? steady::time_point::min() : no_limit);
+  if (!gate) return 0;
+  return c2ms_cache_read(cache, buf, len, nonblock);
+}
+
+int c2ms_sess_recv(c2ms_sess *sess, void *buf, int32_t len, int32_t timeout_ms) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  c2ms_cache *const cache = sess->cache.load();
+  if (cache == nullptr) return -2;
+  const auto deadline = steady::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
+  const GateGuard gate(sess, deadline);
+  if (!gate) return 0;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now());
+  return c2ms_cache_recv(cache, buf, len, static_cast<int32_t>(std::max<int64_t>(left.count(), 0)));
+}
+
+int c2ms_sess_buffering(c2ms_sess *sess, int32_t bytes) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  c2ms_cache *const cache = sess->cache.load();
+  return cache == nullptr ? -2 : c2ms_cache_buffering_size(cache, bytes);
+}
+
+int c2ms_sess_bufratio(c2ms_sess *sess, int32_t *ratio) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  c2ms_cache *const cache = sess->cache.load();
+  if (cache == nullptr) return -2;
+  if (ratio == nullptr) return -3;
+  const int result = c2ms_cache_buffering_ratio(cache, ratio);
+  if (result < 0) return result;
+  const bool stalled = sess->has_active == 0 && now_us() - sess->active_us > ratio_stalled_us;
+  return stalled ? -400 : 0;
+}

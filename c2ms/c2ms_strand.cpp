@@ -1,0 +1,113 @@
+#include "c2ms/c2ms_strand.h"
+
+#include "adif/check.h"
+#include "c2ms/c2ms_diag.h"
+#include "c2ms/c2ms_records.h"
+#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/c2ms_sess_sched.h"
+
+namespace c2ms {
+
+namespace {
+
+// A dispatch that makes no headway must not hold the strand: the rest is done at its next leave.
+constexpr int max_dispatch_rounds = 16;
+
+// The hook's dispatch must not drive the hook again.
+thread_local bool driving_hook = false;
+
+bool run_due_dispatches(c2ms_sess *sess) {
+  bool any = false;
+  for (int round = 0; round < max_dispatch_rounds; ++round) {
+    if (!sess->dispatch_due.exchange(false)) break;
+    if (sess->life.load() != c2ms_life::live) break;
+    if (c2ms_sess_dispatch_check(sess) > 0) {
+      c2ms_sess_dispatch(sess);
+      any = true;
+    }
+  }
+  return any;
+}
+
+void drive_hook(rac_core *core) {
+  if (driving_hook || core == nullptr) return;
+  driving_hook = true;
+  DrivePump(core);
+  driving_hook = false;
+}
+
+}  // namespace
+
+void Strand::enter() {
+  if (mine()) {
+    ++depth_;
+    return;
+  }
+  adif::rank_enter(rank_strand);
+  mutex_.lock();
+  owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  depth_ = 1;
+}
+
+void Strand::leave() {
+  if (--depth_ > 0) return;
+  owner_.store(std::thread::id(), std::memory_order_relaxed);
+  mutex_.unlock();
+  adif::rank_leave(rank_strand);
+}
+
+StrandGuard::StrandGuard(c2ms_sess *sess) : sess_(sess) { sess_->strand.enter(); }
+
+StrandGuard::~StrandGuard() {
+  if (paused_) {
+    dispatch_if_due(sess_);
+    return;
+  }
+  if (!sess_->strand.outermost()) {
+    sess_->strand.leave();
+    return;
+  }
+  const bool dispatched = run_due_dispatches(sess_);
+  rac_core *const core = sess_->probe;
+  sess_->strand.leave();
+  diag_deliver();
+  if (dispatched) drive_hook(core);
+}
+
+void StrandGuard::pause() {
+  adif::check(sess_->strand.outermost(), "sess->strand.outermost()", "c2ms/c2ms_strand");
+  paused_ = true;
+  sess_->strand.leave();
+}
+
+void StrandGuard::resume() {
+  sess_->strand.enter();
+  paused_ = false;
+}
+
+CallGuard::CallGuard(c2ms_sess *sess) : sess_(sess) {
+  sess_->calls.fetch_add(1);
+  entered_ = sess_->life.load() == c2ms_life::live && !sess_->mgmt->closing.load();
+}
+
+CallGuard::~CallGuard() {
+  diag_deliver();
+  sess_->calls.fetch_sub(1);
+}
+
+void mark_dispatch_due(c2ms_sess *sess) { sess->dispatch_due.store(true); }
+
+void dispatch_if_due(c2ms_sess *sess) {
+  if (!sess->dispatch_due.load() || sess->strand.mine()) return;
+  const StrandGuard strand(sess);
+}
+
+bool still_open(const c2ms_sess *sess, uint32_t sess_id) {
+  return sess->sess_id.load() == sess_id && sess->life.load() == c2ms_life::live;
+}
+
+bool still_there(c2ms_mgmt *mgmt, const node_ref &ref) {
+  return still_open(ref.sess, ref.sess_id) && c2ms_node_get(mgmt, ref.node_id) == ref.node;
+}
+
+}  // namespace c2ms

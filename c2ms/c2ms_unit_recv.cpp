@@ -1,0 +1,226 @@
+// Reception of responses: header, body, payload. Part of c2ms_unit.h.
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "adif/tsock.h"
+#include "c2ms/c2ms_cache.h"
+#include "c2ms/c2ms_pack.h"
+#include "c2ms/c2ms_pdu.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_time.h"
+#include "c2ms/c2ms_unit.h"
+
+namespace {
+
+using namespace c2ms;
+
+constexpr uint32_t control_response_bytes = 18;  // header and result
+constexpr uint32_t media_response_bytes = 37;    // and the fixed part
+
+int fail(c2ms_unit *unit, int result) {
+  unit->state = UNIT_INIT;
+  return result;
+}
+
+// Reads until the frame holds `wanted` bytes. False: the peer is gone.
+bool fill_frame(c2ms_unit *unit, int fd, int wanted) {
+  const int missing = wanted - frameLength(unit->frame);
+  if (missing <= 0) return true;
+  int got = 0;
+  const int result = frame_tcp_nb_receive2(fd, &unit->frame, missing, &got);
+  if (got > 0) c2ms_sess_recv_byte(unit->session, got);
+  return result >= 0;
+}
+
+// A refusal may end behind its result; a media answer without its fixed part has no payload to read.
+uint32_t least_length(const c2ms_pdu &response) {
+  const bool media = response.command_id == C2MS_GET_MEDIA_RESP;
+  return media && response.result == 0 ? media_response_bytes : control_response_bytes;
+}
+
+int check_header(const c2ms_unit &unit) {
+  const c2ms_pdu &response = unit.response;
+  if (response.total_length > max_pdu_bytes || response.total_length < control_response_bytes) {
+    return unit_oversized;
+  }
+  if (response.command_id != (unit.request.command_id | 0x80000000u)) return unit_wrong_command;
+  if (response.sequence_id != unit.request.sequence_id) return unit_wrong_sequence;
+  if (response.prot_version != unit.request.prot_version) return unit_wrong_command;
+  return 0;
+}
+
+void decode(c2ms_unit *unit) {
+  c2ms_pdu_decode(&unit->response, bytePointer(unit->frame), frameLength(unit->frame));
+}
+
+// Header and body. 1: the PDU is whole; 0: more must come; negative: failed.
+int receive_pdu(c2ms_unit *unit, int fd) {
+  if (unit->state == UNIT_SENT && !is_set(unit->first_time)) unit->first_time = now_tv();
+  const int header = static_cast<int>(pdu_header_bytes);
+  if (frameLength(unit->frame) < header) {
+    unit->state = UNIT_GETHDR;
+    if (!fill_frame(unit, fd, header)) return fail(unit, unit_socket_failed);
+    if (frameLength(unit->frame) < header) return 0;
+    decode(unit);
+    const int bad = check_header(*unit);
+    if (bad != 0) return fail(unit, bad);
+  }
+  const int whole = static_cast<int>(unit->response.total_length);
+  if (frameLength(unit->frame) < whole) {
+    unit->state = UNIT_GETBODY;
+    if (!fill_frame(unit, fd, whole)) return fail(unit, unit_socket_failed);
+    if (frameLength(unit->frame) < whole) return 0;
+    decode(unit);
+    if (unit->response.total_length < least_length(unit->response)) return fail(unit, unit_oversized);
+    if (unit->response.payload_length > unit->range_length) return fail(unit, unit_bad_payload);
+  }
+  return 1;
+}
+
+void finish(c2ms_unit *unit) {
+  unit->end_time = now_tv();
+  unit->state = UNIT_END;
+}
+
+// The pack has all that it asked for: it is ready, and other units on it discard what they get.
+void complete_pack(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
+  pack->flag = unit->response.payload_flag;
+  c2ms_pack_state_to(pack, pack_ready);
+  c2ms_pack_unbind_all(pack);
+}
+
+// The answer ended before the range did: what came may be read, the pack is asked for again.
+void complete_short(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
+  c2ms_pack_unbind_unit(pack, unit);
+  unit->pack.store(nullptr);
+  if (pack->unit_count > 0) return;
+  c2ms_pack_state_to(pack, pack_idle);
+}
+
+enum class slice { more, nothing, done, lost_pack, failed };
+
+// Receives up to one slice into the pack. The pack's lock is held throughout, so that a range that moves
+// on can never get bytes of the old one.
+slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd) {
+  const auto payload = static_cast<int32_t>(unit->response.payload_length);
+  int32_t index, len;
+  bool idle = false;
+  slice outcome = slice::more;
+  {
+    const adif::Guard lock(pack->lock);
+    if (!c2ms_unit_verify_in(unit, pack)) return slice::lost_pack;
+    if (pack->state == pack_requested) c2ms_pack_state_to(pack, pack_receiving);
+    const int32_t received = unit->received;
+    const int32_t room = std::min(payload, pack->size) - received;
+    int got = 0;
+    if (room > 0) {
+      unit->state = UNIT_GETPAYLOAD;
+      const int wanted = std::min<int>(room, receive_slice_bytes);
+      const int result = tcp_nb_receive(fd, pack->buf + received, wanted, &got);
+      unit->received = received + got;
+      if (got > 0) {
+        pack->len = std::max(pack->len, received + got);
+        pack->late_since_us = 0;
+      }
+      if (result < 0 && received + got < payload) outcome = slice::failed;
+      if (got < wanted && outcome != slice::failed) outcome = slice::nothing;
+    }
+    index = pack->index;
+    len = pack->len;
+    if (unit->received >= payload && outcome != slice::failed) {
+      outcome = slice::done;
+      if (payload >= pack->size && payload > 0) {
+        complete_pack(unit, pack);
+      } else {
+        if (pack->size == 0) pack->not_before_us = now_us() + empty_pack_pause_us;
+        complete_short(unit, pack);
+        idle = pack->state == pack_idle;
+      }
+      len = INT32_MAX;  // whatever the reader waits for, it must look
+    }
+    if (got > 0) c2ms_sess_recv_byte(unit->session, got);
+  }
+  if (idle) c2ms_cache_note_idle(pack->cache, index);
+  c2ms_cache_wake_reader_of(pack->cache, index, len);
+  return outcome;
+}
+
+slice discard(c2ms_unit *unit, int fd) {
+  uint8_t nowhere[16 * 1024];
+  unit->state = UNIT_GETPAYLOAD;
+  const auto payload = static_cast<int32_t>(unit->response.payload_length);
+  int32_t budget = receive_slice_bytes;
+  while (unit->received < payload && budget > 0) {
+    const int wanted = std::min<int>(payload - unit->received, sizeof nowhere);
+    int got = 0;
+    const int result = tcp_nb_receive(fd, nowhere, wanted, &got);
+    unit->received += got;
+    budget -= got;
+    if (got > 0) c2ms_sess_recv_byte(unit->session, got);
+    if (result < 0 && unit->received < payload) return slice::failed;
+    if (got < wanted) break;
+  }
+  if (unit->received >= payload) return slice::done;
+  return budget > 0 ? slice::nothing : slice::more;
+}
+
+slice receive_slice(c2ms_unit *unit, int fd) {
+  c2ms_pack *const pack = unit->pack.load();
+  if (pack != nullptr) {
+    const slice outcome = receive_into_pack(unit, pack, fd);
+    if (outcome != slice::lost_pack) return outcome;
+    c2ms_pack_release_unit(unit);
+  }
+  return discard(unit, fd);
+}
+
+bool peer_has_closed(int fd) {
+  uint8_t byte;
+  const ssize_t n = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR);
+}
+
+}  // namespace
+
+int c2ms_unit_recv_control(c2ms_node *node, c2ms_unit *unit, int fd, bool *closed_flag) {
+  if (node == nullptr) return -1;
+  if (unit == nullptr) return -2;
+  node->last_active_us = now_us();
+  const int result = receive_pdu(unit, fd);
+  if (result < 0) {
+    *closed_flag = true;
+    return result;
+  }
+  if (result == 0) return 0;
+  finish(unit);
+  *closed_flag = peer_has_closed(fd);
+  return 0;
+}
+
+int c2ms_unit_recv(c2ms_unit *unit, int fd) {
+  if (unit == nullptr) return -1;
+  if (unit->state != UNIT_GETPAYLOAD) {
+    const int result = receive_pdu(unit, fd);
+    if (result <= 0) return result;
+    if (unit->response.result != 0) {
+      finish(unit);  // a refusal has no payload
+      return 0;
+    }
+  }
+  for (int i = 0; i < slices_per_event; ++i) {
+    switch (receive_slice(unit, fd)) {
+      case slice::done:
+        finish(unit);
+        return 0;
+      case slice::nothing:
+        return 0;
+      case slice::failed:
+        return fail(unit, unit_socket_failed);
+      default:
+        break;
+    }
+  }
+  return 0;
+}
