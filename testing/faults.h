@@ -69,10 +69,10 @@ struct fault {
 
 /// What --help tells about one kind.
 struct fault_info {
-  fault_kind kind;
   std::string_view name;  ///< as in the enumeration
-  uint8_t on;             ///< fault_target bits of the exchanges it can belong to
   std::string_view help;
+  fault_kind kind;
+  uint8_t on;  ///< fault_target bits of the exchanges it can belong to
 };
 
 /// Every kind but `none`, in the order of the enumeration.
@@ -84,8 +84,12 @@ const fault_info &fault_describe(fault_kind kind);
 /// The exchanges that `order` really belongs to.
 uint8_t fault_targets(const fault &order);
 
-/// A fault from text "KIND[:N][,value=V][,ms=M][,from=K][,on=list|desc|media][,node=I]"; N is the
-/// count. `node` gets I, -1 (every node) without it. Empty result: the text is wrong; `error` says
+/// Stands for all media nodes where fault_parse tells a node; -1 is the entry, as in
+/// media_server.h.
+inline constexpr int every_node = -2;
+
+/// A fault from text "KIND[:N][,value=V][,ms=M][,from=K][,on=list|desc|media][,node=I|entry]"; N is
+/// the count. `node` gets I, every_node without it. Empty result: the text is wrong; `error` says
 /// why.
 std::optional<fault> fault_parse(std::string_view text, int *node, std::string *error);
 

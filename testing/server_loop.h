@@ -95,7 +95,7 @@ class server_loop {
   void run(const std::function<void()> &job);
 
   // What follows is for jobs.
-  server_node &node(int index) { return nodes_[static_cast<size_t>(index + 1)]; }
+  server_node &node(int index) { return nodes_[static_cast<size_t>(index) + 1]; }
   std::deque<server_node> &nodes() { return nodes_; }
   void kill(server_node &n, bool reset);
   void revive(server_node &n);

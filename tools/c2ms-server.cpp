@@ -31,7 +31,7 @@ struct settings {
   server_options server;
   std::vector<std::string> paths;
   std::vector<generated_file> generated;
-  std::vector<std::pair<int, fault>> faults;  ///< with the node, -1: every node
+  std::vector<std::pair<int, fault>> faults;  ///< with the node
   std::vector<double> rates;
   std::vector<int> delays;
 };
@@ -49,7 +49,7 @@ void print_help() {
       "  --encipher          encipher server lists and descriptions\n"
       "  --any-auth          do not check auth, stamp and keyid of requests\n"
       "  --generated NAME:SIZE  a file of generated content; sizes take k, M and G too\n"
-      "  --fault KIND[:N][,value=V][,ms=M][,from=K][,on=list|desc|media][,node=I]\n"
+      "  --fault KIND[:N][,value=V][,ms=M][,from=K][,on=list|desc|media][,node=I|entry]\n"
       "                      misbehave N times (default: always), from the K-th request on, at\n"
       "                      node I (default: the entry for faults of lists, else every node);\n"
       "                      may be repeated\n"
@@ -104,7 +104,7 @@ generated_file parse_generated(std::string_view text) {
 }
 
 std::pair<int, fault> parse_fault(std::string_view text) {
-  int node = -1;
+  int node = every_node;
   std::string error;
   const std::optional<fault> order = fault_parse(text, &node, &error);
   if (!order) usage_error("--fault: " + error);
@@ -183,9 +183,10 @@ void apply_to_nodes(settings &s) {
   for (const auto &[index, order] : s.faults) {
     if (index >= s.server.nodes) usage_error("--fault: no node " + std::to_string(index));
     const bool of_lists = fault_targets(order) == on_srvlist;
-    if (index < 0 && of_lists) s.server.entry.faults.push_back(order);
+    if (index == entry_server || (index == every_node && of_lists))
+      s.server.entry.faults.push_back(order);
     for (int i = 0; i < s.server.nodes; ++i)
-      if (index == i || (index < 0 && !of_lists))
+      if (index == i || (index == every_node && !of_lists))
         s.server.node[static_cast<size_t>(i)].faults.push_back(order);
   }
 }

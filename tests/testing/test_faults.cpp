@@ -425,7 +425,9 @@ TEST(Faults, AreReadFromText) {
   EXPECT_EQ(order->on, on_media | on_desc);
   EXPECT_EQ(node, 1);
   ASSERT_TRUE(fault_parse("mute", &node, &error));
-  EXPECT_EQ(node, -1);
+  EXPECT_EQ(node, every_node);
+  ASSERT_TRUE(fault_parse("mute,node=entry", &node, &error));
+  EXPECT_EQ(node, entry_server);
   for (const char *wrong :
        {"", "none", "mut", "mute:", "mute:x", "mute:-1", "mute,ms", "mute,ms=-1", "mute,from=0",
         "mute,on=all", "mute,value=1 ", "mute,", "mute,a=1", "mute:99999999999"}) {
