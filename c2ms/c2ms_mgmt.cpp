@@ -154,9 +154,9 @@ int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
   // The engine has stopped and the callers have left: nobody else is here any more.
   while (c2ms_sess *sess = first_of<c2ms_sess>(mgmt->sess_lock, mgmt->sessions)) c2ms_sess_free(sess);
   while (c2ms_node *node = first_of<c2ms_node>(mgmt->node_lock, mgmt->nodes)) c2ms_node_free(node);
+  drop_pool(&mgmt->sess_pool);
   sk_free(mgmt->nodes);
   sk_free(mgmt->sessions);
-  drop_pool(&mgmt->sess_pool);
   probe_cleanup(mgmt->probe);
   conf_mgmt_cleanup(mgmt->conf);
   destroy(mgmt);

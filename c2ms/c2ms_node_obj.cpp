@@ -104,6 +104,8 @@ int c2ms_node_recycle(c2ms_node *node) {
   if (session->entry_node == node) session->entry_node = nullptr;
   c2ms_node_download_exit(node);
   if (session->desc_count == 0) c2ms::wake_opener(session);  // was it the last one?
+  node->session = nullptr;
+  node->library = nullptr;
   if (mgmt->node_pool == nullptr) return c2ms_node_free(node);
   recycleUnit(mgmt->node_pool, node);
   return 0;

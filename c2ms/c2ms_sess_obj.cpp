@@ -1,10 +1,12 @@
 #include "c2ms/c2ms_sess_obj.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
 #include "adif/kalloc.h"
+#include "adif/strutil.h"
 #include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_mgmt.h"
 #include "c2ms/c2ms_node_obj.h"
@@ -128,6 +130,17 @@ void free_stacks(c2ms_sess *sess) {
   }
 }
 
+// An id of printable characters is its own text; of any other the first ten bytes are shown.
+void set_hid_text(c2ms_sess *sess, const uint8_t (&hid)[20]) {
+  std::memset(sess->hid_text, 0, sizeof sess->hid_text);
+  const bool printable = std::all_of(hid, hid + 20, [](uint8_t c) { return c >= ' ' && c < 127; });
+  if (printable) {
+    std::memcpy(sess->hid_text, hid, sizeof hid);
+  } else {
+    bin_to_ascii(hid, 10, sess->hid_text, nullptr);
+  }
+}
+
 }  // namespace
 
 c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt) {
@@ -143,7 +156,7 @@ c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt) {
   sess->probe = mgmt->probe;
   sess->sess_id = c2ms_sessid(mgmt);
   const identity who = current_identity(mgmt);
-  std::memcpy(sess->hid_text, who.hid, sizeof who.hid);
+  set_hid_text(sess, who.hid);
   uint8_t digest[16];
   c2ms_sess_random(sess, digest);
   std::memcpy(sess->token, digest, sizeof sess->token);
@@ -181,7 +194,7 @@ int c2ms_sess_recycle(c2ms_sess *sess) {
 
 int c2ms_sess_free(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
-  if (unregister(sess)) release_contents(sess, c2ms_node_free);
+  if (sess->life != c2ms_life::pooled && unregister(sess)) release_contents(sess, c2ms_node_free);
   free_stacks(sess);
   sk_free(sess->cache_record.packs);
   DestroyEvent(sess->cache_record.event);
