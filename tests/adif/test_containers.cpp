@@ -1,0 +1,399 @@
+// Pointer stack, list and hash table against the standard containers, step by step.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "adif/dlist.h"
+#include "adif/hashtab.h"
+#include "adif/kalloc.h"
+#include "adif/stack.h"
+#include "model.h"
+
+namespace {
+
+constexpr int kSteps = 100000;
+
+using Elements = std::vector<void *>;
+using StackPtr = std::unique_ptr<pointer_stack, decltype([](pointer_stack *sk) { sk_free(sk); })>;
+using ListPtr = std::unique_ptr<lt_list, decltype([](lt_list *list) { lt_free(list); })>;
+using TablePtr = std::unique_ptr<hash_table, decltype([](hash_table *table) { ht_free(table); })>;
+
+Elements content(const pointer_stack *sk) {
+  return Elements(sk->data, sk->data + sk->num);
+}
+
+// Forwards, after a check of the backward links.
+Elements content(const lt_list *list) {
+  Elements forward, backward;
+  for (lt_node *n = lt_first(list); n != nullptr; n = lt_get_next(n)) forward.push_back(n->element);
+  for (lt_node *n = lt_last(list); n != nullptr; n = lt_get_prev(n)) backward.push_back(n->element);
+  std::reverse(backward.begin(), backward.end());
+  EXPECT_EQ(forward, backward);
+  EXPECT_EQ(lt_num(list), static_cast<int>(forward.size()));
+  return forward;
+}
+
+bool less(const void *a, const void *b) {
+  return by_key(a, b) < 0;
+}
+
+Elements matches(const Elements &model, const void *key) {
+  Elements found;
+  std::copy_if(model.begin(), model.end(), std::back_inserter(found),
+               [key](const void *p) { return by_key(p, key) == 0; });
+  return found;
+}
+
+template <class Removed>
+void *erase_at(Elements *model, Removed at) {
+  if (at < 0 || at >= static_cast<Removed>(model->size())) return nullptr;
+  void *const p = (*model)[static_cast<size_t>(at)];
+  model->erase(model->begin() + at);
+  return p;
+}
+
+int insert_at(Elements *model, void *p, int at) {
+  const int size = static_cast<int>(model->size());
+  model->insert(at < 0 || at > size ? model->end() : model->begin() + at, p);
+  return size + 1;
+}
+
+class StackModel : public testing::Test {
+ protected:
+  void step() {
+    void *const p = &elements_[static_cast<size_t>(random_.below(64))];
+    const int size = static_cast<int>(model_.size());
+    const int loc = random_.below(size + 4) - 2;
+    switch (random_.below(size > 40 ? 14 : 11)) {
+      case 0:
+      case 1:
+        ASSERT_EQ(sk_insert(sk_.get(), p, loc), insert_at(&model_, p, loc));
+        break;
+      case 2:
+        ASSERT_EQ(sk_push(sk_.get(), p), insert_at(&model_, p, -1));
+        break;
+      case 3:
+        ASSERT_EQ(sk_unshift(sk_.get(), p), insert_at(&model_, p, 0));
+        break;
+      case 4:
+        ASSERT_EQ(sk_value(sk_.get(), loc),
+                  loc >= 0 && loc < size ? model_[static_cast<size_t>(loc)] : nullptr);
+        break;
+      case 5:
+        if (sk_set(sk_.get(), loc, p) != nullptr) model_[static_cast<size_t>(loc)] = p;
+        sk_->sorted = 0;
+        break;
+      case 6:
+        search(p);
+        break;
+      case 7:
+        ordered(p);
+        break;
+      case 8:
+        ASSERT_EQ(sk_delete_ptr(sk_.get(), p),
+                  erase_at(&model_, std::find(model_.begin(), model_.end(), p) - model_.begin()));
+        break;
+      case 9:
+        find(p);
+        break;
+      case 10:
+        ASSERT_EQ(sk_shift(sk_.get()), erase_at(&model_, 0));
+        break;
+      case 11:
+        ASSERT_EQ(sk_pop(sk_.get()), erase_at(&model_, size - 1));
+        break;
+      default:
+        ASSERT_EQ(sk_delete(sk_.get(), loc), erase_at(&model_, loc));
+        break;
+    }
+    ASSERT_EQ(content(sk_.get()), model_);
+    ASSERT_LT(sk_->num, sk_->num_alloc);
+    ASSERT_TRUE(sk_->sorted == 0 || std::is_sorted(model_.begin(), model_.end(), less));
+  }
+
+  // Sorting may put equals in any order: the model follows what is a sorted permutation.
+  void follow_sort() {
+    Elements now = content(sk_.get());
+    ASSERT_TRUE(std::is_sorted(now.begin(), now.end(), less));
+    ASSERT_TRUE(std::is_permutation(now.begin(), now.end(), model_.begin(), model_.end()));
+    model_ = std::move(now);
+  }
+
+  void search(const void *key) {
+    const Elements expected = matches(model_, key);
+    ASSERT_EQ(sk_search(sk_.get(), key, by_key), expected.empty() ? nullptr : expected.front());
+    const StackPtr all(sk_search_all(sk_.get(), key, by_key));
+    ASSERT_EQ(all == nullptr, expected.empty());
+    ASSERT_TRUE(all == nullptr || content(all.get()) == expected);
+  }
+
+  void ordered(void *p) {
+    sk_sort_by(sk_.get(), by_key_in_slots);
+    follow_sort();
+    const Elements expected = matches(model_, p);
+    void *const found = sk_find_by(sk_.get(), p, by_key);
+    const bool good = std::find(expected.begin(), expected.end(), found) != expected.end();
+    ASSERT_TRUE(expected.empty() ? found == nullptr : good);
+    const StackPtr all(sk_find_all_by(sk_.get(), p, by_key));
+    ASSERT_EQ(all == nullptr, expected.empty());
+    ASSERT_TRUE(all == nullptr || content(all.get()) == expected);
+
+    const auto behind = std::upper_bound(model_.begin(), model_.end(), p, less) - model_.begin();
+    ASSERT_EQ(sk_sort_insert_by(sk_.get(), p, by_key),
+              insert_at(&model_, p, static_cast<int>(behind)));
+    ASSERT_EQ(content(sk_.get()), model_);
+    void *const removed = sk_delete_by(sk_.get(), p, by_key);
+    ASSERT_TRUE(removed != nullptr && by_key(removed, p) == 0);
+    model_.erase(std::find(model_.begin(), model_.end(), removed));
+    follow_sort();  // which one of several equals went is open
+  }
+
+  void find(const void *p) {
+    const int at = sk_find(sk_.get(), p);
+    follow_sort();
+    const auto first = std::lower_bound(model_.begin(), model_.end(), p, less);
+    const bool there = first != model_.end() && by_key(*first, p) == 0;
+    ASSERT_EQ(at, there ? first - model_.begin() : -1);
+  }
+
+  Random random_;
+  std::array<Element, 64> elements_ = make_elements();
+  StackPtr sk_{sk_new(by_key_in_slots)};
+  Elements model_;
+};
+
+TEST_F(StackModel, FollowsAVector) {
+  for (int i = 0; i < kSteps && !HasFatalFailure(); ++i) {
+    SCOPED_TRACE(i);
+    step();
+    if (i % 5000 == 0) {
+      sk_.reset(sk_dup(StackPtr(sk_.release()).get()));
+      ASSERT_EQ(content(sk_.get()), model_);
+    }
+    if (i % 7000 == 0) sk_zero(sk_.get()), model_.clear();
+  }
+}
+
+TEST(Stack, GrowsOneInsertionEarlyAndMissesLeaveItAlone) {
+  const StackPtr sk(sk_new(nullptr));
+  Element e{1};
+  for (const int slots : {4, 4, 4, 8}) {
+    EXPECT_GT(sk_push(sk.get(), &e), 0);
+    EXPECT_EQ(sk->num_alloc, slots);
+  }
+  for (int i = 0; i < 3; ++i) sk_push(sk.get(), &e);
+  adif::fail_allocations(1);
+  EXPECT_EQ(sk_push(sk.get(), &e), 0) << "the array can't grow";
+  EXPECT_EQ(sk_num(sk.get()), 7);
+  EXPECT_EQ(sk_enlarge(sk.get(), INT32_MAX), 0);
+  EXPECT_EQ(sk_enlarge(sk.get(), 0), 0);
+  EXPECT_EQ(sk_enlarge(sk.get(), 5), 12);
+  EXPECT_EQ(sk->num_alloc, (7 + 5 + 4) * 4);
+  for (int i = 0; i < 100; ++i) sk_push(sk.get(), &e);  // into slots that must be there
+  EXPECT_EQ(sk_find(sk.get(), &e), 0);
+  EXPECT_EQ(sk_find(sk.get(), nullptr), 7) << "without comparison null is an element like others";
+
+  EXPECT_EQ(sk_num(nullptr), -1);
+  EXPECT_EQ(sk_insert(nullptr, &e, 0), 0);
+  EXPECT_EQ(sk_sort_insert_by(nullptr, &e, by_key), -1);
+  EXPECT_EQ(sk_sort_insert_by(sk.get(), nullptr, by_key), -1);
+  EXPECT_EQ(sk_find_by(sk.get(), nullptr, by_key), nullptr);
+  EXPECT_EQ(sk_find_by(sk.get(), &e, nullptr), nullptr) << "nothing to compare by";
+  EXPECT_EQ(sk_find(nullptr, &e), -1);
+  EXPECT_EQ(sk_delete(nullptr, 0), nullptr);
+}
+
+TEST(Stack, EachFailedAllocationOfACopyLeavesNothingBehind) {
+  const auto elements = make_elements();
+  const StackPtr sk(sk_new(nullptr));
+  for (const Element &e : elements) sk_push(sk.get(), const_cast<Element *>(&e));
+  sk_sort_by(sk.get(), by_key_in_slots);
+  pointer_stack *(*const makers[])(pointer_stack *, const void *) = {
+      [](pointer_stack *from, const void *) { return sk_dup(from); },
+      [](pointer_stack *from, const void *key) { return sk_find_all_by(from, key, by_key); },
+      [](pointer_stack *from, const void *key) { return sk_search_all(from, key, by_key); },
+  };
+  for (const auto make : makers) {
+    for (int nth = 1;; ++nth) {
+      adif::fail_allocations(nth);
+      const StackPtr made(make(sk.get(), &elements[0]));
+      const bool failed = adif::failed_allocations() > 0;
+      adif::fail_allocations(0);
+      ASSERT_EQ(made == nullptr, failed) << nth;
+      if (!failed) break;
+    }
+  }
+}
+
+class ListModel : public testing::Test {
+ protected:
+  void step() {
+    void *const p = &elements_[static_cast<size_t>(random_.below(64))];
+    const int size = static_cast<int>(model_.size());
+    const int loc = random_.below(size + 4) - 2;
+    lt_list *const list = list_.get();
+    switch (random_.below(size > 40 ? 12 : 8)) {
+      case 0:
+        ASSERT_EQ(lt_insert(list, p, loc), insert_at(&model_, p, loc));
+        break;
+      case 1:
+        ASSERT_EQ(lt_append(list, p), insert_at(&model_, p, -1));
+        break;
+      case 2:
+        ASSERT_EQ(lt_prepend(list, p), insert_at(&model_, p, 0));
+        break;
+      case 3:
+        insert_beside(p);
+        break;
+      case 4:
+        search(p);
+        break;
+      case 5:
+        combine(p);
+        break;
+      case 6:
+        insert_copies(loc);
+        break;
+      case 7:
+        ASSERT_EQ(lt_get(list, loc),
+                  loc >= 0 && loc < size ? model_[static_cast<size_t>(loc)] : nullptr);
+        ASSERT_EQ(lt_rm_head(list), erase_at(&model_, 0));
+        break;
+      case 8:
+        ASSERT_EQ(lt_rm_tail(list), erase_at(&model_, size - 1));
+        break;
+      case 9:
+        ASSERT_EQ(lt_delete_ptr(list, p),
+                  erase_at(&model_, std::find(model_.begin(), model_.end(), p) - model_.begin()));
+        break;
+      case 10:
+        ASSERT_EQ(lt_delete_from_loc(list, loc), loc >= 0 && loc < size ? size - loc : 0);
+        if (loc >= 0 && loc < size) model_.resize(static_cast<size_t>(loc));
+        break;
+      default:
+        ASSERT_EQ(lt_delete(list, loc), erase_at(&model_, loc));
+        break;
+    }
+    ASSERT_EQ(content(list), model_);
+  }
+
+  void insert_beside(void *p) {
+    const auto at = std::find(model_.begin(), model_.end(), p);
+    lt_node *node = lt_first(list_.get());
+    while (node != nullptr && node->element != p) node = node->next;
+    ASSERT_EQ(lt_index(list_.get(), p), at == model_.end() ? -1 : at - model_.begin());
+    if (random_.below(2) == 0) {
+      lt_insert_before(list_.get(), node, p);
+      model_.insert(node == nullptr ? model_.begin() : at, p);
+    } else {
+      lt_insert_after(list_.get(), node, p);
+      model_.insert(node == nullptr ? model_.end() : at + 1, p);
+    }
+  }
+
+  // A search for all, whose result then is sorted into a list of its own.
+  void search(const void *key) {
+    const Elements expected = matches(model_, key);
+    ASSERT_EQ(lt_search(list_.get(), key, by_key), expected.empty() ? nullptr : expected.front());
+    const ListPtr all(lt_search_all(list_.get(), key, by_key));
+    ASSERT_EQ(all == nullptr, expected.empty());
+    ASSERT_TRUE(all == nullptr || content(all.get()) == expected);
+
+    const ListPtr sorted(lt_new(by_key));
+    for (void *p : model_) lt_sort_insert_by(sorted.get(), p, nullptr);
+    Elements stable = model_;
+    std::stable_sort(stable.begin(), stable.end(), less);
+    ASSERT_EQ(content(sorted.get()), stable);
+  }
+
+  void combine(void *p) {
+    lt_list *const other = lt_new(nullptr);
+    if (random_.below(4) > 0) lt_append(other, p), lt_append(other, &elements_[0]);
+    const Elements more = content(other);
+    const int kind = random_.below(3);
+    const auto place = kind == 0 ? model_.begin() : model_.end();
+    model_.insert(place, more.begin(), more.end());
+    const auto call = kind == 0   ? lt_head_combine
+                      : kind == 1 ? lt_tail_combine
+                                  : lt_tail_combine_nodel;
+    ASSERT_EQ(call(list_.get(), other), static_cast<int>(model_.size()));
+    if (kind == 2) {
+      ASSERT_EQ(lt_num(other), 0);
+      lt_free(other);
+    }
+  }
+
+  // Also of the list into itself, as long as it is short.
+  void insert_copies(int loc) {
+    const ListPtr other(lt_new(nullptr));
+    lt_append(other.get(), &elements_[1]);
+    const lt_list *const source = model_.size() < 8 ? list_.get() : other.get();
+    const Elements more = content(source);
+    const bool inside = loc >= 0 && loc <= static_cast<int>(model_.size());
+    model_.insert(inside ? model_.begin() + loc : model_.end(), more.begin(), more.end());
+    ASSERT_EQ(lt_insert_list(list_.get(), source, loc), static_cast<int>(model_.size()));
+  }
+
+  Random random_;
+  std::array<Element, 64> elements_ = make_elements();
+  ListPtr list_{lt_new(by_key)};
+  Elements model_;
+};
+
+TEST_F(ListModel, FollowsAVector) {
+  for (int i = 0; i < kSteps && !HasFatalFailure(); ++i) {
+    SCOPED_TRACE(i);
+    step();
+    if (i % 5000 != 0) continue;
+    const StackPtr linear(lt_convert_to_linear(list_.get()));
+    list_.reset(lt_new_from_linear(linear.get()));
+    ASSERT_EQ(content(list_.get()), model_);
+  }
+}
+
+TEST(HashTable, FollowsAMapUntilABucketAndTheOverflowAreFull) {
+  Random random;
+  const TablePtr table(ht_only_new(7, 5, nullptr));
+  std::map<std::string, void *> model;
+  std::vector<std::string> keys;  // few first bytes, so that buckets collide
+  for (int i = 0; i < 40; ++i) {
+    keys.push_back(std::string(1, static_cast<char>(0xF0 + i % 9)) + std::to_string(i / 9));
+  }
+  int refused = 0;
+  for (int i = 0; i < kSteps; ++i) {
+    const std::string &key = keys[static_cast<size_t>(random.below(40))];
+    const auto at = model.find(key);
+    if (random.below(2) == 0) {
+      const int num =
+          ht_set(table.get(), key.c_str(), &keys[static_cast<size_t>(random.below(40))]);
+      if (num > 0) {
+        model[key] = ht_get(table.get(), key.c_str());
+        ASSERT_NE(model[key], nullptr);
+      } else {
+        ASSERT_EQ(at, model.end()) << "an entry that is there can always be replaced";
+        ASSERT_EQ(table->overflow_used, 5);
+        ++refused;
+      }
+    } else {
+      ASSERT_EQ(ht_delete(table.get(), key.c_str()), at == model.end() ? nullptr : at->second);
+      model.erase(key);
+    }
+    ASSERT_EQ(ht_num(table.get()), static_cast<int>(model.size()));
+    ASSERT_EQ(isFull(table.get()), model.size() == 12 ? 1 : 0);
+    for (const std::string &k : keys) {
+      const auto expected = model.find(k);
+      ASSERT_EQ(ht_value(table.get(), k.c_str()),
+                expected == model.end() ? nullptr : expected->second);
+    }
+  }
+  EXPECT_GT(refused, 0);
+  EXPECT_EQ(ht_set_hash_func(table.get(), nullptr), model.empty() ? 0 : -2);
+  ht_empty(table.get());
+  EXPECT_EQ(ht_value(table.get(), keys[0].c_str()), nullptr);
+  EXPECT_EQ(defHash("\xFFz"), 255u) << "bytes are unsigned";
+}
+
+}  // namespace

@@ -1,0 +1,382 @@
+// Allocation seam, memory unit and block pool.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "adif/bmempool.h"
+#include "adif/kalloc.h"
+#include "adif/memunit.h"
+#include "model.h"
+
+namespace {
+
+constexpr int kSteps = 100000;
+
+TEST(Kalloc, FailsTheAllocationsThatATestNames) {
+  EXPECT_EQ(kalloc_dbg(0), nullptr);
+  EXPECT_EQ(kzalloc_dbg(-1), nullptr);
+  const struct {
+    int nth, count;
+    std::string outcome;  // of six allocations
+  } rows[] = {
+      {1, 1, "-+++++"}, {3, 1, "++-+++"}, {2, 3, "+---++"}, {4, adif::kFailForGood, "+++---"}};
+  for (const auto &row : rows) {
+    adif::fail_allocations(row.nth, row.count);
+    std::string outcome;
+    for (int i = 0; i < 6; ++i) {
+      const adif::kptr<char> p(static_cast<char *>(kalloc_dbg(8)));
+      outcome += p == nullptr ? '-' : '+';
+    }
+    EXPECT_EQ(outcome, row.outcome);
+    EXPECT_EQ(adif::allocations_fail_for_good(), row.count == adif::kFailForGood);
+  }
+  adif::fail_allocations(0);
+
+  auto *p = static_cast<char *>(kzalloc_dbg(4));
+  EXPECT_EQ(krealloc_dbg(p, 0), nullptr) << "and the block is kept";
+  p = static_cast<char *>(krealloc_dbg(p, 4096));
+  EXPECT_EQ(std::memcmp(p, "\0\0\0\0", 4), 0);
+  kfree_dbg(p);
+}
+
+// Blocks in use by address, each filled with a byte of its own, over a region with guard bytes.
+class MemUnitModel : public testing::Test {
+ protected:
+  static constexpr int kRegion = 16 * 1024;
+
+  void SetUp() override {
+    memory_.assign(kRegion + 64, 0xA5);
+    unit_ = mem_unit_init(memory_.data() + 7, kRegion);
+    ASSERT_NE(unit_, nullptr);
+  }
+
+  void take(int size) {
+    const int64_t avail = mem_unit_availsize(unit_);
+    auto *const p = static_cast<uint8_t *>(mem_unit_alloc(unit_, size));
+    ASSERT_EQ(p != nullptr, size >= 1 && size <= avail) << size << " of " << avail;
+    if (p == nullptr) return;
+    ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
+    ASSERT_GE(p, memory_.data() + 7);
+    ASSERT_LE(p + size, static_cast<uint8_t *>(mem_unit_endp(unit_)));
+    std::memset(p, ++fill_, static_cast<size_t>(size));
+    ASSERT_TRUE(blocks_.emplace(p, block{size, fill_}).second);
+  }
+
+  void give_back(uint8_t *p) {
+    verify(p);
+    ASSERT_EQ(mem_unit_free(unit_, p), 0);
+    ASSERT_EQ(mem_unit_free(unit_, p), -3) << "freed already";
+    blocks_.erase(p);
+  }
+
+  // A block's bytes are nobody else's; also what makes overlapping blocks seen.
+  void verify(const uint8_t *p) {
+    const block b = blocks_.at(const_cast<uint8_t *>(p));
+    for (int i = 0; i < b.size; ++i) ASSERT_EQ(p[i], b.fill) << i;
+  }
+
+  void step() {
+    auto at = blocks_.begin();
+    if (!blocks_.empty()) std::advance(at, random_.below(static_cast<int>(blocks_.size())));
+    switch (blocks_.empty() ? 0 : random_.below(5)) {
+      case 0:
+      case 1:
+        take(random_.below(8) == 0 ? random_.below(kRegion + 100) : random_.below(600));
+        break;
+      case 2:
+        ASSERT_EQ(mem_unit_free(unit_, at->first + 1 + random_.below(at->second.size)), -3);
+        break;
+      case 3: {
+        const int size = random_.below(at->second.size + 60);
+        const int result = mem_unit_shrinkto(unit_, at->first, size);
+        ASSERT_TRUE(size > at->second.size || result == (size < 1 ? -4 : 0));
+        if (result == 0) at->second.size = std::min(size, at->second.size);
+        break;
+      }
+      default:
+        give_back(at->first);
+        break;
+    }
+    ASSERT_TRUE(adif::mem_unit_invariant(unit_));
+  }
+
+  struct block {
+    int size;
+    uint8_t fill;
+  };
+
+  Random random_;
+  std::vector<uint8_t> memory_;
+  mem_unit *unit_ = nullptr;
+  std::map<uint8_t *, block> blocks_;
+  uint8_t fill_ = 0;
+};
+
+TEST_F(MemUnitModel, BlocksNeverOverlapAndMergeAgain) {
+  const int64_t whole = mem_unit_availsize(unit_);
+  EXPECT_EQ(whole, mem_unit_totalsize(unit_));
+  for (int i = 0; i < kSteps && !HasFatalFailure(); ++i) {
+    SCOPED_TRACE(i);
+    step();
+    // The largest block that the unit promises can be had.
+    if (i % 1000 == 0) take(static_cast<int>(mem_unit_availsize(unit_)));
+  }
+  while (!blocks_.empty() && !HasFatalFailure()) give_back(blocks_.begin()->first);
+  EXPECT_EQ(mem_unit_availsize(unit_), whole);
+  EXPECT_EQ(mem_unit_usedsize(unit_), 0);
+  for (int i = 0; i < 7; ++i) ASSERT_EQ(memory_[static_cast<size_t>(i)], 0xA5);
+  for (size_t i = 7 + kRegion; i < memory_.size(); ++i) ASSERT_EQ(memory_[i], 0xA5);
+}
+
+TEST(MemUnit, RegionsOfEverySizeAndPlaceAreUsedWithinTheirBounds) {
+  for (int skip = 0; skip < 16; ++skip) {
+    for (int size = -1; size < 200; ++size) {
+      // The sanitizer watches both ends.
+      const std::unique_ptr<uint8_t[]> memory(new uint8_t[static_cast<size_t>(skip + size + 1)]);
+      mem_unit *const unit = mem_unit_init(memory.get() + skip, size);
+      if (unit == nullptr) {
+        EXPECT_LT(size, 80);
+        continue;
+      }
+      const int64_t all = mem_unit_availsize(unit);
+      void *const p = mem_unit_alloc(unit, static_cast<int>(all));
+      ASSERT_NE(p, nullptr);
+      std::memset(p, 1, static_cast<size_t>(all));
+      EXPECT_EQ(mem_unit_availsize(unit), 0);
+      EXPECT_EQ(mem_unit_availp(unit), nullptr);
+      EXPECT_EQ(mem_unit_free(unit, &skip), -3);
+    }
+  }
+  EXPECT_EQ(mem_unit_init(nullptr, 4096), nullptr);
+  EXPECT_EQ(mem_unit_free(nullptr, nullptr), -1);
+}
+
+int units_freed = 0;
+int unit_size_told = 0;
+
+class Pool : public testing::Test {
+ protected:
+  void SetUp() override {
+    setAutoAlloc(pool_, 1);
+    setUnitSize(pool_, sizeof(int));
+  }
+  void TearDown() override {
+    if (pool_ != nullptr) BPoolCleanup(pool_);
+  }
+
+  void limit(int maximum) {
+    setLimit(pool_, 1);
+    setMaximum(pool_, maximum);
+  }
+
+  // "allocated free in_use"
+  std::string profile() {
+    int allocated = 0, free = 0, in_use = 0;
+    getProfile(pool_, &allocated, &free, &in_use);
+    return std::to_string(allocated) + " " + std::to_string(free) + " " + std::to_string(in_use);
+  }
+
+  void end() { BPoolCleanup(std::exchange(pool_, nullptr)); }
+
+  block_pool *pool_ = BPoolInit(nullptr);
+};
+
+TEST_F(Pool, FollowsAQueue) {
+  Random random;
+  constexpr int kMaximum = 50;
+  limit(kMaximum);
+  std::deque<void *> free;
+  std::vector<void *> used;
+  std::set<void *> known;
+  for (int i = 0; i < kSteps; ++i) {
+    SCOPED_TRACE(i);
+    if (i % 1000 == 0) setEscalate(pool_, random.below(9) - 1);
+    const int batch = std::max(pool_->escalate, 1);
+    // Mostly up, then mostly down, so that both ends are reached.
+    if (random.below(3) < (i / 500 % 2 == 0 ? 2 : 1)) {
+      auto *const unit = static_cast<int *>(fetchUnit(pool_));
+      if (!free.empty()) {
+        ASSERT_EQ(unit, free.front()) << "first in, first out";
+        free.pop_front();
+      } else if (known.size() == kMaximum) {
+        ASSERT_EQ(unit, nullptr);
+        continue;
+      } else {
+        ASSERT_NE(unit, nullptr);
+        ASSERT_EQ(*unit, 0) << "new units are zeroed";
+      }
+      if (known.insert(unit).second && free.empty()) {
+        // The rest of the batch waits in the pool in an order of its own: learn it.
+        const int made = std::min(batch, kMaximum - static_cast<int>(known.size()) + 1);
+        for (int j = 1; j < made; ++j) {
+          free.push_back(
+              pool_->free_list.slots[(pool_->free_list.first + j - 1) % pool_->free_list.capacity]);
+          ASSERT_TRUE(known.insert(free.back()).second);
+        }
+      } else {
+        ASSERT_TRUE(*unit == 0 || *unit == 77) << "recycled units keep their bytes";
+      }
+      *unit = 77;
+      used.push_back(unit);
+    } else if (!used.empty()) {
+      std::swap(used[static_cast<size_t>(random.below(static_cast<int>(used.size())))],
+                used.back());
+      ASSERT_EQ(recycleUnit(pool_, used.back()), 0);
+      free.push_back(used.back());
+      used.pop_back();
+    }
+    ASSERT_TRUE(adif::pool_invariant(pool_));
+    ASSERT_EQ(profile(), std::to_string(known.size()) + " " + std::to_string(free.size()) + " " +
+                             std::to_string(used.size()));
+  }
+  for (void *unit : used) recycleUnit(pool_, unit);
+}
+
+TEST_F(Pool, AlertsAtTheHighMarkAndRecoversAtTheLowOne) {
+  const struct {
+    const char *what;
+    int maximum, high, low;  // maximum 0: no limit
+    std::string calls;       // after each of ten fetches and ten returns: A alert, R recovery
+  } rows[] = {
+      {"percent of a limit", 10, 80, 50, ".......A......R....."},
+      {"units without one", 0, 3, 2, "..A..............R.."},
+      {"recovery before any alert", 10, 100, 90, ".........AR........."},
+      {"no marks", 10, 0, 0, "...................."},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.what);
+    block_pool *const pool = BPoolInit(nullptr);
+    setAutoAlloc(pool, 1);
+    setUnitSize(pool, 1);
+    setLimit(pool, row.maximum > 0);
+    setMaximum(pool, row.maximum);
+    setThreshold(pool, row.high, row.low);
+    std::string calls;
+    setAlert(
+        pool, [](void *to) { return static_cast<std::string *>(to)->append("A"), 0; },
+        [](void *to) { return static_cast<std::string *>(to)->append("R"), 0; }, &calls);
+    std::vector<void *> units;
+    std::string seen;
+    const auto note = [&] { seen += std::exchange(calls, "").append(".").substr(0, 1); };
+    for (int i = 0; i < 10; ++i) units.push_back(fetchUnit(pool)), note();
+    for (void *unit : units) recycleUnit(pool, unit), note();
+    EXPECT_EQ(seen, row.calls);
+    BPoolCleanup(pool);
+  }
+}
+
+TEST_F(Pool, FreesWhatGrewTooLargeAndKeepsItCounted) {
+  units_freed = 0;
+  setFreeFunc(pool_, [](void *unit) { return kfree_dbg(unit), ++units_freed; });
+  setGetSizeFunc(pool_, [](void *) { return unit_size_told; });
+  setUnitReuseThreshold(pool_, 100);
+  void *const one = fetchUnit(pool_);
+  void *const two = fetchUnit(pool_);
+  unit_size_told = 100;
+  EXPECT_EQ(recycleUnit(pool_, one), 0);
+  EXPECT_EQ(profile(), "2 0 2");
+  unit_size_told = 99;
+  EXPECT_EQ(recycleUnit(pool_, two), 0);
+  EXPECT_EQ(profile(), "2 1 1");
+  EXPECT_EQ(units_freed, 1);
+  end();
+  EXPECT_EQ(units_freed, 2);
+}
+
+TEST_F(Pool, BadArgumentsAndExhaustionMiss) {
+  EXPECT_EQ(fetchUnit(nullptr), nullptr);
+  EXPECT_EQ(recycleUnit(nullptr, nullptr), -1);
+  EXPECT_EQ(recycleUnit(pool_, nullptr), -1);
+  EXPECT_EQ(setMaximum(pool_, 2), 0);
+  EXPECT_EQ(setMaximum(pool_, 3), 2) << "the one before";
+  setUnitSize(pool_, 0);
+  EXPECT_EQ(fetchUnit(pool_), nullptr);
+  setUnitSize(pool_, 8);
+  adif::fail_allocations(1, adif::kFailForGood);
+  EXPECT_EQ(fetchUnit(pool_), nullptr);
+  adif::fail_allocations(1, 5);
+  void *const unit = fetchUnit(pool_);
+  adif::fail_allocations(0);
+  EXPECT_NE(unit, nullptr) << "the pool repeats a failed allocation";
+  adif::fail_allocations(1);
+  EXPECT_EQ(recycleUnit(pool_, unit), 0) << "needs no memory";
+  EXPECT_EQ(adif::failed_allocations(), 0);
+  adif::fail_allocations(0);
+  EXPECT_EQ(profile(), "1 1 0");
+}
+
+// 8 threads share 3 units: none is handed out twice, and nobody sleeps while one is free.
+TEST_F(Pool, WaitingFetchesAllGetTheirTurn) {
+  limit(3);
+  setUnitSize(pool_, sizeof(std::atomic<int>));
+  std::atomic<int> shared{0}, served{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 5000; ++i) {
+        auto *const unit = static_cast<std::atomic<int> *>(blockFetchUnit(pool_, nullptr));
+        if (unit->fetch_add(1) != 0) ++shared;
+        if (i % 8 == 0) std::this_thread::yield();
+        unit->fetch_sub(1);
+        recycleUnit(pool_, unit);
+        ++served;
+      }
+    });
+  }
+  for (std::thread &t : threads) t.join();
+  EXPECT_EQ(shared, 0);
+  EXPECT_EQ(served, 8 * 5000);
+  EXPECT_EQ(profile(), "3 3 0");
+}
+
+TEST_F(Pool, CleaningUpEndsEveryWait) {
+  for (int round = 0; round < 200; ++round) {
+    block_pool *const pool = BPoolInit(nullptr);
+    setAutoAlloc(pool, 1);
+    setUnitSize(pool, 1);
+    setLimit(pool, 1);
+    setMaximum(pool, 1);
+    void *const unit = fetchUnit(pool);
+    std::atomic<int> ended{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&] {
+        int status = 0;
+        if (blockFetchUnit(pool, &status) == nullptr && status == -10) ++ended;
+      });
+    }
+    for (int waiting = 0; waiting < 4;) {
+      const adif::section_guard guard(&pool->lock);
+      waiting = pool->waiters;
+    }
+    EXPECT_EQ(BPoolCleanup(pool), 0);
+    for (std::thread &t : threads) t.join();
+    ASSERT_EQ(ended, 4);
+    kfree_dbg(unit);
+  }
+}
+
+TEST_F(Pool, ARaisedLimitEndsAWait) {
+  limit(1);
+  void *const one = fetchUnit(pool_);
+  void *two = nullptr;
+  std::thread waiter([&] { two = blockFetchUnit(pool_, nullptr); });
+  for (int waiting = 0; waiting < 1;) {
+    const adif::section_guard guard(&pool_->lock);
+    waiting = pool_->waiters;
+  }
+  EXPECT_EQ(setMaximum(pool_, 2), 1);
+  waiter.join();
+  EXPECT_TRUE(two != nullptr && two != one);
+  recycleUnit(pool_, one);
+  recycleUnit(pool_, two);
+}
+
+}  // namespace
