@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -150,10 +151,14 @@ void close_devices(rac_core *core) {
   }
 }
 
-/// Waits until the base has ended a turn that began after this call.
-void wait_turn(rac_core *core, rac_base *base) {
+/// Asks the base for the end of a turn that begins after this; the number to wait for.
+uint32_t ask_for_turn(rac_base *base) {
   const uint32_t turn = base->barrier_asked.fetch_add(1, std::memory_order_acq_rel) + 1;
   rac_base_notify(base);
+  return turn;
+}
+
+void wait_for_turn(rac_core *core, const rac_base *base, uint32_t turn) {
   rac_guard guard(core->state_lock);
   while (base->running && static_cast<int32_t>(base->barrier_done - turn) < 0)
     rac_cond_wait(core->state_changed, core->state_lock);
@@ -218,6 +223,8 @@ int probe_cleanup(rac_core *core) {
 int probe_barrier(rac_core *core) {
   if (core == nullptr) return -1;
   if (on_worker_of(core)) return -2;
-  for (uint32_t i = 0; i < core->nbases; ++i) wait_turn(core, &core->bases[i]);
+  std::array<uint32_t, PROBE_MAX_THREADS> turns;
+  for (uint32_t i = 0; i < core->nbases; ++i) turns[i] = ask_for_turn(&core->bases[i]);
+  for (uint32_t i = 0; i < core->nbases; ++i) wait_for_turn(core, &core->bases[i], turns[i]);
   return 0;
 }

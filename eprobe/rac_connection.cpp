@@ -1,6 +1,7 @@
 // Pool and hand-over of connections. See rac_connection.h.
 #include "eprobe/rac_connection.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <new>
@@ -21,6 +22,13 @@ rac_base *next_base(rac_core *core) {
   while (!core->conn_rr.compare_exchange_weak(last, (last + 1) % n, std::memory_order_relaxed)) {
   }
   return &core->bases[static_cast<uint32_t>((last + 1) % n)];
+}
+
+/// Inode of an open socket, 0 for anything else.
+uint64_t socket_inode(int fd) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0 || !S_ISSOCK(status.st_mode)) return 0;
+  return status.st_ino;
 }
 
 /// Whether the connection has to stay with its base.
@@ -154,9 +162,10 @@ void rac_close_connection(rac_core *core, rac_connection *c) {
   }
   if (c->accept_paused) rac_unpause(base, c);
   // Disowned before it is closed: the number may be anybody's right after.
-  const bool owned = rac_disown_fd(c);
+  const bool own_socket = rac_has_socket(c);
+  rac_disown_fd(c);
   c->fd.store(-1, std::memory_order_relaxed);
-  if (owned) close(fd);
+  if (own_socket) close(fd);
   rac_free_connection(core, c);
 }
 
@@ -179,6 +188,7 @@ void rac_unpause(rac_base *base, rac_connection *listener) {
 void rac_own_fd(rac_connection *c, int fd) {
   rac_core *core = c->core;
   c->fd.store(fd, std::memory_order_relaxed);
+  c->inode = socket_inode(fd);
   uint32_t previous = 0;
   {
     rac_guard guard(core->connection_mutex);
@@ -197,11 +207,14 @@ bool rac_owns_fd(const rac_connection *c) {
   return fd >= 0 && c->core->fd_owner[fd].load(std::memory_order_relaxed) == c->slot + 1;
 }
 
-bool rac_disown_fd(rac_connection *c) {
+bool rac_has_socket(const rac_connection *c) {
+  return rac_owns_fd(c) && socket_inode(c->fd.load(std::memory_order_relaxed)) == c->inode;
+}
+
+void rac_disown_fd(rac_connection *c) {
   rac_guard guard(c->core->connection_mutex);
-  if (!rac_owns_fd(c)) return false;
-  c->core->fd_owner[c->fd.load(std::memory_order_relaxed)].store(0, std::memory_order_relaxed);
-  return true;
+  if (rac_owns_fd(c))
+    c->core->fd_owner[c->fd.load(std::memory_order_relaxed)].store(0, std::memory_order_relaxed);
 }
 
 void rac_set_base(rac_core *core, rac_connection *c) {

@@ -23,8 +23,10 @@ void rac_close_connection(rac_core *core, rac_connection *c);
 /// behind the engine's back: its base is told to find out.
 void rac_own_fd(rac_connection *c, int fd);
 bool rac_owns_fd(const rac_connection *c);
-/// The number is not the connection's any more; it was if the result is true.
-bool rac_disown_fd(rac_connection *c);
+/// Whether the number still leads to the connection's own socket; asks the kernel.
+bool rac_has_socket(const rac_connection *c);
+/// The number is not the connection's any more; whoever closes it does so after this.
+void rac_disown_fd(rac_connection *c);
 
 /// Moves the round-robin cursor on and makes the base there the connection's.
 void rac_set_base(rac_core *core, rac_connection *c);

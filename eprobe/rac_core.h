@@ -103,8 +103,9 @@ struct rac_connection {
   std::atomic<uint32_t> ident;    ///< generation and rac_life, see rac_handle.h
   std::atomic<uint32_t> pending;  ///< requests queued and not yet carried out
   bool accept_paused;             ///< a listener in its base's `paused_listeners`, linked by `data`
-  const void *group_next;         ///< ring of the handles of one UDP listener; NULL: alone
-  rac_operate removal;            ///< the request to close, so that a removal never lacks one
+  uint64_t inode;  ///< of the socket behind `fd`, to tell it from a later file of that number
+  const void *group_next;  ///< ring of the handles of one UDP listener; NULL: alone
+  rac_operate removal;     ///< the request to close, so that a removal never lacks one
 };
 
 inline constexpr uint8_t RAC_TIMER_RUNNING = 1;

@@ -126,8 +126,9 @@ int rac_base_init(rac_core *core, rac_base *base) {
 
 void rac_base_done(rac_base *base) {
   rac_connection *c = base->notify_connection;
-  const bool lost = c != nullptr && !rac_disown_fd(c);
-  if (base->notify_recv_fd >= 0 && !lost) close(base->notify_recv_fd);
+  const bool own_socket = c == nullptr || rac_has_socket(c);
+  if (c != nullptr) rac_disown_fd(c);
+  if (base->notify_recv_fd >= 0 && own_socket) close(base->notify_recv_fd);
   if (base->notify_send_fd >= 0) close(base->notify_send_fd);
   base->notify_recv_fd = base->notify_send_fd = -1;
   rac_event_process_done(base);

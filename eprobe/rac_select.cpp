@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <new>
 
-#include "adif/tsock.h"
 #include "eprobe/rac_connection.h"
 #include "eprobe/rac_event.h"
 #include "eprobe/rac_handle.h"
@@ -48,7 +47,7 @@ void rebuild_sets(rac_base *base) {
 rac_connection *find_lost(const rac_base *base) {
   for (uint32_t i = 0; i < base->nevents; ++i) {
     rac_connection *c = connection_of(base->event_index[i]);
-    if (!rac_owns_fd(c) || sock_is_valid(c->fd.load(std::memory_order_relaxed)) == 0) return c;
+    if (!rac_has_socket(c)) return c;
   }
   return nullptr;
 }

@@ -1,0 +1,283 @@
+// The life of an instance: start, stop, restart, fatal outcomes, hook, monitor, rest.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include "engine.h"
+#include "eprobe/rac_core.h"
+
+namespace {
+
+struct Counter {
+  rac_core *core = nullptr;
+  std::atomic<int> calls{0};
+  std::atomic<int> result{0};
+
+  static int stop_probe(void *arg, void *, int, int) {
+    auto *self = static_cast<Counter *>(arg);
+    self->result = probe_barrier(self->core);
+    StopProbe(self->core);
+    ++self->calls;
+    return 0;
+  }
+  static int count_timer(void *arg, void *, int, int) {
+    ++static_cast<Counter *>(arg)->calls;
+    return 0;
+  }
+  static int check(void *arg, int zero) {
+    auto *self = static_cast<Counter *>(arg);
+    if (zero != 0) std::abort();
+    return self->result;
+  }
+  static int pump(void *arg, int) {
+    ++static_cast<Counter *>(arg)->calls;
+    return 0;
+  }
+};
+
+TEST(Life, ThreadsAreClampedAndSplitTheConnections) {
+  const struct {
+    uint32_t asked, got, connections;
+  } table[] = {{0, 1, 1024}, {8, 8, 128}, {200, 128, 8}};
+  for (const auto &row : table) {
+    rac_core *core = probe_create(row.asked);
+    ASSERT_NE(core, nullptr);
+    EXPECT_EQ(core->nbases, row.got);
+    EXPECT_EQ(core->bases[0].connections_per_base, row.connections);
+    probe_cleanup(core);
+  }
+}
+
+TEST(Life, RestartAfterStopKeepsDevicesAndTimers) {
+  rac_core *core = probe_create(3);
+  Listener listener;
+  Recorder recorder;
+  Counter timer;
+  const uint32_t address = loopback();
+  rac_connection *device =
+      ConnectRemote2(core, &address, listener.port(), 0, nullptr, Recorder::on_event, &recorder);
+  for (int run = 0; run < 20; ++run) {
+    EXPECT_EQ(StartProbe(core, 1), 0);
+    EXPECT_EQ(StartProbe(core, 1), 0) << "running already";
+    EXPECT_NE(StartTimer2(core, 0, 0, 0, Counter::count_timer, &timer), nullptr);
+    if (run % 2 == 0) {
+      EXPECT_TRUE(eventually([&] { return timer.calls == run + 1; }));
+    }
+    std::thread second([core] { EXPECT_EQ(StopProbe(core), 0); });
+    EXPECT_EQ(StopProbe(core), 0);
+    second.join();
+  }
+  // A timer that was set and not fired when a run ended fires in the next.
+  StartProbe(core, 1);
+  EXPECT_TRUE(eventually([&] { return timer.calls == 20; }));
+  EXPECT_TRUE(eventually([&] { return recorder.of(IOE_CONNECTED) == 1; }));
+  const int peer = accept(listener.fd, nullptr, nullptr);
+  EXPECT_EQ(tcp_nb_send(peer, "x", 1), 1);
+  EXPECT_TRUE(eventually([&] { return recorder.bytes == 1; }));
+  StopProbe(core);
+  EXPECT_EQ(RemoveDevice(device), 0) << "of a stopped engine: closed by the clean-up";
+  EXPECT_EQ(probe_barrier(core), 0) << "nothing runs: nothing to wait for";
+  probe_cleanup(core);
+  EXPECT_EQ(GetDeviceFD(device), -1);
+  EXPECT_EQ(sock_read_ready(peer, 5000), 1);
+  EXPECT_EQ(tcp_nb_receive(peer, &recorder, 1, nullptr), -1) << "the clean-up closed the device";
+  close(peer);
+}
+
+TEST(Life, StopFromACallbackEndsAWaitingStart) {
+  for (int nowait : {0, 1}) {
+    Counter timer;
+    timer.core = probe_create(2);
+    StartTimer2(timer.core, 20, 0, 0, Counter::stop_probe, &timer);
+    std::thread second;
+    if (nowait == 0) second = std::thread([&] { StartProbe(timer.core, 0); });
+    EXPECT_EQ(StartProbe(timer.core, nowait), 0);
+    EXPECT_TRUE(eventually([&] { return timer.calls == 1; }));
+    if (second.joinable()) second.join();
+    EXPECT_EQ(timer.result, -2) << "a callback cannot wait for itself";
+    StartProbe(timer.core, 1);
+    Counter again;
+    StartTimer2(timer.core, 1, 0, 0, Counter::count_timer, &again);
+    EXPECT_TRUE(eventually([&] { return again.calls == 1; }));
+    probe_cleanup(timer.core);
+  }
+}
+
+TEST(Life, WorkersAreNamedAndBlockSignals) {
+  Engine engine(2);
+  struct Seen {
+    std::atomic<bool> done{false};
+    char name[16] = "";
+    sigset_t mask;
+  } seen;
+  StartTimer2(
+      engine.core, 0, 0, 0,
+      [](void *arg, void *, int, int) {
+        auto *self = static_cast<Seen *>(arg);
+        pthread_getname_np(pthread_self(), self->name, sizeof self->name);
+        pthread_sigmask(SIG_SETMASK, nullptr, &self->mask);
+        self->done = true;
+        return 0;
+      },
+      &seen);
+  ASSERT_TRUE(eventually([&] { return seen.done.load(); }));
+  EXPECT_EQ(std::string(seen.name), "c2ms-0");
+  for (int signal : {SIGINT, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1})
+    EXPECT_EQ(sigismember(&seen.mask, signal), 1) << signal;
+}
+
+TEST(Life, AnIdleEngineUsesNoProcessorTime) {
+  Engine engine(8);
+  Counter hook;  // refuses: must not keep anybody awake
+  RegisterHook(engine.core, Counter::check, &hook, Counter::pump, &hook);
+  StartTimer2(engine.core, 600000, 0, 0, Counter::count_timer, &hook);
+  probe_barrier(engine.core);
+  timespec before{}, after{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
+  pause_ms(500);
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
+  const auto us =
+      (after.tv_sec - before.tv_sec) * 1000000 + (after.tv_nsec - before.tv_nsec) / 1000;
+  EXPECT_LT(us, 100000);
+}
+
+TEST(Life, TheBarrierWaitsForACallbackThatRuns) {
+  Engine engine(2);
+  struct Slow {
+    std::atomic<bool> begun{false};
+    std::atomic<bool> over{false};
+  } slow;
+  StartTimer2(
+      engine.core, 0, 0, 0,
+      [](void *arg, void *, int, int) {
+        auto *self = static_cast<Slow *>(arg);
+        self->begun = true;
+        pause_ms(100);
+        self->over = true;
+        return 0;
+      },
+      &slow);
+  ASSERT_TRUE(eventually([&] { return slow.begun.load(); }));
+  EXPECT_EQ(probe_barrier(engine.core), 0);
+  EXPECT_TRUE(slow.over);
+}
+
+TEST(Hook, RunsOnTurnsAndOnCallWhileItsCheckAgrees) {
+  Engine engine(2);
+  Counter hook, other;
+  EXPECT_EQ(DrivePump(engine.core), -1) << "no hook";
+  RegisterHook(engine.core, Counter::check, &hook, nullptr, &hook);
+  EXPECT_EQ(DrivePump(engine.core), -1) << "no pump";
+  RegisterHook(engine.core, Counter::check, &hook, Counter::pump, &hook);
+  EXPECT_EQ(DrivePump(engine.core), 0);
+  EXPECT_EQ(hook.calls, 0) << "the check says 0";
+  hook.result = 1;
+  EXPECT_EQ(DrivePump(engine.core), 0);
+  EXPECT_GE(hook.calls, 1);
+  const int before = hook.calls;
+  Counter timer;
+  StartTimer2(engine.core, 0, 0, 0, Counter::count_timer, &timer);
+  EXPECT_TRUE(eventually([&] { return timer.calls == 1 && hook.calls > before; })) << "a turn";
+
+  EXPECT_EQ(RemoveHookOf(engine.core, &other), 1);
+  EXPECT_EQ(DrivePump(engine.core), 0) << "still set";
+  EXPECT_EQ(RemoveHookOf(engine.core, &hook), 0);
+  EXPECT_EQ(RemoveHookOf(engine.core, nullptr), 1) << "an empty hook is nobody's";
+  EXPECT_EQ(DrivePump(engine.core), -1);
+  probe_barrier(engine.core);
+  const int last = hook.calls;
+  probe_barrier(engine.core);
+  EXPECT_EQ(hook.calls, last);
+}
+
+TEST(Hook, ItsWordsAreReadTogether) {
+  Engine engine(4);
+  // Each function aborts if it meets the other's argument.
+  static int first = 1, second = 2;
+  const probe_hook of_first = [](void *arg, int) { return arg == &first ? 1 : (std::abort(), 0); };
+  const probe_hook of_second = [](void *arg, int) {
+    return arg == &second ? 1 : (std::abort(), 0);
+  };
+  std::atomic<bool> stop{false};
+  std::thread driver([&] {
+    while (!stop) DrivePump(engine.core);
+  });
+  for (int i = 0; i < 3000; ++i) {
+    RegisterHook(engine.core, of_first, &first, of_first, &first);
+    RegisterHook(engine.core, of_second, &second, of_second, &second);
+    if (i % 8 == 0) RemoveHook(engine.core);
+  }
+  stop = true;
+  driver.join();
+  RemoveHook(engine.core);
+}
+
+TEST(Monitor, AppendsAReportEachPeriod) {
+  char path[] = "/tmp/eprobe_monitor_XXXXXX";
+  close(mkstemp(path));
+  std::ofstream(path) << "before\n";
+  {
+    Engine engine(2);
+    EXPECT_EQ(probe_set_profile_monitor(engine.core, "/nonexistent/file", 1001), -1);
+    EXPECT_EQ(probe_set_profile_monitor(engine.core, path, 1001), 0);
+    EXPECT_EQ(probe_set_profile_monitor(engine.core, path, 1001), 0) << "on already";
+    pause_ms(900);
+    EXPECT_EQ(std::ifstream(path).seekg(0, std::ios::end).tellg(), 7) << "not before the period";
+    std::string text;
+    EXPECT_TRUE(eventually([&] {
+      std::stringstream all;
+      all << std::ifstream(path).rdbuf();
+      text = all.str();
+      return std::regex_search(text, std::regex("\n1\t[^\n]*\n={22}[^]*\n1\t[^\n]*\n$"));
+    })) << text;
+    const std::regex report(
+        "before\n"
+        "={22}\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d={22}\n\n"
+        "Probe event model\t\t\t: select\n"
+        "Probe worker threads\t\t\t: 2\n"
+        "Probe thread max connections\t\t: 512\n"
+        "Probe total connections\t\t\t: 1024\n"
+        "Probe used connections\t\t\t: 2\n"
+        "Probe free  connections\t\t\t: 1022\n"
+        "Probe total timers\t\t\t: 512\n"
+        "Probe used timers\t\t\t: 1\n"
+        "Probe free  timers\t\t\t: 511\n\n"
+        "Thread\tconnections\ttimers\n"
+        "0\t0\t\t0\n"
+        "1\t0\t\t0\n"
+        "={22}[^]*");
+    EXPECT_TRUE(std::regex_match(text, report)) << text;
+  }
+  std::remove(path);
+}
+
+TEST(FatalDeathTest, EndsAsOperatorsKnowIt) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  const auto without_descriptors = [](auto call) {
+    const rlimit none{4, 4};
+    setrlimit(RLIMIT_NOFILE, &none);
+    call();
+  };
+  EXPECT_EXIT(without_descriptors([] { probe_init(5, 8); }), testing::ExitedWithCode(2), "");
+  EXPECT_EXIT(without_descriptors([] { std::_Exit(probe_create(8) == nullptr ? 7 : 8); }),
+              testing::ExitedWithCode(7), "");
+
+  EXPECT_DEATH(probe_set_profile_monitor(probe_create(1), "/tmp/unused", 1000),
+               "eprobe/probe.*ms > 1000");
+  EXPECT_DEATH(probe_set_profile_monitor(probe_create(1), nullptr, 2000),
+               "filename != \\(\\(void \\*\\)0\\)");
+  EXPECT_DEATH(AcceptRemote2(nullptr, nullptr, 0, nullptr, nullptr, nullptr),
+               "vpcore != \\(\\(void \\*\\)0\\)");
+  EXPECT_DEATH(AcceptRemote2(probe_create(1), nullptr, 0, nullptr, nullptr, nullptr),
+               "vld != \\(\\(void \\*\\)0\\)");
+}
+
+}  // namespace
