@@ -118,7 +118,9 @@ int GenerateBytes(void *out, int length, rand_state *state) {
 }
 
 void RandFinal(rand_state *state) {
-  if (state != nullptr) explicit_bzero(state, sizeof *state);
+  if (state == nullptr) return;
+  explicit_bzero(state, sizeof *state);
+  state->missing = kBytesToFeed;
 }
 
 int RandCreate(rand_state *state) {

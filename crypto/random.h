@@ -33,7 +33,7 @@ int RandUpdate(rand_state *state, const void *data, int length);
 int RandBytesNeeded(uint32_t *bytes_needed, const rand_state *state);
 /// Draws `length` bytes. 0; -1 for null or a length below 1, or while bytes are still to be fed.
 int GenerateBytes(void *out, int length, rand_state *state);
-/// Wipes the pool.
+/// Wipes the pool, which is to be fed again before it serves.
 void RandFinal(rand_state *state);
 /// A pool fed from the system's entropy source, ready to draw from. 0; -1 for null or when the
 /// source fails.
