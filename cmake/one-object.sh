@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# one-object.sh LD OBJCOPY AR MAP OUTPUT ARCHIVE...: links the archives into one object, leaves only the
+# names of MAP global in it and packs it as the archive OUTPUT. Called by the build (c2ms_static).
+# The groups of inline functions are dissolved: a group whose name became local could otherwise be
+# exchanged for a player's group of the same name.
+set -euo pipefail
+ld=$1 objcopy=$2 ar=$3 map=$4 output=$5
+shift 5
+object=$(dirname "$output")/c2ms.o names=$(dirname "$output")/c2ms.names
+"$(dirname "$0")/api-names.sh" "$map" > "$names"
+"$ld" -r --force-group-allocation --whole-archive "$@" -o "$object"
+"$objcopy" --keep-global-symbols="$names" "$object"
+rm -f "$output"
+"$ar" qcs "$output" "$object"
+rm -f "$object"
