@@ -1,8 +1,10 @@
 // Files, the trace file and the dumps, in a folder of their own.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -48,27 +50,35 @@ TEST_F(files, rollover_drops_lines) {
     std::string before;
     int skip;
     std::string after;
-  } cases[] = {
-      {"a\nb\nc\n", 0, "a\nb\nc\n"},
-      {"a\nb\nc\n", -1, "a\nb\nc\n"},
-      {"a\nb\nc", 2, "c"},
-      {"a\nb\nc", 9, ""},
-      {std::string("a\0b\n\0\n", 6), 1, std::string("\0\n", 2)},
-      {wide + "x\ny\n", 1, "x\ny\n"},  // a line above the limit counts twice
-      {wide + "\ny\n", 1, "\ny\n"},
-      {wide.substr(1) + "\ny\n", 1, "y\n"},
-      {"", 3, ""},
-  };
+  } cases[] = {{"a\nb\nc\n", 0, "a\nb\nc\n"},
+               {"a\nb\nc\n", -1, "a\nb\nc\n"},
+               {"a\nb\nc", 2, "c"},
+               {"a\nb\nc", 9, ""},
+               {std::string("a\0b\n\0\n", 6), 1, std::string("\0\n", 2)},
+               {wide + "x\ny\n", 1, "x\ny\n"},  // a line above the limit counts twice
+               {wide + "\ny\n", 1, "\ny\n"},
+               {wide.substr(1) + "\ny\n", 1, "y\n"},
+               {"", 3, ""}};
   const std::string file = path("log");
   for (const auto &c : cases) {
     write(file, c.before);
-    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    ASSERT_EQ(chmod(file.c_str(), 0666), 0);
     EXPECT_EQ(file_rollover(file.c_str(), c.skip), 0);
     EXPECT_EQ(content(file), c.after);
     file_attributes now;
     EXPECT_EQ(file_attr(file.c_str(), &now), 0);
-    EXPECT_EQ(now.mode, 0640U);
+    EXPECT_EQ(now.mode, 0666U);  // whatever the umask
   }
+  write(file, wide);
+  rlimit limit;
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit tight{10, limit.rlim_max};
+  const auto old = signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &tight);
+  EXPECT_EQ(file_rollover(file.c_str(), 0), -1);  // as on a full disk
+  setrlimit(RLIMIT_FSIZE, &limit);
+  signal(SIGXFSZ, old);
+  EXPECT_EQ(content(file), wide);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_), {}), 1);
   EXPECT_EQ(file_rollover(path("missing").c_str(), 0), -1);
   EXPECT_EQ(file_rollover(nullptr, 0), -1);

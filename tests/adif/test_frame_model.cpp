@@ -75,13 +75,6 @@ const operation operations[] = {
       return {n, t.text + t.bytes};
     },
     [](turn &t) -> outcome {
-      t.result = putnLastBytes(t.frame, nullptr, t.n);
-      if (t.result == 0) {
-        EXPECT_GE(frameRemaining(*t.frame), *t.frame ? t.n : 0);
-      }
-      return {0, t.text};
-    },
-    [](turn &t) -> outcome {
       t.result = putFirstByte(t.frame, static_cast<uint8_t>(t.bytes[0]));
       return {1, t.bytes[0] + t.text};
     },
@@ -103,10 +96,6 @@ const operation operations[] = {
       return {t.size(), t.text + t.text};
     },
     [](turn &t) -> outcome {
-      t.result = appendnBytes(t.frame, static_cast<uint8_t>(t.bytes[0]), t.n);
-      return {t.n, t.text + std::string(static_cast<size_t>(t.n), t.bytes[0])};
-    },
-    [](turn &t) -> outcome {
       t.result = take<getnFirstBytes>(t);
       return removal(t, 0, std::min(t.n, t.size()));
     },
@@ -120,17 +109,6 @@ const operation operations[] = {
       const outcome removed = removal(t, std::max(t.offset, 0), t.clipped(), t.offset_ok());
       t.expected_out.clear();
       return removed;
-    },
-    [](turn &t) -> outcome {
-      t.result = readnBytes(*t.frame, nullptr, t.n);
-      if (!*t.frame) return {-1, t.text};
-      return t.n > t.size() ? outcome{-100, t.text} : outcome{0, spliced(t, 0, t.n, "")};
-    },
-    [](turn &t) -> outcome {
-      t.result = setnBytes(*t.frame, t.offset, t.bytes.data(), static_cast<int>(t.bytes.size()));
-      if (t.offset < 0 || t.offset >= t.size()) return {-1, t.text};
-      const int n = std::min(static_cast<int>(t.bytes.size()), t.size() - t.offset);
-      return {n, spliced(t, t.offset, n, t.bytes.substr(0, static_cast<size_t>(n)))};
     },
     [](turn &t) -> outcome {
       t.result = replaceBytes(t.frame, t.offset, t.n, t.bytes.data(), 1);
@@ -149,10 +127,6 @@ const operation operations[] = {
         ++expected.result;
       }
       return expected;
-    },
-    [](turn &t) -> outcome {
-      t.result = copyToFrame(t.frame, t.bytes.c_str());
-      return {static_cast<int>(t.bytes.size()), t.bytes};
     },
     [](turn &t) -> outcome {
       t.result = prependFormatString(t.frame, "<%s %d>", t.bytes.c_str(), t.n);
@@ -204,13 +178,6 @@ const operation operations[] = {
       return {0, t.text};
     },
     [](turn &t) -> outcome {
-      t.result = frameGrowTo(t.frame, t.n);
-      if (t.result == 0) {
-        EXPECT_GE(frameSize(*t.frame), t.n);
-      }
-      return {0, t.text};
-    },
-    [](turn &t) -> outcome {
       const int room = frameRemaining(*t.frame);
       t.result = frameGrow(t.frame, t.n);
       if (t.result == 0) {
@@ -232,11 +199,6 @@ const operation operations[] = {
       EXPECT_EQ(kmpReverseSearchBytes(*t.frame, t.offset, pattern, n), static_cast<int>(last));
       EXPECT_EQ(searchCaseString(*t.frame, t.offset, wanted.c_str()), static_cast<int>(next));
       return {0, t.text};
-    },
-    [](turn &t) -> outcome {
-      t.result = truncateFrame(*t.frame, t.n);
-      if (!*t.frame) return {-1, t.text};
-      return {std::min(t.n, t.size()), t.text.substr(0, static_cast<size_t>(t.n))};
     },
     [](turn &t) -> outcome {
       if (t.n % 8 == 0) deleteFrame(t.frame);

@@ -77,6 +77,7 @@ TEST(strutil, base64) {
                {"Z===", -100},
                {"Zm9v=", -100},
                {"Zg==Zg==", -100},
+               {"Zg=g", -100},
                {"Zg-_", -100},
                {"Zm8==", -100},
                {"=", -100},
@@ -97,31 +98,29 @@ TEST(strutil, value_by_key) {
     const char *text, *key;
     int result;
     const char *value;
-  } cases[] = {
-      {"a = 5;b=6", "a", 1, "5"},
-      {"a = 5;b=6", "b", 1, "6"},
-      {"a = 5;b=6", "c", -100, nullptr},
-      {"a =5", "a", 1, "5"},
-      {"a= b=2", "a", 0, nullptr},
-      {"a\t= 'b c'", "a", 3, "b c"},
-      {"a = ", "a", 0, nullptr},
-      {"a 5", "a", -101, nullptr},
-      {"a", "a", -101, nullptr},
-      {"a \t", "a", -101, nullptr},
-      {"a=;", "a", 0, nullptr},
-      {"a=", "a", 0, nullptr},
-      {"x='p q'", "x", 3, "p q"},
-      {"x=\"p'q\";y=1", "x", 3, "p'q"},
-      {"x=''", "x", 0, ""},
-      {"x='", "x", 1, "'"},
-      {"x='p q", "x", 2, "'p"},
-      {"x='p\" q", "x", 3, "'p\""},
-      {"uid=7,id=8", "id", 1, "7"},  // not only at a word's start
-      {"k=v", "", -100, nullptr},
-      {"k=one two", "k", 3, "one"},
-      {"k=one\ttwo", "k", 3, "one"},
-      {"k=one,two", "k", 3, "one"},
-  };
+  } cases[] = {{"a = 5;b=6", "a", 1, "5"},
+               {"a = 5;b=6", "b", 1, "6"},
+               {"a = 5;b=6", "c", -100, nullptr},
+               {"a =5", "a", 1, "5"},
+               {"a= b=2", "a", 0, nullptr},
+               {"a\t= 'b c'", "a", 3, "b c"},
+               {"a = ", "a", 0, nullptr},
+               {"a 5", "a", -101, nullptr},
+               {"a", "a", -101, nullptr},
+               {"a \t", "a", -101, nullptr},
+               {"a=;", "a", 0, nullptr},
+               {"a=", "a", 0, nullptr},
+               {"x='p q'", "x", 3, "p q"},
+               {"x=\"p'q\";y=1", "x", 3, "p'q"},
+               {"x=''", "x", 0, ""},
+               {"x='", "x", 1, "'"},
+               {"x='p q", "x", 2, "'p"},
+               {"x='p\" q", "x", 3, "'p\""},
+               {"uid=7,id=8", "id", 1, "7"},  // not only at a word's start
+               {"k=v", "", -100, nullptr},
+               {"k=one two", "k", 3, "one"},
+               {"k=one\ttwo", "k", 3, "one"},
+               {"k=one,two", "k", 3, "one"}};
   for (const auto &c : cases) {
     SCOPED_TRACE(std::string(c.text) + " key " + c.key);
     const char *value = "unset";

@@ -49,27 +49,25 @@ TEST_P(time_text, reads_both_forms_as_local_time) {
   const struct {
     const char *text;
     time_t expected;
-  } cases[] = {
-      {"2009-01-02 10:20:30", winter},
-      {"2009-07-02 10:20:30", summer},
-      {"Jan 2 2009 10:20:30", winter},
-      {"Jul  2 2009  10:20:30", summer},  // runs of blanks
-      {"  Jul 2 2009 10:20:30", summer},
-      {"Jun 2 2009 10:20:30", utc(2009, 6, 2, 10, 20, 30) - z.summer},
-      {"Feb 02 2009 10:20:30", utc(2009, 2, 2, 10, 20, 30) - z.winter},
-      {"Nov 30 2009 10:20:30", utc(2009, 11, 30, 10, 20, 30) - z.winter},
-      {"May 2 2009 10:20:30", winter},  // never recognised: as if January
-      {"Dec 2 2009 10:20:30", winter},
-      {"jul 2 2009 10:20:30", winter},
-      {"July 2 2009 10:20:30", winter},
-      {"Jan 2 2009 10:20:3x", winter - 27},
-      {"Jan 2 2009 10::20:30", -1},
-      {"Jan 2 2009 10:20-30s", -1},  // no second colon
-      {"Jan 2 2009 10:20:  ", winter - 30},
-      {"2009-01-02T10:20:30", -1},
-      {"2009-01-02 10:20:xx", -1},
-      {"nothing at all in here", -1},
-  };
+  } cases[] = {{"2009-01-02 10:20:30", winter},
+               {"2009-07-02 10:20:30", summer},
+               {"Jan 2 2009 10:20:30", winter},
+               {"Jul  2 2009  10:20:30", summer},  // runs of blanks
+               {"  Jul 2 2009 10:20:30", summer},
+               {"Jun 2 2009 10:20:30", utc(2009, 6, 2, 10, 20, 30) - z.summer},
+               {"Feb 02 2009 10:20:30", utc(2009, 2, 2, 10, 20, 30) - z.winter},
+               {"Nov 30 2009 10:20:30", utc(2009, 11, 30, 10, 20, 30) - z.winter},
+               {"May 2 2009 10:20:30", winter},  // never recognised: as if January
+               {"Dec 2 2009 10:20:30", winter},
+               {"jul 2 2009 10:20:30", winter},
+               {"July 2 2009 10:20:30", winter},
+               {"Jan 2 2009 10:20:3x", winter - 27},
+               {"Jan 2 2009 10::20:30", -1},
+               {"Jan 2 2009 10:20-30s", -1},  // no second colon
+               {"Jan 2 2009 10:20:  ", winter - 30},
+               {"2009-01-02T10:20:30", -1},
+               {"2009-01-02 10:20:xx", -1},
+               {"nothing at all in here", -1}};
   for (const auto &c : cases) EXPECT_EQ(get_time_from_string(c.text, -1), c.expected) << c.text;
 }
 
