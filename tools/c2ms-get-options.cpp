@@ -148,6 +148,12 @@ std::string take(int id, const std::string &value, Options *options, std::string
   }
 }
 
+/// The option that getopt_long has just refused: a letter, which may stand among others, or a word.
+std::string refused_option(char **argv) {
+  const bool letter = optopt > 0 && optopt < kOffset;
+  return letter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+}
+
 /// The URL and what follows from it; empty, or what is wrong.
 std::string take_url(const std::string &url, const std::string &entry, Options *options) {
   options->url = entry.empty() ? url : with_host(url, entry);
@@ -206,11 +212,10 @@ Parsed parse_options(int argc, char **argv, Options *options) {
   std::string entry;
   opterr = 0;  // the messages here are our own
   for (;;) {
-    const int at = optind;
     const int id = getopt_long(argc, argv, ":o:", kLong, nullptr);
     if (id == -1) break;
-    if (id == ':') return wrong(std::string(argv[at]) + " wants a value");
-    if (id == '?') return wrong(std::string("unknown option ") + argv[at]);
+    if (id == ':') return wrong(std::string(argv[optind - 1]) + " wants a value");
+    if (id == '?') return wrong("unknown option " + refused_option(argv));
     if (id == kHelpId) {
       std::fputs(kHelp, stdout);
       return Parsed::done;

@@ -1,0 +1,25 @@
+# Sourced by the scripts beside it: a media service on free loopback ports and a scratch folder, both gone
+# when the script ends, however it does.
+set -euo pipefail
+scratch=$(mktemp -d)
+server_pid=
+cleanup() {
+  [[ -z $server_pid ]] || { kill "$server_pid" && wait "$server_pid"; } > /dev/null 2>&1 || true
+  rm -rf "$scratch"
+}
+trap cleanup EXIT
+
+# start_service PROGRAM ARGUMENT...: sets `url` to the first file's.
+start_service() {
+  "$@" > "$scratch/server.out" 2>&1 &
+  server_pid=$!
+  for ((i = 0; i < 600; ++i)); do
+    url=$(head -n 1 "$scratch/server.out")
+    [[ $url != kesp://*keyid=* ]] || return 0
+    kill -0 "$server_pid" 2> /dev/null || break
+    sleep 0.05
+  done
+  echo "the server did not start:"
+  cat "$scratch/server.out"
+  exit 1
+}
