@@ -62,6 +62,9 @@ class Film {
     sess_ = nullptr;
   }
 
+  /// The library has taken the session with it.
+  void forget() { sess_ = nullptr; }
+
   /// Cache of the wanted pack size over the whole media. The pack size, or a negative result.
   int32_t prepare(int32_t wanted_pack) {
     const int32_t pack = c2ms_sess_pack_size(sess_, wanted_pack);

@@ -1,0 +1,185 @@
+// Opening: what is accepted, which error each failure gives and how soon.
+#include <sys/socket.h>
+
+#include "adif/tsock.h"
+#include "c2ms/c2ms_records.h"
+#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/c2ms_url.h"
+#include "player.h"
+
+namespace player {
+namespace {
+
+int32_t open_error(c2ms_mgmt *mgmt, const std::string &url, int32_t (*cb)(void) = nullptr) {
+  int32_t error = 1;
+  c2ms_sess *const sess = c2ms_sess_open1(mgmt, url.c_str(), &error, cb);
+  EXPECT_EQ(sess != nullptr, error == 0);
+  if (sess != nullptr) c2ms_sess_close(sess);
+  return error;
+}
+
+TEST(Opening, UrlErrorsComeBeforeAnyTraffic) {
+  const Library library;
+  // Whoever connects to it would be seen.
+  const int listener = tcp_server_create("127.0.0.1", 0);
+  ASSERT_GE(listener, 0);
+  g_entry_server = "127.0.0.1";
+  const struct {
+    std::string url;
+    int32_t error;
+  } cases[] = {
+      {"", C2MS_INVALID_URL},
+      {"kesp://", C2MS_INVALID_URL},
+      {" \t\r\n \t\r\n", C2MS_INVALID_URL},
+      {"kesp://host:65536/x", C2MS_INVALID_URL},
+      {"kesp://host:-1/x", C2MS_INVALID_URL},
+      {"kesp://host:99999999999999999999/x", C2MS_INVALID_URL},
+      {"http://host/film?fid=00", C2MS_UNSUPPORTED_SCHEME},
+      {"host/film", C2MS_UNSUPPORTED_SCHEME},
+      {"film-without-scheme", C2MS_UNSUPPORTED_SCHEME},
+      {"kespx://host/x", C2MS_UNSUPPORTED_SCHEME},
+      {"kes://host/film", C2MS_UNSUPPORTED_SCHEME},
+      {std::string(4096, '/'), C2MS_UNSUPPORTED_SCHEME},
+  };
+  for (const auto &c : cases) EXPECT_EQ(open_error(library.get(), c.url), c.error) << c.url;
+  int32_t error = 0;
+  EXPECT_EQ(c2ms_sess_open(nullptr, "kesp://host/film", &error), nullptr);
+  EXPECT_EQ(error, C2MS_INVALID_PARAMETER);
+  EXPECT_EQ(c2ms_sess_open(library.get(), nullptr, &error), nullptr);
+  EXPECT_EQ(error, C2MS_INVALID_URL);
+  EXPECT_STREQ(c2ms_sess_error(-1006), "Session open timeout");
+  EXPECT_STREQ(c2ms_sess_error(-1012), "");
+  EXPECT_STREQ(c2ms_sess_error(5), "");
+  EXPECT_EQ(sock_read_ready(listener, 1), 0);
+  close(listener);
+}
+
+TEST(Opening, UrlsAreTakenApart) {
+  const Library library;
+  const auto parse = [&](const std::string &url) {
+    c2ms_sess *const sess = c2ms_sess_fetch(library.get());
+    std::strncpy(sess->url, url.c_str(), sizeof sess->url - 1);
+    EXPECT_EQ(c2ms_sess_para_parse(sess), 0);
+    return std::unique_ptr<c2ms_sess, int (*)(c2ms_sess *)>(sess, c2ms_sess_close);
+  };
+  const auto text = [](const char *at, int32_t len) { return std::string(at, static_cast<size_t>(len)); };
+  const std::string id = "00112233445566778899aabbccddeeff";
+  auto sess = parse("  KEDP://10.0.0.5:8000/x/y?a=1;fid=" + id + "ff;stamp=99999999999;keyid=3;auth=0F1g");
+  EXPECT_EQ(text(sess->scheme, sess->scheme_len), "KEDP://");
+  EXPECT_STREQ(sess->host, "10.0.0.5");
+  EXPECT_EQ(sess->port, 8000u);
+  EXPECT_EQ(text(sess->path, sess->path_len), "/x/y");
+  EXPECT_EQ(sess->fid[0], 0x00);
+  EXPECT_EQ(sess->fid[15], 0xff);
+  EXPECT_EQ(sess->fid[16], 0);  // 34 digits fill 16 bytes and no more
+  EXPECT_EQ(sess->stamp, UINT32_MAX);
+  EXPECT_EQ(sess->keyid, 3u);
+  EXPECT_EQ(sess->auth[0], 0x0f);
+  sess = parse("kesp:///media?stamp=no");
+  EXPECT_STREQ(sess->host, g_entry_server);
+  EXPECT_EQ(sess->port, 3528u);
+  EXPECT_EQ(sess->stamp, 0u);
+  EXPECT_EQ(sess->fid[0], 0);
+  sess = parse("kesp://" + std::string(100, 'h') + ":/film");
+  EXPECT_EQ(std::string(sess->host), std::string(63, 'h'));
+  EXPECT_EQ(sess->port, 3528u);
+}
+
+TEST(Opening, EntryServersThatCannotBeReached) {
+  const Library library;
+  const int listener = tcp_server_create("127.0.0.1", 0);
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
+  close(listener);  // a port that refuses
+  const std::string refused = "kesp://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/film?fid=01";
+  for (const std::string &url : {refused, std::string("kesp://300.1.1.1/film?fid=01")}) {
+    const auto begin = clock::now();
+    EXPECT_EQ(open_error(library.get(), url), C2MS_ENTRY_UNAVAILABLE) << url;
+    EXPECT_LT(seconds_since(begin), 1.5) << url;
+  }
+}
+
+TEST(Opening, RefusalsAndListsHaveTheirCodes) {
+  using refserver::fault;
+  using refserver::fault_kind;
+  const struct {
+    const char *what;
+    bool entry;
+    fault order;
+    int32_t error;
+  } cases[] = {
+      {"media missing", false, {.kind = fault_kind::refusal, .value = 10}, C2MS_MEDIA_NOT_EXIST},
+      {"unauthorised", false, {.kind = fault_kind::refusal, .value = 20}, C2MS_UNAUTHORIZED},
+      {"failed", true, {.kind = fault_kind::refusal, .value = 30}, C2MS_AUTH_FAILED},
+      {"in debt", true, {.kind = fault_kind::refusal, .value = 40}, C2MS_IN_DEBT},
+      {"a code of no meaning", true, {.kind = fault_kind::refusal, .value = 2}, C2MS_OPEN_TIMEOUT},
+      {"the largest code", false, {.kind = fault_kind::refusal, .value = UINT32_MAX}, C2MS_OPEN_TIMEOUT},
+      {"an empty list", true, {.kind = fault_kind::list_size, .value = 0}, C2MS_OPEN_TIMEOUT},
+      {"closed without an answer", true, {.kind = fault_kind::close_at}, C2MS_ENTRY_UNAVAILABLE},
+      {"a list of 65535", true, {.kind = fault_kind::list_size, .value = 65535}, C2MS_ENTRY_UNAVAILABLE},
+      {"six entries", true, {.kind = fault_kind::list_size, .value = 6}, 0},
+      {"more entries than bytes", true, {.kind = fault_kind::list_count, .value = 65535}, 0},
+      {"duplicates", true, {.kind = fault_kind::list_duplicates}, 0},
+      {"itself", true, {.kind = fault_kind::list_self}, 0},
+      {"another description", false, {.kind = fault_kind::desc_type, .value = 200}, 0},
+  };
+  for (const auto &c : cases) {
+    refserver::media_server server({.nodes = 2});
+    const auto id = server.add_generated("film.mp4", 1'000'000);
+    ASSERT_TRUE(server.start());
+    for (int node = 0; node < 2; ++node) server.set_fault(c.entry ? refserver::entry_server : node, c.order);
+    const Library library;
+    const auto begin = clock::now();
+    EXPECT_EQ(open_error(library.get(), server.url(id)), c.error) << c.what;
+    EXPECT_LT(seconds_since(begin), 2.0) << c.what;
+    EXPECT_LT(server.totals().accepted, 40u) << c.what;
+  }
+}
+
+TEST(Opening, CallbackAndDeadline) {
+  refserver::media_server server({.nodes = 2});
+  const auto id = server.add_generated("film.mp4", 1'000'000);
+  ASSERT_TRUE(server.start());
+  server.set_fault(0, {.kind = refserver::fault_kind::mute});
+  server.set_fault(1, {.kind = refserver::fault_kind::mute});
+  const Library library;
+  const auto begin = clock::now();
+  EXPECT_EQ(open_error(library.get(), server.url(id), [] { return int32_t{-1}; }), C2MS_UNAUTHORIZED);
+  EXPECT_NEAR(seconds_since(begin), 1.0, 0.7);
+}
+
+TEST(Opening, ConfigurationNamesTheEntryServer) {
+  refserver::media_server server({.nodes = 1});
+  const auto id = server.add_generated("film.mp4", 100'000);
+  ASSERT_TRUE(server.start());
+  const std::string url = server.url(id);
+  const size_t host = url.find("127.0.0.1");
+  const size_t port_end = url.find('/', host);
+  // The host is left out of the URL and comes from the file; the port stays.
+  const std::string bare = url.substr(0, host) + url.substr(host + 9, port_end - host - 9) + url.substr(port_end);
+  const std::string path = ::testing::TempDir() + "c2ms_conf_" + std::to_string(getpid());
+  const auto write = [&](const char *text) {
+    FILE *const file = fopen(path.c_str(), "w");
+    fputs(text, file);
+    fclose(file);
+  };
+  write("[Communication Option]\nEntry Server = 127.0.0.1\nBuild TCP Max Time = 0\nSession Check Time = 7\n");
+  g_entry_server = "300.300.300.300";
+  {
+    const Library library(0, path.c_str());
+    EXPECT_EQ(open_error(library.get(), bare), 0);
+    EXPECT_EQ(library.get()->build_tcp_max_time, 10);
+    EXPECT_EQ(library.get()->sess_check_time, 7);
+    EXPECT_EQ(library.get()->mem_size, 8 << 20);
+    write("this is no configuration\n");  // leaves the defaults
+    EXPECT_EQ(c2ms_mgmt_readconf(library.get()), 0);
+    EXPECT_EQ(library.get()->sess_check_time, 5);
+    EXPECT_EQ(open_error(library.get(), bare), C2MS_ENTRY_UNAVAILABLE);
+  }
+  g_entry_server = "127.0.0.1";
+  remove(path.c_str());
+}
+
+}  // namespace
+}  // namespace player
