@@ -19,7 +19,8 @@ uint32_t pack(const rac_core *core, uint32_t slot, uint32_t generation) {
 
 /// The instance of a handle of the wanted kind, or NULL.
 rac_core *core_of(uintptr_t handle, bool timer) {
-  if (handle > UINT32_MAX || ((handle & TIMER_BIT) != 0) != timer) return nullptr;
+  const bool too_wide = handle >> 16 >> 16 != 0;  // only where words have more than 32 bits
+  if (too_wide || ((handle & TIMER_BIT) != 0) != timer) return nullptr;
   return cores[handle >> CORE_SHIFT & (PROBE_MAX_INSTANCES - 1)].load(std::memory_order_acquire);
 }
 

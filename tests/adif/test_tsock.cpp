@@ -1,0 +1,264 @@
+// Socket calls over loopback: transfers with and without time-outs, failures, names.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "adif/tsock.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long ms_since(Clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+uint16_t port_of(int fd) {
+  sockaddr_in name{};
+  socklen_t size = sizeof name;
+  getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size);
+  return ntohs(name.sin_port);
+}
+
+/// A TCP connection with both ends here; the client's end is non-blocking.
+struct Pair {
+  int server = tcp_server_create("127.0.0.1", 0);
+  int client = tcp_nb_connect2(htonl(INADDR_LOOPBACK), port_of(server), nullptr);
+  int peer = accept(server, nullptr, nullptr);
+  ~Pair() {
+    for (int fd : {server, client, peer}) close(fd);
+  }
+};
+
+TEST(Hostip, Table) {
+  const struct {
+    const char *host;
+    const char *address;  // NULL: none
+  } table[] = {
+      {"10.1.2.3", "10.1.2.3"},     {"127.1", "127.0.0.1"}, {"localhost", "127.0.0.1"},
+      {"300.1.2.3", nullptr},       {"1.2.3.4x", nullptr},  {"", nullptr},
+      {"no-such.invalid", nullptr}, {nullptr, nullptr},
+  };
+  for (const auto &row : table) {
+    const uint32_t expected = row.address != nullptr ? inet_addr(row.address) : SOCK_NO_ADDRESS;
+    EXPECT_EQ(sock_get_hostip(row.host), expected) << (row.host != nullptr ? row.host : "NULL");
+  }
+}
+
+TEST(Connect, RefusalIsSeenLaterAndOptionsAreSet) {
+  int dead_port = 0;
+  {
+    Pair pair;
+    dead_port = port_of(pair.server);
+    for (const auto &[level, option] :
+         {std::pair{SOL_SOCKET, SO_KEEPALIVE}, std::pair{SOL_SOCKET, SO_REUSEADDR},
+          std::pair<int, int>{IPPROTO_TCP, TCP_NODELAY}}) {
+      int value = 0;
+      socklen_t size = sizeof value;
+      getsockopt(pair.client, level, option, &value, &size);
+      EXPECT_NE(value, 0) << level << " " << option;
+    }
+    EXPECT_NE(fcntl(pair.client, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_NE(fcntl(pair.client, F_GETFD) & FD_CLOEXEC, 0);
+    sock_set_blocking(pair.client);
+    EXPECT_EQ(fcntl(pair.client, F_GETFL) & O_NONBLOCK, 0);
+  }
+  int error = 7;
+  const int fd = tcp_nb_connect("127.0.0.1", dead_port, 0, 0, &error);
+  ASSERT_GE(fd, 1);
+  EXPECT_EQ(error, 0);
+  EXPECT_EQ(sock_write_ready(fd, 5000), 1);
+  socklen_t size = sizeof error;
+  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+  EXPECT_EQ(error, ECONNREFUSED);
+  close(fd);
+  EXPECT_EQ(tcp_nb_connect("no-such.invalid", 1, 0, 0, &error), -1);
+  EXPECT_EQ(error, -1);
+}
+
+TEST(Send, ATimeOutTellsWhatWentOut) {
+  int pair[2];  // a local stream: once full, it stays full
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+  const std::vector<char> much(std::size_t{8} << 20);
+  const auto n = static_cast<int>(much.size());
+  int sent = 0;
+  EXPECT_EQ(tcp_send(pair[0], much.data(), n, 100, &sent), 0);
+  EXPECT_GT(sent, 0);
+  EXPECT_LT(sent, n);
+  while (tcp_nb_send(pair[0], "x", 1) == 1) {
+  }
+  for (const bool blocking : {true, false}) {
+    if (!blocking) set_socket_nonblocking(pair[0]);
+    const auto start = Clock::now();
+    sent = 99;
+    EXPECT_EQ(tcp_send(pair[0], "0123456789", 10, 200, &sent), 0);
+    EXPECT_GE(ms_since(start), 199);
+    EXPECT_EQ(sent, 0);
+    EXPECT_EQ(sock_write_ready(pair[0], 20), 0);
+  }
+  close(pair[1]);
+  EXPECT_EQ(tcp_send(pair[0], "0", 1, 200, &sent), -1) << "and no signal";
+  EXPECT_EQ(tcp_nb_send(pair[0], "0", 1), -1);
+  close(pair[0]);
+}
+
+TEST(Send, WithoutLimitWaitsForASlowReader) {
+  Pair pair;
+  std::mt19937 random(1);
+  std::string bytes(std::size_t{8} << 20, '\0');
+  for (char &c : bytes) c = static_cast<char>(random());
+  const auto n = static_cast<int>(bytes.size());
+  std::string got(bytes.size(), '\0');
+  std::thread reader([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    for (int at = 0; at < n;) {
+      const int part = std::min(n - at, 700001);
+      EXPECT_EQ(tcp_receive(pair.peer, &got[static_cast<size_t>(at)], part, 0, nullptr), part);
+      at += part;
+    }
+  });
+  int sent = 0;
+  EXPECT_EQ(tcp_send(pair.client, bytes.data(), n, 0, &sent), n);
+  EXPECT_EQ(sent, n);
+  reader.join();
+  EXPECT_TRUE(got == bytes);
+}
+
+TEST(Receive, CountsWhatCameBeforeTimeOutAndClose) {
+  Pair pair;
+  char buffer[16] = "";
+  int received = 9;
+  EXPECT_EQ(tcp_nb_receive(pair.client, buffer, 16, &received), 0);
+  EXPECT_EQ(received, 0);
+  ASSERT_EQ(tcp_nb_send(pair.peer, "abcdef", 6), 6);
+  ASSERT_EQ(sock_read_ready(pair.client, 5000), 1);
+  EXPECT_EQ(sock_get_pending(pair.client), 6);
+  EXPECT_EQ(tcp_nb_receive(pair.client, buffer, 2, &received), 2);
+  const auto start = Clock::now();
+  EXPECT_EQ(tcp_receive(pair.client, buffer, 10, 100, &received), 0);
+  EXPECT_GE(ms_since(start), 99);
+  EXPECT_EQ(received, 4);
+  EXPECT_EQ(std::string(buffer, 4), "cdef");
+  EXPECT_EQ(sock_read_ready(pair.client, 50), 0);
+
+  ASSERT_EQ(tcp_nb_send(pair.peer, "xyz", 3), 3);
+  shutdown(pair.peer, SHUT_WR);
+  ASSERT_EQ(sock_read_ready(pair.client, 5000), 1);
+  EXPECT_EQ(tcp_nb_receive(pair.client, buffer, 3, nullptr), 3) << "a full buffer sees no close";
+  EXPECT_EQ(tcp_nb_receive(pair.client, buffer, 3, &received), -1);
+  EXPECT_EQ(tcp_receive(pair.client, buffer, 3, 0, &received), -1);
+  ASSERT_EQ(tcp_nb_send(pair.client, "123", 3), 3);
+  shutdown(pair.client, SHUT_WR);
+  ASSERT_EQ(sock_read_ready(pair.peer, 5000), 1);
+  EXPECT_EQ(tcp_nb_receive(pair.peer, buffer, 16, &received), -1) << "closed, yet";
+  EXPECT_EQ(received, 3);
+}
+
+TEST(Arguments, BadOnesFail) {
+  Pair pair;
+  char byte = 0;
+  int moved = 5;
+  for (const auto call : {0, 1, 2, 3}) {
+    const auto with = [&](int fd, char *bytes, int n) {
+      if (call == 0) return tcp_send(fd, bytes, n, 0, &moved);
+      if (call == 1) return tcp_receive(fd, bytes, n, 0, &moved);
+      if (call == 2) return tcp_nb_receive(fd, bytes, n, &moved);
+      return tcp_nb_send(fd, bytes, n);
+    };
+    EXPECT_EQ(with(-1, &byte, 1), -1) << call;
+    EXPECT_EQ(with(pair.client, nullptr, 1), -1) << call;
+    EXPECT_EQ(with(pair.client, &byte, 0), -1) << call;
+    EXPECT_EQ(moved, 0);
+  }
+  EXPECT_EQ(sock_read_ready(-1, 0), 0) << "and at once, although 0 is no limit";
+  EXPECT_EQ(sock_is_valid(pair.client), 1);
+  EXPECT_EQ(sock_is_valid(-1), 0);
+  const int file = open("/dev/null", O_RDONLY);
+  EXPECT_EQ(sock_is_valid(file), 0);
+  close(file);
+  EXPECT_EQ(tcp_server_create("127.0.0.1", port_of(pair.server)), -1) << "in use";
+  EXPECT_EQ(tcp_server_create("not dotted", 0), -1);
+  EXPECT_EQ(udp_server_create(nullptr, 70000), -1);
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(tcp_nb_connect2(0, 65536, nullptr), "dstport >= 0 && dstport <= 65535");
+  EXPECT_DEATH(tcp_server_create(nullptr, -1), "port >= 0 && port <= 65535");
+}
+
+TEST(Ready, DescriptorsAboveSelectsReachAreServed) {
+  rlimit limit{}, raised{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  raised = limit;
+  raised.rlim_cur = std::min<rlim_t>(4096, limit.rlim_max);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+  Pair pair;
+  const int high = fcntl(pair.client, F_DUPFD_CLOEXEC, 2000);
+  ASSERT_GE(high, 2000);
+  EXPECT_EQ(sock_write_ready(high, 1000), 1);
+  EXPECT_EQ(sock_read_ready(high, 20), 0);
+  char byte = 0;
+  EXPECT_EQ(tcp_receive(high, &byte, 1, 20, nullptr), 0);
+  close(high);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST(Unix, ServerReplacesAStaleFileAndTalks) {
+  char directory[] = "/tmp/tsock_XXXXXX";
+  ASSERT_NE(mkdtemp(directory), nullptr);
+  const std::string path = std::string(directory) + "/socket";
+  close(usock_create(path.c_str()));  // leaves its file
+  const int server = usock_create(path.c_str());
+  ASSERT_GE(server, 0);
+  const int client = usock_connect(path.c_str());
+  ASSERT_GE(client, 0);
+  const int peer = usock_accept(server);
+  char buffer[3];
+  EXPECT_EQ(tcp_send(client, "abc", 3, 1000, nullptr), 3);
+  EXPECT_EQ(tcp_receive(peer, buffer, 3, 1000, nullptr), 3);
+  for (int fd : {server, client, peer}) close(fd);
+  unlink(path.c_str());
+  const int file = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+  close(file);
+  EXPECT_EQ(usock_create(path.c_str()), -1) << "a file that is no socket is left alone";
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  EXPECT_EQ(usock_connect(std::string(200, 'x').c_str()), -1);
+  EXPECT_EQ(usock_connect(nullptr), -1);
+  unlink(path.c_str());
+  rmdir(directory);
+}
+
+TEST(Selfaddr, ListsRealInterfacesWithinTheTable) {
+  sock_interface table[16];
+  const int n = get_selfaddr(table, 16);
+  ASSERT_GE(n, 0);
+  for (int i = 0; i < n; ++i) {
+    EXPECT_NE(if_nametoindex(table[i].name), 0u) << table[i].name;
+    EXPECT_STRNE(table[i].name, "lo");
+    EXPECT_GT(table[i].mtu, 0);
+    // The address is this host's: a socket can be bound to it.
+    const int fd = udp_server_create(&table[i].address, 0);
+    EXPECT_GE(fd, 0) << table[i].name;
+    close(fd);
+  }
+  if (n > 1) {
+    EXPECT_EQ(get_selfaddr(table, 1), 1);
+  }
+  EXPECT_EQ(get_selfaddr(table, 0), 0);
+  EXPECT_EQ(get_selfaddr(nullptr, 4), 0);
+}
+
+}  // namespace
