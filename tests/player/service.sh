@@ -11,6 +11,7 @@ trap cleanup EXIT
 
 # start_service PROGRAM ARGUMENT...: sets `url` to the first file's.
 start_service() {
+  : > "$scratch/server.out"  # there before the loop below looks
   "$@" > "$scratch/server.out" 2>&1 &
   server_pid=$!
   for ((i = 0; i < 600; ++i)); do
