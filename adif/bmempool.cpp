@@ -51,8 +51,8 @@ void free_unit(pool_unit_fn free_fn, void *unit) {
 bool reserve(block_pool *pool, int32_t count) {
   auto &list = pool->free_list;
   if (count <= list.capacity) return true;
-  const int64_t capacity = std::max<int64_t>({kFirstSlots, int64_t{list.capacity} * 2, count});
-  if (capacity > INT32_MAX) return false;
+  const int64_t doubled = std::min<int64_t>(int64_t{list.capacity} * 2, INT32_MAX);
+  const int64_t capacity = std::max<int64_t>({kFirstSlots, doubled, count});
   auto *const slots = static_cast<void **>(kalloc_dbg(capacity * int64_t{sizeof(void *)}));
   if (slots == nullptr) return false;
   const int32_t to_end = std::min(pool->free_count, list.capacity - list.first);

@@ -30,8 +30,9 @@ int conf_mgmt_save(conf_mgmt *conf, const char *path);
 /// Frees everything; texts handed out die with it. 0; null is accepted.
 int conf_mgmt_cleanup(conf_mgmt *conf);
 
-/// Getters. The odd results for a missing key, which differ from one to the next, are meant: a
-/// caller tells "missing" by them alone. Numbers beyond a type's range give its nearest bound.
+// Getters. The odd results for a missing key, which differ from one to the next, are meant: a
+// caller tells "missing" by them alone. Numbers beyond a type's range give its nearest bound.
+
 /// The stored text itself, valid until conf_mgmt_read(), conf_mgmt_cleanup() or a set of this key.
 /// Null when the handle, the key or the entry is missing.
 const char *conf_get_string(conf_mgmt *conf, const char *section, const char *key);
@@ -48,10 +49,11 @@ double conf_get_double(conf_mgmt *conf, const char *section, const char *key);
 /// 0. 255 when the handle, the key or the entry is missing.
 uint8_t conf_get_bool(conf_mgmt *conf, const char *section, const char *key);
 
-/// Setters change the profile in memory only. 0; -1 when the handle or the key is null. An existing
-/// key keeps its place, a new one goes to the front of its section. A key of a section that the
-/// profile doesn't have is lost without notice, and 0 all the same (kept). Keys are cut at 256
-/// characters, values at 2048; a null value is the empty text.
+// Setters change the profile in memory only. 0; -1 when the handle or the key is null. An existing
+// key keeps its place, a new one goes to the front of its section. A key of a section that the
+// profile doesn't have is lost without notice, and 0 all the same (kept). Keys are cut at 256
+// characters, values at 2048; a null value is the empty text.
+
 int conf_set_string(conf_mgmt *conf, const char *section, const char *key, const char *value);
 int conf_set_int(conf_mgmt *conf, const char *section, const char *key, int32_t value);
 int conf_set_ulong(conf_mgmt *conf, const char *section, const char *key, uint32_t value);

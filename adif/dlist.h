@@ -38,8 +38,8 @@ int lt_insert_before(lt_list *list, lt_node *node, void *p);  ///< null node: at
 int lt_insert_after(lt_list *list, lt_node *node, void *p);   ///< null node: at the end
 /// Behind all elements that match `p`, in a list that is in ascending order. -1 for null arguments.
 int lt_sort_insert_by(lt_list *list, void *p, sk_compare compare);
-/// The same for copies of all elements of `other`, in their order; `other` stays as it is and may
-/// be the list itself. 0 too when there was nothing to insert into an empty list.
+/// Insert all elements of `other`, in their order; `other` stays as it is and may be the list
+/// itself. The new number of elements; 0 for null or without memory, nothing changed.
 int lt_insert_list(lt_list *list, const lt_list *other, int loc);
 int lt_insert_list_before(lt_list *list, lt_node *node, const lt_list *other);
 int lt_insert_list_after(lt_list *list, lt_node *node, const lt_list *other);

@@ -89,7 +89,8 @@ int64_t read_file(const char *path, adif::kptr<char> *content) {
   struct stat info {};
   if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kProfileFileMax) return -1;
   // One byte more than acceptable tells a file that has grown since.
-  content->reset(static_cast<char *>(take_or_exit(kProfileFileMax + 1)));
+  content->reset(static_cast<char *>(kalloc_dbg(kProfileFileMax + 1)));
+  if (*content == nullptr) return -1;
   const size_t length = std::fread(content->get(), 1, kProfileFileMax + 1, file.get());
   if (std::ferror(file.get()) != 0 || length > kProfileFileMax) return -1;
   return static_cast<int64_t>(length);

@@ -10,12 +10,13 @@
 
 #include <cstdint>
 
-inline constexpr int kProfileLineMax = 4095;  ///< characters of a line
-inline constexpr int kProfileSectionMax =
-    512;                                    ///< characters of a section name; longer ones are cut
-inline constexpr int kProfileKeyMax = 256;  ///< of a key
-inline constexpr int kProfileValueMax = 2048;            ///< of a value
-inline constexpr int64_t kProfileFileMax = 1024 * 1024;  ///< bytes; a larger file is unreadable
+// Limits, in characters; longer names, keys and values are cut.
+inline constexpr int kProfileLineMax = 4095;
+inline constexpr int kProfileSectionMax = 512;
+inline constexpr int kProfileKeyMax = 256;
+inline constexpr int kProfileValueMax = 2048;
+/// A file of more bytes counts as unreadable.
+inline constexpr int64_t kProfileFileMax = 1024 * 1024;
 
 struct profile_key {
   char *key;
