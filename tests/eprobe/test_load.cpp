@@ -1,6 +1,7 @@
 // Echo over TCP and UDP with every worker busy: all bytes come back, in order, and every slot too.
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
@@ -43,6 +44,7 @@ struct Server {
 
 /// Sends `rounds` messages, each once the echo of the last is complete, and compares.
 struct Client {
+  std::mutex lock;  // an echo may come while the first message's send still returns
   int rounds = 0;
   std::string sent;
   std::string back;
@@ -65,6 +67,7 @@ struct Client {
   static int on_event(void *arg, void *handle, int event, int) {
     auto *self = static_cast<Client *>(arg);
     auto *device = static_cast<rac_connection *>(handle);
+    std::lock_guard guard(self->lock);
     if (event == IOE_CONNECTED) self->next(device);
     if (event == IOE_CONNECT_FAILED || event == IOE_INVALID_DEV) self->wrong = true;
     if (event != IOE_READ || self->done) return 0;
@@ -100,6 +103,7 @@ TEST(Load, EchoesOverTcpAndUdpAtOnce) {
       rac_connection *device = UDPClient(engine.core, &address, GetDeviceLocalPort(udp), i, nullptr,
                                          Client::on_event, &client);
       ASSERT_NE(device, nullptr);
+      std::lock_guard guard(client.lock);
       client.next(device);
     }
   }
