@@ -247,7 +247,7 @@ void server_loop::run_timers() {
     timers_.pop();
     if (due.kind == timer_kind::connection) {
       pump(due.id);
-    } else if (due.kind == timer_kind::rate) {
+    } else if (due.kind == timer_kind::rate && due.id == due.node->rates) {
       serve_rate(*due.node);
     } else if (due.kind == timer_kind::revive && due.id == due.node->life) {
       revive(*due.node);
@@ -282,6 +282,8 @@ void server_loop::revive(server_node &n) {
 void server_loop::set_rate(server_node &n, double bytes_per_s) {
   n.options.rate_bytes_per_s = bytes_per_s;
   n.bucket.set_rate(bytes_per_s, steady::now());
+  ++n.rates;  // the old rate's timer may be far away
+  n.rate_timer = false;
   for (const uint64_t id : std::exchange(n.waiting, {})) {
     if (connection *c = find(id)) {
       c->queued = false;

@@ -44,6 +44,7 @@ struct server_node {
   bool refusing = false;
   uint64_t life = 0;        ///< raised by kill and revive: older timers to revive mean nothing
   uint64_t refusals = 0;    ///< the same for timers that reopen the port
+  uint64_t rates = 0;       ///< the same for timers of the rate
   bool rate_timer = false;  ///< a timer will serve `waiting`, or it is being served
   token_bucket bucket;
   std::deque<uint64_t> waiting;  ///< connections that wait for tokens, in turn
@@ -116,7 +117,7 @@ class server_loop {
   struct timer {
     steady::time_point when;
     timer_kind kind;
-    uint64_t id;  ///< of the connection, else the node's life or refusals
+    uint64_t id;  ///< of the connection, else the node's life, rates or refusals
     server_node *node;
     bool operator>(const timer &other) const { return when > other.when; }
   };

@@ -261,7 +261,7 @@ void server_loop::account(connection &c, outgoing &o, size_t size) {
     entry->bytes_sent += size;
     entry->payload_sent += media;
   }
-  if (o.cut_at == UINT64_MAX) committed(*c.node, o);
+  committed(*c.node, o);
 }
 
 // Counts the response's fault once it is far enough.
@@ -293,7 +293,7 @@ server_loop::step_result server_loop::cut(connection &c, outgoing &o) {
 
 void server_loop::finish(connection &c) {
   outgoing &o = c.out.front();
-  if (o.cut_at == UINT64_MAX) committed(*c.node, o);
+  committed(*c.node, o);
   if (request_record *entry = record(o.record)) entry->done_s = seconds();
   c.out.pop_front();
   if (c.out.empty()) return;
@@ -310,7 +310,7 @@ void server_loop::wait_for_tokens(connection &c) {
 }
 
 void server_loop::wake_rate(server_node &n, steady::time_point when) {
-  if (!std::exchange(n.rate_timer, true)) wake(timer_kind::rate, when, 0, &n);
+  if (!std::exchange(n.rate_timer, true)) wake(timer_kind::rate, when, n.rates, &n);
 }
 
 // Hands a limited server's tokens to its busy connections, a slice each in turn.

@@ -409,6 +409,13 @@ TEST(Ports, RefuseDropAndGoDown) {
   EXPECT_GE(ms_since(start), 150);
   raw_client client(f.server, 0);
   EXPECT_EQ(f.ask(media, client).size(), 537U);
+
+  // Who is killed for good while down does not come back by the clock.
+  f.server.set_fault(0, {.kind = fault_kind::down, .ms = 50});
+  EXPECT_TRUE(f.ask(list, client).empty());
+  f.server.kill_node(0);
+  usleep(100'000);
+  EXPECT_EQ(connect_result(f, 0), ECONNREFUSED);
 }
 
 TEST(Faults, AreReadFromText) {

@@ -20,7 +20,7 @@ namespace {
 TEST(Rate, IsSharedEvenlyAndNeverExceeded) {
   constexpr double rate = 400'000, burst = 0.02 * rate;
   constexpr uint32_t each = 50'000;
-  media_server server({.nodes = 1, .node = {{.rate_bytes_per_s = 1}}, .check_auth = false});
+  media_server server({.nodes = 1, .node = {{.rate_bytes_per_s = 0.01}}, .check_auth = false});
   const file_id film = server.add_generated("film.mp4", 1'000'000);
   ASSERT_TRUE(server.start()) << server.error();
   {
