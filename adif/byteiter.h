@@ -3,7 +3,9 @@
 // with the array and the position untouched. No locks: one thread at a time; nothing blocks.
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <cstring>
 
 struct byte_iter {
   uint8_t *text;  // not owned
@@ -11,8 +13,8 @@ struct byte_iter {
   int32_t pos;  // next byte to read or write, 0 <= pos <= len
 };
 
-/// Results of the fixed-width operations.
-inline constexpr int ITER_UNDERFLOW = -100;  // fewer bytes remain than the value is wide
+/// Fewer bytes remain than the value is wide.
+inline constexpr int ITER_UNDERFLOW = -100;
 
 namespace adif {
 
@@ -20,34 +22,41 @@ inline int32_t iter_left(const byte_iter *it) {
   return it->pos >= 0 && it->pos < it->len ? it->len - it->pos : 0;
 }
 
-enum class byte_order { big, little };
+/// Between this machine's byte order and `order`, either way.
+template <std::endian order, class T>
+T in_order(T value) {
+  if constexpr (order == std::endian::native || sizeof(T) == 1) {
+    return value;
+  } else if constexpr (sizeof(T) == 2) {
+    return __builtin_bswap16(value);
+  } else if constexpr (sizeof(T) == 4) {
+    return __builtin_bswap32(value);
+  } else {
+    return __builtin_bswap64(value);
+  }
+}
 
-/// Compilers turn both loops into one load or store and a byte swap where the machine needs one.
-template <class T, byte_order order>
+template <std::endian order, class T>
 int iter_get(byte_iter *it, T *value) {
   constexpr int width = sizeof(T);
   if (!it) return -1;
   if (iter_left(it) < width) return ITER_UNDERFLOW;
   if (value) {
-    uint64_t built = 0;
-    for (int i = 0; i < width; ++i) {
-      const int at = order == byte_order::big ? i : width - 1 - i;
-      built = built << 8 | it->text[it->pos + at];
-    }
-    *value = static_cast<T>(built);
+    T stored;
+    std::memcpy(&stored, it->text + it->pos, sizeof stored);
+    *value = in_order<order>(stored);
   }
   it->pos += width;
   return 0;
 }
 
-template <int width, byte_order order>
-int iter_set(byte_iter *it, uint64_t value) {
+template <std::endian order, class T>
+int iter_set(byte_iter *it, T value) {
+  constexpr int width = sizeof(T);
   if (!it) return -1;
   if (iter_left(it) < width) return ITER_UNDERFLOW;
-  for (int i = 0; i < width; ++i) {
-    const int at = order == byte_order::big ? width - 1 - i : i;
-    it->text[it->pos + at] = static_cast<uint8_t>(value >> (8 * i));
-  }
+  const T stored = in_order<order>(value);
+  std::memcpy(it->text + it->pos, &stored, sizeof stored);
   it->pos += width;
   return 0;
 }
@@ -72,46 +81,46 @@ int iter_set_text(byte_iter *it, const void *bytes, int32_t len);
 /// skips; a setter writes the low bits of its value. 0; -1 for a null iterator; -100 when too few
 /// bytes remain, with nothing read, written or moved.
 inline int iter_get_uint8(byte_iter *it, uint8_t *value) {
-  return adif::iter_get<uint8_t, adif::byte_order::big>(it, value);
+  return adif::iter_get<std::endian::big>(it, value);
 }
 inline int iter_get_uint16BE(byte_iter *it, uint16_t *value) {
-  return adif::iter_get<uint16_t, adif::byte_order::big>(it, value);
+  return adif::iter_get<std::endian::big>(it, value);
 }
 inline int iter_get_uint16LE(byte_iter *it, uint16_t *value) {
-  return adif::iter_get<uint16_t, adif::byte_order::little>(it, value);
+  return adif::iter_get<std::endian::little>(it, value);
 }
 inline int iter_get_uint32BE(byte_iter *it, uint32_t *value) {
-  return adif::iter_get<uint32_t, adif::byte_order::big>(it, value);
+  return adif::iter_get<std::endian::big>(it, value);
 }
 inline int iter_get_uint32LE(byte_iter *it, uint32_t *value) {
-  return adif::iter_get<uint32_t, adif::byte_order::little>(it, value);
+  return adif::iter_get<std::endian::little>(it, value);
 }
 inline int iter_get_uint64BE(byte_iter *it, uint64_t *value) {
-  return adif::iter_get<uint64_t, adif::byte_order::big>(it, value);
+  return adif::iter_get<std::endian::big>(it, value);
 }
 inline int iter_get_uint64LE(byte_iter *it, uint64_t *value) {
-  return adif::iter_get<uint64_t, adif::byte_order::little>(it, value);
+  return adif::iter_get<std::endian::little>(it, value);
 }
 inline int iter_set_uint8(byte_iter *it, uint32_t value) {
-  return adif::iter_set<1, adif::byte_order::big>(it, value);
+  return adif::iter_set<std::endian::big>(it, static_cast<uint8_t>(value));
 }
 inline int iter_set_uint16BE(byte_iter *it, uint32_t value) {
-  return adif::iter_set<2, adif::byte_order::big>(it, value);
+  return adif::iter_set<std::endian::big>(it, static_cast<uint16_t>(value));
 }
 inline int iter_set_uint16LE(byte_iter *it, uint32_t value) {
-  return adif::iter_set<2, adif::byte_order::little>(it, value);
+  return adif::iter_set<std::endian::little>(it, static_cast<uint16_t>(value));
 }
 inline int iter_set_uint32BE(byte_iter *it, uint32_t value) {
-  return adif::iter_set<4, adif::byte_order::big>(it, value);
+  return adif::iter_set<std::endian::big>(it, value);
 }
 inline int iter_set_uint32LE(byte_iter *it, uint32_t value) {
-  return adif::iter_set<4, adif::byte_order::little>(it, value);
+  return adif::iter_set<std::endian::little>(it, value);
 }
 inline int iter_set_uint64BE(byte_iter *it, uint64_t value) {
-  return adif::iter_set<8, adif::byte_order::big>(it, value);
+  return adif::iter_set<std::endian::big>(it, value);
 }
 inline int iter_set_uint64LE(byte_iter *it, uint64_t value) {
-  return adif::iter_set<8, adif::byte_order::little>(it, value);
+  return adif::iter_set<std::endian::little>(it, value);
 }
 
 /// Copies up to `n` bytes out; null `out` skips them. Returns the bytes passed, which may be fewer

@@ -57,6 +57,7 @@ TEST_F(files, rollover_drops_lines) {
                {std::string("a\0b\n\0\n", 6), 1, std::string("\0\n", 2)},
                {wide + "x\ny\n", 1, "x\ny\n"},  // a line above the limit counts twice
                {wide + "\ny\n", 1, "\ny\n"},
+               {wide.substr(500) + "\n" + wide.substr(500) + "\nz\n", 2, "z\n"},
                {wide.substr(1) + "\ny\n", 1, "y\n"},
                {"", 3, ""}};
   const std::string file = path("log");
