@@ -33,7 +33,8 @@ inline void pause_ms(int ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
-/// An instance whose workers run, for the length of a test.
+/// An instance whose workers run, for the length of a test. Made after what its callbacks use, so
+/// that it ends first.
 struct Engine {
   rac_core *core;
   explicit Engine(uint32_t threads = 4) : core(probe_create(threads)) { StartProbe(core, 1); }

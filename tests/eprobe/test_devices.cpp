@@ -37,9 +37,9 @@ std::vector<rac_connection *> hog_slots(rac_core *core) {
 }
 
 TEST(Connect, MadeRefusedAndHanging) {
+  Recorder made, refused, hanging;
   Engine engine;
   Listener listener;
-  Recorder made, refused, hanging;
   rac_connection *device = connect_to(engine.core, listener.port(), &made, 42);
   ASSERT_NE(device, nullptr);
   EXPECT_TRUE(eventually([&] { return made.of(IOE_CONNECTED) == 1; }));
@@ -90,9 +90,9 @@ TEST(Connect, MadeRefusedAndHanging) {
 }
 
 TEST(Remove, AnOldHandleDoesNotTouchTheNextOwner) {
+  Recorder first, second;
   Engine engine;
   Listener listener;
-  Recorder first, second;
   rac_connection *old = connect_to(engine.core, listener.port(), &first);
   remove_and_wait(engine.core, old);
   rac_connection *next = connect_to(engine.core, listener.port(), &second, 7);
@@ -149,9 +149,9 @@ enum class NextOwner { FILE_AFTER_REPORT, ENGINE, SOCKET_UNNOTICED };
 class Lost : public testing::TestWithParam<NextOwner> {};
 
 TEST_P(Lost, IsReportedOnceAndItsNumberLeftToTheNextOwner) {
+  Recorder recorder, next_recorder;
   Engine engine;
   Listener listener;
-  Recorder recorder, next_recorder;
   recorder.removes = false;
   rac_connection *device = connect_to(engine.core, listener.port(), &recorder);
   ASSERT_TRUE(eventually([&] { return recorder.of(IOE_CONNECTED) == 1; }));
@@ -200,9 +200,9 @@ INSTANTIATE_TEST_SUITE_P(Owners, Lost,
                                          NextOwner::SOCKET_UNNOTICED));
 
 TEST(Exhausted, NoSlotNoRequestAndNoLowDescriptorGiveEverythingBack) {
+  Recorder recorder;
   Engine engine;
   Listener listener;
-  Recorder recorder;
   rac_connection *device = connect_to(engine.core, listener.port(), &recorder);
   ASSERT_TRUE(eventually([&] { return recorder.of(IOE_CONNECTED) == 1; }));
   const uint32_t address = loopback();
@@ -260,8 +260,8 @@ TEST(Exhausted, NoSlotNoRequestAndNoLowDescriptorGiveEverythingBack) {
 }
 
 TEST(Listen, PausesWithoutASlotAndGoesOnWhenOneIsFree) {
-  Engine engine;
   Recorder recorder;
+  Engine engine;
   rac_connection *listener =
       ListenRemote2(engine.core, 0, 5, nullptr, Recorder::on_event, &recorder);
   ASSERT_NE(listener, nullptr);
@@ -288,8 +288,8 @@ TEST(Listen, PausesWithoutASlotAndGoesOnWhenOneIsFree) {
 }
 
 TEST(Listen, AcceptedConnectionsAreAdoptedOnceAndReadWhenAsked) {
-  Engine engine;
   Recorder recorder, adopted;
+  Engine engine;
   rac_connection *listener =
       ListenRemote2(engine.core, 0, 5, nullptr, Recorder::on_event, &recorder);
   const int client = tcp_nb_connect2(loopback(), GetDeviceLocalPort(listener), nullptr);
@@ -321,17 +321,16 @@ TEST(Listen, AcceptedConnectionsAreAdoptedOnceAndReadWhenAsked) {
 }
 
 TEST(Udp, AListenerIsWatchedByAllWorkersAndRemovedAsOne) {
+  Recorder recorder, ignored;
   Engine engine(4);
   const int descriptors = open_descriptors();
   const uint32_t address = loopback();
-  Recorder recorder;
   int result = 1;
   rac_connection *server =
       ListenUDP3(engine.core, &address, 0, 3, &result, Recorder::on_event, &recorder);
   ASSERT_NE(server, nullptr);
   EXPECT_EQ(result, 0);
   const uint16_t port = GetDeviceLocalPort(server);
-  Recorder ignored;
   rac_connection *client =
       UDPClient(engine.core, &address, port, 0, nullptr, Recorder::on_event, &ignored);
   for (int sent = 1; sent <= 20; ++sent) {

@@ -94,7 +94,7 @@ TEST(Life, RestartAfterStopKeepsDevicesAndTimers) {
 
 TEST(Life, StopFromACallbackEndsAWaitingStart) {
   for (int nowait : {0, 1}) {
-    Counter timer;
+    Counter timer, again;
     timer.core = probe_create(2);
     StartTimer2(timer.core, 20, 0, 0, Counter::stop_probe, &timer);
     std::thread second;
@@ -104,7 +104,6 @@ TEST(Life, StopFromACallbackEndsAWaitingStart) {
     if (second.joinable()) second.join();
     EXPECT_EQ(timer.result, -2) << "a callback cannot wait for itself";
     StartProbe(timer.core, 1);
-    Counter again;
     StartTimer2(timer.core, 1, 0, 0, Counter::count_timer, &again);
     EXPECT_TRUE(eventually([&] { return again.calls == 1; }));
     probe_cleanup(timer.core);
@@ -112,12 +111,12 @@ TEST(Life, StopFromACallbackEndsAWaitingStart) {
 }
 
 TEST(Life, WorkersAreNamedAndBlockSignals) {
-  Engine engine(2);
   struct Seen {
     std::atomic<bool> done{false};
     char name[16] = "";
     sigset_t mask;
   } seen;
+  Engine engine(2);
   StartTimer2(
       engine.core, 0, 0, 0,
       [](void *arg, void *, int, int) {
@@ -135,8 +134,8 @@ TEST(Life, WorkersAreNamedAndBlockSignals) {
 }
 
 TEST(Life, AnIdleEngineUsesNoProcessorTime) {
-  Engine engine(8);
   Counter hook;  // refuses: must not keep anybody awake
+  Engine engine(8);
   RegisterHook(engine.core, Counter::check, &hook, Counter::pump, &hook);
   StartTimer2(engine.core, 600000, 0, 0, Counter::count_timer, &hook);
   probe_barrier(engine.core);
@@ -150,11 +149,11 @@ TEST(Life, AnIdleEngineUsesNoProcessorTime) {
 }
 
 TEST(Life, TheBarrierWaitsForACallbackThatRuns) {
-  Engine engine(2);
   struct Slow {
     std::atomic<bool> begun{false};
     std::atomic<bool> over{false};
   } slow;
+  Engine engine(2);
   StartTimer2(
       engine.core, 0, 0, 0,
       [](void *arg, void *, int, int) {
@@ -171,8 +170,8 @@ TEST(Life, TheBarrierWaitsForACallbackThatRuns) {
 }
 
 TEST(Hook, RunsOnTurnsAndOnCallWhileItsCheckAgrees) {
+  Counter hook, other, timer;
   Engine engine(2);
-  Counter hook, other;
   EXPECT_EQ(DrivePump(engine.core), -1) << "no hook";
   RegisterHook(engine.core, Counter::check, &hook, nullptr, &hook);
   EXPECT_EQ(DrivePump(engine.core), -1) << "no pump";
@@ -183,7 +182,6 @@ TEST(Hook, RunsOnTurnsAndOnCallWhileItsCheckAgrees) {
   EXPECT_EQ(DrivePump(engine.core), 0);
   EXPECT_GE(hook.calls, 1);
   const int before = hook.calls;
-  Counter timer;
   StartTimer2(engine.core, 0, 0, 0, Counter::count_timer, &timer);
   EXPECT_TRUE(eventually([&] { return timer.calls == 1 && hook.calls > before; })) << "a turn";
 

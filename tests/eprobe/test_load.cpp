@@ -83,14 +83,15 @@ struct Client {
 };
 
 TEST(Load, EchoesOverTcpAndUdpAtOnce) {
+  Server server{};
+  std::vector<Client> clients(150);
   Engine engine(8);
-  Server server{engine.core};
+  server.core = engine.core;
   const uint32_t address = loopback();
   rac_connection *tcp = ListenRemote2(engine.core, 0, 0, nullptr, Server::on_tcp, &server);
   rac_connection *udp = ListenUDP3(engine.core, &address, 0, 0, nullptr, Server::on_udp, &server);
   ASSERT_TRUE(tcp != nullptr && udp != nullptr);
 
-  std::vector<Client> clients(150);
   for (size_t i = 0; i < clients.size(); ++i) {
     Client &client = clients[i];
     client.random.seed(static_cast<unsigned>(i));

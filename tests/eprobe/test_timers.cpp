@@ -45,13 +45,13 @@ uint32_t free_timers(rac_core *core) {
 }
 
 TEST(Timers, AFullPoolFiresEachOnceAndNoneEarly) {
+  std::vector<Shot> shots(PROBE_MAX_TIMERS);
+  Shot one_more;
   Engine engine(8);
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE(testing::Message() << "seed " << seed);
   std::mt19937 random(seed);
-  std::vector<Shot> shots(PROBE_MAX_TIMERS);
   for (Shot &shot : shots) ASSERT_NE(shot.start(engine.core, 300 + random() % 300), nullptr);
-  Shot one_more;
   if (Clock::now() - shots[0].started < std::chrono::milliseconds(200)) {
     EXPECT_EQ(one_more.start(engine.core, 1), nullptr) << "the pool is empty";
   }
@@ -135,8 +135,8 @@ TEST(Timers, StopFromAnyThreadLeavesAtMostOneShotAndNoSlot) {
 }
 
 TEST(Timers, AnOldHandleFindsNothing) {
-  Engine engine(2);
   Shot first, second;
+  Engine engine(2);
   rac_timer *old = first.start(engine.core, 1000);
   EXPECT_EQ(GetTimeoutCmd(old), 1u);
   EXPECT_EQ(GetTimeoutPara(old), 2u);
@@ -173,9 +173,10 @@ struct Chain {
 };
 
 TEST(Timers, HandlersStartAndStopTimersWithoutStarvingOthers) {
-  Engine engine(1);
-  Chain chain{engine.core};
+  Chain chain{};
   Shot other;
+  Engine engine(1);
+  chain.core = engine.core;
   StartTimer2(engine.core, 0, 0, 0, Chain::on_timer, &chain);
   other.start(engine.core, 5);
   EXPECT_TRUE(eventually([&] { return other.fired == 1; }));
