@@ -18,6 +18,13 @@ int32_t pack_length(c2ms_cache *cache, int32_t index) REQUIRES(cache->lock) {
   return index == cache->total_packs - 1 ? cache->last_pack_len : cache->packsize.load();
 }
 
+// A pack that need never be fetched: the index in memory holds all of it.
+bool in_window(const c2ms_cache *cache, const c2ms_window &window, int32_t index) {
+  const auto packsize = static_cast<uint64_t>(cache->packsize.load());
+  const uint64_t from = static_cast<uint64_t>(index) * packsize;
+  return window.holds(from, std::min(from + packsize, cache->media_size));
+}
+
 void give_back_packs(c2ms_cache *cache) REQUIRES(cache->lock) {
   cache->generation.fetch_add(1);
   cache->packnum = 0;
@@ -46,6 +53,8 @@ c2ms_cache *c2ms_cache_init(c2ms_sess *session) {
   cache->max_first = 0;
   cache->read_index = 0;
   cache->read_pos = 0;
+  cache->wanted_from = 0;
+  cache->demand_only = false;
   cache->buffering_size = 0;
   cache->buffering_packs = 0;
   cache->read_calls = 0;
@@ -97,7 +106,7 @@ int c2ms_cache_setbuf(c2ms_cache *cache, uint8_t *buffer, int32_t size, int32_t 
 }
 
 int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset, uint64_t media_size,
-                       uint8_t flag) {
+                       uint8_t flag, bool demand_only) {
   if (cache == nullptr) return -1;
   const adif::Guard lock(cache->lock);
   const int32_t packnum = cache->packnum;
@@ -115,7 +124,9 @@ int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offs
   cache->read_index = 0;
   cache->read_pos = 0;
   cache->first_index = 0;
+  cache->wanted_from = 0;
   cache->idle_from = 0;
+  cache->demand_only = demand_only;
   // Units of the former file lose their packs here, and would not pass the generation either.
   cache->generation.fetch_add(1);
   cache->seek_count.fetch_add(1);
@@ -123,13 +134,34 @@ int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offs
   return 0;
 }
 
+c2ms_window c2ms_cache_window(c2ms_cache *cache) {
+  c2ms_window window{};
+  const c2ms_sess *const sess = cache->session;
+  if (sess->idx_mem == 0 || std::memcmp(cache->fid, sess->fid, 16) != 0) return window;
+  const uint64_t base = cache->base_offset;
+  const uint64_t index_begin = sess->idx_offset;
+  const uint64_t index_end = index_begin + std::min<uint64_t>(sess->idx_box_len, sess->idx_buf_len);
+  const uint64_t begin = std::max(index_begin, base);
+  const uint64_t end = std::min(index_end, base + cache->media_size);
+  if (begin >= end) return window;
+  window.begin = begin - base;
+  window.end = end - base;
+  window.in_index = begin - index_begin;
+  window.target = sess->moov_at_end == 1 ? 0 : window.end;
+  window.moves_range = index_begin != 0 && sess->moov_at_end <= 1;
+  return window;
+}
+
 c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
   const int64_t now = c2ms::now_us();
   const adif::Guard lock(cache->lock);
+  if (cache->demand_only) return nullptr;
+  const c2ms_window window = c2ms_cache_window(cache);
   const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
   const auto end = static_cast<int32_t>(std::min<int64_t>(range_end, cache->total_packs));
   bool paused = false;  // an idle pack was passed over: the next search begins at it again
-  for (int32_t i = std::max(cache->read_index, cache->idle_from); i < end; ++i) {
+  for (int32_t i = std::max(cache->wanted_from, cache->idle_from); i < end; ++i) {
+    if (in_window(cache, window, i)) continue;
     c2ms_pack *const pack = pack_at(cache, i);
     const adif::Guard pack_lock(pack->lock);
     if (pack->state != pack_idle) continue;
@@ -137,7 +169,7 @@ c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
     if (pack->not_before_us <= now) return pack;
     paused = true;
   }
-  if (!paused) cache->idle_from = std::max(end, cache->read_index);
+  if (!paused) cache->idle_from = std::max(end, cache->wanted_from);
   return nullptr;
 }
 
@@ -208,25 +240,23 @@ int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos) {
   return 0;
 }
 
-bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) {
-  const int32_t packnum = cache->packnum;
-  if (packnum < 1) return false;
-  pos = std::min(pos, cache->media_size);
-  const auto index = static_cast<int32_t>(pos / static_cast<uint64_t>(cache->packsize.load()));
-  cache->read_pos = pos;
-  if (index < cache->read_index) cache->idle_from = std::min(cache->idle_from, index);
-  cache->read_index = index;
-  const int32_t old_first = cache->first_index;
-  if (old_first < index && old_first == cache->max_first) return false;
+namespace {
 
+// Places the range so that it holds `target`'s pack. The first pack that was not in the range before, or
+// INT32_MAX when it has not moved.
+int32_t place_range(c2ms_cache *cache, uint64_t target) REQUIRES(cache->lock) {
+  const int32_t packnum = cache->packnum;
+  const int32_t old_first = cache->first_index;
+  if (old_first < cache->read_index && old_first == cache->max_first) return INT32_MAX;
   const int64_t old_end = int64_t{old_first} + packnum;
+  const auto index = static_cast<int32_t>(target / static_cast<uint64_t>(cache->packsize.load()));
   const int32_t back = std::max(index - cache->reserve, 0);
   int32_t new_first = back;
   if (index < old_first || index >= old_end) {
     const bool runs_out_ahead = index >= old_end && back < old_end;
     if (!runs_out_ahead) new_first = index;
   } else if (index - old_first <= cache->reserve) {
-    return false;
+    return INT32_MAX;
   }
   new_first = std::min(new_first, cache->max_first);
   // Packs that were in the range keep their data; only the slots that it enters are reset.
@@ -236,8 +266,35 @@ bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) {
   if (new_first < old_first) reset_to = std::min(reset_to, old_first);
   for (int32_t i = reset_from; i < reset_to; ++i) c2ms_pack_exit_download(pack_at(cache, i), i);
   cache->first_index = new_first;
-  if (reset_from < reset_to) cache->idle_from = std::min(cache->idle_from, reset_from);
-  return reset_from < reset_to;
+  return reset_from < reset_to ? reset_from : INT32_MAX;
+}
+
+bool move_to(c2ms_cache *cache, uint64_t pos, const c2ms_window &window) REQUIRES(cache->lock) {
+  if (cache->packnum < 1) return false;
+  pos = std::min(pos, cache->media_size);
+  cache->read_pos = pos;
+  cache->read_index = static_cast<int32_t>(pos / static_cast<uint64_t>(cache->packsize.load()));
+  const bool elsewhere = window.moves_range && window.has(pos);
+  const int32_t new_from = place_range(cache, elsewhere ? window.target : pos);
+  const int32_t wanted_from = elsewhere ? cache->first_index.load() : cache->read_index;
+  const bool goes_back = wanted_from < cache->wanted_from;
+  cache->wanted_from = wanted_from;
+  if (goes_back) cache->idle_from = std::min(cache->idle_from, wanted_from);
+  cache->idle_from = std::min(cache->idle_from, new_from);
+  return goes_back || new_from != INT32_MAX;
+}
+
+}  // namespace
+
+bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) {
+  return move_to(cache, pos, c2ms_cache_window(cache));
+}
+
+bool c2ms_cache_seek_exactly(c2ms_cache *cache, uint64_t pos) { return move_to(cache, pos, {}); }
+
+void c2ms_cache_window_changed(c2ms_cache *cache) {
+  c2ms_cache_seek_to(cache, cache->read_pos);
+  cache->idle_from = cache->wanted_from;  // packs that were passed over may be wanted now
 }
 
 int c2ms_cache_buffering_size(c2ms_cache *cache, int32_t bytes) {
@@ -264,14 +321,19 @@ int c2ms_cache_buffering_ratio(c2ms_cache *cache, int32_t *ratio) {
     *ratio = 100;
     return 0;
   }
+  const c2ms_window window = c2ms_cache_window(cache);
   const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
   int64_t sum = 0;
-  int32_t i = cache->read_index;
-  for (; i < range_end && i < cache->total_packs; ++i) {
+  int32_t i = cache->wanted_from;
+  for (; i < range_end && i < cache->total_packs && sum < cache->buffering_size; ++i) {
+    if (in_window(cache, window, i)) {
+      if (i >= cache->read_index) sum += cache->packsize;
+      continue;
+    }
     c2ms_pack *const pack = pack_at(cache, i);
     const adif::Guard pack_lock(pack->lock);
     sum += pack->len;
-    if (pack->state != pack_ready || pack->len < pack->size || sum >= cache->buffering_size) break;
+    if (pack->state != pack_ready || pack->len < pack->size) break;
   }
   if (sum >= cache->buffering_size || i >= cache->total_packs) {
     *ratio = 100;

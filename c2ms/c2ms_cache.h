@@ -22,6 +22,19 @@ struct c2ms_range {
   bool redundant;  // the pack is being fetched already
 };
 
+/// The part of the selected file that an index in memory holds, in positions of reads. While the position
+/// lies in it the range is placed for `target` instead: behind the window, or at the beginning when the
+/// window is the file's end. Packs that lie wholly in it are not prefetched; readers copy them from the index.
+struct c2ms_window {
+  uint64_t begin, end;  // equal: none
+  uint64_t in_index;    // where in the index the window's first byte lies
+  uint64_t target;
+  bool moves_range;
+
+  bool has(uint64_t pos) const { return pos >= begin && pos < end; }
+  bool holds(uint64_t from, uint64_t to) const { return begin < end && from >= begin && to <= end; }
+};
+
 /// Readies a session's cache record: no buffer, no file. The record; NULL for NULL.
 c2ms_cache *c2ms_cache_init(c2ms_sess *session);
 
@@ -32,12 +45,19 @@ int c2ms_cache_clean(c2ms_cache *cache);
 /// or buffer; -3 size below 1; -4 size below packsize (0 or less means 8192); -5 no memory for packs.
 int c2ms_cache_setbuf(c2ms_cache *cache, uint8_t *buffer, int32_t size, int32_t packsize);
 
-/// Selects a file; drops what was there, position 0. Needs the read gate. 0; -1; -201 the cache has no pack;
-/// -202 more packs than an int32 counts.
+/// Selects a file; drops what was there, position 0. With demand_only nothing is prefetched: only what a
+/// reader waits for is asked for. Needs the read gate. 0; -1; -201 the cache has no pack; -202 more packs than
+/// an int32 counts.
 int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset, uint64_t media_size,
-                       uint8_t flag);
+                       uint8_t flag, bool demand_only = false);
 
-/// The first idle pack at or above the read position that may be asked for now, or NULL.
+/// The window of the index in memory; an empty one when the cache serves another file than the media.
+c2ms_window c2ms_cache_window(c2ms_cache *cache) REQUIRES(cache->lock);
+/// The window has changed: places the range for the read position again.
+void c2ms_cache_window_changed(c2ms_cache *cache) REQUIRES(cache->lock);
+
+/// The first idle pack at or above the read position (above the range's first pack while the range is placed
+/// elsewhere) that may be asked for now, or NULL.
 c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache);
 /// Issues an idle pack. 0; -1, -2 missing cache or session; -100 it is not idle (any more); or the issue's
 /// result.
@@ -51,8 +71,14 @@ bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out);
 
 /// Moves the read position for the player and asks for what is missing. 0; -1.
 int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos);
-/// Moves position and range. Packs that stay inside keep their data. True when packs became idle.
+/// Moves position and range. Packs that stay inside keep their data. True when there are new packs to ask for.
 bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock);
+/// The same with the range placed for the position itself, wherever the window lies: for a reader who needs
+/// bytes of the media there.
+bool c2ms_cache_seek_exactly(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock);
+/// Moves a reader's position on, unless somebody has moved it since `seek_count` was read (then false), and
+/// gives nodes that have run out of work new packs. Needs the read gate.
+bool c2ms_cache_advance(c2ms_cache *cache, uint64_t pos, uint32_t seek_count);
 
 /// Copy bytes from the read position (c2ms.h gives the player's view). Need the read gate.
 int c2ms_cache_read(c2ms_cache *cache, void *buf, int32_t len, int32_t nonblock);

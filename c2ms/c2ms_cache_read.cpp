@@ -18,6 +18,13 @@ constexpr int32_t unhurried_us = 1'000'000;  // an expected time below this is t
 
 enum class step { go_on, stop, wait, move_range, request };
 
+// Nodes that had nothing to do while the ring was full find work again.
+void give_work(c2ms_cache *cache) {
+  if (cache->session->ready_num.load() < 1) return;
+  c2ms_cache_download_all(cache);
+  c2ms::dispatch_if_due(cache->session);
+}
+
 // One call of read or receive, from its position to its end.
 struct reading {
   c2ms_cache *cache;
@@ -29,6 +36,7 @@ struct reading {
   uint64_t pos = 0;
   uint64_t media_size = 0;
   uint32_t seek_count = 0;
+  c2ms_window window{};  // changes under the read gate alone
 
   bool expired() const {
     if (deadline == steady::time_point::max()) return false;
@@ -90,21 +98,24 @@ step take(reading &call, const place &at) {
   return pack->state == pack_idle ? step::request : step::stop;
 }
 
-// Moves the range behind the reader, unless somebody has seeked meanwhile.
-bool advance(reading &call) {
-  bool became_idle;
-  {
-    const adif::Guard lock(call.cache->lock);
-    if (call.cache->seek_count.load() != call.seek_count) return false;
-    became_idle = c2ms_cache_seek_to(call.cache, call.pos);
+// Copies a pack that the index in memory holds as a whole; true when it does.
+bool take_from_index(reading &call, const place &at) {
+  const uint64_t begin = call.pos - static_cast<uint64_t>(at.in_pack);
+  const uint64_t end = std::min(begin + static_cast<uint64_t>(call.cache->packsize.load()), call.media_size);
+  if (!call.window.holds(begin, end)) return false;
+  const auto wanted = static_cast<int32_t>(
+      std::min<uint64_t>(static_cast<uint64_t>(call.len - call.copied), end - call.pos));
+  if (call.out != nullptr) {
+    const uint8_t *const from = call.cache->session->idx_buf + call.window.in_index;
+    std::memcpy(call.out + call.copied, from + (call.pos - call.window.begin), static_cast<size_t>(wanted));
   }
-  // Nodes that had nothing to do while the ring was full find work again.
-  if (became_idle && call.cache->session->ready_num.load() > 0) {
-    c2ms_cache_download_all(call.cache);
-    c2ms::dispatch_if_due(call.cache->session);
-  }
+  call.copied += wanted;
+  call.pos += static_cast<uint64_t>(wanted);
   return true;
 }
+
+// Moves the range behind the reader, unless somebody has seeked meanwhile.
+bool advance(const reading &call) { return c2ms_cache_advance(call.cache, call.pos, call.seek_count); }
 
 // A pack that keeps its reader waiting for longer than the best node should need is asked for again.
 void ask_again_if_late(reading &call, const place &at) {
@@ -158,7 +169,12 @@ void wait(reading &call, const place &at) {
 }
 
 bool move_range(reading &call, const place &at) {
-  if (!advance(call)) return false;
+  {
+    const adif::Guard lock(call.cache->lock);
+    if (call.cache->seek_count.load() != call.seek_count) return false;
+    c2ms_cache_seek_exactly(call.cache, call.pos);
+  }
+  give_work(call.cache);
   const adif::Guard lock(at.pack->lock);
   if (at.pack->index == at.index) return true;
   call.result = -201;
@@ -180,6 +196,7 @@ bool read_pack(reading &call) {
     call.result = -201;
     return false;
   }
+  if (take_from_index(call, at)) return advance(call);
   for (;;) {
     if (ended(call, false)) return false;
     const uint64_t before = call.pos;
@@ -212,6 +229,7 @@ int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point dea
     call.pos = cache->read_pos;
     call.media_size = cache->media_size;
     call.seek_count = cache->seek_count;
+    call.window = c2ms_cache_window(cache);
   }
   if (cache->packnum < 1) return -201;
   if (call.pos >= call.media_size) return -200;
@@ -228,6 +246,17 @@ int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point dea
 }
 
 }  // namespace
+
+bool c2ms_cache_advance(c2ms_cache *cache, uint64_t pos, uint32_t seek_count) {
+  bool more_to_fetch;
+  {
+    const adif::Guard lock(cache->lock);
+    if (cache->seek_count.load() != seek_count) return false;
+    more_to_fetch = c2ms_cache_seek_to(cache, pos);
+  }
+  if (more_to_fetch) give_work(cache);
+  return true;
+}
 
 int c2ms_cache_read(c2ms_cache *cache, void *buf, int32_t len, int32_t nonblock) {
   return read_until(cache, buf, len,

@@ -45,6 +45,15 @@ inline constexpr int open_timeouts = 20;             // one-second waits of an o
 inline constexpr int64_t reopen_after_us = 20'000'000;
 inline constexpr int64_t ratio_stalled_us = 4'000'000;
 
+// The index of a media.
+inline constexpr uint64_t max_index_bytes = uint64_t{64} << 20;  // packed or not
+inline constexpr int64_t index_open_ms = 30'000;
+inline constexpr int32_t index_receive_ms = 10'000;
+inline constexpr int max_index_failures = 5;
+inline constexpr int max_boxes = 20;
+inline constexpr int32_t moov_end_slack = 1000;  // bytes behind a `moov` that still counts as the end
+inline constexpr uint8_t media_type_mp4 = 7;
+
 // Units and packs.
 inline constexpr uint32_t pdu_header_bytes = 14;
 inline constexpr uint32_t max_pdu_bytes = 1024;

@@ -200,7 +200,9 @@ struct c2ms_cache {
   std::atomic<int32_t> packnum{0};
   std::atomic<int32_t> total_packs{0};
   std::atomic<int32_t> first_index{0};
-  int32_t idle_from GUARDED_BY(lock) = 0;  // no pack from read_index up to here is idle
+  int32_t wanted_from GUARDED_BY(lock) = 0;  // prefetching begins there (c2ms_cache_seek_to)
+  int32_t idle_from GUARDED_BY(lock) = 0;    // no wanted pack from wanted_from up to here is idle
+  bool demand_only GUARDED_BY(lock) = false;  // nothing is prefetched
   std::atomic<uint32_t> generation{0};  // of file and buffer: a unit of another one delivers nothing
   std::atomic<uint32_t> seek_count{0};  // a reader that finds it changed ends with what it has
   // The waiting reader: it publishes what it needs, and whoever makes that true counts up and signals.
@@ -210,6 +212,26 @@ struct c2ms_cache {
   std::atomic<int32_t> want_len{0};
   uint32_t session_id = 0;
   c2ms_sess *session = nullptr;
+};
+
+/// A walk over the boxes of an MP4 media (c2ms_sess_idx_box.h).
+struct c2ms_box_walk {
+  uint64_t media_size = 0;
+  uint64_t pos = 0;       // of the box whose header is wanted
+  uint64_t box_size = 0;  // of the `moov` box, once it is found
+  int32_t boxes = 0;      // passed
+  int32_t have = 0;       // bytes of the header
+  uint8_t header[16]{};
+};
+
+/// What an open of the index knows until it has ended.
+struct c2ms_idx_opening {
+  uint64_t range_base = 0, range_size = 0;  // of the media, what the cache goes back to
+  uint32_t generation = 0;                  // of the cache since it was pointed at what is being read
+  int32_t last_read = 0;                    // result of the read that completed the file
+  uint8_t *buf = nullptr;                   // unpacked, not yet in memory for readers
+  uint32_t buf_len = 0;
+  c2ms_box_walk walk;
 };
 
 /// Running statistics of a media node's transfers (c2ms_node_obj.h). Guarded by the session's list lock.
@@ -340,6 +362,19 @@ struct c2ms_sess {
   void *cache_buf = nullptr;                 // changed under the read gate
   int32_t cache_buf_size = 0;
   adif::Gate read_gate{c2ms::rank_read_gate};
+
+  // Index (c2ms_sess_idx.h). Changed under the read gate; the words that tell where the window lies are
+  // written under the cache's lock too.
+  uint8_t *idx_zbuf = nullptr;
+  int64_t idx_zrecv = 0;
+  uint32_t idx_started = 0;
+  c2ms_idx_opening idx_opening;
+  uint8_t *idx_buf = nullptr;
+  std::atomic<uint32_t> idx_buf_len{0};
+  std::atomic<uint64_t> idx_offset{0};
+  uint64_t idx_box_len = 0;  // of the box that the index stands for
+  std::atomic<uint32_t> moov_at_end{0};
+  std::atomic<uint8_t> idx_mem{0};
 
   rac_timer *check_timer = nullptr;
   int64_t open_time = 0, close_time = 0;  // seconds

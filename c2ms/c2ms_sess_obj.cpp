@@ -10,6 +10,7 @@
 #include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_mgmt.h"
 #include "c2ms/c2ms_node_obj.h"
+#include "c2ms/c2ms_sess_idx.h"
 #include "c2ms/c2ms_sess_sched.h"
 #include "c2ms/c2ms_time.h"
 #include "c2ms/c2ms_unit.h"
@@ -113,6 +114,7 @@ void release_contents(c2ms_sess *sess, int (*end_node)(c2ms_node *)) {
   sess->entry_node = nullptr;
   c2ms_sess_server_clear(sess);
   c2ms_sess_unit_clear(sess);
+  c2ms_sess_idx_release(sess);
   release_cache(sess);
 }
 

@@ -7,38 +7,12 @@
 #include "c2ms.h"
 #include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_mgmt.h"
+#include "c2ms/c2ms_sess_read.h"
 #include "c2ms/c2ms_sess_sched.h"
-#include "c2ms/c2ms_time.h"
 
 namespace {
 
 using namespace c2ms;
-
-constexpr auto no_limit = steady::time_point::max();
-
-class GateGuard {
- public:
-  GateGuard(c2ms_sess *sess, steady::time_point deadline) NO_THREAD_SAFETY_ANALYSIS
-      : gate_(sess->read_gate),
-        entered_(gate_.enter_until(deadline)) {}
-  ~GateGuard() NO_THREAD_SAFETY_ANALYSIS {
-    if (entered_) gate_.leave();
-  }
-  GateGuard(const GateGuard &) = delete;
-  GateGuard &operator=(const GateGuard &) = delete;
-  explicit operator bool() const { return entered_; }
-
- private:
-  adif::Gate &gate_;
-  const bool entered_;
-};
-
-// A reader that waits gives way to who wants to change file or buffer.
-void interrupt_reader(c2ms_cache *cache) {
-  if (cache == nullptr) return;
-  cache->seek_count.fetch_add(1);
-  c2ms_cache_wake(cache);
-}
 
 void hex_text(const uint8_t *id, char *out) {
   if (out == nullptr) return;
@@ -82,11 +56,42 @@ int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
   return result;
 }
 
+// Serves a call from the index in memory: bytes delivered, or 0 when it is the cache's. A read ends at the
+// window's end; a receive (whole) that would leave the window is the cache's.
+int32_t read_index(c2ms_sess *sess, c2ms_cache *cache, void *buf, int32_t len, bool whole) {
+  if (sess->idx_mem == 0 || len < 1) return 0;
+  c2ms_window window;
+  uint64_t pos;
+  uint32_t seek_count;
+  {
+    const adif::Guard lock(cache->lock);
+    window = c2ms_cache_window(cache);
+    pos = cache->read_pos;
+    seek_count = cache->seek_count;
+  }
+  if (!window.has(pos)) return 0;
+  const uint64_t left = window.end - pos;
+  if (whole && static_cast<uint64_t>(len) > left) return 0;
+  const auto count = static_cast<int32_t>(std::min<uint64_t>(static_cast<uint64_t>(len), left));
+  if (buf != nullptr) {
+    std::memcpy(buf, sess->idx_buf + window.in_index + (pos - window.begin), static_cast<size_t>(count));
+  }
+  // Not by a seek, which stops at the last byte: the end of the media must be reached.
+  c2ms_cache_advance(cache, pos + static_cast<uint64_t>(count), seek_count);
+  return count;
+}
+
 bool divides(int32_t pack_size, uint64_t size) {
   return size != 0 && size % static_cast<uint64_t>(pack_size) == 0;
 }
 
 }  // namespace
+
+void c2ms::interrupt_reader(c2ms_cache *cache) {
+  if (cache == nullptr) return;
+  cache->seek_count.fetch_add(1);
+  c2ms_cache_wake(cache);
+}
 
 int c2ms_sess_cache_init(c2ms_sess *sess, int32_t pack_size) {
   if (sess == nullptr) return -1;
@@ -169,8 +174,9 @@ int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock) {
   if (!call) return C2MS_CLOSED;
   c2ms_cache *const cache = sess->cache.load();
   if (cache == nullptr) return -2;
-  const GateGuard gate(sess, nonblock != 0 ? steady::time_point::min() : no_limit);
+  const GateGuard gate(sess, nonblock != 0 ? one_try : no_limit);
   if (!gate) return 0;
+  if (const int32_t n = read_index(sess, cache, buf, len, false); n > 0) return n;
   return c2ms_cache_read(cache, buf, len, nonblock);
 }
 
@@ -183,6 +189,7 @@ int c2ms_sess_recv(c2ms_sess *sess, void *buf, int32_t len, int32_t timeout_ms) 
   const auto deadline = steady::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
   const GateGuard gate(sess, deadline);
   if (!gate) return 0;
+  if (const int32_t n = read_index(sess, cache, buf, len, true); n > 0) return n;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now());
   return c2ms_cache_recv(cache, buf, len, static_cast<int32_t>(std::max<int64_t>(left.count(), 0)));
 }

@@ -197,6 +197,55 @@ C2MS_API int c2ms_sess_buffering(c2ms_sess *sess, int32_t bytes);
  * -400 no server has been usable for 4 seconds (ratio is written all the same). */
 C2MS_API int c2ms_sess_bufratio(c2ms_sess *sess, int32_t *ratio);
 
+/* ---- The index --------------------------------------------------------------------------------- */
+
+/* A media may come with a separate, compressed index file (c2ms_sess_idxfile). Of an MP4 media it holds the
+ * `moov` box: once open, reads of that part of the media are served from memory, it is not downloaded again,
+ * and while the position lies in it the cache fills with what will be played next. Of any other media it
+ * stands for the file's first bytes. Set the cache up first. Every open that fetches, good or bad, leaves the
+ * session on the media, at position 0 of the range that was selected (the whole media if none was). A closed
+ * session gives C2MS_CLOSED.
+ *
+ * What an open index changes: a read ends short at the end of its part. A receive that would leave the part
+ * is served through the cache, which still takes packs that lie wholly in the index from memory. */
+
+/* Fetches and opens the index; waits up to 30 seconds. len: NULL, or receives the index's length in bytes
+ * once it is unpacked, else 0. 0, also at once when the media has no index file or the index is open already;
+ * -1; -2 no cache; -200 five receives failed; -201 not complete within 30 seconds; -300 no readable
+ * container; -301 empty; -350 no memory, or more than 64 MiB, packed or not; -400 damaged; -401 an MP4 media
+ * without a `moov` among its first 20 boxes. */
+C2MS_API int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len);
+
+/* The same for players that poll: takes what has arrived and never waits. C2MS_CACHING: call again later, and
+ * do not read in between (the cache serves the index file until the open ends). When the index is open: for
+ * MP4 media the byte count of the read that completed it (1 or more), for others 0. Else the codes above, and
+ * C2MS_NO_MEMORY without memory for the packed file; the next call starts again. A failed read is no end:
+ * its negative result is added to the count of bytes, and the index then does not complete (this is meant);
+ * after long waiting, close the index and open it again. Selecting a file or a new cache between the calls
+ * makes the next one start again. */
+C2MS_API int c2ms_sess_idx_open_asyn(c2ms_sess *sess, uint32_t *len);
+
+/* Copies min(len, length - off) bytes to buf (NULL: none): always from the index's beginning, off limits the
+ * count alone (this is meant; read the media itself for other parts). Waits for a read in progress. The
+ * count; 0 when len is below 1 or off at or past the length; -1; -100 not open; -101 no buffer. */
+C2MS_API int c2ms_sess_idx_read(c2ms_sess *sess, void *buf, int32_t len, uint32_t off);
+
+/* Where in the media the open index lies, in bytes; 0 while there is none. 0, or -1. */
+C2MS_API int c2ms_sess_idx_offset(c2ms_sess *sess, uint64_t *offset);
+
+/* Length of the open index in bytes; 0 while there is none, or for NULL. */
+C2MS_API uint32_t c2ms_sess_idx_size(c2ms_sess *sess);
+
+/* 0 no index file; 1 there is one; 2 it is open and lies at the end of the media; -1; -2 neither. */
+C2MS_API int c2ms_sess_idx_attr(c2ms_sess *sess);
+
+/* 1 when the media's byte at pos belongs to the open index, else 0 (always 0 for an index at position 0);
+ * -1 for NULL. */
+C2MS_API int c2ms_sess_is_in_idx(c2ms_sess *sess, uint64_t pos);
+
+/* Closes the index, or gives up an incremental open. Ends a waiting read. 0, or -1. */
+C2MS_API int c2ms_sess_idx_close(c2ms_sess *sess);
+
 /* ---- Figures ----------------------------------------------------------------------------------- */
 
 /* Bytes per millisecond over the last two-second window; 0 for NULL. */
