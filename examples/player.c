@@ -2,14 +2,17 @@
  *     cc -std=c99 player.c -lc2ms -o player && ./player 'kesp://...' > film.mp4 */
 #include <c2ms.h>
 
-static void complain(void *arg, const char *line) { fputs(line, (FILE *)arg); }
+static void complain(void *arg, const char *line) {
+  fputs(line, (FILE *)arg);
+}
 
 /* A range of the file, from pos to its end; 0 when every byte of it was played. */
 static int play(c2ms_sess *film, uint64_t pos, uint64_t size) {
   static char buf[65536];
   int32_t n = c2ms_sess_seek(film, pos);
   while (n >= 0 && pos < size) {
-    n = c2ms_sess_read(film, buf, sizeof buf, 0); /* waits until the buffer is full or the file ends */
+    n = c2ms_sess_read(film, buf, sizeof buf,
+                       0); /* waits until the buffer is full or the file ends */
     if (n > 0 && fwrite(buf, 1, (size_t)n, stdout) != (size_t)n) return 1;
     if (n > 0) pos += (uint64_t)n;
   }
@@ -21,7 +24,8 @@ static int open_and_play(c2ms_mgmt *lib, const char *url) {
   int32_t err = 0;
   uint64_t size = 0;
   int failed = 1;
-  c2ms_sess *film = c2ms_sess_open(lib, url, &err); /* waits until a server has described the media */
+  c2ms_sess *film =
+      c2ms_sess_open(lib, url, &err); /* waits until a server has described the media */
   if (!film) {
     fprintf(stderr, "player: %s\n", c2ms_sess_error(err));
     return 1;

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# demo.sh BIN FILE: serves FILE from four media nodes of different speed, fetches it through the library and
+# compares. Called by ./dev demo. The nodes are slow enough that a fetch takes about four seconds (a big file:
+# longer, 2 MB/s at least); the server ends with this script.
+set -euo pipefail
+bin=$1 file=$2
+scratch=$(mktemp -d)
+server=
+cleanup() {
+  [[ -z $server ]] || { kill "$server" && wait "$server"; } > /dev/null 2>&1 || true
+  rm -rf "$scratch"
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+size=$(stat -L -c %s "$file")
+share=$((size / 4 / 14 + 1000))  # bytes per second of one part in fourteen
+[[ $share -ge 150000 || $size -lt 8400000 ]] || share=150000
+rates=$((share * 2)),$((share * 3)),$((share * 4)),$((share * 5))
+
+echo "Serving $file ($size bytes) from four nodes at $rates bytes per second"
+: > "$scratch/urls"
+"$bin/c2ms-server" --nodes 4 --rate "$rates" "$file" > "$scratch/urls" &
+server=$!
+until url=$(head -n 1 "$scratch/urls") && [[ $url == *keyid=* ]]; do
+  kill -0 "$server"  # ends the script when the server has ended
+  sleep 0.05
+done
+echo "Fetching $url"
+pack=$((size / 32 < 4096 ? 4096 : size / 32 > 262144 ? 262144 : size / 32))
+hash=$(sha256sum < "$file" | cut -d' ' -f1)
+"$bin/c2ms-get" --stats --dump --pack-size "$pack" --verify "$hash" -o "$scratch/fetched" "$url"
+cmp "$file" "$scratch/fetched"
+kill "$server"
+wait "$server" || true
+server=
+echo "What the server saw:"
+tail -n +2 "$scratch/urls"
+echo "SHA-256 $hash: the bytes that arrived are those that were served"
