@@ -1,0 +1,307 @@
+// The session core's parts by themselves: wire format, statistics, orders, lists, addresses.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "c2ms.h"
+#include "c2ms/c2ms_mgmt.h"
+#include "c2ms/c2ms_node.h"
+#include "c2ms/c2ms_node_obj.h"
+#include "c2ms/c2ms_pdu.h"
+#include "c2ms/c2ms_pump.h"
+#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_unit.h"
+#include "crypto/des.h"
+
+namespace {
+
+class Core : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    c2ms_set_diag([](void *arg, const char *line) { *static_cast<std::string *>(arg) += line; }, &lines);
+    uint8_t hid[20];
+    for (uint8_t i = 0; i < 20; ++i) hid[i] = static_cast<uint8_t>(0xf0 + i);
+    mgmt = c2ms_mgmt_init(nullptr, 0x55667788, 0x11223344, hid, 0);
+    std::strcpy(mgmt->local_ip_text, "10.1.1.200");
+    sess = c2ms_sess_fetch(mgmt);
+    for (uint8_t i = 0; i < 16; ++i) sess->fid[i] = static_cast<uint8_t>(i + 1), sess->auth[i] = 0xa0;
+    sess->stamp = 0x80000001;  // negative on the wire
+    sess->keyid = 9;
+  }
+  void TearDown() override {
+    c2ms_sess_close(sess);
+    c2ms_mgmt_clean(mgmt);
+    c2ms_set_diag(nullptr, nullptr);
+  }
+  c2ms_mgmt *mgmt = nullptr;
+  c2ms_sess *sess = nullptr;
+  std::string lines;
+};
+
+std::string hex(const uint8_t *bytes, int count) {
+  std::string text;
+  char pair[3];
+  for (int i = 0; i < count; ++i) {
+    std::snprintf(pair, sizeof pair, "%02x", bytes[i]);
+    text += pair;
+  }
+  return text;
+}
+
+TEST_F(Core, RequestsByteByByte) {
+  const std::string identity =
+      "0000001e"                                  // client version 30
+      "31302e312e312e323030000000000000"          // "10.1.1.200"
+      "f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff00010203"  // hardware id
+      "1122334455667788"
+      "a0a0a0a0a0a0a0a0a0a0a0a0a0a0a0a0"
+      "ffffffff80000001"
+      "00000009";
+  uint8_t buf[256];
+  c2ms_pdu pdu;
+  ASSERT_EQ(c2ms_pdu_init(sess, &pdu, C2MS_GET_SRVLIST_REQ), 0);
+  ASSERT_EQ(c2ms_pdu_encode(&pdu, buf, sizeof buf), 106);
+  EXPECT_EQ(hex(buf, 106), "0000006a00000001000000010001" + identity + "0102030405060708090a0b0c0d0e0f10");
+  // low(1 + 106), 10, 200, f0 + 01, f1 + 02, 88, fid bytes 7 and 8
+  EXPECT_EQ(hex(c2ms_pdu_key(&pdu), 8), "6b0ac8f1f3880809");
+  ASSERT_EQ(c2ms_pdu_init(sess, &pdu, C2MS_GET_MEDIA_REQ), 0);
+  std::memset(pdu.fid, 0xee, sizeof pdu.fid);
+  pdu.range_offset = 0x0123456789abcdef;
+  pdu.range_length = 65536;
+  pdu.range_flag = 5;
+  ASSERT_EQ(c2ms_pdu_encode(&pdu, buf, sizeof buf), 119);
+  EXPECT_EQ(hex(buf, 119), "0000007700000003000000020001" + identity +
+                               "eeeeeeeeeeeeeeeeeeeeeeeeeeeeeeee0123456789abcdef0001000005");
+  EXPECT_EQ(c2ms_pdu_encode(&pdu, buf, 118), -100);
+  EXPECT_EQ(c2ms_pdu_encode(nullptr, buf, 118), -1);
+  EXPECT_EQ(c2ms_pdu_encode(&pdu, buf, 0), -2);
+  const struct {
+    const char *ip;
+    int byte2;
+  } keys[] = {{"1.2.3.4", 3}, {"10.1.1.200", 200}, {"1.1.", 0}, {"192.168.1.77", 77}, {"", 0}};
+  for (const auto &k : keys) {
+    std::memset(pdu.local_ip, 0, sizeof pdu.local_ip);
+    std::strcpy(pdu.local_ip, k.ip);
+    c2ms_pdu_build_key(&pdu, sess->fid);
+    EXPECT_EQ(pdu.key[2], k.byte2) << k.ip;
+  }
+}
+
+TEST_F(Core, ResponsesOfEveryLength) {
+  const uint8_t response[37] = {0,    0, 0, 37, 0x80, 0, 0, 3, 0, 0, 0, 7, 0, 1,  // header
+                                0,    0, 0, 0,                                    // result
+                                0x12, 0x34, 1, 2, 3, 4, 5, 6, 7, 8, 9, 9, 9, 9, 0, 1, 0, 0, 6};
+  c2ms_pdu pdu{};
+  EXPECT_EQ(c2ms_pdu_decode(&pdu, response, 13), -2);
+  EXPECT_EQ(c2ms_pdu_decode(&pdu, response, 14), 14);
+  EXPECT_EQ(c2ms_pdu_decode(&pdu, response, 17), 14);
+  EXPECT_EQ(c2ms_pdu_decode(&pdu, response, 31), 18);
+  EXPECT_EQ(pdu.payload_length, 0u);
+  EXPECT_EQ(c2ms_pdu_decode(&pdu, response, 37), 37);
+  EXPECT_EQ(pdu.media_word, 0x1234);
+  EXPECT_EQ(pdu.media_position, 0x0102030405060708u);
+  EXPECT_EQ(pdu.payload_length, 65536u);
+  EXPECT_EQ(pdu.payload_flag, 6);
+}
+
+TEST_F(Core, BodiesCutAtEveryByte) {
+  const std::vector<uint8_t> list = {0, 6, 127, 0, 0, 1, 0, 80, 2, 0, 5, 0, 0, 0, 0, 0, 0, 0, 3, 1, 0, 0};
+  c2ms::list_entry entries[c2ms::max_list_entries];
+  for (int length = 0; length <= static_cast<int>(list.size()); ++length) {
+    const std::vector<uint8_t> cut(list.begin(), list.begin() + length);  // the sanitizer guards its end
+    EXPECT_EQ(c2ms::parse_server_list(cut.data(), length, entries), length < 2 ? -1 : (length - 2) / 10);
+  }
+  EXPECT_EQ(entries[0].address, 0x7f000001u);
+  EXPECT_EQ(entries[0].port, 80);
+  EXPECT_EQ(entries[1].load, 256);
+  c2ms::description media;
+  std::vector<uint8_t> body(69, 1);
+  for (int length = 0; length <= 69; ++length) {
+    const std::vector<uint8_t> cut(body.begin(), body.begin() + length);
+    EXPECT_EQ(c2ms::parse_description(cut.data(), length, &media), length >= 67);
+  }
+  EXPECT_EQ(std::strlen(media.name), 36u);
+  EXPECT_EQ(media.size, 0x0101010101010101u);
+  body[36] = 0x80;  // no file is that long
+  EXPECT_FALSE(c2ms::parse_description(body.data(), 69, &media));
+}
+
+TEST_F(Core, EncipheredBodies) {
+  c2ms_pdu request;
+  ASSERT_EQ(c2ms_pdu_init(sess, &request, C2MS_DESC_MEDIA_REQ), 0);
+  const uint8_t clear[5] = {1, 2, 3, 4, 5};
+  for (const bool weak : {false, true}) {
+    if (weak) std::memset(request.key, 1, sizeof request.key);
+    des_context cipher;
+    DesSetKey(&cipher, request.key);
+    uint8_t sealed[16], scratch[16];
+    int length = 0;
+    ASSERT_EQ(DesEncrypt(&cipher, clear, 5, sealed, &length), 0);
+    const uint8_t *plain = nullptr;
+    ASSERT_EQ(c2ms::plain_body(request, 1, sealed, length, scratch, &plain), 5);
+    EXPECT_EQ(std::memcmp(plain, clear, 5), 0);
+    EXPECT_EQ(c2ms::plain_body(request, 1, sealed, length - 1, scratch, &plain), -1);
+    EXPECT_EQ(c2ms::plain_body(request, 1, sealed, 0, scratch, &plain), -1);
+    EXPECT_EQ(c2ms::plain_body(request, 0, clear, 5, scratch, &plain), 5);
+  }
+}
+
+TEST_F(Core, StatisticsOfTransfers) {
+  c2ms_node *const node = c2ms_node_fetch(sess);
+  c2ms_unit *const unit = c2ms_unit_fetch(sess);
+  unit->sent_time = {1000, 800'000};
+  unit->first_time = {1001, 0};
+  unit->end_time = {1003, 300'000};
+  unit->received = 1'000'000;
+  uint8_t header[37] = {};
+  putnLastBytes(&unit->frame, header, sizeof header);
+  ASSERT_EQ(c2ms_node_perf_statistic(node, unit), 0);
+  EXPECT_EQ(node->perf.RTT, 2'500'000);
+  EXPECT_EQ(node->perf.AvgRTT, 2'500'000);
+  EXPECT_NEAR(node->perf.Speed, 400.0148, 1e-9);
+  // A transfer with no positive total counts its first byte; the seconds wrap as servers know it.
+  unit->end_time = {999, 0};
+  c2ms_node_perf_statistic(node, unit);
+  EXPECT_EQ(node->perf.RTT, 200'000);
+  unit->end_time = {1000 + 4295, 0};
+  unit->first_time = unit->sent_time = {1000, 0};
+  c2ms_node_perf_statistic(node, unit);
+  EXPECT_EQ(node->perf.RTT, static_cast<int32_t>(4295u * 1'000'000u));
+  EXPECT_EQ(node->perf.TN, 3);
+  c2ms_unit_recycle(unit);
+
+  // Fastest first; a NaN counts as nothing.
+  c2ms_node *const other = c2ms_node_fetch(sess);
+  other->perf.AvgSpeed = std::numeric_limits<double>::quiet_NaN();
+  node->perf.AvgSpeed = 2;
+  EXPECT_EQ(c2ms_node_cmp_node_by_perf(&node, &other), -1);
+  EXPECT_EQ(c2ms_node_cmp_node_by_perf(&other, &node), 1);
+  node->perf.AvgSpeed = 0;
+  EXPECT_EQ(c2ms_node_cmp_node_by_perf(&other, &node), 0);
+  const c2ms_iport_key key{5, 80};
+  node->ip = 5, node->port = 80;
+  EXPECT_EQ(c2ms_node_cmp_iport(node, &key), 0);
+  node->port = 79;
+  EXPECT_EQ(c2ms_node_cmp_iport(node, &key), -1);
+  node->ip = 0xff000000u;  // unsigned
+  EXPECT_EQ(c2ms_node_cmp_iport(node, &key), 1);
+
+  node->type = other->type = c2ms::node_serves_media;
+  c2ms_sess_node_add(sess, node);
+  EXPECT_EQ(c2ms_sess_fasttime(nullptr), 1'000'000);
+  node->perf = {};
+  EXPECT_EQ(c2ms_sess_fasttime(sess), 20'000'000);
+  node->perf.TN = 1, node->perf.AccTime = 50'000;
+  EXPECT_EQ(c2ms_sess_fasttime(sess), 200'000);
+  c2ms_node_recycle(node);
+  c2ms_node_recycle(other);
+  EXPECT_EQ(c2ms_sess_fasttime(sess), 1'000'000);
+  EXPECT_EQ(c2ms_sess_average_recvspeed(sess), 0);
+  EXPECT_EQ(c2ms_sess_average_recvspeed(nullptr), -1.0);
+}
+
+// The counters follow the states, whatever the order, and end where they began.
+TEST_F(Core, CountersFollowStates) {
+  std::vector<c2ms_node *> nodes;
+  for (int i = 0; i < 4; ++i) {
+    nodes.push_back(c2ms_node_fetch(sess));
+    nodes.back()->type = i == 3 ? c2ms::node_serves_list : c2ms::node_serves_media;
+  }
+  std::srand(5);
+  for (int step = 0; step < 10'000; ++step) {
+    c2ms_node_state_to(nodes[static_cast<size_t>(std::rand()) % 4], static_cast<uint32_t>(std::rand()) % 8);
+    int ready = 0, usable = 0;
+    for (int i = 0; i < 3; ++i) {
+      ready += nodes[static_cast<size_t>(i)]->state == C2MS_NODE_READY;
+      usable += nodes[static_cast<size_t>(i)]->state >= C2MS_NODE_READY;
+    }
+    ASSERT_EQ(sess->ready_num, ready);
+    ASSERT_EQ(sess->active_num, usable);
+    ASSERT_EQ(sess->has_active, usable > 0 ? 1 : 0);
+  }
+  for (c2ms_node *node : nodes) c2ms_node_recycle(node);
+  EXPECT_EQ(sess->ready_num + sess->active_num + sess->has_active, 0);
+}
+
+TEST_F(Core, RegistriesAndServers) {
+  c2ms_sess *const second = c2ms_sess_fetch(mgmt);
+  c2ms_sess *const third = c2ms_sess_fetch(mgmt);
+  EXPECT_EQ(sess->sess_id, 1u);
+  EXPECT_EQ(third->sess_id, 3u);
+  EXPECT_EQ(c2ms_sess_get(mgmt, 2), second);
+  c2ms_sess_close(second);
+  EXPECT_EQ(c2ms_sess_get(mgmt, 2), nullptr);
+  EXPECT_EQ(c2ms_sess_del(mgmt, second), nullptr);
+  c2ms_sess_close(third);
+  c2ms_sess_server_add(sess, "first", 7, 80, 2);
+  c2ms_sess_server_add(sess, "", 7, 80, 2);
+  c2ms_sess_server_add(sess, "last", 7, 80, 2);
+  c2ms_sess_server_add(sess, "other", 7, 80, 1);
+  const c2ms_server *const server = c2ms_sess_server_get(sess, 7, 80, 2);
+  EXPECT_EQ(server->count, 3u);
+  EXPECT_STREQ(server->name, "last");
+  EXPECT_TRUE(c2ms_sess_server_lists(sess, 7, 80));
+  EXPECT_FALSE(c2ms_sess_server_lists(sess, 7, 81));
+}
+
+// Events that come too late find nothing, say so and do nothing.
+TEST_F(Core, LateEventsAreIgnored) {
+  EXPECT_EQ(c2ms_pump(nullptr, nullptr, 4, 2), -1);
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 0, 2), -1);
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 11, 2), -1);
+  for (const int unused : {5, 6, 8}) EXPECT_EQ(c2ms_pump(mgmt, nullptr, unused, 2), -1);
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 7, 2), 0);
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 3, 1), 0);
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 3, 2), -1);
+  lines.clear();
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 1, 2), -100);
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 2, 2), -200);
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 4, 2), -20);
+  EXPECT_EQ(c2ms_pump(mgmt, nullptr, 10, 2), -141);
+  EXPECT_EQ(lines,
+            "Connect failed, but not find node instance! 0\n"
+            "\nIOE_READ event recved, nodeid=0, but node not exist.\n\n"
+            "\nIOE_INVALID_DEV event recved, nodeid=0, but node not exist.\n\n");
+  lines.clear();
+  rac_timer *const late = StartTimer2(mgmt->probe, 1'000'000, 7563, 999, c2ms_pump, mgmt);
+  EXPECT_EQ(c2ms_pump(mgmt, late, 9, 64), -140);
+  EXPECT_EQ(lines, "\nc2ms_pump: IOE_TIMEOUT recved, sessid=999 timercmd=7563, but no node exist.\n\n");
+  StopTimer(late);
+}
+
+TEST_F(Core, DumpOfAnOddSession) {
+  sess->media_type = 12;
+  char *text = nullptr;
+  size_t length = 0;
+  FILE *const out = open_memstream(&text, &length);
+  c2ms_sess_print(sess, out);
+  fclose(out);
+  const std::string dump(text, length);
+  free(text);
+  EXPECT_EQ(dump.find(std::string(48, '-') + "\nHID: "), 0u);
+  EXPECT_NE(dump.find("MIME: bin\nIdxLen: 0\nDescribed: 0\nSeekNum: 0\n\nFastTime: 1000000\n\nUnitNum: 0\n\n"
+                      "ReadyNum: 0\nNodeNum: 0\n"),
+            std::string::npos)
+      << dump;
+}
+
+TEST(Identity, HardwareAddresses) {
+  const struct {
+    const char *text;
+    std::string bytes;
+  } cases[] = {{"00:1a:2B:03:04:05", "001a2b030405"}, {"1::2", "010002000000"}, {"abc", "bc0000000000"},
+               {"", "000000000000"},                  {"1:2:3:4:5:6:7", "010203040506"}};
+  for (const auto &c : cases) {
+    uint8_t out[6];
+    parse_hwaddr(out, sizeof out, c.text, static_cast<int>(std::strlen(c.text)));
+    EXPECT_EQ(hex(out, 6), c.bytes) << c.text;
+  }
+  EXPECT_EQ(c2ms_sessid(nullptr) + c2ms_nodeid(nullptr) + c2ms_uid(nullptr), 0u);
+  EXPECT_EQ(c2ms_version(nullptr), g_version);
+  EXPECT_STREQ(c2ms_localip(nullptr), "");
+}
+
+}  // namespace
