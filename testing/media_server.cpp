@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "testing/mp4_index.h"
 #include "testing/server_loop.h"
 
 namespace refserver {
@@ -40,6 +41,27 @@ void media_server::set_index(const file_id &media, const file_id &index) {
   loop_->run([&] {
     if (media_file *file = loop_->files.find(media)) file->index = loop_->files.find(index);
   });
+}
+
+file_id media_server::add_index(const file_id &media, std::string *problem) {
+  const media_file *file = nullptr;
+  loop_->run([&] { file = loop_->files.find(media); });
+  mp4_moov moov{.problem = "no such file"};
+  std::string content;
+  if (file != nullptr) {  // it stays where it is, so its bytes are read and packed outside the loop
+    moov = find_moov(file->size, [file](uint64_t position, uint8_t *out, size_t size) {
+      file->read(position, out, size);
+    });
+    content.resize(static_cast<size_t>(moov.size));
+    file->read(moov.offset, reinterpret_cast<uint8_t *>(content.data()), content.size());
+  }
+  if (moov.size != 0) content = pack_index(content);
+  if (moov.size != 0 && content.empty()) moov.problem = "not enough memory";
+  if (problem != nullptr) *problem = moov.problem;
+  if (!moov.problem.empty()) return {};
+  const file_id id = add_bytes(file->name + ".moov-" + hex(media), std::move(content), 0);
+  set_index(media, id);
+  return id;
 }
 
 bool media_server::start() {

@@ -103,6 +103,11 @@ class media_server {
   /// Descriptions of `media` name `index`, another file added here, as its separate index file.
   void set_index(const file_id &media, const file_id &index);
 
+  /// Makes the index file of an MP4 media added here (testing/mp4_index.h) and names it in the
+  /// media's descriptions. Reads and packs the `moov` box: seconds for a long film. The index's id;
+  /// all zeros with `problem` (may be NULL) set when it has none.
+  file_id add_index(const file_id &media, std::string *problem = nullptr);
+
   /// Opens the ports and starts the thread. False: a port cannot be had; error() tells which.
   bool start();
   void stop();  ///< closes everything at once; no call after this but those that only read

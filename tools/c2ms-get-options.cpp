@@ -37,6 +37,7 @@ constexpr char kHelp[] =
     "      --entry HOST    ask this entry server (HOST[:PORT]) instead of the URL's\n"
     "      --timeout S     give up after S seconds without a byte (60; 0: never)\n"
     "      --verify HEX    compare the SHA-256 of what arrived\n"
+    "      --index         open the media's separate index first, if it has one\n"
     "      --stats         draw a live line on a terminal's standard error, sum up at the end\n"
     "      --json          report the outcome as one JSON object on standard output, or on\n"
     "                      standard error with -o -\n"
@@ -56,6 +57,7 @@ enum Id : int {
   kEntry,
   kTimeout,
   kVerify,
+  kIndex,
   kStats,
   kJson,
   kDump,
@@ -74,6 +76,7 @@ constexpr option kLong[] = {
     {"entry", required_argument, nullptr, kEntry},
     {"timeout", required_argument, nullptr, kTimeout},
     {"verify", required_argument, nullptr, kVerify},
+    {"index", no_argument, nullptr, kIndex},
     {"stats", no_argument, nullptr, kStats},
     {"json", no_argument, nullptr, kJson},
     {"dump", no_argument, nullptr, kDump},
@@ -131,6 +134,9 @@ std::string take(int id, const std::string &value, Options *options, std::string
       *entry = value;
       if (value.find_first_of("/? ") != std::string::npos) return "--entry wants HOST[:PORT]";
       return value.empty() || value.find(':') == 0 ? "--entry wants HOST[:PORT]" : "";
+    case kIndex:
+      options->index = true;
+      return "";
     case kStats:
       options->stats = true;
       return "";

@@ -17,6 +17,7 @@ struct Options {
   int32_t pack_size = 256 << 10;
   int32_t mem_size = 32 << 20;
   int32_t timeout_s = 60;  // without a byte; 0: never give up
+  bool index = false;      // open the media's index first
   bool stats = false;
   bool dump = false;
   bool json = false;

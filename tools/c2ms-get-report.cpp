@@ -91,6 +91,15 @@ void print_summary(const Report &report) {
   std::fprintf(stderr, "c2ms-get: %" PRIu64 " bytes in %.2f s (and %.2f s to open), %s/s\n",
                report.received, report.fetch_s, report.open_s,
                text_of_bytes(speed(report)).c_str());
+  if (!report.indexed) return;
+  if (report.index_code < 0) {
+    std::fprintf(stderr, "c2ms-get: the index failed (%" PRId32 ")\n", report.index_code);
+    return;
+  }
+  std::fprintf(stderr,
+               "c2ms-get: index of %" PRIu32 " bytes in %.2f s from %" PRIu32 " bytes, %" PRIu64
+               " bytes of the media saved\n",
+               report.index_size, report.index_s, report.index_fetched, report.index_saved);
 }
 
 void print_json(const Report &report, FILE *out) {
@@ -112,6 +121,13 @@ void print_json(const Report &report, FILE *out) {
   number("received", report.received);
   std::fprintf(out, "\"open_s\": %.3f, \"fetch_s\": %.3f, \"bytes_per_s\": %.0f, ", report.open_s,
                report.fetch_s, std::floor(speed(report)));
+  if (report.indexed) {
+    std::fprintf(out, "\"index_code\": %" PRId32 ", \"index_s\": %.3f, ", report.index_code,
+                 report.index_s);
+    number("index_fetched", report.index_fetched);
+    number("index_size", report.index_size);
+    number("index_saved", report.index_saved);
+  }
   text("sha256", report.sha256);
   std::fprintf(out, "\"verified\": %s, ", report.verified ? "true" : "false");
   std::fprintf(out, "\"signal\": %d, \"code\": %" PRId32 ", ", report.signal, report.code);

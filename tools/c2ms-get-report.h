@@ -19,7 +19,13 @@ struct Report {
   uint64_t received = 0;  // written to the output
   double open_s = 0;      // until the media was described
   double fetch_s = 0;     // from then on
-  std::string sha256;     // of what was written, when a digest was to be compared
+  bool indexed = false;   // the index was asked for, and the media has one
+  int32_t index_code = 0;
+  double index_s = 0;          // until it was open, part of fetch_s
+  uint32_t index_fetched = 0;  // bytes of the index file
+  uint32_t index_size = 0;     // bytes of the open index
+  uint64_t index_saved = 0;    // bytes of the media that need not be fetched
+  std::string sha256;          // of what was written, when a digest was to be compared
   bool verified = false;
   int signal = 0;     // that ended the run
   int32_t code = 0;   // the library's, when it failed

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "crypto/gcrypt_ready.h"
@@ -22,6 +23,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int32_t kBudgetMs = 100;    // how late a signal or a redraw may be noticed
 constexpr size_t kChunk = 256 << 10;  // bytes asked for at once
+constexpr double kIndexLimit_s = 30;
+constexpr auto kIndexPause = std::chrono::milliseconds(2);
 constexpr int32_t kEndOfFile = -200;  // of the data calls
 constexpr size_t kFidText = 33, kNameText = 37;
 
@@ -86,13 +89,50 @@ bool choose_range(const get::Options &options, get::Report *report) {
   return false;
 }
 
+/// Bytes of the range in packs that the open index holds as a whole: they are not fetched.
+uint64_t saved_by_index(c2ms_sess *session, int32_t pack_size, const get::Report &report) {
+  const auto pack = static_cast<uint64_t>(pack_size);
+  uint64_t begin = 0;
+  c2ms_sess_idx_offset(session, &begin);
+  const uint64_t end = std::min(begin + report.index_size, report.offset + report.length);
+  begin = std::max(begin, report.offset);
+  if (begin >= end) return 0;
+  const uint64_t first = (begin - report.offset + pack - 1) / pack * pack;
+  uint64_t last = end - report.offset;
+  if (last != report.length) last = last / pack * pack;
+  return last > first ? last - first : 0;
+}
+
+/// Opens the index, polling so that a signal is noticed. Without it the fetch goes on all the same.
+void open_index(c2ms_sess *session, int32_t pack_size, get::Report *report) {
+  const auto start = Clock::now();
+  report->indexed = c2ms_sess_idxfile(session, nullptr, &report->index_fetched) == 1;
+  if (!report->indexed) return;
+  do {
+    report->index_code = c2ms_sess_idx_open_asyn(session, &report->index_size);
+    if (report->index_code != C2MS_CACHING) break;
+    std::this_thread::sleep_for(kIndexPause);
+  } while (g_signal == 0 && seconds_since(start) < kIndexLimit_s);
+  report->index_s = seconds_since(start);
+  if (report->index_code == C2MS_CACHING) c2ms_sess_idx_close(session);
+  if (report->index_code >= 0) {
+    report->index_code = 0;
+    report->index_saved = saved_by_index(session, pack_size, *report);
+  }
+}
+
 /// Gives the session its memory and selects the range. A range that ends with a whole pack would
 /// never be delivered to its end, so the pack size avoids that.
 bool prepare(c2ms_sess *session, const get::Options &options, get::Report *report) {
   int32_t pack_size = c2ms_sess_pack_size(session, options.pack_size);
   while (pack_size > 0 && report->length % static_cast<uint32_t>(pack_size) == 0) ++pack_size;
   int32_t result = c2ms_sess_cache_init(session, pack_size);
-  if (result >= 0) result = c2ms_sess_range(session, report->offset, report->length);
+  if (result >= 0 && options.index) open_index(session, pack_size, report);
+  // An open of the index has selected the whole media.
+  const bool selected = report->indexed && report->length == report->media_size;
+  if (result >= 0 && !selected) {
+    result = c2ms_sess_range(session, report->offset, report->length);
+  }
   if (result < 0) get::fail(report, result);
   c2ms_sess_buffering(session, options.mem_size);  // "buffer 100%" means a full cache
   return result >= 0;

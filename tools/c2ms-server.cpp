@@ -34,6 +34,7 @@ struct settings {
   std::vector<std::pair<int, fault>> faults;  ///< with the node
   std::vector<double> rates;
   std::vector<int> delays;
+  bool index = false;
 };
 
 void print_help() {
@@ -49,6 +50,8 @@ void print_help() {
       "  --encipher          encipher server lists and descriptions\n"
       "  --any-auth          do not check auth, stamp and keyid of requests\n"
       "  --generated NAME:SIZE  a file of generated content; sizes take k, M and G too\n"
+      "  --index             make the separate index of every MP4 file, so that players need not\n"
+      "                      wait for its moov box\n"
       "  --fault KIND[:N][,value=V][,ms=M][,from=K][,on=list|desc|media][,node=I|entry]\n"
       "                      misbehave N times (default: always), from the K-th request on, at\n"
       "                      node I (default: the entry for faults of lists, else every node);\n"
@@ -112,7 +115,19 @@ std::pair<int, fault> parse_fault(std::string_view text) {
 }
 
 settings parse(int argc, char **argv) {
-  enum : int { port = 1, nodes, spread, rate, delay, encipher, any_auth, generated, faulty, help };
+  enum : int {
+    port = 1,
+    nodes,
+    spread,
+    rate,
+    delay,
+    encipher,
+    any_auth,
+    generated,
+    index,
+    faulty,
+    help
+  };
   static constexpr option options[] = {
       {"port", required_argument, nullptr, port},
       {"nodes", required_argument, nullptr, nodes},
@@ -122,6 +137,7 @@ settings parse(int argc, char **argv) {
       {"encipher", no_argument, nullptr, encipher},
       {"any-auth", no_argument, nullptr, any_auth},
       {"generated", required_argument, nullptr, generated},
+      {"index", no_argument, nullptr, index},
       {"fault", required_argument, nullptr, faulty},
       {"help", no_argument, nullptr, help},
       {nullptr, 0, nullptr, 0},
@@ -153,6 +169,9 @@ settings parse(int argc, char **argv) {
         break;
       case generated:
         s.generated.push_back(parse_generated(optarg));
+        break;
+      case index:
+        s.index = true;
         break;
       case faulty:
         s.faults.push_back(parse_fault(optarg));
@@ -220,6 +239,16 @@ std::vector<std::pair<std::string, file_id>> add_all(media_server &server, const
   return added;
 }
 
+void add_indexes(media_server &server, const std::vector<std::pair<std::string, file_id>> &added) {
+  for (const auto &[name, id] : added) {
+    if (type_by_name(name) != type_by_name("mp4")) continue;
+    std::string problem;
+    server.add_index(id, &problem);
+    if (!problem.empty())
+      std::fprintf(stderr, "c2ms-server: no index of '%s': %s\n", name.c_str(), problem.c_str());
+  }
+}
+
 void print_totals(const media_server &server, int nodes) {
   std::printf("%-8s %-21s %12s %10s %10s %16s\n", "server", "address", "connections", "requests",
               "bad", "media bytes");
@@ -259,6 +288,7 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "c2ms-server: %s\n", server.error().c_str());
     return 1;
   }
+  if (s.index) add_indexes(server, added);
   for (const auto &[name, id] : added) std::printf("%s\n", server.url(id).c_str());
   std::fflush(stdout);
   int signal_number = 0;

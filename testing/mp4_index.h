@@ -1,0 +1,28 @@
+// The separate index file of an MP4 media: its `moov` box, packed. Made by the media server for the
+// files that it serves (media_server::add_index) and by tests that want to damage one.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace refserver {
+
+/// Reads `size` bytes at `position` of a file into `out`; positions are inside the file.
+using file_reader = std::function<void(uint64_t position, uint8_t *out, size_t size)>;
+
+struct mp4_moov {
+  uint64_t offset = 0;
+  uint64_t size = 0;  ///< 0: none was found, `problem` tells why
+  std::string problem;
+};
+
+/// Finds the `moov` box among the boxes of the file's top level (ISO/IEC 14496-12, 4.2), however
+/// many there are. One that announces fragments (it holds an `mvex` box) does not count: it
+/// describes next to nothing, the samples are described beside the fragments.
+mp4_moov find_moov(uint64_t file_size, const file_reader &read);
+
+/// Packs bytes as an index file. Empty: not enough memory.
+std::string pack_index(const std::string &plain);
+
+}  // namespace refserver
