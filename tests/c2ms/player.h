@@ -21,6 +21,14 @@ namespace player {
 using clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = false;
+#endif
+/// Bounds on time and memory are for the build that players get; a sanitizer's are this much wider.
+inline constexpr double slack = sanitized ? 10 : 1;
+
 inline double seconds_since(clock::time_point start) {
   return std::chrono::duration<double>(clock::now() - start).count();
 }

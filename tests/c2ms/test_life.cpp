@@ -45,11 +45,7 @@ class Life : public ::testing::Test {
 };
 
 TEST_F(Life, CyclesLeaveNothingBehind) {
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-  constexpr int cycles = 300;
-#else
-  constexpr int cycles = 1000;
-#endif
+  constexpr int cycles = sanitized ? 300 : 1000;
   const Library library;
   const auto cycle = [&](int i) {
     Film film(library, server, id);
@@ -57,7 +53,7 @@ TEST_F(Life, CyclesLeaveNothingBehind) {
     ASSERT_GE(film.prepare(65536), 65536);
     uint8_t buf[1000];
     ASSERT_EQ(c2ms_sess_seek(film.get(), static_cast<uint64_t>(i) * 10'007 % size), 0);
-    ASSERT_GT(c2ms_sess_read(film.get(), buf, 1000, i % 3 == 0 ? 0 : 0), 0);
+    ASSERT_GT(c2ms_sess_read(film.get(), buf, 1000, 0), 0);
   };
   for (int i = 0; i < 20; ++i) cycle(i);
   const auto settled = [&] { return server.totals().open == 0; };
@@ -68,7 +64,7 @@ TEST_F(Life, CyclesLeaveNothingBehind) {
   for (int i = 0; i < cycles && !HasFatalFailure(); ++i) cycle(i);
   EXPECT_TRUE(eventually(settled));
   EXPECT_TRUE(eventually([&] { return open_descriptors() <= descriptors; }));
-  EXPECT_LT(resident_kib() - memory, 4096);
+  EXPECT_LT(static_cast<double>(resident_kib() - memory), 2048 * slack);
   const c2ms_mgmt *const mgmt = library.get();
   EXPECT_EQ(in_use(mgmt->sess_pool), 0);
   EXPECT_EQ(in_use(mgmt->node_pool), 0);

@@ -105,9 +105,13 @@ TEST_F(Playing, BufferedBytesNeverWait) {
   start();
   const Library library;
   Film film(library, *server, id);
-  const auto opening = clock::now();
-  { const Film second(library, *server, id); EXPECT_EQ(second.error(), 0); }
-  EXPECT_LT(seconds_since(opening), 0.5);  // no one-second wait is slept through
+  double opening = 1;
+  for (int i = 0; i < 5; ++i) {
+    const auto begin = clock::now();
+    const Film second(library, *server, id);
+    opening = std::min(opening, seconds_since(begin));
+  }
+  EXPECT_LT(opening, 0.1 * slack);
   const int32_t pack = film.prepare(4096);
   ASSERT_GE(pack, 4096);
   std::vector<uint8_t> buf(static_cast<size_t>(pack));
@@ -120,7 +124,7 @@ TEST_F(Playing, BufferedBytesNeverWait) {
     ASSERT_EQ(c2ms_sess_read(film.get(), buf.data(), pack, 0), pack);
     longest = std::max(longest, seconds_since(begin));
   }
-  EXPECT_LT(longest, 0.2);
+  EXPECT_LT(longest, 0.2 * slack);
 }
 
 TEST_F(Playing, RatesAddUp) {
@@ -132,7 +136,7 @@ TEST_F(Playing, RatesAddUp) {
   const auto begin = clock::now();
   ASSERT_TRUE(film.play(0, size, 65536, Film::blocking));
   const double rate = static_cast<double>(size) / seconds_since(begin);
-  EXPECT_GT(rate, 0.9 * 20e6);
+  EXPECT_GT(rate, 0.9 * 20e6 / slack);
   // Every byte came once, but for what was asked twice at the slow end.
   EXPECT_LT(static_cast<double>(server->totals().payload_sent), 1.1 * static_cast<double>(size));
 }
@@ -159,12 +163,12 @@ TEST_F(Playing, IdlePlayersAreCheap) {
   std::this_thread::sleep_for(200ms);  // the rest of the ring fills
   double before = processor_seconds();
   std::this_thread::sleep_for(3s);
-  EXPECT_LT(processor_seconds() - before, 0.02 * 3) << "paused";
+  EXPECT_LT(processor_seconds() - before, 0.02 * 3 * slack) << "paused";
   server->kill_all();
   std::this_thread::sleep_for(500ms);
   before = processor_seconds();
   std::this_thread::sleep_for(6s);
-  EXPECT_LT(processor_seconds() - before, 0.02 * 6) << "servers gone";
+  EXPECT_LT(processor_seconds() - before, 0.02 * 6 * slack) << "servers gone";
 }
 
 TEST_F(Playing, SessionsShareTheArena) {
