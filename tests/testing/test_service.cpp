@@ -95,8 +95,10 @@ TEST(Service, StaysRightUnderManyClientsAndCallers) {
   over = true;
   for (std::thread &client : clients) client.join();
   EXPECT_EQ(wrong, 0U);
-  for (int i = 0; i < 5000 && server.totals().open > 0; ++i) usleep(2000);
-  EXPECT_EQ(server.totals().open, 0U);
+  // One sample decides: the last connections may be accepted after their clients have left.
+  uint64_t open = 1;
+  for (int i = 0; i < 5000 && open > 0; ++i, usleep(2000)) open = server.totals().open;
+  EXPECT_EQ(open, 0U);
   EXPECT_EQ(server.totals().bad_requests, 0U);
   const node_totals totals = server.totals();
   server.stop();
