@@ -36,6 +36,14 @@ const uint8_t *c2ms_pdu_key(const c2ms_pdu *pdu);
 /// The per-request key, from the request's own sequence id and length and the identity in it: see the body.
 void c2ms_pdu_build_key(c2ms_pdu *pdu, const uint8_t *session_fid);
 
+/// The same bytes appended to a frame, and read from a frame's content (which stays). As above; -100 also when
+/// the frame can't grow.
+int c2ms_pdu_encode2(c2ms_pdu *pdu, frame_t **frame);
+int c2ms_pdu_decode2(c2ms_pdu *pdu, const frame_t *frame);
+
+/// Prints header and command name as diagnostic lines (standard output, unless the player takes them).
+void c2ms_pdu_print(const c2ms_pdu *pdu);
+
 /// Releases a heap record; 0, -1 for NULL.
 int c2ms_pdu_free(c2ms_pdu *pdu);
 

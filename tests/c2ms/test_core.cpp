@@ -75,6 +75,19 @@ TEST_F(Core, RequestsByteByByte) {
   ASSERT_EQ(c2ms_pdu_encode(&pdu, buf, sizeof buf), 119);
   EXPECT_EQ(hex(buf, 119), "0000007700000003000000020001" + identity +
                                "eeeeeeeeeeeeeeeeeeeeeeeeeeeeeeee0123456789abcdef0001000005");
+  frame_t *frame = nullptr;
+  ASSERT_EQ(c2ms_pdu_encode2(&pdu, &frame), 119);
+  EXPECT_EQ(std::memcmp(bytePointer(frame), buf, 119), 0);
+  c2ms_pdu again{};
+  EXPECT_EQ(c2ms_pdu_decode2(&again, frame), 14);
+  EXPECT_EQ(again.sequence_id, 2u);
+  deleteFrame(&frame);
+  EXPECT_EQ(c2ms_pdu_decode2(&again, frame), -2);
+  lines.clear();
+  c2ms_pdu_print(&pdu);
+  EXPECT_EQ(lines, "\n-----------------------------------------------------\nTotal Length: 119\n"
+                   "Command ID  : 3\nSequence ID : 2\nProt Version: 0001\nCommand Name: C2MS_GET_MEDIA_REQ\n"
+                   "-----------------------------------------------------\n");
   EXPECT_EQ(c2ms_pdu_encode(&pdu, buf, 118), -100);
   EXPECT_EQ(c2ms_pdu_encode(nullptr, buf, 118), -1);
   EXPECT_EQ(c2ms_pdu_encode(&pdu, buf, 0), -2);
