@@ -178,7 +178,7 @@ int c2ms_node_connect(c2ms_node *node) {
   return 0;
 }
 
-int c2ms_node_disconnect_dbg(c2ms_node *node, std::source_location) {
+int c2ms_node_disconnect_dbg(c2ms_node *node, adif::source_place) {
   if (node == nullptr) return -1;
   const bool open = node->state != C2MS_NODE_NULL;
   if (open) c2ms_node_state_to(node, C2MS_NODE_DISCONNECTED);
@@ -236,7 +236,7 @@ int c2ms_node_desc_media(c2ms_node *node) {
   return send_control(node, &node->descmedia_unit, C2MS_NODE_WAITING_DESCMEDIA_RESP);
 }
 
-int c2ms_node_download_start_dbg(c2ms_node *node, std::source_location) {
+int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
   if (node == nullptr) return -1;
   if (!is_media(node) || node->state != C2MS_NODE_READY) return 0;
   c2ms_unit *const unit = c2ms_sess_unit_get(node->session);

@@ -6,8 +6,8 @@
 #pragma once
 
 #include <cstdint>
-#include <source_location>
 
+#include "adif/source_place.h"
 #include "c2ms/c2ms_records.h"
 #include "c2ms/c2ms_strand.h"
 
@@ -23,7 +23,7 @@ int c2ms_node_connect(c2ms_node *node);
 
 /// Drops the connection; the download goes back to the queue. No reconnect. 0, -1 for NULL.
 int c2ms_node_disconnect_dbg(c2ms_node *node,
-                             std::source_location caller = std::source_location::current());
+                             adif::source_place caller = adif::source_place::current());
 
 /// Drops the connection after a failure and lets the connect timer try again: at once the first time, a
 /// media node then after 250 ms, doubling. Counts the failure. 0, -1 for NULL.
@@ -40,7 +40,7 @@ int c2ms_node_desc_media(c2ms_node *node);
 /// A ready media node takes a unit and sends it. 0 when it did or is not ready; -100 nothing to do; or the
 /// failed send's result (the node then retries).
 int c2ms_node_download_start_dbg(c2ms_node *node,
-                                 std::source_location caller = std::source_location::current());
+                                 adif::source_place caller = adif::source_place::current());
 /// Gives the download unit back to the queue, or ends it. 0, -1 for NULL, -2 none (end only).
 int c2ms_node_download_exit(c2ms_node *node);
 int c2ms_node_download_end(c2ms_node *node);
