@@ -135,7 +135,7 @@ des_key request_key(const request &r) {
 
 // --- ciphers and digests ---
 
-void encipher_blocks(const des_key &key, uint8_t *data, size_t size) {
+static gcry_cipher_hd_t open_des(const des_key &key) {
   ready_gcrypt();
   gcry_cipher_hd_t cipher;
   must(gcry_cipher_open(&cipher, GCRY_CIPHER_DES, GCRY_CIPHER_MODE_ECB, 0), "DES");
@@ -143,6 +143,11 @@ void encipher_blocks(const des_key &key, uint8_t *data, size_t size) {
   if (const gcry_error_t error = gcry_cipher_setkey(cipher, key.data(), key.size());
       gcry_err_code(error) != GPG_ERR_WEAK_KEY)
     must(error, "DES key");
+  return cipher;
+}
+
+void encipher_blocks(const des_key &key, uint8_t *data, size_t size) {
+  gcry_cipher_hd_t cipher = open_des(key);
   must(gcry_cipher_encrypt(cipher, data, size, nullptr, 0), "DES encryption");
   gcry_cipher_close(cipher);
 }
@@ -153,6 +158,21 @@ bytes encipher(const des_key &key, std::span<const uint8_t> plain) {
   out.insert(out.end(), padding, static_cast<uint8_t>(padding));
   encipher_blocks(key, out.data(), out.size());
   return out;
+}
+
+bool decipher(const des_key &key, std::span<const uint8_t> coded, bytes *plain) {
+  if (coded.empty() || coded.size() % 8 != 0) return false;
+  plain->assign(coded.begin(), coded.end());
+  gcry_cipher_hd_t cipher = open_des(key);
+  must(gcry_cipher_decrypt(cipher, plain->data(), plain->size(), nullptr, 0), "DES decryption");
+  gcry_cipher_close(cipher);
+  const size_t padding = plain->back();
+  if (padding < 1 || padding > 8) return false;
+  const auto end = plain->end() - static_cast<std::ptrdiff_t>(padding);
+  if (std::any_of(end, plain->end(), [padding](uint8_t byte) { return byte != padding; }))
+    return false;
+  plain->erase(end, plain->end());
+  return true;
 }
 
 file_id md5(std::string_view text) {

@@ -58,6 +58,9 @@ des_key request_key(const request &r);
 /// DES in ECB mode with PKCS#5 padding; weak keys are taken. The result is 1 to 8 bytes longer.
 bytes encipher(const des_key &key, std::span<const uint8_t> plain);
 
+/// The reverse; false for anything but whole blocks that end in such padding.
+bool decipher(const des_key &key, std::span<const uint8_t> coded, bytes *plain);
+
 /// Enciphers whole blocks without padding; `size` is a multiple of 8.
 void encipher_blocks(const des_key &key, uint8_t *data, size_t size);
 
