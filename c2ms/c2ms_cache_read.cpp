@@ -66,6 +66,11 @@ bool ended(reading &call, bool about_to_wait) {
     call.result = C2MS_CLOSED;
     return true;
   }
+  if (const int32_t refusal = sess->refusal.load(); refusal != 0) {
+    call.copied = 0;
+    call.result = refusal;
+    return true;
+  }
   if (call.cache->seek_count.load() != call.seek_count) return true;
   if (!about_to_wait || sess->has_active.load() != 0) return false;
   const int32_t status = sess->status.load();
@@ -222,6 +227,7 @@ bool read_pack(reading &call) {
 
 int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point deadline) {
   if (cache == nullptr) return -1;
+  if (const int32_t refusal = cache->session->refusal.load(); refusal != 0) return refusal;
   reading call{cache, static_cast<uint8_t *>(buf), len, deadline};
   {
     const adif::Guard lock(cache->lock);

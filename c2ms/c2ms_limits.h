@@ -45,6 +45,11 @@ inline constexpr int open_timeouts = 20;             // one-second waits of an o
 inline constexpr int64_t reopen_after_us = 20'000'000;
 inline constexpr int64_t ratio_stalled_us = 4'000'000;
 
+// Reporting.
+inline constexpr int32_t reporting_check_time_s = 8;  // of every session once one has tried to report
+inline constexpr int32_t alive_period_s = 120;
+inline constexpr int max_failed_opens_waiting = 32;  // to be reported; further ones are not
+
 // The index of a media.
 inline constexpr uint64_t max_index_bytes = uint64_t{64} << 20;  // packed or not
 inline constexpr int64_t index_open_ms = 30'000;

@@ -147,6 +147,7 @@ int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return -1;
   drain_callers(mgmt);
   mgmt->resolver.stop();
+  mgmt->reporter.stop();
   StopProbe(mgmt->probe);
   drop_pool(&mgmt->pack_pool);
   drop_pool(&mgmt->unit_pool);

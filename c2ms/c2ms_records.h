@@ -57,6 +57,17 @@ struct pooled {
   uint32_t constructed;
 };
 
+/// How long the exchanges of the reporting channels wait, in milliseconds; tests shorten them.
+struct report_waits {
+  int ping_ms = 2000;
+  int reply_ms = 8000;
+  int connect_ms = 2000;
+  int send_ms = 1000;
+};
+
+/// The reporting of a session's check, on the context's reporting thread.
+enum class report_job : int { none, queued, running };
+
 /// Makes the record in fresh (zeroed) pool memory on first use; later uses keep locks and events.
 template <class Record>
 void construct_once(Record *record) {
@@ -377,10 +388,20 @@ struct c2ms_sess {
   std::atomic<uint8_t> idx_mem{0};
 
   rac_timer *check_timer = nullptr;
-  int64_t open_time = 0, close_time = 0;  // seconds
+  int64_t open_time = 0;                  // seconds
+  std::atomic<int64_t> close_time{0};     // the same; 0 until the session closes
   uint8_t token[8]{};
   c2ms_mgmt *mgmt = nullptr;
   rac_core *probe = nullptr;
+
+  // Reporting (c2ms_sess_report.h). States and counts belong to the running check, then to the closing thread.
+  std::atomic<uint8_t> perf_state{0};  // 0 play begin not reported, 1 reported
+  std::atomic<uint8_t> auth_state{0};  // 0 play begin not accepted, 1 accepted, 255 no agent answers
+  int32_t perf_alive_count = 0;        // checks since then
+  int32_t auth_alive_count = 0;
+  std::atomic<c2ms::report_job> report_job{c2ms::report_job::none};
+  struct event *report_event = nullptr;  // signalled when a check's reporting ends
+  std::atomic<int32_t> refusal{0};       // the agent's, as a session code; lasts until the close
 
   // Life (c2ms_strand.h).
   c2ms::Strand strand;
@@ -433,6 +454,13 @@ struct c2ms_mgmt {
 
   c2ms::Worker resolver{"c2ms-resolver"};  // looks names up for sessions that reopen by themselves
 
+  // Reporting.
+  std::atomic<uint32_t> next_message{1};  // sequence number, shared by both channels
+  c2ms::report_waits report_waits;        // constant once sessions are open, as the next
+  uint32_t agent_ip = htonl(INADDR_LOOPBACK);
+  c2ms::Worker reporter{"c2ms-reporter"};
+  std::atomic<int> failed_opens{0};  // that wait to be reported
+
   std::atomic<bool> closing{false};
-  std::atomic<int32_t> calls{0};  // opens under way
+  std::atomic<int32_t> calls{0};  // opens and closes under way
 };

@@ -58,16 +58,16 @@ int32_t status_of(int32_t code) {
   }
 }
 
-// Opens under way keep c2ms_mgmt_clean from going on.
-class OpenGuard {
+// Opens and closes under way keep c2ms_mgmt_clean from going on.
+class LifeGuard {
  public:
-  explicit OpenGuard(c2ms_mgmt *mgmt) : mgmt_(mgmt) { mgmt_->calls.fetch_add(1); }
-  ~OpenGuard() {
+  explicit LifeGuard(c2ms_mgmt *mgmt) : mgmt_(mgmt) { mgmt_->calls.fetch_add(1); }
+  ~LifeGuard() {
     diag_deliver();
     mgmt_->calls.fetch_sub(1);
   }
-  OpenGuard(const OpenGuard &) = delete;
-  OpenGuard &operator=(const OpenGuard &) = delete;
+  LifeGuard(const LifeGuard &) = delete;
+  LifeGuard &operator=(const LifeGuard &) = delete;
 
  private:
   c2ms_mgmt *const mgmt_;
@@ -189,7 +189,7 @@ c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err, int32
     error = C2MS_INVALID_URL;
     return nullptr;
   }
-  const OpenGuard guard(mgmt);
+  const LifeGuard guard(mgmt);
   if (mgmt->closing) {
     error = C2MS_CLOSED;
     return nullptr;
@@ -201,8 +201,9 @@ c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err, int32
   }
   error = open_in(sess, url, cb);
   if (error == 0) return sess;
+  const bool bad_url = sess->url_type == 0;
   sess->life = c2ms_life::closing;
-  c2ms_sess_recycle(sess);
+  recycle_session(sess, bad_url ? last_report::none : last_report::handed_over);
   return nullptr;
 }
 
@@ -217,12 +218,11 @@ int c2ms_sess_reopen(c2ms_sess *sess) {
 
 int c2ms_sess_close(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
+  const LifeGuard guard(sess->mgmt);
   c2ms_life live = c2ms_life::live;
   if (!sess->life.compare_exchange_strong(live, c2ms_life::closing)) return 0;
   wait_idle(sess);
-  const int result = c2ms_sess_recycle(sess);
-  diag_deliver();
-  return result;
+  return c2ms_sess_recycle(sess);
 }
 
 const char *c2ms_sess_error(int32_t code) {
@@ -240,6 +240,11 @@ int c2ms_sess_set_status(c2ms_sess *sess, int32_t code) {
   wake_opener(sess);
   if (status != 0) c2ms_cache_wake(sess->cache.load());
   return 0;
+}
+
+void c2ms_sess_refuse(c2ms_sess *sess, int32_t code) {
+  sess->refusal = status_of(code);
+  c2ms_sess_set_status(sess, code);
 }
 
 void c2ms_sess_start_speed_timer(c2ms_sess *sess) {

@@ -10,6 +10,10 @@
 /// -1010 and -1004, anything else is 0. Wakes opener and reader. 0, -1 for NULL. Any thread.
 int c2ms_sess_set_status(c2ms_sess *sess, int32_t code);
 
+/// Keeps the agent's refusal (20, 30 or 40, as above) until the session is closed: every read and receive
+/// returns it, a waiting one at once. Any thread while the session can't be recycled.
+void c2ms_sess_refuse(c2ms_sess *sess, int32_t code);
+
 /// Starts the timer of the next speed window. Inside the strand.
 void c2ms_sess_start_speed_timer(c2ms_sess *sess);
 

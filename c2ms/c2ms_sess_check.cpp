@@ -6,6 +6,7 @@
 #include "c2ms/c2ms_node.h"
 #include "c2ms/c2ms_pump.h"
 #include "c2ms/c2ms_sess.h"
+#include "c2ms/c2ms_sess_report.h"
 #include "c2ms/c2ms_sess_sched.h"
 #include "c2ms/c2ms_time.h"
 
@@ -41,6 +42,7 @@ void rearm_nodes(c2ms_sess *sess) {
 int c2ms_sess_check(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
   if (sess->mgmt == nullptr) return -2;
+  report_check(sess);
   grow(sess);
   rearm_nodes(sess);
   if (servers_lost(sess)) reopen_later(sess);

@@ -11,6 +11,7 @@
 #include "c2ms/c2ms_mgmt.h"
 #include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_sess_idx.h"
+#include "c2ms/c2ms_sess_report.h"
 #include "c2ms/c2ms_sess_sched.h"
 #include "c2ms/c2ms_time.h"
 #include "c2ms/c2ms_unit.h"
@@ -27,9 +28,10 @@ bool make_stack(pointer_stack **stack) {
 
 bool make_once(c2ms_sess *sess) {
   if (sess->event == nullptr) sess->event = CreateEvent();
+  if (sess->report_event == nullptr) sess->report_event = CreateEvent();
   const adif::Guard list(sess->list_lock);
   const adif::Guard units(sess->unit_lock);
-  return sess->event != nullptr && make_stack(&sess->units) &&
+  return sess->event != nullptr && sess->report_event != nullptr && make_stack(&sess->units) &&
          make_stack(&sess->node_index) && make_stack(&sess->node_list) && make_stack(&sess->server_list);
 }
 
@@ -50,7 +52,14 @@ void reset_opening(c2ms_sess *sess) {
   sess->hook_registered = 0;
   sess->lookup_pending = false;
   sess->refused = false;
-  sess->open_time = sess->close_time = 0;
+  sess->open_time = 0;
+  sess->close_time = 0;
+}
+
+void reset_reporting(c2ms_sess *sess) {
+  sess->perf_state = sess->auth_state = 0;
+  sess->perf_alive_count = sess->auth_alive_count = 0;
+  sess->refusal = 0;
 }
 
 void reset_media(c2ms_sess *sess) {
@@ -118,6 +127,8 @@ void release_contents(c2ms_sess *sess, int (*end_node)(c2ms_node *)) {
   release_cache(sess);
 }
 
+bool is_registered(c2ms_sess *sess) { return c2ms_sess_get(sess->mgmt, sess->sess_id) == sess; }
+
 bool unregister(c2ms_sess *sess) {
   return sess->mgmt != nullptr && c2ms_sess_del(sess->mgmt, sess) != nullptr;
 }
@@ -174,19 +185,31 @@ int c2ms_sess_init(c2ms_sess *sess) {
   const StrandGuard strand(sess);
   if (!make_once(sess)) return -2;
   reset_opening(sess);
+  reset_reporting(sess);
   reset_media(sess);
   reset_counters(sess);
   return 0;
 }
 
-int c2ms_sess_recycle(c2ms_sess *sess) {
+int c2ms_sess_recycle(c2ms_sess *sess) { return recycle_session(sess, last_report::here); }
+
+int c2ms::recycle_session(c2ms_sess *sess, last_report report) {
   if (sess == nullptr) return -1;
   c2ms_mgmt *const mgmt = sess->mgmt;
+  report_facts facts;
   {
     const StrandGuard strand(sess);
+    if (!is_registered(sess)) return 0;
+    sess->life = c2ms_life::closing;  // no check begins after this
     sess->close_time = now_us() / 1'000'000;
-    if (!unregister(sess)) return 0;
+    facts = report_facts_of(sess);
     release_contents(sess, c2ms_node_recycle);
+  }
+  if (report == last_report::here) report_closing(sess, facts);
+  if (report == last_report::handed_over) report_failed_open(facts);
+  {
+    const StrandGuard strand(sess);
+    if (!unregister(sess)) return 0;
     sess->life = c2ms_life::pooled;
   }
   if (mgmt->sess_pool == nullptr) return c2ms_sess_free(sess);
@@ -201,6 +224,7 @@ int c2ms_sess_free(c2ms_sess *sess) {
   sk_free(sess->cache_record.packs);
   DestroyEvent(sess->cache_record.event);
   DestroyEvent(sess->event);
+  DestroyEvent(sess->report_event);
   sess->~c2ms_sess();
   kfree_dbg(sess);
   return 0;

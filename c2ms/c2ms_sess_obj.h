@@ -15,8 +15,9 @@ c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt);
 /// without memory.
 int c2ms_sess_init(c2ms_sess *sess);
 
-/// Ends a closing session whose callers have left: unregisters it, gives back nodes, units, servers and
-/// cache, returns the record to the pool. 0 (also when it was recycled before), -1 for NULL.
+/// Ends a closing session whose callers have left: gives back nodes, units, servers and cache, reports its
+/// end (which may wait for agent and report server: c2ms_sess_report.h), then unregisters it and returns the
+/// record to the pool. Not inside the strand. 0 (also when it was recycled before), -1 for NULL.
 int c2ms_sess_recycle(c2ms_sess *sess);
 
 /// Pool free function; also frees a session that is still open when nobody else is there. 0, -1 for NULL.
@@ -53,6 +54,13 @@ c2ms_node *c2ms_node_del_by(c2ms_mgmt *mgmt, uint32_t id);
 c2ms_node *c2ms_node_del(c2ms_mgmt *mgmt, c2ms_node *node);
 
 namespace c2ms {
+
+/// Who sends what an ending session has to report: nobody, the calling thread (which waits), or the
+/// reporting thread.
+enum class last_report : uint8_t { none, here, handed_over };
+
+/// c2ms_sess_recycle with this choice.
+int recycle_session(c2ms_sess *sess, last_report report);
 
 /// Lets the waiting opener look again.
 void wake_opener(c2ms_sess *sess);

@@ -132,8 +132,11 @@ C2MS_API c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *e
  * started, C2MS_CLOSED. */
 C2MS_API int c2ms_sess_reopen(c2ms_sess *sess);
 
-/* Closes the session: waiting calls on it return C2MS_CLOSED, then everything it holds is given back. The
- * handle must not be used afterwards (a second close does nothing). 0, or -1 for NULL. */
+/* Closes the session: waiting calls on it return C2MS_CLOSED, its connections and memory are given back, and
+ * agent and report server are told of the end. That takes milliseconds when they answer or when nobody is
+ * there, and at worst 43 seconds when both keep each exchange waiting (each wait has its bound: ping and
+ * connection 2 s, sending 1 s, a reply 8 s). The handle must not be used afterwards (a second close does
+ * nothing). 0, or -1 for NULL. */
 C2MS_API int c2ms_sess_close(c2ms_sess *sess);
 
 /* The text of a session code; "" for any other number. Constant. */
@@ -182,7 +185,8 @@ C2MS_API int c2ms_sess_seek(c2ms_sess *sess, uint64_t pos);
  * c2ms_sess_pack_size). While servers are unreachable it keeps waiting: they are asked again. Bytes
  * delivered; -200 at the end of the file; -1; -2 no cache; -201 the cache has no packs; C2MS_CLOSED;
  * C2MS_MEDIA_NOT_EXIST, C2MS_UNAUTHORIZED, C2MS_AUTH_FAILED, C2MS_IN_DEBT when the servers refuse and no
- * node is left that serves. len below 1 gives 0. */
+ * node is left that serves; the last three also, at once and until the close, when the agent refuses the
+ * play. len below 1 gives 0. */
 C2MS_API int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock);
 
 /* The same with a budget: when timeout_ms milliseconds are used up, what is there is delivered (0

@@ -1,0 +1,56 @@
+// The reporting channels' readers: the library's decoders of replies, and the reference side's
+// reader of messages. A reply is understood only when it is a header of the right kind with a
+// result behind it; what the reference side accepts as a message of its channel is canonical, and
+// no beginning of it is accepted.
+#include <cstdlib>
+#include <vector>
+
+#include "c2ms/c2ms_auth.h"
+#include "c2ms/c2ms_perf.h"
+#include "testing/report_wire.h"
+
+using namespace refserver;
+
+static void expect(bool holds) {
+  if (!holds) std::abort();
+}
+
+static void replies(const std::vector<uint8_t> &input) {
+  struct decoder {
+    int (*decode)(const void *, int);
+    uint32_t type;
+  };
+  constexpr decoder decoders[] = {{c2ms_auth_ping_decode, report_ping},
+                                  {c2ms_auth_playbgn_decode, report_begin},
+                                  {c2ms_auth_playend_decode, report_end},
+                                  {c2ms_perf_playbgn_decode, report_begin}};
+  for (const decoder &d : decoders) {
+    const int result = d.decode(input.data(), static_cast<int>(input.size()));
+    const bool whole = input.size() >= 22 && get32(&input[4]) == (d.type | response_bit);
+    expect(result == (whole ? static_cast<int>(get32(&input[18])) : -100));
+  }
+}
+
+static void messages(report_channel channel, const std::vector<uint8_t> &input) {
+  report_message message;
+  std::string why;
+  if (!parse_report(channel, input, &message, &why)) {
+    expect(!why.empty());
+    return;
+  }
+  expect(!report_name(message.type).empty() && to_json(message).back() == '}');
+  const bool clear = channel == report_channel::agent;
+  const size_t coded = clear ? message.body.size() : (message.body.size() / 8 + 1) * 8;
+  expect(input.size() == report_header_size + coded);
+  for (size_t part = 0; part < input.size(); ++part)
+    expect(!parse_report(channel, std::span(input).first(part), &message, &why));
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  if (size > 2 * max_report_size) return 0;
+  const std::vector<uint8_t> input(data, data + size);
+  replies(input);
+  messages(report_channel::agent, input);
+  messages(report_channel::performance, input);
+  return 0;
+}

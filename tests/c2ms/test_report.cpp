@@ -1,0 +1,362 @@
+// Reporting end to end: a player on the reference server, the reference agent and report server,
+// with every way in which these can answer or not. They live on addresses of this process's own, so
+// that other tests' players never meet them.
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include "c2ms/c2ms_auth.h"
+#include "c2ms/c2ms_perf.h"
+#include "c2ms/c2ms_pump.h"
+#include "c2ms/c2ms_records.h"
+#include "c2ms/c2ms_sess.h"
+#include "c2ms/c2ms_sess_obj.h"
+#include "player.h"
+#include "testing/report_service.h"
+
+namespace player {
+namespace {
+
+using refserver::report_channel;
+using refserver::report_manners;
+
+// 127.x.y.0 to 127.x.y.255 are this process's.
+uint32_t own_address(uint8_t last) {
+  const auto pid = static_cast<uint32_t>(getpid());
+  return htonl(0x7f000000 | (0x40 + (pid >> 8 & 0x7f)) << 16 | (pid & 0xff) << 8 | last);
+}
+
+std::string dotted(uint32_t address) {
+  return inet_ntoa(in_addr{address});
+}
+
+class Reporting : public ::testing::Test {
+ protected:
+  static constexpr uint64_t size = 30'000'001;
+  const uint32_t agent_ip = own_address(1), report_ip = own_address(2);
+
+  void SetUp() override {
+    id = server.add_generated("film.mp4", size);
+    ASSERT_TRUE(server.start()) << server.error();
+    ASSERT_TRUE(service.start()) << service.error();
+    point(library);
+  }
+  void point(const Library &at, c2ms::report_waits waits = {300, 600, 300, 300}) const {
+    at.get()->agent_ip = agent_ip;
+    at.get()->perf_server_ip = report_ip;
+    at.get()->report_waits = waits;
+  }
+  // One check, with all that it reports.
+  static void check(c2ms_sess *sess) {
+    begin_check(sess);
+    ASSERT_TRUE(eventually([&] { return sess->report_job == c2ms::report_job::none; }, 60s));
+  }
+  static void begin_check(c2ms_sess *sess) {
+    const c2ms::StrandGuard strand(sess);
+    StopTimer(sess->check_timer);
+    ASSERT_EQ(c2ms_sess_check(sess), 0);
+  }
+  // What a channel was told, in order; datagrams and connections overtake each other.
+  bool told(report_channel channel, const std::string &story) const {
+    return eventually([&] { return service.story(channel) == story; });
+  }
+  size_t count(report_channel channel, uint32_t type) const {
+    const auto all = service.messages(channel);
+    return static_cast<size_t>(
+        std::count_if(all.begin(), all.end(), [&](const auto &m) { return m.type == type; }));
+  }
+
+  refserver::media_server server{{.nodes = 2}};
+  refserver::file_id id{};
+  refserver::report_service service{{.agent = dotted(agent_ip), .report = dotted(report_ip)}};
+  Library library;
+};
+
+TEST_F(Reporting, AgentsAnswersAndTheirResults) {
+  c2ms_sess *const sess = c2ms_sess_fetch(library.get());
+  struct row {
+    report_manners manners;
+    int ping, begin, end;
+  };
+  const row rows[] = {
+      {{}, 0, 0, 0},
+      {{.ping_result = 1, .begin_result = 20, .end_result = 0x7fffffff}, 1, 20, 0x7fffffff},
+      {{.noise = true}, 0, 0, 0},
+      {{.silent = true}, -400, -400, -400},
+      {{.delay_ms = 2000}, -400, -400, -400},
+      {{.wrong_kind = true}, -100, -100, -100},
+      {{.raw = refserver::bytes(3000, 0x80)}, -400, -400, -400},
+      {{.raw = refserver::bytes()}, -400, -400, -400},
+  };
+  for (const row &r : rows) {
+    service.set_agent(r.manners);
+    EXPECT_EQ(c2ms_auth_ping(sess), r.ping);
+    EXPECT_EQ(c2ms_auth_playbgn(sess), r.begin);
+    EXPECT_EQ(c2ms_auth_playend(sess), r.end);
+    EXPECT_EQ(c2ms_auth_playalive(sess), 0);
+  }
+  service.stop();
+  EXPECT_EQ(c2ms_auth_ping(sess), -500);
+  EXPECT_EQ(c2ms_auth_ping(static_cast<c2ms_sess *>(nullptr)), -1);
+  c2ms_sess_close(sess);
+}
+
+TEST_F(Reporting, ReportServersAnswersAndTheirResults) {
+  c2ms_sess *const sess = c2ms_sess_fetch(library.get());
+  const auto length = [](uint32_t total, size_t bytes) {
+    refserver::bytes raw(std::max<size_t>(bytes, 4));
+    refserver::put32(raw.data(), total);
+    return report_manners{.raw = raw};
+  };
+  const std::pair<report_manners, int> rows[] = {
+      {{}, 0},
+      {{.begin_result = 7}, 7},
+      {{.silent = true}, -500},
+      {{.hang_up = true}, -500},
+      {{.raw = refserver::bytes(3)}, -500},
+      {{.wrong_kind = true}, -100},
+      {length(0, 4), -501},
+      {length(4, 4), -501},
+      {length(5, 5), -100},
+      {length(18, 18), -100},
+      {length(22, 21), -600},
+      {length(1025, 1025), -600},
+      {length(0xffffffff, 2000), -600},
+  };
+  for (const auto &[manners, result] : rows) {
+    service.set_report(manners);
+    EXPECT_EQ(c2ms_perf_playbgn(sess), result);
+    // What expects no answer does not mind.
+    EXPECT_EQ(c2ms_perf_playend_bgn(sess), 0);
+    EXPECT_EQ(c2ms_perf_playend(sess), 0);
+    EXPECT_EQ(c2ms_perf_playalive(sess), 0);
+  }
+  EXPECT_TRUE(eventually([&] { return service.messages().size() == 4 * std::size(rows); }));
+  EXPECT_EQ(service.bad(), 0);
+  service.stop();
+  EXPECT_EQ(c2ms_perf_playbgn(sess), -400);
+  library.get()->perf_server_ip = 0xffffffff;  // the server's name was not found
+  EXPECT_EQ(c2ms_perf_playbgn(sess), -200);
+  EXPECT_EQ(c2ms_perf_playend_bgn(static_cast<c2ms_sess *>(nullptr)), -1);
+  c2ms_sess_close(sess);
+}
+
+TEST_F(Reporting, AliveEveryFifteenthCheck) {
+  library.get()->sess_check_time = 5;
+  Film film(library, server, id);
+  ASSERT_EQ(film.error(), 0);
+  ASSERT_GE(film.prepare(65536), 65536);
+  check(film.get());
+  EXPECT_TRUE(told(report_channel::agent, "ping, play_begin, play_alive"));
+  EXPECT_TRUE(told(report_channel::performance, "play_begin, play_alive"));
+  EXPECT_EQ(library.get()->sess_check_time, 8);
+  for (int i = 1; i <= 30; ++i) {
+    check(film.get());
+    const auto periods = static_cast<size_t>(i / 15 + 1);
+    for (const auto channel : {report_channel::agent, report_channel::performance}) {
+      ASSERT_TRUE(eventually([&] { return count(channel, 259) == periods; })) << i;
+    }
+  }
+  // What the messages tell of the session.
+  uint8_t buf[1000];
+  ASSERT_EQ(c2ms_sess_seek(film.get(), 12'345), 0);
+  ASSERT_EQ(c2ms_sess_read(film.get(), buf, 1000, 0), 1000);
+  service.clear();
+  film.close();
+  EXPECT_TRUE(told(report_channel::agent, "play_end"));
+  EXPECT_TRUE(told(report_channel::performance, "play_end"));
+  for (const auto &message : service.messages()) {
+    EXPECT_EQ(message["read_pos"], "13345");
+    EXPECT_EQ(message["seek_num"], "1");
+    EXPECT_GE(std::stoull(message["close_time"]), std::stoull(message["open_time"]));
+    EXPECT_GT(std::stoull(message["total_bytes"]), 1000u);
+  }
+}
+
+TEST_F(Reporting, SilentOrAbsentAgentIsAskedOnce) {
+  for (const bool absent : {false, true}) {
+    service.set_agent({.silent = true});
+    if (absent) library.get()->agent_ip = own_address(3);
+    Film film(library, server, id);
+    for (int i = 0; i < 3; ++i) check(film.get());
+    EXPECT_EQ(film.get()->auth_state, 255);
+    EXPECT_EQ(film.get()->perf_state, 1);
+    film.close();
+    EXPECT_EQ(service.story(report_channel::agent), absent ? "" : "ping");
+    EXPECT_TRUE(eventually([&] {
+      return service.story(report_channel::performance) == "play_begin, play_alive, play_end";
+    }));
+    service.clear();
+  }
+}
+
+TEST_F(Reporting, RefusedBeginsAreTriedAgain) {
+  service.set_agent({.begin_result = 7});
+  service.set_report({.begin_result = 7});
+  Film film(library, server, id);
+  for (int i = 0; i < 2; ++i) check(film.get());
+  EXPECT_EQ(film.get()->auth_state + film.get()->perf_state, 0);
+  service.set_agent({});
+  service.set_report({});
+  check(film.get());
+  EXPECT_EQ(film.get()->auth_state + film.get()->perf_state, 2);
+  EXPECT_EQ(service.story(report_channel::agent),
+            "ping, play_begin, ping, play_begin, ping, play_begin, play_alive");
+  EXPECT_TRUE(eventually([&] { return count(report_channel::performance, 259) == 1; }));
+  EXPECT_EQ(service.story(report_channel::performance),
+            "play_begin, play_begin, play_begin, play_alive");
+}
+
+// The agent's refusal reaches the reader who waits and every later one, whatever the media nodes
+// answer.
+TEST_F(Reporting, AgentsRefusalEndsReading) {
+  const std::pair<uint32_t, int> codes[] = {
+      {20, C2MS_UNAUTHORIZED}, {30, C2MS_AUTH_FAILED}, {40, C2MS_IN_DEBT}};
+  for (const auto &[result, code] : codes) {
+    for (int node = 0; node < 2; ++node) server.set_rate(node, 100'000);
+    service.set_agent({.begin_result = result});
+    Film film(library, server, id);
+    ASSERT_GE(film.prepare(4096), 4096);
+    std::atomic<int> waited{0};
+    std::thread reader([&] {
+      std::vector<uint8_t> buf(size);
+      waited = c2ms_sess_read(film.get(), buf.data(), static_cast<int32_t>(buf.size()), 0);
+    });
+    std::this_thread::sleep_for(100ms);  // the reader waits
+    check(film.get());
+    const auto refused = clock::now();
+    reader.join();
+    EXPECT_LT(seconds_since(refused), 1.0);
+    EXPECT_EQ(waited, code);
+    const auto before = server.totals().payload_sent;
+    for (int node = 0; node < 2; ++node) server.set_rate(node, 0);
+    ASSERT_TRUE(eventually([&] { return server.totals().payload_sent > before + 100'000; }));
+    uint8_t byte;
+    EXPECT_EQ(c2ms_sess_read(film.get(), &byte, 1, 0), code);
+    EXPECT_EQ(c2ms_sess_read(film.get(), &byte, 1, 1), code);
+    EXPECT_EQ(c2ms_sess_recv(film.get(), &byte, 1, 50), code);
+    EXPECT_EQ(film.get()->auth_state, 0);
+  }
+}
+
+TEST_F(Reporting, ClosedBeforeTheFirstCheck) {
+  const auto begin = clock::now();
+  { const Film film(library, server, id); }
+  EXPECT_LT(seconds_since(begin), 1.0);
+  EXPECT_TRUE(eventually([&] { return service.messages().size() == 5; }));
+  EXPECT_EQ(service.story(report_channel::agent), "ping, play_begin, play_end");
+  EXPECT_EQ(service.story(report_channel::performance), "play_begin, play_end");
+}
+
+TEST_F(Reporting, FailedOpensReportWithoutWaiting) {
+  service.set_agent({.delay_ms = 200});
+  int32_t error = 0;
+  EXPECT_EQ(c2ms_sess_open(library.get(), "http://127.0.0.1/film", &error), nullptr);
+  EXPECT_EQ(error, C2MS_UNSUPPORTED_SCHEME);
+  server.kill_all();
+  const auto begin = clock::now();
+  EXPECT_EQ(c2ms_sess_open(library.get(), server.url(id).c_str(), &error), nullptr);
+  EXPECT_EQ(error, C2MS_ENTRY_UNAVAILABLE);
+  EXPECT_EQ(count(report_channel::agent, 258), 0u);  // a reply to that needs 600 ms
+  EXPECT_LT(seconds_since(begin), 5.0);
+  ASSERT_TRUE(eventually([&] { return service.messages().size() == 5; }));
+  EXPECT_EQ(service.story(report_channel::agent), "ping, play_begin, play_end");
+  for (const auto &message : service.messages(report_channel::agent)) {
+    EXPECT_EQ(message["sess_id"], message.type == 1 ? "" : "2");
+  }
+}
+
+// The session is closed at any moment of an exchange under way: the exchange ends first, no
+// accepted begin is told twice, and the close takes no longer than the waits of what it still has
+// to say.
+TEST_F(Reporting, ClosedDuringEachWait) {
+  for (const int after_ms : {0, 50, 150, 250, 350, 450}) {
+    service.clear();
+    service.set_agent({.delay_ms = 100});
+    service.set_report({.delay_ms = 100});
+    Film film(library, server, id);
+    begin_check(film.get());
+    begin_check(film.get());  // one is enough
+    std::this_thread::sleep_for(std::chrono::milliseconds(after_ms));
+    const auto begin = clock::now();
+    film.close();
+    EXPECT_LT(seconds_since(begin), 2.0);
+    for (const auto channel : {report_channel::agent, report_channel::performance}) {
+      EXPECT_TRUE(eventually([&] { return count(channel, 258) == 1; }));
+      EXPECT_EQ(count(channel, 257), 1u);
+    }
+  }
+  for (const int after_ms : {0, 100, 400, 700, 800, 1000}) {  // connected, -500; ping; -400
+    service.set_agent({.silent = after_ms > 500});
+    service.set_report({.silent = true});
+    Film film(library, server, id);
+    begin_check(film.get());
+    std::this_thread::sleep_for(std::chrono::milliseconds(after_ms));
+    const auto begin = clock::now();
+    film.close();
+    EXPECT_LT(seconds_since(begin), 0.6 + 0.3 + 0.6 + 0.6 + 1.0);
+  }
+}
+
+// Cleaning up waits for the running wait alone, whatever else is queued.
+TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
+  service.set_agent({.silent = true});
+  service.set_report({.silent = true});
+  for (const bool closing : {false, true}) {
+    Library other;
+    point(other, {1000, 1000, 1000, 1000});
+    std::vector<std::unique_ptr<Film>> films;
+    for (int i = 0; i < 4; ++i) films.push_back(std::make_unique<Film>(other, server, id));
+    for (const auto &film : films) begin_check(film->get());
+    std::this_thread::sleep_for(100ms);
+    std::thread closer([&] {
+      if (closing) films[0]->close();
+    });
+    std::this_thread::sleep_for(100ms);
+    const auto begin = clock::now();
+    const size_t before = service.messages().size();
+    other.clean();
+    EXPECT_LT(seconds_since(begin), 2.0);
+    closer.join();
+    EXPECT_EQ(service.messages().size(), before);
+    for (const auto &film : films) film->forget();
+  }
+}
+
+// With agent and report server both silent for all of their time, the player notices nothing.
+TEST_F(Reporting, SilenceDoesNotDisturbPlaying) {
+  refserver::media_server four({.nodes = 4});
+  const auto film_id = four.add_generated("film.mp4", 50'000'001);
+  ASSERT_TRUE(four.start());
+  point(library, {});
+  library.get()->sess_check_time = 1;
+  service.set_agent({.silent = true});
+  service.set_report({.silent = true});
+  Film film(library, four, film_id);
+  ASSERT_GE(film.prepare(65536), 65536);
+  std::vector<uint8_t> first(65536);
+  ASSERT_EQ(c2ms_sess_read(film.get(), first.data(), 65536, 0), 65536);  // playing has begun
+  const auto paced = [](c2ms_sess *sess, void *buf, int32_t len) {
+    std::this_thread::sleep_for(15ms);
+    return c2ms_sess_read(sess, buf, len, 0);
+  };
+  EXPECT_TRUE(film.play(65536, film.size(), 65536, paced));
+  EXPECT_LT(film.longest_wait, 0.1);
+  EXPECT_EQ(service.story(), "performance play_begin, agent ping");
+  EXPECT_EQ(film.get()->auth_state, 255);
+}
+
+// Where the agent is unless told otherwise.
+TEST(ReportingDefaults, TheAgentIsOnThisMachine) {
+  refserver::report_service service({.agent = "127.0.0.1"});
+  ASSERT_TRUE(service.start()) << service.error();
+  const Library library;
+  EXPECT_EQ(library.get()->report_waits.ping_ms, 2000);
+  c2ms_sess *const sess = c2ms_sess_fetch(library.get());
+  EXPECT_EQ(c2ms_auth_ping(sess), 0);
+}
+
+}  // namespace
+}  // namespace player
