@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "testing/media_server.h"
+#include "testing/report_service.h"
 
 namespace {
 
@@ -35,6 +36,7 @@ struct settings {
   std::vector<double> rates;
   std::vector<int> delays;
   bool index = false;
+  report_options reporting;
 };
 
 void print_help() {
@@ -56,6 +58,10 @@ void print_help() {
       "                      misbehave N times (default: always), from the K-th request on, at\n"
       "                      node I (default: the entry for faults of lists, else every node);\n"
       "                      may be repeated\n"
+      "  --agent             be the authorisation agent at 127.0.0.1, port 3528, and print each\n"
+      "                      message as a line of JSON\n"
+      "  --report ADDR       the same as the report server at ADDR (127.x.y.z), port 3528;\n"
+      "                      with either of the two no file is needed\n"
       "  --help              this text\n\n"
       "Kinds of faults:\n");
   for (const fault_info &row : fault_table())
@@ -114,6 +120,14 @@ std::pair<int, fault> parse_fault(std::string_view text) {
   return {node, *order};
 }
 
+bool serves_media(const settings &s) {
+  return !s.paths.empty() || !s.generated.empty();
+}
+
+bool takes_reports(const settings &s) {
+  return !s.reporting.agent.empty() || !s.reporting.report.empty();
+}
+
 settings parse(int argc, char **argv) {
   enum : int {
     port = 1,
@@ -124,6 +138,8 @@ settings parse(int argc, char **argv) {
     encipher,
     any_auth,
     generated,
+    agent,
+    report,
     index,
     faulty,
     help
@@ -137,6 +153,8 @@ settings parse(int argc, char **argv) {
       {"encipher", no_argument, nullptr, encipher},
       {"any-auth", no_argument, nullptr, any_auth},
       {"generated", required_argument, nullptr, generated},
+      {"agent", no_argument, nullptr, agent},
+      {"report", required_argument, nullptr, report},
       {"index", no_argument, nullptr, index},
       {"fault", required_argument, nullptr, faulty},
       {"help", no_argument, nullptr, help},
@@ -167,6 +185,14 @@ settings parse(int argc, char **argv) {
       case any_auth:
         s.server.check_auth = false;
         break;
+      case agent:
+        s.reporting.agent = "127.0.0.1";
+        break;
+      case report:
+        if (std::string_view(optarg).substr(0, 4) != "127.")
+          usage_error("--report: an address of this machine's loopback is needed");
+        s.reporting.report = optarg;
+        break;
       case generated:
         s.generated.push_back(parse_generated(optarg));
         break;
@@ -185,7 +211,7 @@ settings parse(int argc, char **argv) {
     }
   }
   s.paths.assign(argv + optind, argv + argc);
-  if (s.paths.empty() && s.generated.empty()) usage_error("no file to serve");
+  if (!serves_media(s) && !takes_reports(s)) usage_error("no file to serve");
   if (s.server.port != 0 && !s.server.spread_addresses && s.server.port + s.server.nodes > 65535)
     usage_error("--port: no room for the nodes' ports above it");
   return s;
@@ -278,13 +304,22 @@ int main(int argc, char **argv) {
   sigaddset(&stop_signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
+  s.reporting.on_message = [](const report_message &message) {
+    std::printf("%s\n", to_json(message).c_str());
+    std::fflush(stdout);
+  };
+  report_service reports(s.reporting);
+  if (!reports.start()) {
+    std::fprintf(stderr, "c2ms-server: %s\n", reports.error().c_str());
+    return 1;
+  }
   media_server server(s.server);
   const auto added = add_all(server, s);
-  if (added.empty()) {
+  if (added.empty() && serves_media(s)) {
     std::fprintf(stderr, "c2ms-server: nothing to serve\n");
     return 1;
   }
-  if (!server.start()) {
+  if (serves_media(s) && !server.start()) {
     std::fprintf(stderr, "c2ms-server: %s\n", server.error().c_str());
     return 1;
   }
@@ -293,7 +328,8 @@ int main(int argc, char **argv) {
   std::fflush(stdout);
   int signal_number = 0;
   sigwait(&stop_signals, &signal_number);
+  reports.stop();
   server.stop();
-  print_totals(server, s.server.nodes);
+  if (serves_media(s)) print_totals(server, s.server.nodes);
   return 0;
 }
