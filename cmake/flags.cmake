@@ -17,6 +17,9 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   target_compile_definitions(c2ms_build INTERFACE _TIME_BITS=64)
 endif()
 target_compile_options(c2ms_build INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
+# A unique symbol (an inline constant whose address is taken) can't be made local in libc2ms.a.
+target_compile_options(c2ms_build INTERFACE
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-gnu-unique>)
 target_link_libraries(c2ms_build INTERFACE Threads::Threads)
 if(C2MS_CHECKS OR CMAKE_BUILD_TYPE STREQUAL "Debug")
   target_compile_definitions(c2ms_build INTERFACE C2MS_CHECKS=1)

@@ -2,6 +2,7 @@
 # get.sh SERVER FILE C2MS-GET: exit status, message and bytes of c2ms-get for right and wrong calls.
 . "$(dirname "$0")/service.sh"
 server=$1 file=$2 get=$3
+needs "$server" "$get"
 start_service "$server" --nodes 3 "$file"
 size=$(stat -c %s "$file")
 hash=$(sha256sum < "$file" | cut -d' ' -f1)

@@ -3,6 +3,7 @@
 # Its standard output is the film's alone, a file that no server has ends it with the library's text.
 . "$(dirname "$0")/service.sh"
 server=$1 file=$2 player=$3
+needs "$server" "$player"
 start_service "$server" --nodes 3 "$file"
 
 timeout 100 "$player" "$url" > "$scratch/film" || { echo "the player failed ($?)"; exit 1; }

@@ -9,6 +9,12 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# needs PROGRAM...: they have been built.
+needs() {
+  local program
+  for program in "$@"; do [[ -x $program ]] || { echo "there is no $program"; exit 1; }; done
+}
+
 # start_service PROGRAM ARGUMENT...: sets `url` to the first file's.
 start_service() {
   : > "$scratch/server.out"  # there before the loop below looks
