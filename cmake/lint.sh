@@ -100,7 +100,7 @@ compile() {
       continue
     }
     flags=$(sed 's/ -o .*/ -ferror-limit=3/' <<< "$beside")
-    todo+=$'\n'"echo '#include \"$header\"' | $flags -I$root -fsyntax-only -x c++ -"
+    todo+=$'\n'"echo '#include \"$header\"' | $flags -I$root -I$root/include -fsyntax-only -x c++ -"
   done
   (cd "$build" && tr '\n' '\0' <<< "$todo" | xargs -0 -P "$jobs" -I{} bash -c '{}') || failed=1
 }
