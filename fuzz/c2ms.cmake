@@ -1,3 +1,4 @@
+c2ms_fuzz(index index.cpp c2ms_core)
 c2ms_fuzz(pdu pdu.cpp c2ms_core)
 c2ms_fuzz(report report.cpp c2ms_core c2ms_testing)
 c2ms_fuzz(unit unit.cpp c2ms_core)

@@ -267,7 +267,7 @@ std::vector<std::pair<std::string, file_id>> add_all(media_server &server, const
 
 void add_indexes(media_server &server, const std::vector<std::pair<std::string, file_id>> &added) {
   for (const auto &[name, id] : added) {
-    if (type_by_name(name) != type_by_name("mp4")) continue;
+    if (type_by_name(name) != type_by_name("x.mp4")) continue;
     std::string problem;
     server.add_index(id, &problem);
     if (!problem.empty())

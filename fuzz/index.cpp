@@ -1,0 +1,69 @@
+// An index and the media that it belongs to, both from a server: unpacking keeps to its bound and
+// its codes, and the walk over the boxes ends, stays inside the media and finds `moov` only where
+// the bytes say so.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "c2ms/c2ms_sess_idx.h"
+#include "c2ms/c2ms_sess_idx_box.h"
+
+namespace {
+
+constexpr uint64_t kBound = 1 << 20;
+
+void require(bool holds) {
+  if (!holds) std::abort();
+}
+
+void unpack(const uint8_t *data, size_t size) {
+  uint8_t *out = nullptr;
+  uint32_t len = 0;
+  const int result = c2ms_idx_unpack(data, size, kBound, &out, &len);
+  if (result == 0) {
+    require(out != nullptr && len >= 1 && len <= kBound);
+    uint8_t sum = 0;
+    for (uint32_t i = 0; i < len; ++i)
+      sum = static_cast<uint8_t>(sum + out[i]);  // every byte is there
+    std::free(out);
+    return;
+  }
+  require(out == nullptr && len == 0);
+  require(result == idx_not_readable || result == idx_empty || result == idx_no_memory ||
+          result == idx_damaged);
+  require((size < 14) == (result == idx_not_readable));
+}
+
+// The input is the media's beginning, zeros follow; the first 8 bytes choose its size.
+void walk(const uint8_t *data, size_t size) {
+  c2ms_box_walk state;
+  std::memcpy(&state.media_size, data, std::min<size_t>(size, 8));
+  if (state.media_size == 0 || size < 8) state.media_size = size + 1;
+  int rounds = 0;
+  for (c2ms_box_result result = box_passed; result == box_passed;) {
+    require(state.pos < state.media_size && ++rounds <= 20);
+    std::memset(state.header, 0, sizeof state.header);
+    if (state.pos < size) {
+      std::memcpy(state.header, data + state.pos, std::min<uint64_t>(16, size - state.pos));
+    }
+    const uint64_t before = state.pos;
+    result = c2ms_idx_box(&state);
+    require(state.pos >= before && state.pos < state.media_size);
+    if (result == box_passed) continue;
+    require(result == box_is_moov || result == box_past_end ||
+            (result == box_not_found && rounds == 20));
+    if (result != box_is_moov) continue;
+    require(state.pos == before && state.box_size <= state.media_size - state.pos);
+    require((state.header[4] | 0x20) == 'm' && (state.header[7] | 0x20) == 'v');
+    c2ms_idx_at_end(state.media_size, state.pos, static_cast<uint32_t>(state.box_size));
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  unpack(data, size);
+  walk(data, size);
+  return 0;
+}
