@@ -1,7 +1,8 @@
 // Annotated locks with a rank: the library's own records are guarded by these.
 //
-// A thread may take a lock only while every lock it holds has a lower rank. Builds with C2MS_CHECKS abort
-// on any other order; clang checks which fields need which lock. Rank 0 is exempt from the order.
+// A thread may take a lock only while every lock it holds has a lower rank. Builds with C2MS_CHECKS
+// abort on any other order; clang checks which fields need which lock. Rank 0 is exempt from the
+// order.
 #pragma once
 
 #include <chrono>
@@ -13,7 +14,8 @@
 
 namespace adif {
 
-/// Records in checking builds that this thread takes (leaves) a lock of `rank`; aborts on a wrong order.
+/// Records in checking builds that this thread takes (leaves) a lock of `rank`; aborts on a wrong
+/// order.
 #ifdef C2MS_CHECKS
 void rank_enter(uint8_t rank);
 void rank_leave(uint8_t rank);
@@ -54,12 +56,13 @@ class SCOPED_CAPABILITY Guard {
   Mutex &mutex_;
 };
 
-/// A lock that can be waited for until a deadline, for long holds (a reader in a session). Not recursive.
+/// A lock that can be waited for until a deadline, for long holds (a reader in a session). Not
+/// recursive.
 class CAPABILITY("mutex") Gate {
  public:
   explicit Gate(uint8_t rank) : rank_(rank) {}
-  /// True when the gate was entered before `deadline` (time_point::max(): waits without limit; a past
-  /// deadline: one try).
+  /// True when the gate was entered before `deadline` (time_point::max(): waits without limit; a
+  /// past deadline: one try).
   bool enter_until(std::chrono::steady_clock::time_point deadline) TRY_ACQUIRE(true);
   void leave() RELEASE();
 

@@ -105,8 +105,8 @@ int c2ms_cache_setbuf(c2ms_cache *cache, uint8_t *buffer, int32_t size, int32_t 
   return 0;
 }
 
-int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset, uint64_t media_size,
-                       uint8_t flag, bool demand_only) {
+int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset,
+                       uint64_t media_size, uint8_t flag, bool demand_only) {
   if (cache == nullptr) return -1;
   const adif::Guard lock(cache->lock);
   const int32_t packnum = cache->packnum;
@@ -130,7 +130,8 @@ int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offs
   // Units of the former file lose their packs here, and would not pass the generation either.
   cache->generation.fetch_add(1);
   cache->seek_count.fetch_add(1);
-  for (int32_t slot = 0; slot < packnum; ++slot) c2ms_pack_exit_download(pack_at(cache, slot), slot);
+  for (int32_t slot = 0; slot < packnum; ++slot)
+    c2ms_pack_exit_download(pack_at(cache, slot), slot);
   return 0;
 }
 
@@ -242,8 +243,8 @@ int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos) {
 
 namespace {
 
-// Places the range so that it holds `target`'s pack. The first pack that was not in the range before, or
-// INT32_MAX when it has not moved.
+// Places the range so that it holds `target`'s pack. The first pack that was not in the range
+// before, or INT32_MAX when it has not moved.
 int32_t place_range(c2ms_cache *cache, uint64_t target) REQUIRES(cache->lock) {
   const int32_t packnum = cache->packnum;
   const int32_t old_first = cache->first_index;
@@ -290,7 +291,9 @@ bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) {
   return move_to(cache, pos, c2ms_cache_window(cache));
 }
 
-bool c2ms_cache_seek_exactly(c2ms_cache *cache, uint64_t pos) { return move_to(cache, pos, {}); }
+bool c2ms_cache_seek_exactly(c2ms_cache *cache, uint64_t pos) {
+  return move_to(cache, pos, {});
+}
 
 void c2ms_cache_window_changed(c2ms_cache *cache) {
   c2ms_cache_seek_to(cache, cache->read_pos);

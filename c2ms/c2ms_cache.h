@@ -1,17 +1,17 @@
 // The pack cache: a ring of packs over one buffer that follows the read position (drawn in
-// c2ms_records.h). The session's data calls (c2ms_sess_read.h) come here under the read gate; units fill
-// packs under the packs' own locks; anybody may move the range.
+// c2ms_records.h). The session's data calls (c2ms_sess_read.h) come here under the read gate; units
+// fill packs under the packs' own locks; anybody may move the range.
 //
-// A file's bytes are numbered in packs of packsize bytes from its base offset; every pack number fits an
-// int32, sizes and positions are 64-bit and never become a size_t.
+// A file's bytes are numbered in packs of packsize bytes from its base offset; every pack number
+// fits an int32, sizes and positions are 64-bit and never become a size_t.
 #pragma once
 
 #include <cstdint>
 
 #include "c2ms/c2ms_records.h"
 
-/// What a download asks for, taken together under the locks of cache and pack. A unit is bound only while
-/// the pack still holds that index of that file.
+/// What a download asks for, taken together under the locks of cache and pack. A unit is bound only
+/// while the pack still holds that index of that file.
 struct c2ms_range {
   uint8_t fid[16];
   uint64_t offset;  // in the file on the server, base offset included
@@ -22,9 +22,10 @@ struct c2ms_range {
   bool redundant;  // the pack is being fetched already
 };
 
-/// The part of the selected file that an index in memory holds, in positions of reads. While the position
-/// lies in it the range is placed for `target` instead: behind the window, or at the beginning when the
-/// window is the file's end. Packs that lie wholly in it are not prefetched; readers copy them from the index.
+/// The part of the selected file that an index in memory holds, in positions of reads. While the
+/// position lies in it the range is placed for `target` instead: behind the window, or at the
+/// beginning when the window is the file's end. Packs that lie wholly in it are not prefetched;
+/// readers copy them from the index.
 struct c2ms_window {
   uint64_t begin, end;  // equal: none
   uint64_t in_index;    // where in the index the window's first byte lies
@@ -38,31 +39,35 @@ struct c2ms_window {
 /// Readies a session's cache record: no buffer, no file. The record; NULL for NULL.
 c2ms_cache *c2ms_cache_init(c2ms_sess *session);
 
-/// Gives back every pack; later units find no place. The event stays with the record. 0, -1 for NULL.
+/// Gives back every pack; later units find no place. The event stays with the record. 0, -1 for
+/// NULL.
 int c2ms_cache_clean(c2ms_cache *cache);
 
-/// Cuts `buffer` (not owned) into packs; drops what was there. Needs the read gate. 0; -1, -2 missing cache
-/// or buffer; -3 size below 1; -4 size below packsize (0 or less means 8192); -5 no memory for packs.
+/// Cuts `buffer` (not owned) into packs; drops what was there. Needs the read gate. 0; -1, -2
+/// missing cache or buffer; -3 size below 1; -4 size below packsize (0 or less means 8192); -5 no
+/// memory for packs.
 int c2ms_cache_setbuf(c2ms_cache *cache, uint8_t *buffer, int32_t size, int32_t packsize);
 
-/// Selects a file; drops what was there, position 0. With demand_only nothing is prefetched: only what a
-/// reader waits for is asked for. Needs the read gate. 0; -1; -201 the cache has no pack; -202 more packs than
-/// an int32 counts.
-int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset, uint64_t media_size,
-                       uint8_t flag, bool demand_only = false);
+/// Selects a file; drops what was there, position 0. With demand_only nothing is prefetched: only
+/// what a reader waits for is asked for. Needs the read gate. 0; -1; -201 the cache has no pack;
+/// -202 more packs than an int32 counts.
+int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset,
+                       uint64_t media_size, uint8_t flag, bool demand_only = false);
 
-/// The window of the index in memory; an empty one when the cache serves another file than the media.
+/// The window of the index in memory; an empty one when the cache serves another file than the
+/// media.
 c2ms_window c2ms_cache_window(c2ms_cache *cache) REQUIRES(cache->lock);
 /// The window has changed: places the range for the read position again.
 void c2ms_cache_window_changed(c2ms_cache *cache) REQUIRES(cache->lock);
 
-/// The first idle pack at or above the read position (above the range's first pack while the range is placed
-/// elsewhere) that may be asked for now, or NULL.
+/// The first idle pack at or above the read position (above the range's first pack while the range
+/// is placed elsewhere) that may be asked for now, or NULL.
 c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache);
-/// Issues an idle pack. 0; -1, -2 missing cache or session; -100 it is not idle (any more); or the issue's
-/// result.
+/// Issues an idle pack. 0; -1, -2 missing cache or session; -100 it is not idle (any more); or the
+/// issue's result.
 int c2ms_cache_download_pack(c2ms_cache *cache, c2ms_pack *pack);
-/// Issues idle packs up to twice the number of nodes, at least 10, queued units included: packs issued.
+/// Issues idle packs up to twice the number of nodes, at least 10, queued units included: packs
+/// issued.
 int c2ms_cache_download_all(c2ms_cache *cache);
 /// Issues one idle pack: 1, or 0 when there is none.
 int c2ms_cache_download_one(c2ms_cache *cache);
@@ -71,13 +76,14 @@ bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out);
 
 /// Moves the read position for the player and asks for what is missing. 0; -1.
 int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos);
-/// Moves position and range. Packs that stay inside keep their data. True when there are new packs to ask for.
+/// Moves position and range. Packs that stay inside keep their data. True when there are new packs
+/// to ask for.
 bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock);
-/// The same with the range placed for the position itself, wherever the window lies: for a reader who needs
-/// bytes of the media there.
+/// The same with the range placed for the position itself, wherever the window lies: for a reader
+/// who needs bytes of the media there.
 bool c2ms_cache_seek_exactly(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock);
-/// Moves a reader's position on, unless somebody has moved it since `seek_count` was read (then false), and
-/// gives nodes that have run out of work new packs. Needs the read gate.
+/// Moves a reader's position on, unless somebody has moved it since `seek_count` was read (then
+/// false), and gives nodes that have run out of work new packs. Needs the read gate.
 bool c2ms_cache_advance(c2ms_cache *cache, uint64_t pos, uint32_t seek_count);
 
 /// Copy bytes from the read position (c2ms.h gives the player's view). Need the read gate.

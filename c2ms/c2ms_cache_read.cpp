@@ -1,5 +1,5 @@
-// The reader's side of the cache: copying out of the ring, waiting for a late pack, asking for it a second
-// time. Part of c2ms_cache.h.
+// The reader's side of the cache: copying out of the ring, waiting for a late pack, asking for it a
+// second time. Part of c2ms_cache.h.
 #include <algorithm>
 #include <cstring>
 
@@ -79,7 +79,8 @@ bool ended(reading &call, bool about_to_wait) {
   return true;
 }
 
-int32_t wanted_of(const reading &call, const c2ms_pack *pack, int32_t in_pack) REQUIRES(pack->lock) {
+int32_t wanted_of(const reading &call, const c2ms_pack *pack, int32_t in_pack)
+    REQUIRES(pack->lock) {
   return std::min(call.len - call.copied, std::max(pack->size - in_pack, 0));
 }
 
@@ -106,13 +107,15 @@ step take(reading &call, const place &at) {
 // Copies a pack that the index in memory holds as a whole; true when it does.
 bool take_from_index(reading &call, const place &at) {
   const uint64_t begin = call.pos - static_cast<uint64_t>(at.in_pack);
-  const uint64_t end = std::min(begin + static_cast<uint64_t>(call.cache->packsize.load()), call.media_size);
+  const uint64_t end =
+      std::min(begin + static_cast<uint64_t>(call.cache->packsize.load()), call.media_size);
   if (!call.window.holds(begin, end)) return false;
   const auto wanted = static_cast<int32_t>(
       std::min<uint64_t>(static_cast<uint64_t>(call.len - call.copied), end - call.pos));
   if (call.out != nullptr) {
     const uint8_t *const from = call.cache->session->idx_buf + call.window.in_index;
-    std::memcpy(call.out + call.copied, from + (call.pos - call.window.begin), static_cast<size_t>(wanted));
+    std::memcpy(call.out + call.copied, from + (call.pos - call.window.begin),
+                static_cast<size_t>(wanted));
   }
   call.copied += wanted;
   call.pos += static_cast<uint64_t>(wanted);
@@ -120,9 +123,12 @@ bool take_from_index(reading &call, const place &at) {
 }
 
 // Moves the range behind the reader, unless somebody has seeked meanwhile.
-bool advance(const reading &call) { return c2ms_cache_advance(call.cache, call.pos, call.seek_count); }
+bool advance(const reading &call) {
+  return c2ms_cache_advance(call.cache, call.pos, call.seek_count);
+}
 
-// A pack that keeps its reader waiting for longer than the best node should need is asked for again.
+// A pack that keeps its reader waiting for longer than the best node should need is asked for
+// again.
 void ask_again_if_late(reading &call, const place &at) {
   int64_t allowed = c2ms_sess_fasttime(call.cache->session);
   if (allowed < unhurried_us) allowed *= 10;
@@ -186,8 +192,8 @@ bool move_range(reading &call, const place &at) {
   return false;
 }
 
-// An idle pack is asked for. When that can't be done now (no memory for a unit, say) the pack is paused and
-// the wait that follows ends in time for the next attempt.
+// An idle pack is asked for. When that can't be done now (no memory for a unit, say) the pack is
+// paused and the wait that follows ends in time for the next attempt.
 step request(reading &call, const place &at) {
   c2ms_cache_download_pack(call.cache, at.pack);
   c2ms::dispatch_if_due(call.cache->session);

@@ -3,8 +3,8 @@
 
 namespace c2ms {
 
-/// Formats a line. Inside a strand it waits until diag_deliver(), which who leaves the strand calls; a
-/// silenced player's lines are not even formatted.
+/// Formats a line. Inside a strand it waits until diag_deliver(), which who leaves the strand
+/// calls; a silenced player's lines are not even formatted.
 void diag(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 /// Delivers this thread's waiting lines. Call it with no lock held.

@@ -45,10 +45,9 @@ int hex_digit(char c) {
   return -1;
 }
 
-uint32_t next_id(adif::Mutex &mutex, uint32_t &counter) {
-  const adif::Guard lock(mutex);
-  if (counter == 0) counter = 1;  // 0 names nobody, after a wrap too
-  return counter++;
+uint32_t next_id(uint32_t *counter) {
+  if (*counter == 0) *counter = 1;  // 0 names nobody, after a wrap too
+  return (*counter)++;
 }
 
 }  // namespace
@@ -83,23 +82,28 @@ void parse_hwaddr(uint8_t *out, int out_len, const char *text, int text_len) {
 }
 
 uint32_t c2ms_nodeid(c2ms_mgmt *mgmt) {
-  return mgmt == nullptr ? 0 : next_id(mgmt->node_lock, mgmt->next_node_id);
+  if (mgmt == nullptr) return 0;
+  const adif::Guard lock(mgmt->node_lock);
+  return next_id(&mgmt->next_node_id);
 }
 
 uint32_t c2ms_sessid(c2ms_mgmt *mgmt) {
-  return mgmt == nullptr ? 0 : next_id(mgmt->sess_lock, mgmt->next_sess_id);
+  if (mgmt == nullptr) return 0;
+  const adif::Guard lock(mgmt->sess_lock);
+  return next_id(&mgmt->next_sess_id);
 }
 
 uint32_t c2ms_unitid(c2ms_mgmt *mgmt) {
-  return mgmt == nullptr ? 0 : next_id(mgmt->unit_lock, mgmt->next_unit_id);
+  if (mgmt == nullptr) return 0;
+  const adif::Guard lock(mgmt->unit_lock);
+  return next_id(&mgmt->next_unit_id);
 }
 
 c2ms::identity c2ms::current_identity(c2ms_mgmt *mgmt) {
   bool ask = false;
   {
     const adif::Guard lock(mgmt->identity_lock);
-    ask = std::strlen(mgmt->local_ip_text) < 2 &&
-          now_us() - mgmt->identity_asked_us > ask_again_us;
+    ask = std::strlen(mgmt->local_ip_text) < 2 && now_us() - mgmt->identity_asked_us > ask_again_us;
   }
   if (ask) c2ms_mgmt_readhid(mgmt);
   const adif::Guard lock(mgmt->identity_lock);
@@ -118,12 +122,20 @@ const uint8_t *c2ms_hid(c2ms_mgmt *mgmt) {
   return mgmt == nullptr ? none : mgmt->hid;
 }
 
-const char *c2ms_localip(c2ms_mgmt *mgmt) { return mgmt == nullptr ? "" : mgmt->local_ip_text; }
+const char *c2ms_localip(c2ms_mgmt *mgmt) {
+  return mgmt == nullptr ? "" : mgmt->local_ip_text;
+}
 
 const char *c2ms_natip(c2ms_mgmt *mgmt) {
   return mgmt == nullptr ? "" : inet_ntoa(in_addr{mgmt->local_ip});
 }
 
-uint32_t c2ms_oemid(c2ms_mgmt *mgmt) { return mgmt == nullptr ? g_oemid : mgmt->oemid; }
-uint32_t c2ms_version(c2ms_mgmt *mgmt) { return mgmt == nullptr ? g_version : mgmt->version; }
-int32_t c2ms_buildtime(c2ms_mgmt *mgmt) { return mgmt == nullptr ? 0 : mgmt->build_time; }
+uint32_t c2ms_oemid(c2ms_mgmt *mgmt) {
+  return mgmt == nullptr ? g_oemid : mgmt->oemid;
+}
+uint32_t c2ms_version(c2ms_mgmt *mgmt) {
+  return mgmt == nullptr ? g_version : mgmt->version;
+}
+int32_t c2ms_buildtime(c2ms_mgmt *mgmt) {
+  return mgmt == nullptr ? 0 : mgmt->build_time;
+}

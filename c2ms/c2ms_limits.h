@@ -27,26 +27,28 @@ inline constexpr uint8_t node_serves_list = 0x01;
 inline constexpr uint8_t node_serves_media = 0x02;
 
 // Nodes.
-inline constexpr int32_t max_failed_attempts = 3;    // of a node that is no media node
-inline constexpr int max_media_nodes = 8;            // of one session
-inline constexpr int wanted_media_nodes = 4;         // a session grows towards this many
-inline constexpr int max_list_entries = 4;           // of one server list
+inline constexpr int32_t max_failed_attempts = 3;  // of a node that is no media node
+inline constexpr int max_media_nodes = 8;          // of one session
+inline constexpr int wanted_media_nodes = 4;       // a session grows towards this many
+inline constexpr int max_list_entries = 4;         // of one server list
 inline constexpr uint32_t max_level = 4;
 inline constexpr uint32_t first_backoff_ms = 250;
-inline constexpr int64_t settled_us = 10'000'000;    // ready that long: the backoff starts anew
-inline constexpr int64_t stalled_us = 10'000'000;    // a transfer without a byte for that long is dropped
+inline constexpr int64_t settled_us = 10'000'000;  // ready that long: the backoff starts anew
+inline constexpr int64_t stalled_us =
+    10'000'000;  // a transfer without a byte for that long is dropped
 inline constexpr int64_t min_rtt_us = 200'000;
 inline constexpr int max_short_answers = 3;
 inline constexpr double prune_factor = 5.0;
 inline constexpr int32_t prune_after_transfers = 10;
 
 // Sessions.
-inline constexpr int open_timeouts = 20;             // one-second waits of an open
+inline constexpr int open_timeouts = 20;  // one-second waits of an open
 inline constexpr int64_t reopen_after_us = 20'000'000;
 inline constexpr int64_t ratio_stalled_us = 4'000'000;
 
 // Reporting.
-inline constexpr int32_t reporting_check_time_s = 8;  // of every session once one has tried to report
+inline constexpr int32_t reporting_check_time_s =
+    8;  // of every session once one has tried to report
 inline constexpr int32_t alive_period_s = 120;
 inline constexpr int max_failed_opens_waiting = 32;  // to be reported; further ones are not
 
@@ -56,7 +58,8 @@ inline constexpr int64_t index_open_ms = 30'000;
 inline constexpr int32_t index_receive_ms = 10'000;
 inline constexpr int max_index_failures = 5;
 inline constexpr int max_boxes = 20;
-inline constexpr int32_t moov_end_slack = 1000;  // bytes behind a `moov` that still counts as the end
+inline constexpr int32_t moov_end_slack =
+    1000;  // bytes behind a `moov` that still counts as the end
 inline constexpr uint8_t media_type_mp4 = 7;
 
 // Units and packs.
@@ -69,8 +72,9 @@ inline constexpr int32_t default_pack_bytes = 8192;
 inline constexpr int32_t min_pack_bytes = 4096;
 inline constexpr int min_issue_limit = 10;
 inline constexpr int receive_slice_bytes = 256 * 1024;  // received under one hold of a pack's lock
-inline constexpr int slices_per_event = 4;              // then the other sockets of the thread have a turn
-inline constexpr int64_t empty_pack_pause_us = 1'000'000;  // between two requests for a pack of size 0
-inline constexpr int64_t no_memory_pause_us = 50'000;      // before a unit is tried for again
+inline constexpr int slices_per_event = 4;  // then the other sockets of the thread have a turn
+inline constexpr int64_t empty_pack_pause_us =
+    1'000'000;                                         // between two requests for a pack of size 0
+inline constexpr int64_t no_memory_pause_us = 50'000;  // before a unit is tried for again
 
 }  // namespace c2ms

@@ -77,10 +77,37 @@ void destroy(c2ms_mgmt *mgmt) {
   kfree_dbg(mgmt);
 }
 
-template <class Record>
-Record *first_of(adif::Mutex &mutex, pointer_stack *const &registry) {
-  const adif::Guard lock(mutex);
-  return static_cast<Record *>(sk_value(registry, 0));
+void make_registries(c2ms_mgmt *mgmt) {
+  {
+    const adif::Guard lock(mgmt->node_lock);
+    mgmt->nodes = sk_new(nullptr);
+  }
+  const adif::Guard lock(mgmt->sess_lock);
+  mgmt->sessions = sk_new(nullptr);
+}
+
+void free_registries(c2ms_mgmt *mgmt) {
+  {
+    const adif::Guard lock(mgmt->node_lock);
+    sk_free(mgmt->nodes);
+  }
+  const adif::Guard lock(mgmt->sess_lock);
+  sk_free(mgmt->sessions);
+}
+
+c2ms_sess *any_session(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->sess_lock);
+  return static_cast<c2ms_sess *>(sk_value(mgmt->sessions, 0));
+}
+
+c2ms_node *any_node(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->node_lock);
+  return static_cast<c2ms_node *>(sk_value(mgmt->nodes, 0));
+}
+
+void drop_configuration(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->conf_lock);
+  conf_mgmt_cleanup(mgmt->conf);
 }
 
 // Closing sessions refuse new calls; the waiting ones are woken and return.
@@ -134,8 +161,7 @@ c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_
   c2ms_mgmt_readhid(mgmt);
   if (hid != nullptr) std::memcpy(mgmt->hid, hid, 20);
 
-  mgmt->nodes = sk_new(nullptr);
-  mgmt->sessions = sk_new(nullptr);
+  make_registries(mgmt);
   make_pools(mgmt);
   for (const int number : {SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE, SIGTTIN}) signal(number, SIG_IGN);
   StartProbe(mgmt->probe, 1);
@@ -153,13 +179,12 @@ int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
   drop_pool(&mgmt->unit_pool);
   drop_pool(&mgmt->node_pool);
   // The engine has stopped and the callers have left: nobody else is here any more.
-  while (c2ms_sess *sess = first_of<c2ms_sess>(mgmt->sess_lock, mgmt->sessions)) c2ms_sess_free(sess);
-  while (c2ms_node *node = first_of<c2ms_node>(mgmt->node_lock, mgmt->nodes)) c2ms_node_free(node);
+  while (c2ms_sess *sess = any_session(mgmt)) c2ms_sess_free(sess);
+  while (c2ms_node *node = any_node(mgmt)) c2ms_node_free(node);
   drop_pool(&mgmt->sess_pool);
-  sk_free(mgmt->nodes);
-  sk_free(mgmt->sessions);
+  free_registries(mgmt);
   probe_cleanup(mgmt->probe);
-  conf_mgmt_cleanup(mgmt->conf);
+  drop_configuration(mgmt);
   destroy(mgmt);
   diag_deliver();
   return 0;

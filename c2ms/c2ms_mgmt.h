@@ -1,5 +1,6 @@
-// The management context: start-up, tear-down, configuration, identity, memory and ids. The player's part
-// (c2ms_mgmt_init, c2ms_mgmt_clean, c2ms_mgmt_readconf, the identity getters) is described in c2ms.h.
+// The management context: start-up, tear-down, configuration, identity, memory and ids. The
+// player's part (c2ms_mgmt_init, c2ms_mgmt_clean, c2ms_mgmt_readconf, the identity getters) is
+// described in c2ms.h.
 #pragma once
 
 #include <cstdint>
@@ -8,17 +9,20 @@
 #include "c2ms.h"
 #include "c2ms/c2ms_records.h"
 
-/// Finds hardware id and local address from the network interfaces, unless a hardware id is set already:
-/// the address of the first Ethernet interface whose name does not begin with "vir", and the local address
-/// of the first interface of link type 4 or 6 if there is one, else of that Ethernet interface. Any thread.
+/// Finds hardware id and local address from the network interfaces, unless a hardware id is set
+/// already: the address of the first Ethernet interface whose name does not begin with "vir", and
+/// the local address of the first interface of link type 4 or 6 if there is one, else of that
+/// Ethernet interface. Any thread.
 void c2ms_mgmt_readhid(c2ms_mgmt *mgmt);
 
-/// Bytes from a textual hardware address. At most out_len bytes; any character that is no hexadecimal
-/// digit ends a byte (two in a row store a zero byte), of more than two digits the last two count.
+/// Bytes from a textual hardware address. At most out_len bytes; any character that is no
+/// hexadecimal digit ends a byte (two in a row store a zero byte), of more than two digits the last
+/// two count.
 void parse_hwaddr(uint8_t *out, int out_len, const char *text, int text_len);
 
-/// Zeroed memory from the arena, or from the heap when the arena can't serve; NULL when neither can. Any
-/// thread. The caller gives it back with c2ms_mem_free: 0, -1 (no context), -2 (no pointer).
+/// Zeroed memory from the arena, or from the heap when the arena can't serve; NULL when neither
+/// can. Any thread. The caller gives it back with c2ms_mem_free: 0, -1 (no context), -2 (no
+/// pointer).
 void *c2ms_mem_alloc(c2ms_mgmt *mgmt, int32_t size);
 int c2ms_mem_free(c2ms_mgmt *mgmt, void *ptr);
 
@@ -35,8 +39,8 @@ namespace c2ms {
 /// A copy of the configured entry server's name.
 std::string entry_server(c2ms_mgmt *mgmt);
 
-/// What requests carry of this device. Asks the interfaces again (at most once a second) while no local
-/// address is known.
+/// What requests carry of this device. Asks the interfaces again (at most once a second) while no
+/// local address is known.
 struct identity {
   char local_ip[16];
   uint8_t hid[20];

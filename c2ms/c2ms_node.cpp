@@ -135,8 +135,8 @@ bool count_states(c2ms_sess *sess, uint32_t from, uint32_t to) {
 
 }  // namespace
 
-c2ms_node *c2ms_node_open(c2ms_sess *session, const char *host, uint32_t ip, uint32_t port, uint8_t type,
-                          uint16_t load, uint32_t level) {
+c2ms_node *c2ms_node_open(c2ms_sess *session, const char *host, uint32_t ip, uint32_t port,
+                          uint8_t type, uint16_t load, uint32_t level) {
   if (session == nullptr || ip == 0 || ip == SOCK_NO_ADDRESS) return nullptr;
   const bool media = (type & node_serves_media) != 0;
   if (media && c2ms_sess_node_num(session) >= max_media_nodes) return nullptr;
@@ -305,4 +305,6 @@ int c2ms_node_state_to(c2ms_node *node, uint32_t state) {
   return 0;
 }
 
-int c2ms_node_close(c2ms_node *node) { return c2ms_node_recycle(node); }
+int c2ms_node_close(c2ms_node *node) {
+  return c2ms_node_recycle(node);
+}

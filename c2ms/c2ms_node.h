@@ -1,8 +1,8 @@
-// Nodes: one TCP connection of a session to one server, and the state machine that drives it from connecting
-// through the server-list and description exchanges to repeated range downloads.
+// Nodes: one TCP connection of a session to one server, and the state machine that drives it from
+// connecting through the server-list and description exchanges to repeated range downloads.
 //
-// Everything here runs inside the session's strand. A function marked [may end the node] may have recycled
-// it: the caller touches nothing of it afterwards.
+// Everything here runs inside the session's strand. A function marked [may end the node] may have
+// recycled it: the caller touches nothing of it afterwards.
 #pragma once
 
 #include <cstdint>
@@ -11,34 +11,35 @@
 #include "c2ms/c2ms_records.h"
 #include "c2ms/c2ms_strand.h"
 
-/// Opens a node to a server whose address is known (network order) and starts connecting. host: name or
-/// dotted address for diagnosis, NULL: the address as text. NULL when the session has its most media nodes,
-/// the address is none, or the connection can't even be tried.
-c2ms_node *c2ms_node_open(c2ms_sess *session, const char *host, uint32_t ip, uint32_t port, uint8_t type,
-                          uint16_t load, uint32_t level);
+/// Opens a node to a server whose address is known (network order) and starts connecting. host:
+/// name or dotted address for diagnosis, NULL: the address as text. NULL when the session has its
+/// most media nodes, the address is none, or the connection can't even be tried.
+c2ms_node *c2ms_node_open(c2ms_sess *session, const char *host, uint32_t ip, uint32_t port,
+                          uint8_t type, uint16_t load, uint32_t level);
 
-/// Starts connecting; only from DISCONNECTED. A node that is no media node is given up after more than 3
-/// failed attempts (the entry server then gives the session status 400). 0, or -100. [may end the node]
+/// Starts connecting; only from DISCONNECTED. A node that is no media node is given up after more
+/// than 3 failed attempts (the entry server then gives the session status 400). 0, or -100. [may
+/// end the node]
 int c2ms_node_connect(c2ms_node *node);
 
 /// Drops the connection; the download goes back to the queue. No reconnect. 0, -1 for NULL.
 int c2ms_node_disconnect_dbg(c2ms_node *node,
                              adif::source_place caller = adif::source_place::current());
 
-/// Drops the connection after a failure and lets the connect timer try again: at once the first time, a
-/// media node then after 250 ms, doubling. Counts the failure. 0, -1 for NULL.
+/// Drops the connection after a failure and lets the connect timer try again: at once the first
+/// time, a media node then after 250 ms, doubling. Counts the failure. 0, -1 for NULL.
 int c2ms_node_retry(c2ms_node *node);
 
-/// The connection is made: asks for the server list or the description, by the node's type. 0, or the
-/// failed send's result (the node then retries).
+/// The connection is made: asks for the server list or the description, by the node's type. 0, or
+/// the failed send's result (the node then retries).
 int c2ms_node_get_connected(c2ms_node *node);
 
 /// Send a request; -2 unless connected.
 int c2ms_node_get_srvlist(c2ms_node *node);
 int c2ms_node_desc_media(c2ms_node *node);
 
-/// A ready media node takes a unit and sends it. 0 when it did or is not ready; -100 nothing to do; or the
-/// failed send's result (the node then retries).
+/// A ready media node takes a unit and sends it. 0 when it did or is not ready; -100 nothing to do;
+/// or the failed send's result (the node then retries).
 int c2ms_node_download_start_dbg(c2ms_node *node,
                                  adif::source_place caller = adif::source_place::current());
 /// Gives the download unit back to the queue, or ends it. 0, -1 for NULL, -2 none (end only).
@@ -48,13 +49,15 @@ int c2ms_node_download_end(c2ms_node *node);
 /// The node's device is readable. Payload is received with the strand paused. [may end the node]
 int c2ms_node_recv(const c2ms::node_ref &ref, rac_connection *device, c2ms::StrandGuard &strand);
 
-// What a complete response leads to. 0, or -1 to -4 missing arguments, -100 not complete, -200 refused (the
-// node is closed), -300 not to be understood (the node retries). [may end the node]
+// What a complete response leads to. 0, or -1 to -4 missing arguments, -100 not complete, -200
+// refused (the node is closed), -300 not to be understood (the node retries). [may end the node]
 int c2ms_node_recv_srvlist(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *closed_flag);
-int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *closed_flag);
+int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit,
+                             bool *closed_flag);
 int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit);
 
-/// The life timer fired: stalled transfers are dropped, late ones asked for a second time. [may end the node]
+/// The life timer fired: stalled transfers are dropped, late ones asked for a second time. [may end
+/// the node]
 int c2ms_node_lifecheck(c2ms_node *node);
 
 /// Moves to a state; a media node's session counters follow. 0, -1 for NULL.
@@ -65,7 +68,9 @@ int c2ms_node_close(c2ms_node *node);
 
 namespace c2ms {
 
-inline bool is_media(const c2ms_node *node) { return (node->type & node_serves_media) != 0; }
+inline bool is_media(const c2ms_node *node) {
+  return (node->type & node_serves_media) != 0;
+}
 
 /// Arms the connect timer of a disconnected node that has none (no timer was free when it was due).
 void rearm_retry(c2ms_node *node);

@@ -23,7 +23,9 @@ int compare_address(const c2ms_node *node, uint32_t ip, uint32_t port) {
   return three_way(static_cast<int32_t>(node->port), static_cast<int32_t>(port));
 }
 
-double comparable(double speed) { return std::isnan(speed) ? 0.0 : speed; }
+double comparable(double speed) {
+  return std::isnan(speed) ? 0.0 : speed;
+}
 
 void stop_timer(rac_timer **timer) {
   StopTimer(*timer);
@@ -132,7 +134,8 @@ int c2ms_node_free(c2ms_node *node) {
 int c2ms_node_perf_statistic(c2ms_node *node, c2ms_unit *unit) {
   if (node == nullptr) return -1;
   if (unit == nullptr) return -2;
-  // A transfer longer than about 2147 s wraps here; that is meant, servers' figures are built the same way.
+  // A transfer longer than about 2147 s wraps here; that is meant, servers' figures are built the
+  // same way.
   const auto seconds_us = [](const timeval &a, const timeval &b) {
     const auto seconds = static_cast<uint32_t>(a.tv_sec - b.tv_sec);
     return int64_t{static_cast<int32_t>(seconds * 1'000'000u)} + (a.tv_usec - b.tv_usec);
@@ -149,7 +152,8 @@ int c2ms_node_perf_statistic(c2ms_node *node, c2ms_unit *unit) {
   perf.AccRTT += perf.RTT;
   perf.AvgRTT = perf.AccRTT / perf.TN;
   const int64_t bytes = int64_t{unit->received.load()} + frameLength(unit->frame);
-  perf.Speed = perf.RTT <= 0 ? 0 : static_cast<double>(bytes) * 1000.0 / static_cast<double>(perf.RTT);
+  perf.Speed =
+      perf.RTT <= 0 ? 0 : static_cast<double>(bytes) * 1000.0 / static_cast<double>(perf.RTT);
   perf.AccTime += perf.RTT;
   perf.AccBytes += bytes;
   perf.AvgSpeed = static_cast<double>(perf.AccBytes) * 1000.0 / static_cast<double>(perf.AccTime);
@@ -183,7 +187,8 @@ int c2ms_node_cmp_node_by_perf(const void *a, const void *b) {
 int c2ms_node_cmp_nodeid(const void *node, const void *key) {
   if (node == nullptr) return -1;
   if (key == nullptr) return -2;
-  return three_way(static_cast<const c2ms_node *>(node)->node_id, *static_cast<const uint32_t *>(key));
+  return three_way(static_cast<const c2ms_node *>(node)->node_id,
+                   *static_cast<const uint32_t *>(key));
 }
 
 int c2ms_node_cmp_node(const void *a, const void *b) {
@@ -192,13 +197,9 @@ int c2ms_node_cmp_node(const void *a, const void *b) {
 }
 
 const char *c2ms::node_state_name(uint32_t state) {
-  static constexpr const char *names[] = {"C2MS_NODE_NULL",
-                                          "C2MS_NODE_DISCONNECTED",
-                                          "C2MS_NODE_CONNECTING",
-                                          "C2MS_NODE_CONNECTED",
-                                          "C2MS_NODE_WAITING_SRVLIST_RESP",
-                                          "C2MS_NODE_WAITING_DESCMEDIA_RESP",
-                                          "C2MS_NODE_READY",
-                                          "C2MS_NODE_WAITING_GETMEDIA_RESP"};
+  static constexpr const char *names[] = {
+      "C2MS_NODE_NULL",      "C2MS_NODE_DISCONNECTED",         "C2MS_NODE_CONNECTING",
+      "C2MS_NODE_CONNECTED", "C2MS_NODE_WAITING_SRVLIST_RESP", "C2MS_NODE_WAITING_DESCMEDIA_RESP",
+      "C2MS_NODE_READY",     "C2MS_NODE_WAITING_GETMEDIA_RESP"};
   return state < std::size(names) ? names[state] : "Unknown";
 }

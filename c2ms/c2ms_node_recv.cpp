@@ -23,7 +23,8 @@ namespace {
 
 using namespace c2ms;
 
-// The body of a complete control response behind its result, deciphered when it must be. -1: it can't be.
+// The body of a complete control response behind its result, deciphered when it must be. -1: it
+// can't be.
 int body_of(c2ms_unit *unit, uint8_t (&scratch)[max_pdu_bytes], const uint8_t **body) {
   constexpr int offset = pdu_header_bytes + 4;
   const int length = static_cast<int>(unit->response.total_length) - offset;
@@ -136,9 +137,9 @@ int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &stra
   int result;
   bool complete;
   {
-    // Taken inside the strand, so that nobody detaches the unit in between; held while the strand is left,
-    // so that the session's other nodes receive at the same time. The descriptor stays open: a device is
-    // closed by the thread that serves it, and that is this one.
+    // Taken inside the strand, so that nobody detaches the unit in between; held while the strand
+    // is left, so that the session's other nodes receive at the same time. The descriptor stays
+    // open: a device is closed by the thread that serves it, and that is this one.
     const adif::Guard lock(node->download_lock);
     unit = node->download_unit;
     strand.pause();
@@ -156,7 +157,8 @@ int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &stra
   return handled < 0 ? handled : next_download(node);
 }
 
-// Nothing was asked: silence is life, an end or an error is the end, a byte nobody asked for is a failure.
+// Nothing was asked: silence is life, an end or an error is the end, a byte nobody asked for is a
+// failure.
 int recv_idle(c2ms_node *node) {
   uint8_t byte;
   const ssize_t n = recv(GetDeviceFD(node->device), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
@@ -284,7 +286,8 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
   if (unit->state != UNIT_END) return -100;
   const uint32_t result = unit->response.result;
   if (result != 0) {
-    c2ms_sess_set_status(node->session, static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
+    c2ms_sess_set_status(node->session,
+                         static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
     c2ms_node_download_end(node);
     c2ms_node_close(node);
     return -200;

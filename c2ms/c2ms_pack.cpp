@@ -69,7 +69,9 @@ int c2ms_pack_free(c2ms_pack *pack) {
   return 0;
 }
 
-void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) { pack->state = state; }
+void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) {
+  pack->state = state;
+}
 
 void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index) {
   c2ms_cache_wake_reader_of(pack->cache, index, INT32_MAX);
@@ -141,7 +143,9 @@ int c2ms_pack_redownload(c2ms_pack *pack, int, int64_t) {
   return c2ms_sess_unit_issue(cache->session, want, pack);
 }
 
-uint8_t *c2ms_pack_buf(c2ms_pack *pack) { return pack == nullptr ? nullptr : pack->buf; }
+uint8_t *c2ms_pack_buf(c2ms_pack *pack) {
+  return pack == nullptr ? nullptr : pack->buf;
+}
 
 int32_t c2ms_pack_size(c2ms_pack *pack) {
   if (pack == nullptr) return 0;

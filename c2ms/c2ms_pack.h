@@ -1,6 +1,6 @@
-// Packs: the slots of a session's ring. A pack is idle (0), requested (1), receiving (2) or ready (3), holds
-// one media pack number and knows the units that fill it. Payload is written, read and reassigned under its
-// lock; any thread.
+// Packs: the slots of a session's ring. A pack is idle (0), requested (1), receiving (2) or ready
+// (3), holds one media pack number and knows the units that fill it. Payload is written, read and
+// reassigned under its lock; any thread.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,8 @@
 /// Pool init function: makes the lock once, resets the rest. 0, -1 for NULL.
 int c2ms_pack_init(c2ms_pack *pack);
 
-/// Takes a pack from the library's pool and hands it to the cache as slot `slot` over `buf`. NULL without
-/// memory.
+/// Takes a pack from the library's pool and hands it to the cache as slot `slot` over `buf`. NULL
+/// without memory.
 c2ms_pack *c2ms_pack_fetch(c2ms_cache *cache, int32_t slot, uint8_t *buf, int32_t size);
 
 /// Gives a pack without units back to the pool; c2ms_pack_free releases its memory. 0, -1 for NULL.
@@ -31,15 +31,17 @@ int c2ms_pack_unbind_unit(c2ms_pack *pack, c2ms_unit *unit) REQUIRES(pack->lock)
 /// Removes all units; each then has no pack and discards what still comes for it.
 void c2ms_pack_unbind_all(c2ms_pack *pack) REQUIRES(pack->lock);
 
-/// Ends whatever the pack is doing: no units, idle, nothing received; it holds media pack `index` next.
+/// Ends whatever the pack is doing: no units, idle, nothing received; it holds media pack `index`
+/// next.
 void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index);
 
-/// Takes a unit away from its pack, if it has one. A pack that is not ready and loses its last unit is
-/// idle again: its reader is woken and the session looks for work. Hold no pack's lock.
+/// Takes a unit away from its pack, if it has one. A pack that is not ready and loses its last unit
+/// is idle again: its reader is woken and the session looks for work. Hold no pack's lock.
 void c2ms_pack_release_unit(c2ms_unit *unit);
 
-/// Asks for the pack a second time, through another unit, unless it is ready or 5 units have it. Reason (1 a
-/// waiting reader, 2 the life check) and time are for diagnosis. 0; -1 for NULL; the result.
+/// Asks for the pack a second time, through another unit, unless it is ready or 5 units have it.
+/// Reason (1 a waiting reader, 2 the life check) and time are for diagnosis. 0; -1 for NULL; the
+/// issue's result.
 int c2ms_pack_redownload(c2ms_pack *pack, int reason, int64_t now_us);
 
 /// The pack's bytes, its size and how many of them are there; NULL or 0 for NULL.

@@ -41,7 +41,8 @@ void set_request_body(byte_iter *it, const c2ms_pdu &pdu) {
   iter_set_uint8(it, pdu.range_flag);
 }
 
-// The number behind the first '.' met in the last four characters: 3 for 1.2.3.4, 200 for 10.1.1.200.
+// The number behind the first '.' met in the last four characters: 3 for 1.2.3.4, 200
+// for 10.1.1.200.
 uint8_t tail_octet(const char *text) {
   const size_t length = strnlen(text, 15);
   if (length < 5) return 0;
@@ -104,7 +105,8 @@ int c2ms_pdu_encode(c2ms_pdu *pdu, void *buffer, int size) {
   if (buffer == nullptr || size < 1) return -2;
   if (pdu->session == nullptr) return -3;
   if (pdu->session->mgmt == nullptr) return -4;
-  if (static_cast<uint32_t>(size) < std::max(pdu->total_length, c2ms::pdu_header_bytes)) return -100;
+  if (static_cast<uint32_t>(size) < std::max(pdu->total_length, c2ms::pdu_header_bytes))
+    return -100;
   byte_iter it;
   iter_set_text(&it, buffer, size);
   iter_set_uint32BE(&it, 0);

@@ -13,11 +13,15 @@ using namespace c2ms;
 
 constexpr int first_event = 1, last_event = 10;
 
-unsigned long printable(uintptr_t id) { return static_cast<unsigned long>(id); }
+unsigned long printable(uintptr_t id) {
+  return static_cast<unsigned long>(id);
+}
 
-// Nothing listens any more to a device whose node is gone or has another one: it is removed, or what is
-// readable on it would be reported for ever.
-void drop_stale(rac_connection *device) { RemoveDevice(device); }
+// Nothing listens any more to a device whose node is gone or has another one: it is removed, or
+// what is readable on it would be reported for ever.
+void drop_stale(rac_connection *device) {
+  RemoveDevice(device);
+}
 
 int on_connected(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
   node_ref ref;
@@ -84,7 +88,8 @@ int on_read(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
 int on_invalid_device(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
   node_ref ref;
   const auto gone = [&] {
-    diag("\nIOE_INVALID_DEV event recved, nodeid=%ld, but node not exist.\n\n", static_cast<long>(id));
+    diag("\nIOE_INVALID_DEV event recved, nodeid=%ld, but node not exist.\n\n",
+         static_cast<long>(id));
     drop_stale(device);
     return -141;
   };

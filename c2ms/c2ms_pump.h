@@ -1,16 +1,16 @@
-// The event pump: the one handler that the session core gives the engine for every device and timer, and
-// the periodic check of a session.
+// The event pump: the one handler that the session core gives the engine for every device and
+// timer, and the periodic check of a session.
 #pragma once
 
 #include "c2ms/c2ms_records.h"
 
-/// Handles an engine event (probe_event) of a device or timer of kind `kind`; `mgmt` is the management
-/// context. Runs on the engine's threads. Finds the node or session by the id that the device or timer
-/// carries, enters its strand, and ignores what does not match any more. 0 handled; negative not handled or
-/// stale, as the engine ignores.
+/// Handles an engine event (probe_event) of a device or timer of kind `kind`; `mgmt` is the
+/// management context. Runs on the engine's threads. Finds the node or session by the id that the
+/// device or timer carries, enters its strand, and ignores what does not match any more. 0 handled;
+/// negative not handled or stale, as the engine ignores.
 int c2ms_pump(void *mgmt, void *dev, int event, int kind);
 
-/// The periodic supervision of a session: reports on it, grows it towards four usable nodes, asks the entry server again
-/// when they are lost, asks again for missing packs, starts the next check. Inside the strand. 0; -1 NULL;
-/// -2 no context.
+/// The periodic supervision of a session: reports on it, grows it towards four usable nodes, asks
+/// the entry server again when they are lost, asks again for missing packs, starts the next check.
+/// Inside the strand. 0; -1 NULL; -2 no context.
 int c2ms_sess_check(c2ms_sess *sess);

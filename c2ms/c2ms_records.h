@@ -1,8 +1,10 @@
-// The records of the session core, which point at each other, with the lock that guards each group of
-// fields. Everybody in this folder includes it; what may be done with a record stands in its module's header.
+// The records of the session core, which point at each other, with the lock that guards each group
+// of fields. Everybody in this folder includes it; what may be done with a record stands in its
+// module's header.
 //
-// Records are pooled: their memory lives until the management context is cleaned, so that a stale pointer
-// reads a record and never freed memory. Locks and events are made once with a record and survive recycling.
+// Records are pooled: their memory lives until the management context is cleaned, so that a stale
+// pointer reads a record and never freed memory. Locks and events are made once with a record and
+// survive recycling.
 #pragma once
 
 #include <netinet/in.h>
@@ -100,7 +102,12 @@ enum c2ms_unit_state : uint8_t {
   UNIT_END = 10,
 };
 
-enum c2ms_pack_state : uint8_t { pack_idle = 0, pack_requested = 1, pack_receiving = 2, pack_ready = 3 };
+enum c2ms_pack_state : uint8_t {
+  pack_idle = 0,
+  pack_requested = 1,
+  pack_receiving = 2,
+  pack_ready = 3
+};
 
 /// One message of the wire protocol, as fields (c2ms_pdu.h).
 struct c2ms_pdu {
@@ -131,9 +138,10 @@ struct c2ms_pdu {
   c2ms_sess *session;
 };
 
-/// One request and its response on a node: control exchanges (embedded in nodes) and range downloads.
-/// A unit belongs to the queue (unit lock), to a node (its download lock) or to the strand; `pack` alone is
-/// also written by the cache, under that pack's lock, and is compared again under it before use.
+/// One request and its response on a node: control exchanges (embedded in nodes) and range
+/// downloads. A unit belongs to the queue (unit lock), to a node (its download lock) or to the
+/// strand; `pack` alone is also written by the cache, under that pack's lock, and is compared again
+/// under it before use.
 struct c2ms_unit {
   c2ms::pooled mark{};
   uint32_t unit_id = 0;
@@ -176,7 +184,8 @@ struct c2ms_pack {
   uint8_t state GUARDED_BY(lock) = pack_idle;
   uint8_t flag GUARDED_BY(lock) = 0;
   int32_t len GUARDED_BY(lock) = 0;
-  int64_t late_since_us GUARDED_BY(lock) = 0;  // a reader has waited since then without progress; 0: none
+  int64_t late_since_us GUARDED_BY(lock) =
+      0;  // a reader has waited since then without progress; 0: none
   int64_t not_before_us GUARDED_BY(lock) = 0;  // an idle pack is not asked for again before this
 };
 
@@ -211,12 +220,14 @@ struct c2ms_cache {
   std::atomic<int32_t> packnum{0};
   std::atomic<int32_t> total_packs{0};
   std::atomic<int32_t> first_index{0};
-  int32_t wanted_from GUARDED_BY(lock) = 0;  // prefetching begins there (c2ms_cache_seek_to)
-  int32_t idle_from GUARDED_BY(lock) = 0;    // no wanted pack from wanted_from up to here is idle
+  int32_t wanted_from GUARDED_BY(lock) = 0;   // prefetching begins there (c2ms_cache_seek_to)
+  int32_t idle_from GUARDED_BY(lock) = 0;     // no wanted pack from wanted_from up to here is idle
   bool demand_only GUARDED_BY(lock) = false;  // nothing is prefetched
-  std::atomic<uint32_t> generation{0};  // of file and buffer: a unit of another one delivers nothing
+  std::atomic<uint32_t> generation{
+      0};  // of file and buffer: a unit of another one delivers nothing
   std::atomic<uint32_t> seek_count{0};  // a reader that finds it changed ends with what it has
-  // The waiting reader: it publishes what it needs, and whoever makes that true counts up and signals.
+  // The waiting reader: it publishes what it needs, and whoever makes that true counts up and
+  // signals.
   struct event *event = nullptr;
   std::atomic<uint32_t> wake_count{0};
   std::atomic<int32_t> want_index{-1};
@@ -238,14 +249,15 @@ struct c2ms_box_walk {
 /// What an open of the index knows until it has ended.
 struct c2ms_idx_opening {
   uint64_t range_base = 0, range_size = 0;  // of the media, what the cache goes back to
-  uint32_t generation = 0;                  // of the cache since it was pointed at what is being read
-  int32_t last_read = 0;                    // result of the read that completed the file
-  uint8_t *buf = nullptr;                   // unpacked, not yet in memory for readers
+  uint32_t generation = 0;  // of the cache since it was pointed at what is being read
+  int32_t last_read = 0;    // result of the read that completed the file
+  uint8_t *buf = nullptr;   // unpacked, not yet in memory for readers
   uint32_t buf_len = 0;
   c2ms_box_walk walk;
 };
 
-/// Running statistics of a media node's transfers (c2ms_node_obj.h). Guarded by the session's list lock.
+/// Running statistics of a media node's transfers (c2ms_node_obj.h). Guarded by the session's list
+/// lock.
 struct c2ms_node_perf {
   int32_t TN;
   int64_t RTT, AccRTT, AvgRTT;
@@ -253,7 +265,8 @@ struct c2ms_node_perf {
   double Speed, AvgSpeed;
 };
 
-/// One connection of a session to one server. Fields without a guard named belong to the session's strand.
+/// One connection of a session to one server. Fields without a guard named belong to the session's
+/// strand.
 struct c2ms_node {
   c2ms::pooled mark{};
   uint32_t level = 0;
@@ -296,7 +309,8 @@ struct c2ms_server {
 
 enum class c2ms_life : int { pooled = 0, live, closing };
 
-/// One opened URL. Fields without a guard named belong to the strand, or are written once while opening.
+/// One opened URL. Fields without a guard named belong to the strand, or are written once while
+/// opening.
 struct c2ms_sess {
   c2ms::pooled mark{};
   std::atomic<uint32_t> sess_id{0};
@@ -353,18 +367,18 @@ struct c2ms_sess {
   c2ms_node *entry_node = nullptr;
   int64_t entry_step_us = 0;  // when the entry exchange made its last step
   bool lookup_pending = false;
-  bool refused = false;       // a server refused while the media was not described
+  bool refused = false;  // a server refused while the media was not described
   adif::Mutex counter_lock{c2ms::rank_counters};
-  std::atomic<int32_t> ready_num{0};     // written under counter_lock
-  std::atomic<int32_t> active_num{0};    // written under counter_lock
-  std::atomic<int32_t> has_active{0};    // written under counter_lock
-  std::atomic<int64_t> active_us{0};     // when has_active last changed
+  std::atomic<int32_t> ready_num{0};   // written under counter_lock
+  std::atomic<int32_t> active_num{0};  // written under counter_lock
+  std::atomic<int32_t> has_active{0};  // written under counter_lock
+  std::atomic<int64_t> active_us{0};   // when has_active last changed
   int32_t download_num GUARDED_BY(counter_lock) = 0;
   int64_t download_start_us GUARDED_BY(counter_lock) = 0;
   int64_t reopened_us = 0;
   adif::Mutex list_lock{c2ms::rank_node_list};
   pointer_stack *node_index GUARDED_BY(list_lock) = nullptr;  // every node, by address and port
-  pointer_stack *node_list GUARDED_BY(list_lock) = nullptr;   // media nodes, best first after a sort
+  pointer_stack *node_list GUARDED_BY(list_lock) = nullptr;  // media nodes, best first after a sort
   pointer_stack *server_list GUARDED_BY(list_lock) = nullptr;
 
   // Cache.
@@ -374,8 +388,8 @@ struct c2ms_sess {
   int32_t cache_buf_size = 0;
   adif::Gate read_gate{c2ms::rank_read_gate};
 
-  // Index (c2ms_sess_idx.h). Changed under the read gate; the words that tell where the window lies are
-  // written under the cache's lock too.
+  // Index (c2ms_sess_idx.h). Changed under the read gate; the words that tell where the window lies
+  // are written under the cache's lock too.
   uint8_t *idx_zbuf = nullptr;
   int64_t idx_zrecv = 0;
   uint32_t idx_started = 0;
@@ -388,16 +402,18 @@ struct c2ms_sess {
   std::atomic<uint8_t> idx_mem{0};
 
   rac_timer *check_timer = nullptr;
-  int64_t open_time = 0;                  // seconds
-  std::atomic<int64_t> close_time{0};     // the same; 0 until the session closes
+  int64_t open_time = 0;               // seconds
+  std::atomic<int64_t> close_time{0};  // the same; 0 until the session closes
   uint8_t token[8]{};
   c2ms_mgmt *mgmt = nullptr;
   rac_core *probe = nullptr;
 
-  // Reporting (c2ms_sess_report.h). States and counts belong to the running check, then to the closing thread.
+  // Reporting (c2ms_sess_report.h). States and counts belong to the running check, then to the
+  // closing thread.
   std::atomic<uint8_t> perf_state{0};  // 0 play begin not reported, 1 reported
-  std::atomic<uint8_t> auth_state{0};  // 0 play begin not accepted, 1 accepted, 255 no agent answers
-  int32_t perf_alive_count = 0;        // checks since then
+  std::atomic<uint8_t> auth_state{
+      0};                        // 0 play begin not accepted, 1 accepted, 255 no agent answers
+  int32_t perf_alive_count = 0;  // checks since then
   int32_t auth_alive_count = 0;
   std::atomic<c2ms::report_job> report_job{c2ms::report_job::none};
   struct event *report_event = nullptr;  // signalled when a check's reporting ends

@@ -84,8 +84,7 @@ c2ms_node *c2ms_node_del(c2ms_mgmt *mgmt, c2ms_node *node) {
 
 bool c2ms::find_node(c2ms_mgmt *mgmt, uint32_t id, node_ref *out) {
   const adif::Guard lock(mgmt->node_lock);
-  auto *const node =
-      static_cast<c2ms_node *>(sk_find_by(mgmt->nodes, &id, c2ms_node_cmp_nodeid));
+  auto *const node = static_cast<c2ms_node *>(sk_find_by(mgmt->nodes, &id, c2ms_node_cmp_nodeid));
   if (node == nullptr) return false;
   // What a registered node belongs to does not change while the registry is locked.
   *out = {node, id, node->session, node->session_id};

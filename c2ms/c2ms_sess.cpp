@@ -132,9 +132,13 @@ int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
   }
 }
 
-int hook_check(void *sess, int) { return c2ms_sess_dispatch_check(static_cast<c2ms_sess *>(sess)); }
+int hook_check(void *sess, int) {
+  return c2ms_sess_dispatch_check(static_cast<c2ms_sess *>(sess));
+}
 
-int hook_dispatch(void *sess, int) { return c2ms_sess_dispatch(static_cast<c2ms_sess *>(sess)); }
+int hook_dispatch(void *sess, int) {
+  return c2ms_sess_dispatch(static_cast<c2ms_sess *>(sess));
+}
 
 void start_playing(c2ms_sess *sess) {
   const StrandGuard strand(sess);
@@ -269,8 +273,7 @@ int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
   sess->open_pending = 1;
   sess->reopened_us = now_us();
   if (address == 0) return -100;
-  sess->entry_node =
-      c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
+  sess->entry_node = c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
   return sess->entry_node != nullptr ? 0 : -100;
 }
 

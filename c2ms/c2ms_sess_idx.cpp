@@ -28,7 +28,7 @@ void clear_index(c2ms_sess *sess, c2ms_cache *cache) {
     sess->idx_buf_len = 0;
     sess->idx_box_len = 0;
     sess->moov_at_end = 0;
-    if (had_window && cache != nullptr) c2ms_cache_window_changed(cache);
+    if (had_window && cache != nullptr) c2ms_cache_window_changed(&sess->cache_record);
   }
   std::free(sess->idx_buf);
   sess->idx_buf = nullptr;

@@ -32,7 +32,8 @@ bool make_once(c2ms_sess *sess) {
   const adif::Guard list(sess->list_lock);
   const adif::Guard units(sess->unit_lock);
   return sess->event != nullptr && sess->report_event != nullptr && make_stack(&sess->units) &&
-         make_stack(&sess->node_index) && make_stack(&sess->node_list) && make_stack(&sess->server_list);
+         make_stack(&sess->node_index) && make_stack(&sess->node_list) &&
+         make_stack(&sess->server_list);
 }
 
 void reset_opening(c2ms_sess *sess) {
@@ -127,7 +128,9 @@ void release_contents(c2ms_sess *sess, int (*end_node)(c2ms_node *)) {
   release_cache(sess);
 }
 
-bool is_registered(c2ms_sess *sess) { return c2ms_sess_get(sess->mgmt, sess->sess_id) == sess; }
+bool is_registered(c2ms_sess *sess) {
+  return c2ms_sess_get(sess->mgmt, sess->sess_id) == sess;
+}
 
 bool unregister(c2ms_sess *sess) {
   return sess->mgmt != nullptr && c2ms_sess_del(sess->mgmt, sess) != nullptr;
@@ -181,7 +184,8 @@ c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt) {
 int c2ms_sess_init(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
   construct_once(sess);
-  // A late event may look at the record: it finds the strand taken, then a session that is not its own.
+  // A late event may look at the record: it finds the strand taken, then a session that is not its
+  // own.
   const StrandGuard strand(sess);
   if (!make_once(sess)) return -2;
   reset_opening(sess);
@@ -191,7 +195,9 @@ int c2ms_sess_init(c2ms_sess *sess) {
   return 0;
 }
 
-int c2ms_sess_recycle(c2ms_sess *sess) { return recycle_session(sess, last_report::here); }
+int c2ms_sess_recycle(c2ms_sess *sess) {
+  return recycle_session(sess, last_report::here);
+}
 
 int c2ms::recycle_session(c2ms_sess *sess, last_report report) {
   if (sess == nullptr) return -1;
@@ -280,7 +286,8 @@ c2ms_server *new_server(c2ms_sess *sess, uint32_t addr, uint32_t port, uint8_t t
 
 }  // namespace
 
-int c2ms_sess_server_add(c2ms_sess *sess, const char *name, uint32_t addr, uint32_t port, uint8_t type) {
+int c2ms_sess_server_add(c2ms_sess *sess, const char *name, uint32_t addr, uint32_t port,
+                         uint8_t type) {
   if (sess == nullptr) return -1;
   const adif::Guard lock(sess->list_lock);
   c2ms_server *server = find_server(sess, addr, port, type);
@@ -328,8 +335,8 @@ void c2ms::wake_waiters(c2ms_sess *sess) {
 }
 
 void c2ms::wait_idle(c2ms_sess *sess) {
-  // Callers that were woken leave within microseconds; nobody signals that, so that the last one touches
-  // nothing of the session after it has counted itself out.
+  // Callers that were woken leave within microseconds; nobody signals that, so that the last one
+  // touches nothing of the session after it has counted itself out.
   while (sess->calls.load() > 0) {
     wake_waiters(sess);
     std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -1,5 +1,5 @@
-// Session records: the pool, a session's life from fetch to recycling, its list of servers, its ids and
-// token, the two registries through which events find their objects, and the dump.
+// Session records: the pool, a session's life from fetch to recycling, its list of servers, its ids
+// and token, the two registries through which events find their objects, and the dump.
 #pragma once
 
 #include <cstdint>
@@ -7,20 +7,22 @@
 #include "c2ms.h"
 #include "c2ms/c2ms_records.h"
 
-/// Takes a session from the pool, gives it id and token and registers it; it is live from here on. NULL
-/// for NULL or without memory.
+/// Takes a session from the pool, gives it id and token and registers it; it is live from here on.
+/// NULL for NULL or without memory.
 c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt);
 
-/// Pool init function: makes locks, events and stacks once, resets everything else. 0, -1 for NULL, -2
-/// without memory.
+/// Pool init function: makes locks, events and stacks once, resets everything else. 0, -1 for NULL,
+/// -2 without memory.
 int c2ms_sess_init(c2ms_sess *sess);
 
-/// Ends a closing session whose callers have left: gives back nodes, units, servers and cache, reports its
-/// end (which may wait for agent and report server: c2ms_sess_report.h), then unregisters it and returns the
-/// record to the pool. Not inside the strand. 0 (also when it was recycled before), -1 for NULL.
+/// Ends a closing session whose callers have left: gives back nodes, units, servers and cache,
+/// reports its end (which may wait for agent and report server: c2ms_sess_report.h), then
+/// unregisters it and returns the record to the pool. Not inside the strand. 0 (also when it was
+/// recycled before), -1 for NULL.
 int c2ms_sess_recycle(c2ms_sess *sess);
 
-/// Pool free function; also frees a session that is still open when nobody else is there. 0, -1 for NULL.
+/// Pool free function; also frees a session that is still open when nobody else is there. 0, -1 for
+/// NULL.
 int c2ms_sess_free(c2ms_sess *sess);
 
 /// 16 bytes of MD5 over an address, the time of day and the device's identity.
@@ -29,21 +31,23 @@ void c2ms_sess_random(c2ms_sess *sess, uint8_t *out);
 /// The next sequence id of the session's requests; 0 for NULL. Any thread.
 uint32_t c2ms_sess_pduid(c2ms_sess *sess);
 
-/// The servers that entry servers named, by the triple (address, port, type). Add: a known one counts up;
-/// 0, -1 no session, -2 no memory.
-int c2ms_sess_server_add(c2ms_sess *sess, const char *name, uint32_t addr, uint32_t port, uint8_t type);
+/// The servers that entry servers named, by the triple (address, port, type). Add: a known one
+/// counts up; 0, -1 no session, -2 no memory.
+int c2ms_sess_server_add(c2ms_sess *sess, const char *name, uint32_t addr, uint32_t port,
+                         uint8_t type);
 c2ms_server *c2ms_sess_server_get(c2ms_sess *sess, uint32_t addr, uint32_t port, uint8_t type);
 int c2ms_sess_server_clear(c2ms_sess *sess);
 /// True when a server of this address and port has been asked for its list.
 bool c2ms_sess_server_lists(c2ms_sess *sess, uint32_t addr, uint32_t port);
 
-/// By id: 1, 0, -1; -1 for a NULL first argument, -2 for a NULL second. A key is a pointer to a uint32_t.
+/// By id: 1, 0, -1; -1 for a NULL first argument, -2 for a NULL second. A key is a pointer to a
+/// uint32_t.
 int c2ms_sess_cmp_sess(const void *a, const void *b);
 int c2ms_sess_cmp_sessid(const void *sess, const void *key);
 
-// Registries, ordered by id. Add: 0, -1, -2. Get and delete: the object, or NULL. Any thread; what is found
-// may be gone a moment later: see "the door" in c2ms_strand.h. Deletion compares id and pointer, so that an
-// old handle never removes a record's new owner.
+// Registries, ordered by id. Add: 0, -1, -2. Get and delete: the object, or NULL. Any thread; what
+// is found may be gone a moment later: see "the door" in c2ms_strand.h. Deletion compares id and
+// pointer, so that an old handle never removes a record's new owner.
 int c2ms_sess_add(c2ms_mgmt *mgmt, c2ms_sess *sess);
 c2ms_sess *c2ms_sess_get(c2ms_mgmt *mgmt, uint32_t id);
 c2ms_sess *c2ms_sess_del_by(c2ms_mgmt *mgmt, uint32_t id);

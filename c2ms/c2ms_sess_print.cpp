@@ -1,4 +1,5 @@
-// The diagnostic dump of a session (c2ms_sess_print): formatted in memory under the locks, then written.
+// The diagnostic dump of a session (c2ms_sess_print): formatted in memory under the locks, then
+// written.
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -32,7 +33,9 @@ __attribute__((format(printf, 2, 3))) void add(std::string *text, const char *fo
   *text += line;
 }
 
-unsigned long printable(uint64_t value) { return static_cast<unsigned long>(value); }
+unsigned long printable(uint64_t value) {
+  return static_cast<unsigned long>(value);
+}
 
 void add_media(std::string *text, const c2ms_sess *sess) {
   char fid[33] = {};
@@ -77,8 +80,9 @@ void add_download(std::string *text, c2ms_node *node) {
     add(text, "        Unit: none\n");
     return;
   }
-  add(text, "        UnitID:%lu PackInd:%d Length:%u RcvLen:%d State:%s\n", printable(unit->unit_id),
-      unit->pack_index, unit->range_length, unit->received.load(), unit_state_name(unit->state));
+  add(text, "        UnitID:%lu PackInd:%d Length:%u RcvLen:%d State:%s\n",
+      printable(unit->unit_id), unit->pack_index, unit->range_length, unit->received.load(),
+      unit_state_name(unit->state));
 }
 
 void add_node(std::string *text, c2ms_node *node) {

@@ -1,5 +1,5 @@
-// The player's data calls: each counts itself into the session, takes the read gate where it must and goes
-// to the cache. Described in c2ms.h.
+// The player's data calls: each counts itself into the session, takes the read gate where it must
+// and goes to the cache. Described in c2ms.h.
 #include <algorithm>
 #include <cstring>
 
@@ -35,7 +35,9 @@ int select_file(c2ms_sess *sess, const uint8_t *fid, uint64_t base_offset, uint6
   return result;
 }
 
-int32_t usable_buffer_size(int32_t free_bytes, int32_t pack_size) { return free_bytes / pack_size * pack_size; }
+int32_t usable_buffer_size(int32_t free_bytes, int32_t pack_size) {
+  return free_bytes / pack_size * pack_size;
+}
 
 int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
   const GateGuard gate(sess, no_limit);
@@ -51,13 +53,14 @@ int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
   }
   const int result = c2ms_cache_setbuf(cache, static_cast<uint8_t *>(sess->cache_buf),
                                        sess->cache_buf_size, pack_size);
-  const double capacity = static_cast<double>(c2ms_cache_packnum(cache)) * c2ms_cache_packsize(cache);
+  const double capacity =
+      static_cast<double>(c2ms_cache_packnum(cache)) * c2ms_cache_packsize(cache);
   sess->cache_limit = static_cast<uint64_t>(capacity * 0.9);
   return result;
 }
 
-// Serves a call from the index in memory: bytes delivered, or 0 when it is the cache's. A read ends at the
-// window's end; a receive (whole) that would leave the window is the cache's.
+// Serves a call from the index in memory: bytes delivered, or 0 when it is the cache's. A read ends
+// at the window's end; a receive (whole) that would leave the window is the cache's.
 int32_t read_index(c2ms_sess *sess, c2ms_cache *cache, void *buf, int32_t len, bool whole) {
   if (sess->idx_mem == 0 || len < 1) return 0;
   c2ms_window window;
@@ -74,7 +77,8 @@ int32_t read_index(c2ms_sess *sess, c2ms_cache *cache, void *buf, int32_t len, b
   if (whole && static_cast<uint64_t>(len) > left) return 0;
   const auto count = static_cast<int32_t>(std::min<uint64_t>(static_cast<uint64_t>(len), left));
   if (buf != nullptr) {
-    std::memcpy(buf, sess->idx_buf + window.in_index + (pos - window.begin), static_cast<size_t>(count));
+    std::memcpy(buf, sess->idx_buf + window.in_index + (pos - window.begin),
+                static_cast<size_t>(count));
   }
   // Not by a seek, which stops at the last byte: the end of the media must be reached.
   c2ms_cache_advance(cache, pos + static_cast<uint64_t>(count), seek_count);
@@ -132,10 +136,12 @@ int32_t c2ms_sess_pack_size(c2ms_sess *sess, int32_t wanted) {
   constexpr int32_t largest = INT32_MAX / step * step;
   // Multiples of the step above a file's size divide it no more, so the search is short; only files
   // that are multiples of many page counts need a look beyond a few steps.
-  int64_t size = std::max<int64_t>((int64_t{std::max(wanted, step)} + step - 1) / step * step, step);
+  int64_t size =
+      std::max<int64_t>((int64_t{std::max(wanted, step)} + step - 1) / step * step, step);
   for (; size <= largest; size += step) {
     const auto candidate = static_cast<int32_t>(size);
-    if (!divides(candidate, sess->media_size) && !divides(candidate, sess->idx_len)) return candidate;
+    if (!divides(candidate, sess->media_size) && !divides(candidate, sess->idx_len))
+      return candidate;
   }
   // No multiple of the step serves: any odd size near the wanted one that does.
   int32_t odd = std::max(wanted, step) | 1;

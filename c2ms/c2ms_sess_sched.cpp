@@ -87,7 +87,9 @@ int c2ms_sess_node_num(c2ms_sess *sess) {
   return sk_num(sess->node_list);
 }
 
-int c2ms_sess_node_readynum(c2ms_sess *sess) { return sess == nullptr ? -1 : sess->ready_num.load(); }
+int c2ms_sess_node_readynum(c2ms_sess *sess) {
+  return sess == nullptr ? -1 : sess->ready_num.load();
+}
 
 int c2ms_sess_node_sort(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
@@ -101,7 +103,8 @@ int c2ms_sess_unit_issue(c2ms_sess *sess, const c2ms_range &want, c2ms_pack *pac
   if (pack == nullptr) return -2;
   c2ms_unit *const unit = c2ms_unit_fetch(sess);
   if (unit == nullptr) return -100;
-  c2ms_unit_init_download(sess, unit, want.fid, want.index, want.offset, want.length, want.flag, pack);
+  c2ms_unit_init_download(sess, unit, want.fid, want.index, want.offset, want.length, want.flag,
+                          pack);
   unit->generation = want.generation;
   if (!bind(want, unit, pack)) {
     unit->pack = nullptr;  // never bound: the pack is not to be told
@@ -120,7 +123,8 @@ int c2ms_sess_unit_put(c2ms_sess *sess, c2ms_unit *unit) {
     queued = sk_sort_insert_by(sess->units, unit, c2ms_unit_cmp_unit_by_offset) > 0;
     sess->unit_num = std::max(sk_num(sess->units), 0);
   }
-  if (!queued) c2ms_unit_recycle(unit);  // no memory: the pack is idle again and will be asked for later
+  if (!queued)
+    c2ms_unit_recycle(unit);  // no memory: the pack is idle again and will be asked for later
   mark_dispatch_due(sess);
   return 0;
 }
@@ -162,7 +166,8 @@ void c2ms_sess_unit_purge(c2ms_sess *sess) {
       const adif::Guard lock(sess->unit_lock);
       for (int i = 0; i < sk_num(sess->units) && stale == nullptr; ++i) {
         auto *const unit = static_cast<c2ms_unit *>(sk_value(sess->units, i));
-        if (c2ms_unit_verify(unit) == 0) stale = static_cast<c2ms_unit *>(sk_delete(sess->units, i));
+        if (c2ms_unit_verify(unit) == 0)
+          stale = static_cast<c2ms_unit *>(sk_delete(sess->units, i));
       }
       sess->unit_num = std::max(sk_num(sess->units), 0);
     }
@@ -171,7 +176,9 @@ void c2ms_sess_unit_purge(c2ms_sess *sess) {
   }
 }
 
-int c2ms_sess_unit_num(c2ms_sess *sess) { return sess == nullptr ? 0 : sess->unit_num.load(); }
+int c2ms_sess_unit_num(c2ms_sess *sess) {
+  return sess == nullptr ? 0 : sess->unit_num.load();
+}
 
 int c2ms_sess_dispatch_check(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
@@ -214,7 +221,8 @@ int c2ms_sess_recvspeed_count(c2ms_sess *sess) {
     const adif::Guard lock(sess->speed_lock);
     const int64_t now = now_us();
     const double elapsed_ms = static_cast<double>(now - sess->window_us) / 1000.0;
-    sess->realtime_speed = elapsed_ms > 0 ? static_cast<double>(sess->window_bytes) / elapsed_ms : 0;
+    sess->realtime_speed =
+        elapsed_ms > 0 ? static_cast<double>(sess->window_bytes) / elapsed_ms : 0;
     sess->window_us = now;
     sess->window_bytes = 0;
   }

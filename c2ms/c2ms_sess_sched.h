@@ -1,8 +1,8 @@
-// The session's scheduler: the nodes that a session downloads from, the queue of units that wait for one,
-// the match of both (best node first, lowest offset first), and the receive speeds.
+// The session's scheduler: the nodes that a session downloads from, the queue of units that wait
+// for one, the match of both (best node first, lowest offset first), and the receive speeds.
 //
-// Queueing a unit only marks the session "dispatch due" (c2ms_strand.h): the dispatch runs in the strand
-// when its outermost level is left, and as the engine's hook.
+// Queueing a unit only marks the session "dispatch due" (c2ms_strand.h): the dispatch runs in the
+// strand when its outermost level is left, and as the engine's hook.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,8 @@
 #include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_records.h"
 
-/// Enters a node into the session's index and, when it is a media node, into the node list. 0, -1, -2.
+/// Enters a node into the session's index and, when it is a media node, into the node list. 0, -1,
+/// -2.
 int c2ms_sess_node_add(c2ms_sess *sess, c2ms_node *node);
 /// Removes it by pointer. 0, -1, -2.
 int c2ms_sess_node_del(c2ms_sess *sess, c2ms_node *node);
@@ -23,16 +24,16 @@ int c2ms_sess_node_readynum(c2ms_sess *sess);
 /// Sorts the node list, fastest first. 0, -1 for NULL.
 int c2ms_sess_node_sort(c2ms_sess *sess);
 
-/// Issues a unit for `want` into the queue, bound to the pack, unless the pack has moved on meanwhile. 0;
-/// -1, -2 missing session or pack; -100 no unit to be had; -200 the pack refused it.
+/// Issues a unit for `want` into the queue, bound to the pack, unless the pack has moved on
+/// meanwhile. 0; -1, -2 missing session or pack; -100 no unit to be had; -200 the pack refused it.
 int c2ms_sess_unit_issue(c2ms_sess *sess, const c2ms_range &want, c2ms_pack *pack);
 /// Queues a unit by its offset. 0, -1, -2.
 int c2ms_sess_unit_put(c2ms_sess *sess, c2ms_unit *unit);
-/// Takes back a unit that a node gave up: queued again when it is still wanted, recycled otherwise. 0, -1,
-/// -2. The unit is not the caller's afterwards.
+/// Takes back a unit that a node gave up: queued again when it is still wanted, recycled otherwise.
+/// 0, -1, -2. The unit is not the caller's afterwards.
 int c2ms_sess_unit_requeue(c2ms_sess *sess, c2ms_unit *unit);
-/// The queued unit with the lowest offset that is still wanted; an empty queue asks the cache for more.
-/// NULL when there is nothing to do. The caller owns the unit. Inside the strand.
+/// The queued unit with the lowest offset that is still wanted; an empty queue asks the cache for
+/// more. NULL when there is nothing to do. The caller owns the unit. Inside the strand.
 c2ms_unit *c2ms_sess_unit_get(c2ms_sess *sess);
 /// Recycles every queued unit. 0, -1 for NULL.
 int c2ms_sess_unit_clear(c2ms_sess *sess);
@@ -41,14 +42,14 @@ void c2ms_sess_unit_purge(c2ms_sess *sess);
 /// Units in the queue, 0 for NULL.
 int c2ms_sess_unit_num(c2ms_sess *sess);
 
-/// Whether a dispatch would find both work and a node: ready nodes, -1 NULL, -100 no unit waits, -200 no
-/// node is ready. No lock, any thread.
+/// Whether a dispatch would find both work and a node: ready nodes, -1 NULL, -100 no unit waits,
+/// -200 no node is ready. No lock, any thread.
 int c2ms_sess_dispatch_check(c2ms_sess *sess);
 /// Starts one unit on each ready media node, best first. 0. Enters the strand.
 int c2ms_sess_dispatch(c2ms_sess *sess);
 
 /// Counts received bytes. 0, -1 for NULL.
 int c2ms_sess_recv_byte(c2ms_sess *sess, int64_t n);
-/// Closes a speed window and starts the timer of the next. Inside the strand. 0; -1, -2 no session or
-/// context.
+/// Closes a speed window and starts the timer of the next. Inside the strand. 0; -1, -2 no session
+/// or context.
 int c2ms_sess_recvspeed_count(c2ms_sess *sess);

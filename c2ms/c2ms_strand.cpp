@@ -56,7 +56,9 @@ void Strand::leave() {
   adif::rank_leave(rank_strand);
 }
 
-StrandGuard::StrandGuard(c2ms_sess *sess) : sess_(sess) { sess_->strand.enter(); }
+StrandGuard::StrandGuard(c2ms_sess *sess) : sess_(sess) {
+  sess_->strand.enter();
+}
 
 StrandGuard::~StrandGuard() {
   if (paused_) {
@@ -95,7 +97,9 @@ CallGuard::~CallGuard() {
   sess_->calls.fetch_sub(1);
 }
 
-void mark_dispatch_due(c2ms_sess *sess) { sess->dispatch_due.store(true); }
+void mark_dispatch_due(c2ms_sess *sess) {
+  sess->dispatch_due.store(true);
+}
 
 void dispatch_if_due(c2ms_sess *sess) {
   if (!sess->dispatch_due.load() || sess->strand.mine()) return;

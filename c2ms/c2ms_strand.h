@@ -1,5 +1,5 @@
-// Lifetime and order of a session's work: the strand (one event of a session at a time), the count of
-// player's calls inside a session, and diagnostic lines that wait until no lock is held.
+// Lifetime and order of a session's work: the strand (one event of a session at a time), the count
+// of player's calls inside a session, and diagnostic lines that wait until no lock is held.
 #pragma once
 
 #include <atomic>
@@ -27,16 +27,16 @@ class Strand {
   int depth_ = 0;
 };
 
-/// Holds a session's strand. Who leaves the outermost level dispatches what has become due, then, with the
-/// strand left, delivers the diagnostic lines and lets the engine's hook run.
+/// Holds a session's strand. Who leaves the outermost level dispatches what has become due, then,
+/// with the strand left, delivers the diagnostic lines and lets the engine's hook run.
 class StrandGuard {
  public:
   explicit StrandGuard(c2ms_sess *sess);
   ~StrandGuard();
   StrandGuard(const StrandGuard &) = delete;
   StrandGuard &operator=(const StrandGuard &) = delete;
-  /// Lets others in while payload bytes are received; only at the outermost level. What the holder knew of
-  /// nodes and sessions must be looked up again after resume(), which may be left out.
+  /// Lets others in while payload bytes are received; only at the outermost level. What the holder
+  /// knew of nodes and sessions must be looked up again after resume(), which may be left out.
   void pause();
   void resume();
 
@@ -45,8 +45,8 @@ class StrandGuard {
   bool paused_ = false;
 };
 
-/// Counts a player's call into a session; false when the session is closing or closed: the call then
-/// touches nothing and returns -1005.
+/// Counts a player's call into a session; false when the session is closing or closed: the call
+/// then touches nothing and returns -1005.
 class CallGuard {
  public:
   explicit CallGuard(c2ms_sess *sess);
@@ -63,7 +63,8 @@ class CallGuard {
 /// Marks the session "dispatch due"; the strand's next outermost leave carries it out. Any thread.
 void mark_dispatch_due(c2ms_sess *sess);
 
-/// Carries out a due dispatch now, unless this thread is inside the strand (its leave does it then).
+/// Carries out a due dispatch now, unless this thread is inside the strand (its leave does it
+/// then).
 void dispatch_if_due(c2ms_sess *sess);
 
 /// What an event carries: names and addresses, compared again inside the strand (the door).

@@ -1,5 +1,5 @@
-// The session core's clock: wall time at the first use, advanced by the monotonic clock, so that a change
-// of the system's date never looks like elapsed time.
+// The session core's clock: wall time at the first use, advanced by the monotonic clock, so that a
+// change of the system's date never looks like elapsed time.
 #pragma once
 
 #include <sys/time.h>
@@ -23,8 +23,12 @@ inline timeval now_tv() {
   return tv;
 }
 
-inline int64_t to_us(const timeval &tv) { return int64_t{tv.tv_sec} * 1'000'000 + tv.tv_usec; }
+inline int64_t to_us(const timeval &tv) {
+  return int64_t{tv.tv_sec} * 1'000'000 + tv.tv_usec;
+}
 
-inline bool is_set(const timeval &tv) { return tv.tv_sec != 0; }
+inline bool is_set(const timeval &tv) {
+  return tv.tv_sec != 0;
+}
 
 }  // namespace c2ms

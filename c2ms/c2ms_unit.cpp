@@ -31,7 +31,8 @@ int build_control(c2ms_node *node, c2ms_unit *unit, uint32_t command) {
   unit->range_length = 0;
   unit->range_flag = 0;
   c2ms_pdu_init(node->session, &unit->request, command);
-  const int length = c2ms_pdu_encode(&unit->request, unit->request_bytes, sizeof unit->request_bytes);
+  const int length =
+      c2ms_pdu_encode(&unit->request, unit->request_bytes, sizeof unit->request_bytes);
   unit->request_length = static_cast<uint32_t>(std::max(length, 0));
   clear_progress(unit);
   unit->state = UNIT_INIT;
@@ -177,7 +178,8 @@ int c2ms_unit_send(c2ms_unit *unit, int fd) {
   if (c2ms_unit_verify(unit) == 0) return unit_not_wanted;
   const int length = static_cast<int>(unit->request_length);
   // An idle socket takes these few bytes at once; one that does not is no node to download from.
-  if (length < 1 || tcp_nb_send(fd, unit->request_bytes, length) != length) return unit_socket_failed;
+  if (length < 1 || tcp_nb_send(fd, unit->request_bytes, length) != length)
+    return unit_socket_failed;
   unit->first_time = unit->end_time = {};
   unit->sent_time = c2ms::now_tv();
   unit->node->last_active_us = c2ms::now_us();

@@ -34,7 +34,8 @@ bool fill_frame(c2ms_unit *unit, int fd, int wanted) {
   return result >= 0;
 }
 
-// A refusal may end behind its result; a media answer without its fixed part has no payload to read.
+// A refusal may end behind its result; a media answer without its fixed part has no payload to
+// read.
 uint32_t least_length(const c2ms_pdu &response) {
   const bool media = response.command_id == C2MS_GET_MEDIA_RESP;
   return media && response.result == 0 ? media_response_bytes : control_response_bytes;
@@ -73,7 +74,8 @@ int receive_pdu(c2ms_unit *unit, int fd) {
     if (!fill_frame(unit, fd, whole)) return fail(unit, unit_socket_failed);
     if (frameLength(unit->frame) < whole) return 0;
     decode(unit);
-    if (unit->response.total_length < least_length(unit->response)) return fail(unit, unit_oversized);
+    if (unit->response.total_length < least_length(unit->response))
+      return fail(unit, unit_oversized);
     if (unit->response.payload_length > unit->range_length) return fail(unit, unit_bad_payload);
   }
   return 1;
@@ -101,8 +103,8 @@ void complete_short(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
 
 enum class slice { more, nothing, done, lost_pack, failed };
 
-// Receives up to one slice into the pack. The pack's lock is held throughout, so that a range that moves
-// on can never get bytes of the old one.
+// Receives up to one slice into the pack. The pack's lock is held throughout, so that a range that
+// moves on can never get bytes of the old one.
 slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd) {
   const auto payload = static_cast<int32_t>(unit->response.payload_length);
   int32_t index, len;

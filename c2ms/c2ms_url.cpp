@@ -95,8 +95,7 @@ int c2ms_sess_url_parse(c2ms_sess *sess) {
   if (from == end) return -100;
   reset(sess);
   const char *const slash = find(from, end, "/");
-  const bool has_scheme =
-      end - slash >= 2 && slash > from && slash[-1] == ':' && slash[1] == '/';
+  const bool has_scheme = end - slash >= 2 && slash > from && slash[-1] == ':' && slash[1] == '/';
   if (has_scheme) {
     sess->scheme = from;
     sess->scheme_len = static_cast<int32_t>(slash + 2 - from);

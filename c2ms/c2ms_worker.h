@@ -1,5 +1,5 @@
-// A thread for work that blocks (name look-ups, report exchanges), so that neither the engine's threads nor
-// a session's strand ever wait for it. Started with its first job.
+// A thread for work that blocks (name look-ups, report exchanges), so that neither the engine's
+// threads nor a session's strand ever wait for it. Started with its first job.
 #pragma once
 
 #include <condition_variable>
@@ -17,7 +17,8 @@ class Worker {
   Worker(const Worker &) = delete;
   Worker &operator=(const Worker &) = delete;
 
-  /// Queues a job; jobs run one after another. False: stopped, or no thread could be started. Any thread.
+  /// Queues a job; jobs run one after another. False: stopped, or no thread could be started. Any
+  /// thread.
   bool post(std::function<void()> job);
 
   /// Waits for the running job, drops the others and ends the thread. Later posts are refused.

@@ -1,5 +1,5 @@
-// Response headers, server lists and descriptions of any bytes: what is decoded stays within what was given
-// and within the limits that the rest relies on.
+// Response headers, server lists and descriptions of any bytes: what is decoded stays within what
+// was given and within the limits that the rest relies on.
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
@@ -21,6 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   std::vector<uint8_t> scratch(size);
   const uint8_t *plain = nullptr;
-  if (size > 0 && c2ms::plain_body(pdu, 1, data, length, scratch.data(), &plain) > length) std::abort();
+  if (size > 0 && c2ms::plain_body(pdu, 1, data, length, scratch.data(), &plain) > length)
+    std::abort();
   return 0;
 }

@@ -1,8 +1,8 @@
-// The real reception of a download, fed in pieces that the input itself cuts: nothing is written outside
-// the pack, a unit ends or fails but never spins, and what the pack holds is what came.
+// The real reception of a download, fed in pieces that the input itself cuts: nothing is written
+// outside the pack, a unit ends or fails but never spins, and what the pack holds is what came.
 //
-// Input: one byte that says how the request's numbers are patched into the answer, then the answer's bytes;
-// a piece's length follows from the byte in front of it.
+// Input: one byte that says how the request's numbers are patched into the answer, then the
+// answer's bytes; a piece's length follows from the byte in front of it.
 #include <sys/socket.h>
 #include <unistd.h>
 

@@ -1,8 +1,8 @@
 /*
  * c2ms.h - the player's interface of libc2ms, in C99, usable from C and C++.
  *
- * A media file is opened by its URL and read as if it were a local, seekable file, while its bytes come
- * from several servers at once:
+ * A media file is opened by its URL and read as if it were a local, seekable file, while its bytes
+ * come from several servers at once:
  *
  *     c2ms_mgmt *lib = c2ms_mgmt_init(NULL, uid_low, uid_high, NULL, 16 << 20);
  *     int32_t err;
@@ -15,19 +15,20 @@
  *     c2ms_sess_close(film);
  *     c2ms_mgmt_clean(lib);
  *
- * Threads. Every call may be made from any thread. Reads and receives of one session are serialised;
- * seeks, queries and the close may come from another thread while a read waits. The callback given to
- * c2ms_sess_open1 and the function given to c2ms_set_diag must not call back into the same session.
+ * Threads. Every call may be made from any thread. Reads and receives of one session are
+ * serialised; seeks, queries and the close may come from another thread while a read waits. The
+ * callback given to c2ms_sess_open1 and the function given to c2ms_set_diag must not call back into
+ * the same session.
  *
- * Process-wide effects of c2ms_mgmt_init. The signals SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE and SIGTTIN are
- * ignored from then on (so wait() and system() no longer see how a child ended); eight threads named
- * "c2ms-N" with all signals blocked run until c2ms_mgmt_clean; diagnostic lines go to standard output
- * unless c2ms_set_diag says otherwise; descriptors are opened with close-on-exec, and connections whose
- * descriptor would be 1024 or above are not made.
+ * Process-wide effects of c2ms_mgmt_init. The signals SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE and
+ * SIGTTIN are ignored from then on (so wait() and system() no longer see how a child ended); eight
+ * threads named "c2ms-N" with all signals blocked run until c2ms_mgmt_clean; diagnostic lines go to
+ * standard output unless c2ms_set_diag says otherwise; descriptors are opened with close-on-exec,
+ * and connections whose descriptor would be 1024 or above are not made.
  *
- * Results. 0 or a positive count is success. -1 stands for a NULL first argument, -2 for the next missing
- * thing (in the data calls: no cache yet); the session codes below (-1000 to -1011) have a text, given by
- * c2ms_sess_error.
+ * Results. 0 or a positive count is success. -1 stands for a NULL first argument, -2 for the next
+ * missing thing (in the data calls: no cache yet); the session codes below (-1000 to -1011) have a
+ * text, given by c2ms_sess_error.
  */
 #ifndef C2MS_H
 #define C2MS_H
@@ -45,7 +46,8 @@
 extern "C" {
 #endif
 
-/* The library's root object: configuration, identity, memory, threads. One per process is enough. */
+/* The library's root object: configuration, identity, memory, threads. One per process is enough.
+ */
 typedef struct c2ms_mgmt c2ms_mgmt;
 /* One opened media URL. Belongs to its c2ms_mgmt; valid until c2ms_sess_close. */
 typedef struct c2ms_sess c2ms_sess;
@@ -67,8 +69,9 @@ enum {
   C2MS_CACHING = -1011             /* "Net data caching" */
 };
 
-/* Compiled-in defaults. Set them before c2ms_mgmt_init; the texts must outlive it. The two servers are
- * host names or dotted addresses; as built they name this machine, so that nothing leaves it by accident. */
+/* Compiled-in defaults. Set them before c2ms_mgmt_init; the texts must outlive it. The two servers
+ * are host names or dotted addresses; as built they name this machine, so that nothing leaves it by
+ * accident. */
 extern C2MS_API uint32_t g_oemid;           /* OEM id reported to servers, 102 */
 extern C2MS_API uint32_t g_version;         /* client version reported to servers, 30 */
 extern C2MS_API uint32_t g_vendorid;        /* vendor id, 0 */
@@ -77,161 +80,174 @@ extern C2MS_API const char *g_entry_server; /* entry server of URLs without a ho
 extern C2MS_API const char *g_perf_server;  /* report server, looked up once by c2ms_mgmt_init */
 extern C2MS_API const char *g_build_time;   /* "Oct 11 2011 11:18:31" */
 
-/* ---- The library ------------------------------------------------------------------------------- */
+/* ---- The library -------------------------------------------------------------------------------
+ */
 
 /* Starts the library: memory, threads, configuration, identity.
- * conf_path: a configuration file (first 63 characters), or NULL or "" for none. Only a regular file up to
- *   1 MiB is read; a missing or malformed one leaves the defaults. Section "Communication Option", keys
- *   "Entry Server", "Build TCP Max Time", "Cyclic Connection Check Time", "Session Check Time" (seconds).
- * uid_low, uid_high: the halves of the 64-bit user id.
- * hid: 20 bytes of hardware id (copied), or NULL to take the first Ethernet interface's address.
- * mem_size: bytes from which the sessions' caches are cut, raised to 8 MiB when smaller.
- * Looks up g_perf_server (may block as long as the resolver does). The context, or NULL when memory or
- * threads can't be had. Ends the process with status 2 when a worker thread can't be started. */
+ * conf_path: a configuration file (first 63 characters), or NULL or "" for none. Only a regular
+ * file up to 1 MiB is read; a missing or malformed one leaves the defaults. Section "Communication
+ * Option", keys "Entry Server", "Build TCP Max Time", "Cyclic Connection Check Time", "Session
+ * Check Time" (seconds). uid_low, uid_high: the halves of the 64-bit user id. hid: 20 bytes of
+ * hardware id (copied), or NULL to take the first Ethernet interface's address. mem_size: bytes
+ * from which the sessions' caches are cut, raised to 8 MiB when smaller. Looks up g_perf_server
+ * (may block as long as the resolver does). The context, or NULL when memory or threads can't be
+ * had. Ends the process with status 2 when a worker thread can't be started. */
 C2MS_API c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
                                    const uint8_t *hid, int32_t mem_size);
 
 /* Stops and frees everything, sessions that are still open included: calls that wait on them return
- * C2MS_CLOSED first. No other call on the context may start once this one has. 0, or -1 for NULL. */
+ * C2MS_CLOSED first. No other call on the context may start once this one has. 0, or -1 for NULL.
+ */
 C2MS_API int c2ms_mgmt_clean(c2ms_mgmt *mgmt);
 
-/* Reads the configuration file again; what it says holds for what starts afterwards. 0, or -1 for NULL. */
+/* Reads the configuration file again; what it says holds for what starts afterwards. 0, or -1 for
+ * NULL. */
 C2MS_API int c2ms_mgmt_readconf(c2ms_mgmt *mgmt);
 
 /* Identity. Texts and bytes belong to the context (c2ms_natip: to the C library's static buffer).
  * With NULL: 0, an empty text, or the compiled-in default. */
 C2MS_API uint64_t c2ms_uid(c2ms_mgmt *mgmt);
-C2MS_API const uint8_t *c2ms_hid(c2ms_mgmt *mgmt);   /* 20 bytes and a zero */
-C2MS_API const char *c2ms_localip(c2ms_mgmt *mgmt);  /* dotted address of this device, or "" */
+C2MS_API const uint8_t *c2ms_hid(c2ms_mgmt *mgmt);  /* 20 bytes and a zero */
+C2MS_API const char *c2ms_localip(c2ms_mgmt *mgmt); /* dotted address of this device, or "" */
 C2MS_API const char *c2ms_natip(c2ms_mgmt *mgmt);
 C2MS_API uint32_t c2ms_oemid(c2ms_mgmt *mgmt);
 C2MS_API uint32_t c2ms_version(c2ms_mgmt *mgmt);
-C2MS_API int32_t c2ms_buildtime(c2ms_mgmt *mgmt);    /* seconds since the epoch */
+C2MS_API int32_t c2ms_buildtime(c2ms_mgmt *mgmt); /* seconds since the epoch */
 
 /* Hands diagnostic lines (with their line feeds) to fn instead of standard output; NULL: silence.
- * Process-wide; may be called at any time. fn runs on any thread with no lock of the library held; a line
- * under way when this returns may still reach the former function. */
+ * Process-wide; may be called at any time. fn runs on any thread with no lock of the library held;
+ * a line under way when this returns may still reach the former function. */
 C2MS_API void c2ms_set_diag(void (*fn)(void *arg, const char *line), void *arg);
 
-/* ---- Opening and closing ----------------------------------------------------------------------- */
+/* ---- Opening and closing -----------------------------------------------------------------------
+ */
 
-/* Opens a media: "kesp://" or "kedp://", then optional host[:port] (default: the configured entry server,
- * port 3528), a path and a query with the keys fid (32 hexadecimal digits: the media's id), auth (32
- * hexadecimal digits), stamp and keyid (decimal). Values end at a blank, tab, comma or semicolon. Example:
+/* Opens a media: "kesp://" or "kedp://", then optional host[:port] (default: the configured entry
+ * server, port 3528), a path and a query with the keys fid (32 hexadecimal digits: the media's id),
+ * auth (32 hexadecimal digits), stamp and keyid (decimal). Values end at a blank, tab, comma or
+ * semicolon. Example:
  *     kesp://127.0.0.1:3528/film?fid=00112233445566778899aabbccddeeff;stamp=7;keyid=3
  * Blocks until a server has described the media, at most about 21 seconds (and a name look-up).
  * err: NULL, or receives 0 or a session code. The session, or NULL. */
 C2MS_API c2ms_sess *c2ms_sess_open(c2ms_mgmt *mgmt, const char *url, int32_t *err);
 
-/* The same; cb is called about once a second while the open waits, and a negative result ends the open
- * with C2MS_UNAUTHORIZED. */
-C2MS_API c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err, int32_t (*cb)(void));
+/* The same; cb is called about once a second while the open waits, and a negative result ends the
+ * open with C2MS_UNAUTHORIZED. */
+C2MS_API c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err,
+                                    int32_t (*cb)(void));
 
-/* Asks the entry server for media servers again; the open media goes on. Done by the library itself when
- * its servers are lost. May block in a name look-up. 0, -1 for NULL, -100 when no connection could be
- * started, C2MS_CLOSED. */
+/* Asks the entry server for media servers again; the open media goes on. Done by the library itself
+ * when its servers are lost. May block in a name look-up. 0, -1 for NULL, -100 when no connection
+ * could be started, C2MS_CLOSED. */
 C2MS_API int c2ms_sess_reopen(c2ms_sess *sess);
 
-/* Closes the session: waiting calls on it return C2MS_CLOSED, its connections and memory are given back, and
- * agent and report server are told of the end. That takes milliseconds when they answer or when nobody is
- * there, and at worst 43 seconds when both keep each exchange waiting (each wait has its bound: ping and
- * connection 2 s, sending 1 s, a reply 8 s). The handle must not be used afterwards (a second close does
- * nothing). 0, or -1 for NULL. */
+/* Closes the session: waiting calls on it return C2MS_CLOSED, its connections and memory are given
+ * back, and agent and report server are told of the end. That takes milliseconds when they answer
+ * or when nobody is there, and at worst 43 seconds when both keep each exchange waiting (each wait
+ * has its bound: ping and connection 2 s, sending 1 s, a reply 8 s). The handle must not be used
+ * afterwards (a second close does nothing). 0, or -1 for NULL. */
 C2MS_API int c2ms_sess_close(c2ms_sess *sess);
 
 /* The text of a session code; "" for any other number. Constant. */
 C2MS_API const char *c2ms_sess_error(int32_t code);
 
-/* ---- The file ---------------------------------------------------------------------------------- */
+/* ---- The file ----------------------------------------------------------------------------------
+ */
 
-/* What was opened; every output may be NULL. fid_text: 33 bytes, receives 32 hexadecimal digits and a
- * zero. name: 37 bytes. size: bytes. type: 0 bin, 1 wmv, 2 avi, 3 flv, 4 rmvb, 5 rm, 6 frf, 7 mp4, 8 ts,
- * 9 mkv, 10 7z. 0, or -1. */
-C2MS_API int c2ms_sess_attr(c2ms_sess *sess, char *fid_text, char *name, uint64_t *size, uint8_t *type);
+/* What was opened; every output may be NULL. fid_text: 33 bytes, receives 32 hexadecimal digits and
+ * a zero. name: 37 bytes. size: bytes. type: 0 bin, 1 wmv, 2 avi, 3 flv, 4 rmvb, 5 rm, 6 frf, 7
+ * mp4, 8 ts, 9 mkv, 10 7z. 0, or -1. */
+C2MS_API int c2ms_sess_attr(c2ms_sess *sess, char *fid_text, char *name, uint64_t *size,
+                            uint8_t *type);
 
-/* 1 when the media has a separate index file, else 0; -1 for NULL. idx_text: 33 bytes or NULL, its id;
- * len: its length in bytes, or NULL. */
+/* 1 when the media has a separate index file, else 0; -1 for NULL. idx_text: 33 bytes or NULL, its
+ * id; len: its length in bytes, or NULL. */
 C2MS_API int c2ms_sess_idxfile(c2ms_sess *sess, char *idx_text, uint32_t *len);
 
-/* A pack size for c2ms_sess_cache_init: at or just above wanted, at least 4096, a multiple of 4096 where
- * that is possible, such that neither the media's size nor its index's length is a multiple of it. (The
- * last pack of a file whose size is a multiple of the pack size is never delivered; this call avoids it.)
- * Small packs start and seek fast; big packs suit long delays. -1 for NULL. */
+/* A pack size for c2ms_sess_cache_init: at or just above wanted, at least 4096, a multiple of 4096
+ * where that is possible, such that neither the media's size nor its index's length is a multiple
+ * of it. (The last pack of a file whose size is a multiple of the pack size is never delivered;
+ * this call avoids it.) Small packs start and seek fast; big packs suit long delays. -1 for NULL.
+ */
 C2MS_API int32_t c2ms_sess_pack_size(c2ms_sess *sess, int32_t wanted);
 
-/* Gives the session its cache: all memory of the context that is free at this moment, cut into packs of
- * pack_size bytes (raised to 4096). To share the memory between sessions, give the first a pack size that
- * leaves a rest. May be called again; a former cache is given back first. No file is selected afterwards:
- * c2ms_sess_range or c2ms_sess_set_media does that. Waits for a read in progress to end.
- * 0; -1 NULL; -2 no memory is left; -3, -4 less than one pack is left; C2MS_CLOSED. */
+/* Gives the session its cache: all memory of the context that is free at this moment, cut into
+ * packs of pack_size bytes (raised to 4096). To share the memory between sessions, give the first a
+ * pack size that leaves a rest. May be called again; a former cache is given back first. No file is
+ * selected afterwards: c2ms_sess_range or c2ms_sess_set_media does that. Waits for a read in
+ * progress to end. 0; -1 NULL; -2 no memory is left; -3, -4 less than one pack is left;
+ * C2MS_CLOSED. */
 C2MS_API int c2ms_sess_cache_init(c2ms_sess *sess, int32_t pack_size);
 
 /* Selects what reads deliver: which 0 the media, any other value its index file; size bytes from
- * base_offset. Positions of reads and seeks count from base_offset. Drops what was cached and goes to
- * position 0. Ends a waiting read. 0; -1; -2 no cache; -100 no index file; -201 the cache has no pack;
- * -202 the size needs more than 2^31-1 packs; C2MS_CLOSED. */
+ * base_offset. Positions of reads and seeks count from base_offset. Drops what was cached and goes
+ * to position 0. Ends a waiting read. 0; -1; -2 no cache; -100 no index file; -201 the cache has no
+ * pack; -202 the size needs more than 2^31-1 packs; C2MS_CLOSED. */
 C2MS_API int c2ms_sess_set_media(c2ms_sess *sess, int which, uint64_t base_offset, uint64_t size);
 
 /* c2ms_sess_set_media(sess, 0, base_offset, size). */
 C2MS_API int c2ms_sess_range(c2ms_sess *sess, uint64_t base_offset, uint64_t size);
 
-/* Moves the read position; pos at or past the end becomes the last byte. Never waits for the network; ends
- * a waiting read, which returns what it has. 0; -1; -2 no cache; C2MS_CLOSED. */
+/* Moves the read position; pos at or past the end becomes the last byte. Never waits for the
+ * network; ends a waiting read, which returns what it has. 0; -1; -2 no cache; C2MS_CLOSED. */
 C2MS_API int c2ms_sess_seek(c2ms_sess *sess, uint64_t pos);
 
 /* Copies up to len bytes from the read position to buf (NULL: skips them) and moves the position.
- * nonblock 0: waits until len bytes, the end of the file or one of the ends below; otherwise takes what is
- * there, 0 included. Ends short: a seek or a file selection by another thread, a pack of size 0 (see
- * c2ms_sess_pack_size). While servers are unreachable it keeps waiting: they are asked again. Bytes
- * delivered; -200 at the end of the file; -1; -2 no cache; -201 the cache has no packs; C2MS_CLOSED;
- * C2MS_MEDIA_NOT_EXIST, C2MS_UNAUTHORIZED, C2MS_AUTH_FAILED, C2MS_IN_DEBT when the servers refuse and no
- * node is left that serves; the last three also, at once and until the close, when the agent refuses the
- * play. len below 1 gives 0. */
+ * nonblock 0: waits until len bytes, the end of the file or one of the ends below; otherwise takes
+ * what is there, 0 included. Ends short: a seek or a file selection by another thread, a pack of
+ * size 0 (see c2ms_sess_pack_size). While servers are unreachable it keeps waiting: they are asked
+ * again. Bytes delivered; -200 at the end of the file; -1; -2 no cache; -201 the cache has no
+ * packs; C2MS_CLOSED; C2MS_MEDIA_NOT_EXIST, C2MS_UNAUTHORIZED, C2MS_AUTH_FAILED, C2MS_IN_DEBT when
+ * the servers refuse and no node is left that serves; the last three also, at once and until the
+ * close, when the agent refuses the play. len below 1 gives 0. */
 C2MS_API int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock);
 
 /* The same with a budget: when timeout_ms milliseconds are used up, what is there is delivered (0
  * included). 0 or less does not wait. */
 C2MS_API int c2ms_sess_recv(c2ms_sess *sess, void *buf, int32_t len, int32_t timeout_ms);
 
-/* Says how many bytes ahead of the position the player wants before it plays (0: none); at most what the
- * cache holds ahead. 0; -1; -2 no cache. */
+/* Says how many bytes ahead of the position the player wants before it plays (0: none); at most
+ * what the cache holds ahead. 0; -1; -2 no cache. */
 C2MS_API int c2ms_sess_buffering(c2ms_sess *sess, int32_t bytes);
 
-/* How much of that lead is there, in percent (0 to 100), through ratio. 0; -1; -2 no cache; -3 no ratio;
- * -400 no server has been usable for 4 seconds (ratio is written all the same). */
+/* How much of that lead is there, in percent (0 to 100), through ratio. 0; -1; -2 no cache; -3 no
+ * ratio; -400 no server has been usable for 4 seconds (ratio is written all the same). */
 C2MS_API int c2ms_sess_bufratio(c2ms_sess *sess, int32_t *ratio);
 
-/* ---- The index --------------------------------------------------------------------------------- */
+/* ---- The index ---------------------------------------------------------------------------------
+ */
 
-/* A media may come with a separate, compressed index file (c2ms_sess_idxfile). Of an MP4 media it holds the
- * `moov` box: once open, reads of that part of the media are served from memory, it is not downloaded again,
- * and while the position lies in it the cache fills with what will be played next. Of any other media it
- * stands for the file's first bytes. Set the cache up first. Every open that fetches, good or bad, leaves the
- * session on the media, at position 0 of the range that was selected (the whole media if none was). A closed
- * session gives C2MS_CLOSED.
+/* A media may come with a separate, compressed index file (c2ms_sess_idxfile). Of an MP4 media it
+ * holds the `moov` box: once open, reads of that part of the media are served from memory, it is
+ * not downloaded again, and while the position lies in it the cache fills with what will be played
+ * next. Of any other media it stands for the file's first bytes. Set the cache up first. Every open
+ * that fetches, good or bad, leaves the session on the media, at position 0 of the range that was
+ * selected (the whole media if none was). A closed session gives C2MS_CLOSED.
  *
- * What an open index changes: a read ends short at the end of its part. A receive that would leave the part
- * is served through the cache, which still takes packs that lie wholly in the index from memory. */
+ * What an open index changes: a read ends short at the end of its part. A receive that would leave
+ * the part is served through the cache, which still takes packs that lie wholly in the index from
+ * memory. */
 
-/* Fetches and opens the index; waits up to 30 seconds. len: NULL, or receives the index's length in bytes
- * once it is unpacked, else 0. 0, also at once when the media has no index file or the index is open already;
- * -1; -2 no cache; -200 five receives failed; -201 not complete within 30 seconds; -300 no readable
- * container; -301 empty; -350 no memory, or more than 64 MiB, packed or not; -400 damaged; -401 an MP4 media
- * without a `moov` among its first 20 boxes. */
+/* Fetches and opens the index; waits up to 30 seconds. len: NULL, or receives the index's length in
+ * bytes once it is unpacked, else 0. 0, also at once when the media has no index file or the index
+ * is open already; -1; -2 no cache; -200 five receives failed; -201 not complete within 30 seconds;
+ * -300 no readable container; -301 empty; -350 no memory, or more than 64 MiB, packed or not; -400
+ * damaged; -401 an MP4 media without a `moov` among its first 20 boxes. */
 C2MS_API int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len);
 
-/* The same for players that poll: takes what has arrived and never waits. C2MS_CACHING: call again later, and
- * do not read in between (the cache serves the index file until the open ends). When the index is open: for
- * MP4 media the byte count of the read that completed it (1 or more), for others 0. Else the codes above, and
- * C2MS_NO_MEMORY without memory for the packed file; the next call starts again. A failed read is no end:
- * its negative result is added to the count of bytes, and the index then does not complete (this is meant);
- * after long waiting, close the index and open it again. Selecting a file or a new cache between the calls
- * makes the next one start again. */
+/* The same for players that poll: takes what has arrived and never waits. C2MS_CACHING: call again
+ * later, and do not read in between (the cache serves the index file until the open ends). When the
+ * index is open: for MP4 media the byte count of the read that completed it (1 or more), for others
+ * 0. Else the codes above, and C2MS_NO_MEMORY without memory for the packed file; the next call
+ * starts again. A failed read is no end: its negative result is added to the count of bytes, and
+ * the index then does not complete (this is meant); after long waiting, close the index and open it
+ * again. Selecting a file or a new cache between the calls makes the next one start again. */
 C2MS_API int c2ms_sess_idx_open_asyn(c2ms_sess *sess, uint32_t *len);
 
-/* Copies min(len, length - off) bytes to buf (NULL: none): always from the index's beginning, off limits the
- * count alone (this is meant; read the media itself for other parts). Waits for a read in progress. The
- * count; 0 when len is below 1 or off at or past the length; -1; -100 not open; -101 no buffer. */
+/* Copies min(len, length - off) bytes to buf (NULL: none): always from the index's beginning, off
+ * limits the count alone (this is meant; read the media itself for other parts). Waits for a read
+ * in progress. The count; 0 when len is below 1 or off at or past the length; -1; -100 not open;
+ * -101 no buffer. */
 C2MS_API int c2ms_sess_idx_read(c2ms_sess *sess, void *buf, int32_t len, uint32_t off);
 
 /* Where in the media the open index lies, in bytes; 0 while there is none. 0, or -1. */
@@ -240,24 +256,26 @@ C2MS_API int c2ms_sess_idx_offset(c2ms_sess *sess, uint64_t *offset);
 /* Length of the open index in bytes; 0 while there is none, or for NULL. */
 C2MS_API uint32_t c2ms_sess_idx_size(c2ms_sess *sess);
 
-/* 0 no index file; 1 there is one; 2 it is open and lies at the end of the media; -1; -2 neither. */
+/* 0 no index file; 1 there is one; 2 it is open and lies at the end of the media; -1; -2 neither.
+ */
 C2MS_API int c2ms_sess_idx_attr(c2ms_sess *sess);
 
-/* 1 when the media's byte at pos belongs to the open index, else 0 (always 0 for an index at position 0);
- * -1 for NULL. */
+/* 1 when the media's byte at pos belongs to the open index, else 0 (always 0 for an index at
+ * position 0); -1 for NULL. */
 C2MS_API int c2ms_sess_is_in_idx(c2ms_sess *sess, uint64_t pos);
 
 /* Closes the index, or gives up an incremental open. Ends a waiting read. 0, or -1. */
 C2MS_API int c2ms_sess_idx_close(c2ms_sess *sess);
 
-/* ---- Figures ----------------------------------------------------------------------------------- */
+/* ---- Figures -----------------------------------------------------------------------------------
+ */
 
 /* Bytes per millisecond over the last two-second window; 0 for NULL. */
 C2MS_API double c2ms_sess_realtime_recvspeed(c2ms_sess *sess);
 /* Bytes per millisecond of receiving since the open; 0 before any, -1.0 for NULL. */
 C2MS_API double c2ms_sess_average_recvspeed(c2ms_sess *sess);
-/* Microseconds that the best node is expected to need for one pack: at least 200,000; 20,000,000 when
- * unknown; 1,000,000 without a node or for NULL. */
+/* Microseconds that the best node is expected to need for one pack: at least 200,000; 20,000,000
+ * when unknown; 1,000,000 without a node or for NULL. */
 C2MS_API int32_t c2ms_sess_fasttime(c2ms_sess *sess);
 /* Writes a readable dump of session, queue and nodes to out (NULL: standard output). */
 C2MS_API void c2ms_sess_print(c2ms_sess *sess, FILE *out);

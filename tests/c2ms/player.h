@@ -1,5 +1,5 @@
-// What the end-to-end tests share: the reference server, the library over it, and a player that knows every
-// byte it should get.
+// What the end-to-end tests share: the reference server, the library over it, and a player that
+// knows every byte it should get.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -97,7 +97,8 @@ class Film {
     auto last = clock::now();
     longest_wait = 0;
     while (pos < end) {
-      const auto wanted = static_cast<int32_t>(std::min<uint64_t>(static_cast<uint64_t>(chunk), end - pos));
+      const auto wanted =
+          static_cast<int32_t>(std::min<uint64_t>(static_cast<uint64_t>(chunk), end - pos));
       const int n = read(sess_, buf.data(), wanted);
       if (n < 0) return ::testing::AssertionFailure() << "result " << n << " at " << pos;
       if (const auto ok = right(pos, buf.data(), n); !ok) return ok;
@@ -113,7 +114,9 @@ class Film {
     return ::testing::AssertionSuccess();
   }
 
-  static int blocking(c2ms_sess *sess, void *buf, int32_t len) { return c2ms_sess_read(sess, buf, len, 0); }
+  static int blocking(c2ms_sess *sess, void *buf, int32_t len) {
+    return c2ms_sess_read(sess, buf, len, 0);
+  }
 
   c2ms_sess *get() const { return sess_; }
   uint64_t size() const { return size_; }

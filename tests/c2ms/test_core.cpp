@@ -21,13 +21,15 @@ namespace {
 class Core : public ::testing::Test {
  protected:
   void SetUp() override {
-    c2ms_set_diag([](void *arg, const char *line) { *static_cast<std::string *>(arg) += line; }, &lines);
+    c2ms_set_diag([](void *arg, const char *line) { *static_cast<std::string *>(arg) += line; },
+                  &lines);
     uint8_t hid[20];
     for (uint8_t i = 0; i < 20; ++i) hid[i] = static_cast<uint8_t>(0xf0 + i);
     mgmt = c2ms_mgmt_init(nullptr, 0x55667788, 0x11223344, hid, 0);
     std::strcpy(mgmt->local_ip_text, "10.1.1.200");
     sess = c2ms_sess_fetch(mgmt);
-    for (uint8_t i = 0; i < 16; ++i) sess->fid[i] = static_cast<uint8_t>(i + 1), sess->auth[i] = 0xa0;
+    for (uint8_t i = 0; i < 16; ++i)
+      sess->fid[i] = static_cast<uint8_t>(i + 1), sess->auth[i] = 0xa0;
     sess->stamp = 0x80000001;  // negative on the wire
     sess->keyid = 9;
   }
@@ -64,7 +66,8 @@ TEST_F(Core, RequestsByteByByte) {
   c2ms_pdu pdu;
   ASSERT_EQ(c2ms_pdu_init(sess, &pdu, C2MS_GET_SRVLIST_REQ), 0);
   ASSERT_EQ(c2ms_pdu_encode(&pdu, buf, sizeof buf), 106);
-  EXPECT_EQ(hex(buf, 106), "0000006a00000001000000010001" + identity + "0102030405060708090a0b0c0d0e0f10");
+  EXPECT_EQ(hex(buf, 106),
+            "0000006a00000001000000010001" + identity + "0102030405060708090a0b0c0d0e0f10");
   // low(1 + 106), 10, 200, f0 + 01, f1 + 02, 88, fid bytes 7 and 8
   EXPECT_EQ(hex(c2ms_pdu_key(&pdu), 8), "6b0ac8f1f3880809");
   ASSERT_EQ(c2ms_pdu_init(sess, &pdu, C2MS_GET_MEDIA_REQ), 0);
@@ -85,9 +88,11 @@ TEST_F(Core, RequestsByteByByte) {
   EXPECT_EQ(c2ms_pdu_decode2(&again, frame), -2);
   lines.clear();
   c2ms_pdu_print(&pdu);
-  EXPECT_EQ(lines, "\n-----------------------------------------------------\nTotal Length: 119\n"
-                   "Command ID  : 3\nSequence ID : 2\nProt Version: 0001\nCommand Name: C2MS_GET_MEDIA_REQ\n"
-                   "-----------------------------------------------------\n");
+  EXPECT_EQ(
+      lines,
+      "\n-----------------------------------------------------\nTotal Length: 119\n"
+      "Command ID  : 3\nSequence ID : 2\nProt Version: 0001\nCommand Name: C2MS_GET_MEDIA_REQ\n"
+      "-----------------------------------------------------\n");
   EXPECT_EQ(c2ms_pdu_encode(&pdu, buf, 118), -100);
   EXPECT_EQ(c2ms_pdu_encode(nullptr, buf, 118), -1);
   EXPECT_EQ(c2ms_pdu_encode(&pdu, buf, 0), -2);
@@ -104,9 +109,9 @@ TEST_F(Core, RequestsByteByByte) {
 }
 
 TEST_F(Core, ResponsesOfEveryLength) {
-  const uint8_t response[37] = {0,    0, 0, 37, 0x80, 0, 0, 3, 0, 0, 0, 7, 0, 1,  // header
-                                0,    0, 0, 0,                                    // result
-                                0x12, 0x34, 1, 2, 3, 4, 5, 6, 7, 8, 9, 9, 9, 9, 0, 1, 0, 0, 6};
+  const uint8_t response[37] = {0,    0,    0, 37, 0x80, 0, 0, 3, 0, 0, 0, 7, 0, 1,  // header
+                                0,    0,    0, 0,                                    // result
+                                0x12, 0x34, 1, 2,  3,    4, 5, 6, 7, 8, 9, 9, 9, 9, 0, 1, 0, 0, 6};
   c2ms_pdu pdu{};
   EXPECT_EQ(c2ms_pdu_decode(&pdu, response, 13), -2);
   EXPECT_EQ(c2ms_pdu_decode(&pdu, response, 14), 14);
@@ -121,11 +126,14 @@ TEST_F(Core, ResponsesOfEveryLength) {
 }
 
 TEST_F(Core, BodiesCutAtEveryByte) {
-  const std::vector<uint8_t> list = {0, 6, 127, 0, 0, 1, 0, 80, 2, 0, 5, 0, 0, 0, 0, 0, 0, 0, 3, 1, 0, 0};
+  const std::vector<uint8_t> list = {0, 6, 127, 0, 0, 1, 0, 80, 2, 0, 5,
+                                     0, 0, 0,   0, 0, 0, 0, 3,  1, 0, 0};
   c2ms::list_entry entries[c2ms::max_list_entries];
   for (int length = 0; length <= static_cast<int>(list.size()); ++length) {
-    const std::vector<uint8_t> cut(list.begin(), list.begin() + length);  // the sanitizer guards its end
-    EXPECT_EQ(c2ms::parse_server_list(cut.data(), length, entries), length < 2 ? -1 : (length - 2) / 10);
+    const std::vector<uint8_t> cut(list.begin(),
+                                   list.begin() + length);  // the sanitizer guards its end
+    EXPECT_EQ(c2ms::parse_server_list(cut.data(), length, entries),
+              length < 2 ? -1 : (length - 2) / 10);
   }
   EXPECT_EQ(entries[0].address, 0x7f000001u);
   EXPECT_EQ(entries[0].port, 80);
@@ -225,7 +233,8 @@ TEST_F(Core, CountersFollowStates) {
   }
   std::srand(5);
   for (int step = 0; step < 10'000; ++step) {
-    c2ms_node_state_to(nodes[static_cast<size_t>(std::rand()) % 4], static_cast<uint32_t>(std::rand()) % 8);
+    c2ms_node_state_to(nodes[static_cast<size_t>(std::rand()) % 4],
+                       static_cast<uint32_t>(std::rand()) % 8);
     int ready = 0, usable = 0;
     for (int i = 0; i < 3; ++i) {
       ready += nodes[static_cast<size_t>(i)]->state == C2MS_NODE_READY;
@@ -281,7 +290,8 @@ TEST_F(Core, LateEventsAreIgnored) {
   lines.clear();
   rac_timer *const late = StartTimer2(mgmt->probe, 1'000'000, 7563, 999, c2ms_pump, mgmt);
   EXPECT_EQ(c2ms_pump(mgmt, late, 9, 64), -140);
-  EXPECT_EQ(lines, "\nc2ms_pump: IOE_TIMEOUT recved, sessid=999 timercmd=7563, but no node exist.\n\n");
+  EXPECT_EQ(lines,
+            "\nc2ms_pump: IOE_TIMEOUT recved, sessid=999 timercmd=7563, but no node exist.\n\n");
   StopTimer(late);
 }
 
@@ -295,9 +305,11 @@ TEST_F(Core, DumpOfAnOddSession) {
   const std::string dump(text, length);
   free(text);
   EXPECT_EQ(dump.find(std::string(48, '-') + "\nHID: "), 0u);
-  EXPECT_NE(dump.find("MIME: bin\nIdxLen: 0\nDescribed: 0\nSeekNum: 0\n\nFastTime: 1000000\n\nUnitNum: 0\n\n"
-                      "ReadyNum: 0\nNodeNum: 0\n"),
-            std::string::npos)
+  EXPECT_NE(
+      dump.find(
+          "MIME: bin\nIdxLen: 0\nDescribed: 0\nSeekNum: 0\n\nFastTime: 1000000\n\nUnitNum: 0\n\n"
+          "ReadyNum: 0\nNodeNum: 0\n"),
+      std::string::npos)
       << dump;
 }
 
@@ -305,8 +317,11 @@ TEST(Identity, HardwareAddresses) {
   const struct {
     const char *text;
     std::string bytes;
-  } cases[] = {{"00:1a:2B:03:04:05", "001a2b030405"}, {"1::2", "010002000000"}, {"abc", "bc0000000000"},
-               {"", "000000000000"},                  {"1:2:3:4:5:6:7", "010203040506"}};
+  } cases[] = {{"00:1a:2B:03:04:05", "001a2b030405"},
+               {"1::2", "010002000000"},
+               {"abc", "bc0000000000"},
+               {"", "000000000000"},
+               {"1:2:3:4:5:6:7", "010203040506"}};
   for (const auto &c : cases) {
     uint8_t out[6];
     parse_hwaddr(out, sizeof out, c.text, static_cast<int>(std::strlen(c.text)));

@@ -1,5 +1,5 @@
-// One of four servers misbehaves, in every way the reference server knows: the bytes stay exact, no read
-// waits longer than promised, and nobody is stormed with requests or connections.
+// One of four servers misbehaves, in every way the reference server knows: the bytes stay exact, no
+// read waits longer than promised, and nobody is stormed with requests or connections.
 #include "player.h"
 
 namespace player {
@@ -33,7 +33,8 @@ TEST_P(OneOfFour, LeavesTheBytesExact) {
   EXPECT_TRUE(film.play(0, size, 50'000, Film::blocking));
   EXPECT_LT(film.longest_wait, GetParam().longest_wait * (sanitized ? 3 : 1));
   // What the library cuts short by closing the connection was committed, too.
-  EXPECT_TRUE(server.injected(0, order.kind) > 0 || server.totals(0).accepted > 1) << "not committed";
+  EXPECT_TRUE(server.injected(0, order.kind) > 0 || server.totals(0).accepted > 1)
+      << "not committed";
   // A brake holds: a few attempts in these few seconds, no storm.
   EXPECT_LT(server.totals(0).accepted, 60u);
   EXPECT_LT(server.totals(0).requests, 150u);
@@ -48,8 +49,12 @@ INSTANTIATE_TEST_SUITE_P(
         misbehaviour{"close_before", {.kind = fault_kind::close_at}, at_once},
         misbehaviour{"close_in_header", {.kind = fault_kind::close_at, .value = 5}, at_once},
         misbehaviour{"close_in_body", {.kind = fault_kind::close_at, .value = 20}, at_once},
-        misbehaviour{"close_in_payload", {.kind = fault_kind::close_at, .value = 30'000, .from = 2}, at_once},
-        misbehaviour{"reset_in_payload", {.kind = fault_kind::reset_at, .value = 40'000, .from = 3}, at_once},
+        misbehaviour{"close_in_payload",
+                     {.kind = fault_kind::close_at, .value = 30'000, .from = 2},
+                     at_once},
+        misbehaviour{"reset_in_payload",
+                     {.kind = fault_kind::reset_at, .value = 40'000, .from = 3},
+                     at_once},
         misbehaviour{"reset_in_header", {.kind = fault_kind::reset_at, .value = 13}, at_once},
         misbehaviour{"drop_accepted", {.kind = fault_kind::drop_accepted, .on = 7}, at_once},
         misbehaviour{"mute", {.kind = fault_kind::mute}, stall},
@@ -62,23 +67,31 @@ INSTANTIATE_TEST_SUITE_P(
         misbehaviour{"wrong_version", {.kind = fault_kind::wrong_version}, at_once},
         misbehaviour{"length_1025", {.kind = fault_kind::total_length, .value = 1025}, at_once},
         misbehaviour{"length_2_31", {.kind = fault_kind::total_length, .value = 1u << 31}, at_once},
-        misbehaviour{"length_2_32", {.kind = fault_kind::total_length, .value = UINT32_MAX}, at_once},
+        misbehaviour{
+            "length_2_32", {.kind = fault_kind::total_length, .value = UINT32_MAX}, at_once},
         misbehaviour{"length_13", {.kind = fault_kind::total_length, .value = 13}, at_once},
         misbehaviour{"length_0", {.kind = fault_kind::total_length, .value = 0}, at_once},
         misbehaviour{"short_pdu", {.kind = fault_kind::short_pdu, .value = 30}, at_once},
         misbehaviour{"payload_longer", {.kind = fault_kind::payload_longer}, at_once},
-        misbehaviour{"payload_shorter", {.kind = fault_kind::payload_shorter, .value = 1000}, at_once},
+        misbehaviour{
+            "payload_shorter", {.kind = fault_kind::payload_shorter, .value = 1000}, at_once},
         misbehaviour{"payload_empty", {.kind = fault_kind::payload_empty}, at_once},
         misbehaviour{"refusal", {.kind = fault_kind::refusal, .value = 10}, at_once},
-        misbehaviour{"down_for_a_while", {.kind = fault_kind::down, .ms = 700, .from = 3, .count = 1}, at_once}),
+        misbehaviour{"down_for_a_while",
+                     {.kind = fault_kind::down, .ms = 700, .from = 3, .count = 1},
+                     at_once}),
     [](const auto &test) { return std::string(test.param.name); });
 
-// What a hostile description or list may do: nothing is served by such a server, nothing is believed.
+// What a hostile description or list may do: nothing is served by such a server, nothing is
+// believed.
 TEST(Hostile, ControlAnswers) {
   const fault orders[] = {
-      {.kind = fault_kind::cipher_garbage},          {.kind = fault_kind::cipher_length},
-      {.kind = fault_kind::desc_truncated},          {.kind = fault_kind::desc_truncated, .value = 60},
-      {.kind = fault_kind::desc_size, .value = 1ull << 63}, {.kind = fault_kind::total_length, .value = 17},
+      {.kind = fault_kind::cipher_garbage},
+      {.kind = fault_kind::cipher_length},
+      {.kind = fault_kind::desc_truncated},
+      {.kind = fault_kind::desc_truncated, .value = 60},
+      {.kind = fault_kind::desc_size, .value = 1ull << 63},
+      {.kind = fault_kind::total_length, .value = 17},
       {.kind = fault_kind::short_pdu, .value = 14},
   };
   for (const fault &wanted : orders) {
@@ -119,7 +132,8 @@ TEST(Outage, ReadingGoesOnWhenServersReturn) {
   EXPECT_LT(server.totals().accepted - before, 60u);
 }
 
-// The servers refuse while the film plays: buffered bytes are delivered, then the reader is told why.
+// The servers refuse while the film plays: buffered bytes are delivered, then the reader is told
+// why.
 TEST(Outage, RefusalsReachTheReader) {
   refserver::media_server server({.nodes = 2});
   constexpr uint64_t size = 30'000'001;
@@ -129,7 +143,8 @@ TEST(Outage, RefusalsReachTheReader) {
   Film film(library, server, id);
   ASSERT_GE(film.prepare(65536), 65536);
   ASSERT_TRUE(film.play(0, 65'536, 65'536, Film::blocking));
-  for (int node : {refserver::entry_server, 0, 1}) server.set_fault(node, {.kind = fault_kind::refusal, .value = 40});
+  for (int node : {refserver::entry_server, 0, 1})
+    server.set_fault(node, {.kind = fault_kind::refusal, .value = 40});
   std::vector<uint8_t> buf(65536);
   int result = 0;
   uint64_t pos = 65'536;

@@ -1,5 +1,5 @@
-// Sessions and libraries come and go: nothing stays behind, nothing runs afterwards, and every waiting call
-// is told.
+// Sessions and libraries come and go: nothing stays behind, nothing runs afterwards, and every
+// waiting call is told.
 #include <dirent.h>
 
 #include <atomic>
@@ -98,7 +98,8 @@ class Blocked : public Life {
     film = std::make_unique<Film>(library, server, id);
     ASSERT_GE(film->prepare(65536), 65536);
     ASSERT_TRUE(film->play(0, 65536, 65536, Film::blocking));
-    for (int node = 0; node < 3; ++node) server.set_fault(node, {.kind = refserver::fault_kind::mute});
+    for (int node = 0; node < 3; ++node)
+      server.set_fault(node, {.kind = refserver::fault_kind::mute});
     ASSERT_EQ(c2ms_sess_seek(film->get(), size - 100'000), 0);
     reader = std::thread([this] {
       uint8_t buf[1000];
@@ -184,7 +185,8 @@ TEST_F(Life, TwoThreadsOnOneSession) {
     }
   });
   std::vector<uint8_t> buf(50'000);
-  // A reader does not know where the other has seeked: its bytes must lie somewhere in the file in one piece.
+  // A reader does not know where the other has seeked: its bytes must lie somewhere in the file in
+  // one piece.
   const auto end = clock::now() + 3s;
   for (int i = 0; clock::now() < end; ++i) {
     const int n = c2ms_sess_recv(film.get(), buf.data(), 50'000, i % 2 == 0 ? 20 : 1000);
@@ -196,8 +198,8 @@ TEST_F(Life, TwoThreadsOnOneSession) {
   EXPECT_TRUE(film.play(1, 500'000, 5000, Film::blocking));
 }
 
-// The entry server dies after it has named the servers: playing is not touched. A reopen works when it is
-// back.
+// The entry server dies after it has named the servers: playing is not touched. A reopen works when
+// it is back.
 TEST_F(Life, EntryServerDiesAndReturns) {
   const Library library;
   Film film(library, server, id);

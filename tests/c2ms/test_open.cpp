@@ -62,9 +62,12 @@ TEST(Opening, UrlsAreTakenApart) {
     EXPECT_EQ(c2ms_sess_para_parse(sess), 0);
     return std::unique_ptr<c2ms_sess, int (*)(c2ms_sess *)>(sess, c2ms_sess_close);
   };
-  const auto text = [](const char *at, int32_t len) { return std::string(at, static_cast<size_t>(len)); };
+  const auto text = [](const char *at, int32_t len) {
+    return std::string(at, static_cast<size_t>(len));
+  };
   const std::string id = "00112233445566778899aabbccddeeff";
-  auto sess = parse("  KEDP://10.0.0.5:8000/x/y?a=1;fid=" + id + "ff;stamp=99999999999;keyid=3;auth=0F1g");
+  auto sess =
+      parse("  KEDP://10.0.0.5:8000/x/y?a=1;fid=" + id + "ff;stamp=99999999999;keyid=3;auth=0F1g");
   EXPECT_EQ(text(sess->scheme, sess->scheme_len), "KEDP://");
   EXPECT_STREQ(sess->host, "10.0.0.5");
   EXPECT_EQ(sess->port, 8000u);
@@ -92,7 +95,8 @@ TEST(Opening, EntryServersThatCannotBeReached) {
   socklen_t length = sizeof address;
   getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
   close(listener);  // a port that refuses
-  const std::string refused = "kesp://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/film?fid=01";
+  const std::string refused =
+      "kesp://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/film?fid=01";
   for (const std::string &url : {refused, std::string("kesp://300.1.1.1/film?fid=01")}) {
     const auto begin = clock::now();
     EXPECT_EQ(open_error(library.get(), url), C2MS_ENTRY_UNAVAILABLE) << url;
@@ -114,10 +118,16 @@ TEST(Opening, RefusalsAndListsHaveTheirCodes) {
       {"failed", true, {.kind = fault_kind::refusal, .value = 30}, C2MS_AUTH_FAILED},
       {"in debt", true, {.kind = fault_kind::refusal, .value = 40}, C2MS_IN_DEBT},
       {"a code of no meaning", true, {.kind = fault_kind::refusal, .value = 2}, C2MS_OPEN_TIMEOUT},
-      {"the largest code", false, {.kind = fault_kind::refusal, .value = UINT32_MAX}, C2MS_OPEN_TIMEOUT},
+      {"the largest code",
+       false,
+       {.kind = fault_kind::refusal, .value = UINT32_MAX},
+       C2MS_OPEN_TIMEOUT},
       {"an empty list", true, {.kind = fault_kind::list_size, .value = 0}, C2MS_OPEN_TIMEOUT},
       {"closed without an answer", true, {.kind = fault_kind::close_at}, C2MS_ENTRY_UNAVAILABLE},
-      {"a list of 65535", true, {.kind = fault_kind::list_size, .value = 65535}, C2MS_ENTRY_UNAVAILABLE},
+      {"a list of 65535",
+       true,
+       {.kind = fault_kind::list_size, .value = 65535},
+       C2MS_ENTRY_UNAVAILABLE},
       {"six entries", true, {.kind = fault_kind::list_size, .value = 6}, 0},
       {"more entries than bytes", true, {.kind = fault_kind::list_count, .value = 65535}, 0},
       {"duplicates", true, {.kind = fault_kind::list_duplicates}, 0},
@@ -128,7 +138,8 @@ TEST(Opening, RefusalsAndListsHaveTheirCodes) {
     refserver::media_server server({.nodes = 2});
     const auto id = server.add_generated("film.mp4", 1'000'000);
     ASSERT_TRUE(server.start());
-    for (int node = 0; node < 2; ++node) server.set_fault(c.entry ? refserver::entry_server : node, c.order);
+    for (int node = 0; node < 2; ++node)
+      server.set_fault(c.entry ? refserver::entry_server : node, c.order);
     const Library library;
     const auto begin = clock::now();
     EXPECT_EQ(open_error(library.get(), server.url(id)), c.error) << c.what;
@@ -145,7 +156,8 @@ TEST(Opening, CallbackAndDeadline) {
   server.set_fault(1, {.kind = refserver::fault_kind::mute});
   const Library library;
   const auto begin = clock::now();
-  EXPECT_EQ(open_error(library.get(), server.url(id), [] { return int32_t{-1}; }), C2MS_UNAUTHORIZED);
+  EXPECT_EQ(open_error(library.get(), server.url(id), [] { return int32_t{-1}; }),
+            C2MS_UNAUTHORIZED);
   EXPECT_NEAR(seconds_since(begin), 1.0, 0.7);
 }
 
@@ -157,14 +169,17 @@ TEST(Opening, ConfigurationNamesTheEntryServer) {
   const size_t host = url.find("127.0.0.1");
   const size_t port_end = url.find('/', host);
   // The host is left out of the URL and comes from the file; the port stays.
-  const std::string bare = url.substr(0, host) + url.substr(host + 9, port_end - host - 9) + url.substr(port_end);
+  const std::string bare =
+      url.substr(0, host) + url.substr(host + 9, port_end - host - 9) + url.substr(port_end);
   const std::string path = ::testing::TempDir() + "c2ms_conf_" + std::to_string(getpid());
   const auto write = [&](const char *text) {
     FILE *const file = fopen(path.c_str(), "w");
     fputs(text, file);
     fclose(file);
   };
-  write("[Communication Option]\nEntry Server = 127.0.0.1\nBuild TCP Max Time = 0\nSession Check Time = 7\n");
+  write(
+      "[Communication Option]\nEntry Server = 127.0.0.1\nBuild TCP Max Time = 0\nSession Check "
+      "Time = 7\n");
   g_entry_server = "300.300.300.300";
   {
     const Library library(0, path.c_str());

@@ -1,5 +1,5 @@
-// A media is played from several servers: the bytes are exact in every shape of reading, fast, and idle
-// players cost nothing.
+// A media is played from several servers: the bytes are exact in every shape of reading, fast, and
+// idle players cost nothing.
 #include <sys/resource.h>
 
 #include "c2ms/c2ms_records.h"
@@ -36,16 +36,17 @@ TEST_P(Shapes, EveryByteArrives) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, Shapes,
-    ::testing::Values(shape{1, 4096, 1, false}, shape{4095, 4096, 2, true}, shape{4096, 4096, 4, false},
-                      shape{4097, 4096, 4, true}, shape{4096, 8192, 1, true}, shape{1'000'003, 4096, 4, false},
+    ::testing::Values(shape{1, 4096, 1, false}, shape{4095, 4096, 2, true},
+                      shape{4096, 4096, 4, false}, shape{4097, 4096, 4, true},
+                      shape{4096, 8192, 1, true}, shape{1'000'003, 4096, 4, false},
                       shape{1'000'003, 8192, 2, true}, shape{1'000'003, 65536, 1, false},
                       shape{1'000'003, 1 << 20, 4, true}, shape{50'000'001, 8192, 4, false},
                       shape{50'000'001, 65536, 2, false}, shape{50'000'001, 65536, 4, true},
                       shape{50'000'001, 1 << 20, 4, false}, shape{50'000'001, 1 << 20, 1, true}),
     [](const auto &test) {
       const shape &s = test.param;
-      return std::to_string(s.size) + "_pack" + std::to_string(s.pack) + "_nodes" + std::to_string(s.nodes) +
-             (s.encipher ? "_enciphered" : "_plain");
+      return std::to_string(s.size) + "_pack" + std::to_string(s.pack) + "_nodes" +
+             std::to_string(s.nodes) + (s.encipher ? "_enciphered" : "_plain");
     });
 
 class Playing : public ::testing::Test {
@@ -72,7 +73,8 @@ TEST_F(Playing, RandomSeeksWithReadsAcrossPackBorders) {
     const auto len = static_cast<int32_t>(random() % buf.size() + 1);
     ASSERT_EQ(c2ms_sess_seek(film.get(), pos), 0);
     const int n = c2ms_sess_read(film.get(), buf.data(), len, 0);
-    ASSERT_EQ(n, static_cast<int>(std::min<uint64_t>(static_cast<uint64_t>(len), size - pos))) << pos;
+    ASSERT_EQ(n, static_cast<int>(std::min<uint64_t>(static_cast<uint64_t>(len), size - pos)))
+        << pos;
     ASSERT_TRUE(film.right(pos, buf.data(), n));
   }
 }
@@ -129,7 +131,10 @@ TEST_F(Playing, BufferedBytesNeverWait) {
 
 TEST_F(Playing, RatesAddUp) {
   start({.nodes = 4,
-         .node = {{.rate_bytes_per_s = 2e6}, {.rate_bytes_per_s = 4e6}, {.rate_bytes_per_s = 6e6}, {.rate_bytes_per_s = 8e6}}});
+         .node = {{.rate_bytes_per_s = 2e6},
+                  {.rate_bytes_per_s = 4e6},
+                  {.rate_bytes_per_s = 6e6},
+                  {.rate_bytes_per_s = 8e6}}});
   const Library library(16 << 20);
   Film film(library, *server, id);
   ASSERT_GE(film.prepare(65536), 65536);
@@ -159,7 +164,8 @@ TEST_F(Playing, IdlePlayersAreCheap) {
   ASSERT_GT(c2ms_sess_read(film.get(), buf.data(), 65536, 0), 0);
   ASSERT_EQ(c2ms_sess_buffering(film.get(), 4 << 20), 0);
   int32_t ratio = 0;
-  ASSERT_TRUE(eventually([&] { return c2ms_sess_bufratio(film.get(), &ratio) == 0 && ratio == 100; }));
+  ASSERT_TRUE(
+      eventually([&] { return c2ms_sess_bufratio(film.get(), &ratio) == 0 && ratio == 100; }));
   std::this_thread::sleep_for(200ms);  // the rest of the ring fills
   double before = processor_seconds();
   std::this_thread::sleep_for(3s);
@@ -206,8 +212,8 @@ TEST_F(Playing, RangesAndWindowsOfAFile) {
   ASSERT_EQ(c2ms_sess_read(film.get(), buf, 10, 0), 1);
   EXPECT_TRUE(film.right(123'456 + 10'000, buf, 1));
   EXPECT_EQ(c2ms_sess_range(film.get(), 0, uint64_t{1} << 50), -202);
-  // The last pack of a file that is a multiple of the pack size is not delivered, and not asked for in a
-  // storm either.
+  // The last pack of a file that is a multiple of the pack size is not delivered, and not asked for
+  // in a storm either.
   ASSERT_EQ(c2ms_sess_range(film.get(), 0, 8192), 0);
   ASSERT_EQ(c2ms_sess_read(film.get(), buf, 4096, 0), 4096);
   const auto before = server->totals().media;

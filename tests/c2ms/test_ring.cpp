@@ -1,5 +1,5 @@
-// The ring of packs against a plain model: which media packs it holds after any seek, which keep their
-// data, which idle pack is next, how much is buffered.
+// The ring of packs against a plain model: which media packs it holds after any seek, which keep
+// their data, which idle pack is next, how much is buffered.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,7 +26,10 @@ struct held {
 class Model {
  public:
   Model(int32_t packs, uint64_t size)
-      : packnum(packs), total(static_cast<int32_t>((size + packsize - 1) / packsize)), media_size(size), slots(static_cast<size_t>(packs)) {
+      : packnum(packs),
+        total(static_cast<int32_t>((size + packsize - 1) / packsize)),
+        media_size(size),
+        slots(static_cast<size_t>(packs)) {
     for (int32_t i = 0; i < packs; ++i) slots[static_cast<size_t>(i)].index = i;
   }
 
@@ -99,9 +102,11 @@ TEST_F(Ring, FollowsEverySeekLikeThePlainModel) {
     ASSERT_EQ(c2ms_cache_setfile(cache, sess->fid, 0, size, 0), 0);
     Model model(packs, size);
     for (int step = 0; step < 300; ++step) {
-      SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(round) + " step " + std::to_string(step));
+      SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(round) + " step " +
+                   std::to_string(step));
       if (random() % 3 == 0) {
-        const uint64_t pos = random() % 2 == 0 ? random() % (size + 2) : model.read_index * packsize + random() % 64;
+        const uint64_t pos =
+            random() % 2 == 0 ? random() % (size + 2) : model.read_index * packsize + random() % 64;
         const adif::Guard lock(cache->lock);
         c2ms_cache_seek_to(cache, pos);
         model.seek(pos);
@@ -113,7 +118,8 @@ TEST_F(Ring, FollowsEverySeekLikeThePlainModel) {
       for (int32_t i = 0; i < packs; ++i) {
         const adif::Guard lock(slot(i)->lock);
         ASSERT_EQ(slot(i)->index, model.slots[static_cast<size_t>(i)].index) << "slot " << i;
-        ASSERT_EQ(slot(i)->state == pack_ready, model.slots[static_cast<size_t>(i)].ready) << "slot " << i;
+        ASSERT_EQ(slot(i)->state == pack_ready, model.slots[static_cast<size_t>(i)].ready)
+            << "slot " << i;
       }
       c2ms_pack *const next = c2ms_cache_get_idle_pack(cache);
       const int32_t want = model.next_idle();
