@@ -35,8 +35,8 @@ struct report_manners {
 };
 
 struct report_options {
-  std::string agent{};                                       ///< dotted address; "": no agent
-  std::string report{};                                      ///< the same of the report server
+  std::string agent{};   ///< dotted address; "": no agent
+  std::string report{};  ///< the same of the report server; may be the agent's
   std::function<void(const report_message &)> on_message{};  ///< on the service's thread
 };
 
