@@ -5,9 +5,10 @@
 set -euo pipefail
 bin=$1 file=$2
 scratch=$(mktemp -d)
-server=
+server= reports=
 cleanup() {
-  [[ -z $server ]] || { kill "$server" && wait "$server"; } > /dev/null 2>&1 || true
+  local child
+  for child in $server $reports; do { kill "$child" && wait "$child"; } > /dev/null 2>&1 || true; done
   rm -rf "$scratch"
 }
 trap cleanup EXIT
@@ -27,6 +28,9 @@ until url=$(head -n 1 "$scratch/urls") && [[ $url == *keyid=* ]]; do
   kill -0 "$server"  # ends the script when the server has ended
   sleep 0.05
 done
+# Agent and report server have a fixed port: the demo does without them where it is taken.
+"$bin/c2ms-server" --agent --report 127.0.0.1 > "$scratch/reports" &
+reports=$!
 echo "Fetching $url"
 pack=$((size / 32 < 4096 ? 4096 : size / 32 > 262144 ? 262144 : size / 32))
 hash=$(sha256sum < "$file" | cut -d' ' -f1)
@@ -37,4 +41,6 @@ wait "$server" || true
 server=
 echo "What the server saw:"
 tail -n +2 "$scratch/urls"
+echo "What the player reported to its agent and to the report server:"
+cat "$scratch/reports"
 echo "SHA-256 $hash: the bytes that arrived are those that were served"
