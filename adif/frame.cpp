@@ -155,6 +155,11 @@ int putLastByte(frame_t **handle, uint8_t byte) {
 int putnLastBytes(frame_t **handle, const void *bytes, int n) {
   if (!handle) return -1;
   if (n < 1) return 0;
+  if (frame_t *const frame = *handle; frame && bytes && frameRemaining(frame) >= n) {
+    std::memmove(frame->data + frame->start + frame->length, bytes, static_cast<size_t>(n));
+    frame->length += n;
+    return n;
+  }
   const adif::detached_bytes source(*handle, bytes, n);
   if (source.failed()) return -1;
   if (!*handle && create_into(handle, int64_t{n} + grow_step) < 0) return -1;

@@ -16,14 +16,6 @@ namespace {
 
 constexpr const char *SOURCE = "eprobe/rac_connection";
 
-rac_base *next_base(rac_core *core) {
-  const auto n = static_cast<int32_t>(core->nbases);
-  int32_t last = core->conn_rr.load(std::memory_order_relaxed);
-  while (!core->conn_rr.compare_exchange_weak(last, (last + 1) % n, std::memory_order_relaxed)) {
-  }
-  return &core->bases[static_cast<uint32_t>((last + 1) % n)];
-}
-
 /// Inode of an open socket, 0 for anything else.
 uint64_t socket_inode(int fd) {
   struct stat status {};
@@ -218,7 +210,7 @@ void rac_disown_fd(rac_connection *c) {
 }
 
 void rac_set_base(rac_core *core, rac_connection *c) {
-  c->base.store(next_base(core), std::memory_order_release);
+  c->base.store(rac_next_base(core, &core->conn_rr), std::memory_order_release);
 }
 
 int rac_dispatch_connection(rac_core *core, rac_connection *c, int op) {
@@ -226,7 +218,7 @@ int rac_dispatch_connection(rac_core *core, rac_connection *c, int op) {
   adif::check(c != nullptr, "c != ((void *)0)", SOURCE);
   if (op < 0 || op > static_cast<int>(RAC_OP_LAST)) return -1;
   if (settled(c))
-    next_base(core);
+    rac_next_base(core, &core->conn_rr);
   else
     rac_set_base(core, c);
 
@@ -239,7 +231,7 @@ int rac_dispatch_connection(rac_core *core, rac_connection *c, int op) {
 }
 
 int rac_dispatch_to(rac_base *base, rac_connection *c, rac_op op) {
-  next_base(base->core);
+  rac_next_base(base->core, &base->core->conn_rr);
   c->base.store(base, std::memory_order_release);
   return request(c, op);
 }

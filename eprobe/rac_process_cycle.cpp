@@ -136,6 +136,14 @@ void rac_base_done(rac_base *base) {
   base->operate_queue = nullptr;
 }
 
+rac_base *rac_next_base(rac_core *core, std::atomic<int32_t> *cursor) {
+  const auto n = static_cast<int32_t>(core->nbases);
+  int32_t last = cursor->load(std::memory_order_relaxed);
+  while (!cursor->compare_exchange_weak(last, (last + 1) % n, std::memory_order_relaxed)) {
+  }
+  return &core->bases[static_cast<uint32_t>((last + 1) % n)];
+}
+
 int rac_base_cycle(rac_base *base) {
   if (base == nullptr || base->core == nullptr) return -1;
   rac_core *core = base->core;

@@ -17,6 +17,9 @@
 int rac_base_init(rac_core *core, rac_base *base);
 void rac_base_done(rac_base *base);
 
+/// The next base in turn, by one of the core's two cursors. Thread-safe, never blocks.
+rac_base *rac_next_base(rac_core *core, std::atomic<int32_t> *cursor);
+
 /// The loop, run as a worker's body until the core's `stop` is set: 0; -1 without base or core.
 int rac_base_cycle(rac_base *base);
 void rac_process_events_and_timers(rac_base *base);

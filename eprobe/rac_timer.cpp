@@ -12,14 +12,6 @@ namespace {
 
 constexpr const char *SOURCE = "eprobe/rac_timer";
 
-rac_base *next_base(rac_core *core) {
-  const auto n = static_cast<int32_t>(core->nbases);
-  int32_t last = core->timer_rr.load(std::memory_order_relaxed);
-  while (!core->timer_rr.compare_exchange_weak(last, (last + 1) % n, std::memory_order_relaxed)) {
-  }
-  return &core->bases[static_cast<uint32_t>((last + 1) % n)];
-}
-
 bool is_set(const rac_timer *t) {
   rac_base *base = t->base.load(std::memory_order_acquire);
   if (base == nullptr) return false;
@@ -110,7 +102,7 @@ void rac_close_timer(rac_core *core, rac_timer *t) {
 int rac_dispatch_timer(rac_core *core, rac_timer *t, uint32_t msec) {
   adif::check(core != nullptr, "core != ((void *)0)", SOURCE);
   adif::check(t != nullptr, "t != ((void *)0)", SOURCE);
-  rac_base *base = next_base(core);
+  rac_base *base = rac_next_base(core, &core->timer_rr);
   if (is_set(t))
     base = t->base.load(std::memory_order_relaxed);
   else

@@ -2,19 +2,39 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <memory>
 #include <vector>
 
+#include "../support.h"
 #include "adif/dlist.h"
 #include "adif/hashtab.h"
 #include "adif/kalloc.h"
 #include "adif/stack.h"
-#include "model.h"
 
 namespace {
 
 constexpr int kSteps = 100000;
+
+// 64 elements of 16 keys, so that equal ones are common.
+struct Element {
+  int key;
+};
+
+std::array<Element, 64> make_elements() {
+  std::array<Element, 64> elements{};
+  for (size_t i = 0; i < elements.size(); ++i) elements[i].key = static_cast<int>(i % 16);
+  return elements;
+}
+
+int by_key(const void *a, const void *b) {
+  return static_cast<const Element *>(a)->key - static_cast<const Element *>(b)->key;
+}
+
+int by_key_in_slots(const void *a, const void *b) {
+  return by_key(*static_cast<const void *const *>(a), *static_cast<const void *const *>(b));
+}
 
 using Elements = std::vector<void *>;
 using StackPtr = std::unique_ptr<pointer_stack, decltype([](pointer_stack *sk) { sk_free(sk); })>;
@@ -61,57 +81,46 @@ int insert_at(Elements *model, void *p, int at) {
   return size + 1;
 }
 
+// Runs the operation of that number.
+template <class... Operation>
+void run_one(int which, Operation... operations) {
+  int at = 0;
+  ((at++ == which ? operations() : void()), ...);
+}
+
 class StackModel : public testing::Test {
  protected:
   void step() {
+    pointer_stack *const sk = sk_.get();
     void *const p = &elements_[static_cast<size_t>(random_.below(64))];
-    const int size = static_cast<int>(model_.size());
-    const int loc = random_.below(size + 4) - 2;
-    switch (random_.below(size > 40 ? 14 : 11)) {
-      case 0:
-      case 1:
-        ASSERT_EQ(sk_insert(sk_.get(), p, loc), insert_at(&model_, p, loc));
-        break;
-      case 2:
-        ASSERT_EQ(sk_push(sk_.get(), p), insert_at(&model_, p, -1));
-        break;
-      case 3:
-        ASSERT_EQ(sk_unshift(sk_.get(), p), insert_at(&model_, p, 0));
-        break;
-      case 4:
-        ASSERT_EQ(sk_value(sk_.get(), loc),
-                  loc >= 0 && loc < size ? model_[static_cast<size_t>(loc)] : nullptr);
-        break;
-      case 5:
-        if (sk_set(sk_.get(), loc, p) != nullptr) model_[static_cast<size_t>(loc)] = p;
-        sk_->sorted = 0;
-        break;
-      case 6:
-        search(p);
-        break;
-      case 7:
-        ordered(p);
-        break;
-      case 8:
-        ASSERT_EQ(sk_delete_ptr(sk_.get(), p),
-                  erase_at(&model_, std::find(model_.begin(), model_.end(), p) - model_.begin()));
-        break;
-      case 9:
-        find(p);
-        break;
-      case 10:
-        ASSERT_EQ(sk_shift(sk_.get()), erase_at(&model_, 0));
-        break;
-      case 11:
-        ASSERT_EQ(sk_pop(sk_.get()), erase_at(&model_, size - 1));
-        break;
-      default:
-        ASSERT_EQ(sk_delete(sk_.get(), loc), erase_at(&model_, loc));
-        break;
-    }
-    ASSERT_EQ(content(sk_.get()), model_);
-    ASSERT_LT(sk_->num, sk_->num_alloc);
-    ASSERT_TRUE(sk_->sorted == 0 || std::is_sorted(model_.begin(), model_.end(), less));
+    const int size = static_cast<int>(model_.size()), loc = random_.below(size + 4) - 2;
+    void *const at_loc = loc >= 0 && loc < size ? model_[static_cast<size_t>(loc)] : nullptr;
+    run_one(
+        random_.below(size > 40 ? 14 : 11),
+        [&] { ASSERT_EQ(sk_insert(sk, p, loc), insert_at(&model_, p, loc)); },
+        [&] { ASSERT_EQ(sk_push(sk, p), insert_at(&model_, p, -1)); },
+        [&] { ASSERT_EQ(sk_unshift(sk, p), insert_at(&model_, p, 0)); },
+        [&] {
+          ASSERT_EQ(sk_value(sk, loc), at_loc);
+          ASSERT_EQ(sk_get(sk, loc), reinterpret_cast<intptr_t>(at_loc));
+          ASSERT_EQ(sk_set(sk, loc, p), at_loc != nullptr ? p : nullptr);
+          if (at_loc != nullptr) model_[static_cast<size_t>(loc)] = p;
+          sk->sorted = 0;
+        },
+        [&] { search(p); }, [&] { ordered(p); }, [&] { find(p); },
+        [&] {
+          const auto at = std::find(model_.begin(), model_.end(), p) - model_.begin();
+          ASSERT_EQ(sk_delete_ptr(sk, p), erase_at(&model_, at));
+        },
+        [&] { ASSERT_EQ(sk_shift(sk), erase_at(&model_, 0)); },
+        [&] { ASSERT_EQ(sk_insert(sk, p, loc), insert_at(&model_, p, loc)); },
+        [&] { ASSERT_EQ(sk_set_cmp_func(sk, by_key_in_slots), by_key_in_slots); },
+        [&] { ASSERT_EQ(sk_pop(sk), erase_at(&model_, size - 1)); },
+        [&] { ASSERT_EQ(sk_delete(sk, loc), erase_at(&model_, loc)); },
+        [&] { ASSERT_EQ(sk_delete(sk, 0), erase_at(&model_, 0)); });
+    ASSERT_EQ(content(sk), model_);
+    ASSERT_LT(sk->num, sk->num_alloc);
+    ASSERT_TRUE(sk->sorted == 0 || std::is_sorted(model_.begin(), model_.end(), less));
   }
 
   // Sorting may put equals in any order: the model follows what is a sorted permutation.
@@ -196,14 +205,59 @@ TEST(Stack, GrowsOneInsertionEarlyAndMissesLeaveItAlone) {
   EXPECT_EQ(sk_find(sk.get(), &e), 0);
   EXPECT_EQ(sk_find(sk.get(), nullptr), 7) << "without comparison null is an element like others";
 
-  EXPECT_EQ(sk_num(nullptr), -1);
-  EXPECT_EQ(sk_insert(nullptr, &e, 0), 0);
-  EXPECT_EQ(sk_sort_insert_by(nullptr, &e, by_key), -1);
-  EXPECT_EQ(sk_sort_insert_by(sk.get(), nullptr, by_key), -1);
-  EXPECT_EQ(sk_find_by(sk.get(), nullptr, by_key), nullptr);
+  EXPECT_EQ(sk_set_cmp_func(sk.get(), by_key_in_slots), nullptr);
+  EXPECT_EQ(sk_find(sk.get(), nullptr), -1);
+
+  std::vector<void *> freed;  // in order, without the nulls
+  static std::vector<void *> *to = &freed;
+  sk_zero(sk.get());
+  for (int key : {1, 2}) sk_push(sk.get(), new Element{key}), sk_push(sk.get(), nullptr);
+  const Elements expected{sk->data[0], sk->data[2]};
+  const auto note = [](void *p) { return to->push_back(p), delete static_cast<Element *>(p), 0; };
+  sk_pop_free(sk_dup(sk.get()), note);
+  EXPECT_EQ(freed, expected);
+  freed.clear();
+  lt_free_all(lt_new_from_linear(sk.get()), [](void *p) { return to->push_back(p), 0; });
+  EXPECT_EQ(freed, expected);
+  pointer_stack *const blocks = sk_new(nullptr);
+  sk_push(blocks, kalloc_dbg(8));
+  sk_pop_kfree(blocks);  // the leak checker watches
+}
+
+// n: null stack, list, table or node; results where there is nothing to work on.
+TEST(Containers, NullsAreMisses) {
+  const StackPtr sk(sk_new(nullptr));
+  const ListPtr list(lt_new(nullptr));
+  const TablePtr table(ht_new(nullptr));
+  Element e{1};
+  pointer_stack *const ns = nullptr;
+  lt_list *const nl = nullptr;
+  hash_table *const nt = nullptr;
+  for (int result :
+       {sk_num(ns), sk_sort_insert_by(ns, &e, by_key), sk_find(ns, &e), lt_num(nl),
+        sk_sort_insert_by(sk.get(), nullptr, by_key), lt_index(nl, &e),
+        lt_sort_insert_by(nl, &e, by_key), lt_sort_insert_by(list.get(), nullptr, by_key),
+        ht_num(nt), isFull(nt), ht_set_hash_func(nt, nullptr)})
+    EXPECT_EQ(result, -1);
+  for (int result :
+       {sk_insert(ns, &e, 0), sk_enlarge(ns, 1), sk_enlarge(sk.get(), 0), sk_enlarge(sk.get(), -1),
+        lt_insert(nl, &e, 0), lt_insert_list(nl, nl, 0), lt_insert_list(list.get(), nl, 0),
+        lt_head_combine(list.get(), list.get()), lt_tail_combine(list.get(), nl),
+        lt_delete_from_loc(nl, 0), lt_delete_from_node(list.get(), nullptr), ht_set(nt, "k", &e),
+        ht_set(table.get(), nullptr, &e), isFull(table.get())})
+    EXPECT_EQ(result, 0);
+  for (const void *result :
+       {sk_delete(ns, 0), sk_delete(sk.get(), 0), sk_pop(ns), sk_shift(ns), sk_value(ns, 0),
+        sk_find_by(sk.get(), nullptr, by_key), sk_search(ns, &e, by_key), lt_rm_head(nl),
+        lt_rm_tail(list.get()), lt_delete(nl, 0), lt_get(nl, 0), lt_search(nl, &e, by_key),
+        ht_value(nt, "k"), ht_get(table.get(), nullptr), ht_delete(nt, "k")})
+    EXPECT_EQ(result, nullptr);
+  EXPECT_TRUE(sk_dup(ns) == nullptr && lt_dup(nl) == nullptr && lt_first(nl) == nullptr &&
+              lt_get_next(nullptr) == nullptr && lt_convert_to_linear(nl) == nullptr &&
+              ht_only_new(0, 1, nullptr) == nullptr && ht_only_new(1, -1, nullptr) == nullptr);
+  sk_push(sk.get(), &e);
   EXPECT_EQ(sk_find_by(sk.get(), &e, nullptr), nullptr) << "nothing to compare by";
-  EXPECT_EQ(sk_find(nullptr, &e), -1);
-  EXPECT_EQ(sk_delete(nullptr, 0), nullptr);
+  sk_free(ns), sk_zero(ns), sk_pop_free(ns, nullptr), lt_free(nl), lt_empty(nl), ht_free(nt);
 }
 
 TEST(Stack, EachFailedAllocationOfACopyLeavesNothingBehind) {
@@ -231,52 +285,35 @@ TEST(Stack, EachFailedAllocationOfACopyLeavesNothingBehind) {
 class ListModel : public testing::Test {
  protected:
   void step() {
-    void *const p = &elements_[static_cast<size_t>(random_.below(64))];
-    const int size = static_cast<int>(model_.size());
-    const int loc = random_.below(size + 4) - 2;
     lt_list *const list = list_.get();
-    switch (random_.below(size > 40 ? 12 : 8)) {
-      case 0:
-        ASSERT_EQ(lt_insert(list, p, loc), insert_at(&model_, p, loc));
-        break;
-      case 1:
-        ASSERT_EQ(lt_append(list, p), insert_at(&model_, p, -1));
-        break;
-      case 2:
-        ASSERT_EQ(lt_prepend(list, p), insert_at(&model_, p, 0));
-        break;
-      case 3:
-        insert_beside(p);
-        break;
-      case 4:
-        search(p);
-        break;
-      case 5:
-        combine(p);
-        break;
-      case 6:
-        insert_copies(loc);
-        break;
-      case 7:
-        ASSERT_EQ(lt_get(list, loc),
-                  loc >= 0 && loc < size ? model_[static_cast<size_t>(loc)] : nullptr);
-        ASSERT_EQ(lt_rm_head(list), erase_at(&model_, 0));
-        break;
-      case 8:
-        ASSERT_EQ(lt_rm_tail(list), erase_at(&model_, size - 1));
-        break;
-      case 9:
-        ASSERT_EQ(lt_delete_ptr(list, p),
-                  erase_at(&model_, std::find(model_.begin(), model_.end(), p) - model_.begin()));
-        break;
-      case 10:
-        ASSERT_EQ(lt_delete_from_loc(list, loc), loc >= 0 && loc < size ? size - loc : 0);
-        if (loc >= 0 && loc < size) model_.resize(static_cast<size_t>(loc));
-        break;
-      default:
-        ASSERT_EQ(lt_delete(list, loc), erase_at(&model_, loc));
-        break;
-    }
+    void *const p = &elements_[static_cast<size_t>(random_.below(64))];
+    const int size = static_cast<int>(model_.size()), loc = random_.below(size + 4) - 2;
+    const bool inside = loc >= 0 && loc < size;
+    run_one(
+        random_.below(size > 40 ? 12 : 8),
+        [&] { ASSERT_EQ(lt_insert(list, p, loc), insert_at(&model_, p, loc)); },
+        [&] { ASSERT_EQ(lt_append(list, p), insert_at(&model_, p, -1)); },
+        [&] { ASSERT_EQ(lt_prepend(list, p), insert_at(&model_, p, 0)); },
+        [&] { insert_beside(p); }, [&] { search(p); }, [&] { combine(p); },
+        [&] { insert_copies(loc); },
+        [&] {
+          ASSERT_EQ(lt_get(list, loc), inside ? model_[static_cast<size_t>(loc)] : nullptr);
+          ASSERT_EQ(lt_rm_head(list), erase_at(&model_, 0));
+        },
+        [&] { ASSERT_EQ(lt_rm_tail(list), erase_at(&model_, size - 1)); },
+        [&] {
+          const auto at = std::find(model_.begin(), model_.end(), p) - model_.begin();
+          ASSERT_EQ(lt_delete_ptr(list, p), erase_at(&model_, at));
+        },
+        [&] {
+          lt_node *node = inside ? lt_first(list) : nullptr;
+          for (int i = 0; i < loc; ++i) node = lt_get_next(node);
+          const int cut =
+              loc % 2 == 0 ? lt_delete_from_loc(list, loc) : lt_delete_from_node(list, node);
+          ASSERT_EQ(cut, inside ? size - loc : 0);
+          if (inside) model_.resize(static_cast<size_t>(loc));
+        },
+        [&] { ASSERT_EQ(lt_delete(list, loc), erase_at(&model_, loc)); });
     ASSERT_EQ(content(list), model_);
   }
 
@@ -332,9 +369,14 @@ class ListModel : public testing::Test {
     lt_append(other.get(), &elements_[1]);
     const lt_list *const source = model_.size() < 8 ? list_.get() : other.get();
     const Elements more = content(source);
-    const bool inside = loc >= 0 && loc <= static_cast<int>(model_.size());
-    model_.insert(inside ? model_.begin() + loc : model_.end(), more.begin(), more.end());
-    ASSERT_EQ(lt_insert_list(list_.get(), source, loc), static_cast<int>(model_.size()));
+    const int kind = random_.below(3), size = static_cast<int>(model_.size());
+    lt_node *const first = lt_first(list_.get());
+    const int at = kind == 0 && loc >= 0 && loc < size ? loc : kind == 0 ? size : kind == 1 ? 0 : 1;
+    model_.insert(model_.begin() + std::min(at, size), more.begin(), more.end());
+    ASSERT_EQ(kind == 0   ? lt_insert_list(list_.get(), source, loc)
+              : kind == 1 ? lt_insert_list_before(list_.get(), first, source)
+                          : lt_insert_list_after(list_.get(), first, source),
+              static_cast<int>(model_.size()));
   }
 
   Random random_;
@@ -350,6 +392,7 @@ TEST_F(ListModel, FollowsAVector) {
     if (i % 5000 != 0) continue;
     const StackPtr linear(lt_convert_to_linear(list_.get()));
     list_.reset(lt_new_from_linear(linear.get()));
+    list_.reset(lt_dup(ListPtr(list_.release()).get()));
     ASSERT_EQ(content(list_.get()), model_);
   }
 }

@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <random>
 #include <string>
 #include <string_view>
 
+#include "../support.h"
 #include "adif/framecodec.h"
 #include "adif/frameio.h"
 #include "adif/framesearch.h"
@@ -210,12 +210,8 @@ const operation operations[] = {
 }  // namespace
 
 TEST(frame, behaves_as_a_string_of_bytes) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&random](int n) {
-    return static_cast<int>(random() % static_cast<unsigned>(n));
-  };
+  Random random;
+  const auto below = [&random](int n) { return random.below(n); };
 
   constexpr int longest = 3000;
   frame_t *frame = nullptr;

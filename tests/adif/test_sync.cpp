@@ -1,21 +1,16 @@
 // Events between threads; file mutex, daemon and commands between processes.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cmath>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <limits>
-#include <string>
-#include <thread>
 #include <vector>
 
+#include "../support.h"
 #include "adif/filemutex.h"
 #include "adif/process.h"
 #include "adif/sync.h"
@@ -23,8 +18,8 @@
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 using std::chrono::steady_clock;
+constexpr auto kForEver = steady_clock::time_point::max();
 
 class Event : public testing::Test {
  protected:
@@ -39,7 +34,7 @@ TEST_F(Event, PingPongLosesNoWakeUp) {
   std::atomic<int> ping{0}, pong{0};
   std::thread peer([&] {
     for (int i = 1; i <= kRounds; ++i) {
-      WaitEventUntil(e_, steady_clock::time_point::max(), [&] { return ping >= i; });
+      WaitEventUntil(e_, kForEver, [&] { return ping >= i; });
       pong = i;
       SetEvent(other, 0);
     }
@@ -47,22 +42,21 @@ TEST_F(Event, PingPongLosesNoWakeUp) {
   for (int i = 1; i <= kRounds; ++i) {
     ping = i;
     SetEvent(e_, 0);
-    ASSERT_TRUE(WaitEventUntil(other, steady_clock::time_point::max(), [&] { return pong >= i; }));
+    ASSERT_TRUE(WaitEventUntil(other, kForEver, [&] { return pong >= i; }));
   }
   peer.join();
   DestroyEvent(other);
 }
 
 TEST_F(Event, WaitingForAStateGivesItsLastAnswerAtTheDeadline) {
-  const auto never = [] { return false; };
-  const auto start = steady_clock::now();
-  EXPECT_FALSE(WaitEventUntil(e_, start + milliseconds(60), never));
+  const auto start = steady_clock::now(), past = steady_clock::time_point::min();
+  EXPECT_FALSE(WaitEventUntil(e_, start + milliseconds(60), [] { return false; }));
   EXPECT_GE(steady_clock::now() - start, milliseconds(60));
-  EXPECT_FALSE(WaitEventUntil(e_, steady_clock::time_point::min(), never)) << "long past";
-  EXPECT_TRUE(WaitEventUntil(e_, steady_clock::time_point::min(), [] { return true; }));
+  EXPECT_FALSE(WaitEventUntil(e_, past, [] { return false; }));
+  EXPECT_TRUE(WaitEventUntil(e_, past, [] { return true; }));
   int asked = 0;  // false before the sleep, true after it, with nobody signalling
   EXPECT_TRUE(WaitEventUntil(e_, start + milliseconds(80), [&] { return ++asked == 2; }));
-  EXPECT_FALSE(WaitEventUntil(nullptr, start, never));
+  EXPECT_FALSE(WaitEventUntil(nullptr, start, [] { return false; }));
 }
 
 TEST_F(Event, SetEventAllEndsEveryWait) {
@@ -71,8 +65,7 @@ TEST_F(Event, SetEventAllEndsEveryWait) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 6; ++t) {
     threads.emplace_back([&] {
-      bool first = true;
-      WaitEventUntil(e_, steady_clock::time_point::max(), [&] {
+      WaitEventUntil(e_, kForEver, [&, first = true]() mutable {
         if (std::exchange(first, false)) ++asleep;
         return over.load();
       });
@@ -86,151 +79,131 @@ TEST_F(Event, SetEventAllEndsEveryWait) {
 
 TEST_F(Event, WaitGivesTheValueAndForgetsEarlierSignals) {
   SetEvent(e_, 3);  // nobody waits: forgotten
-  std::atomic<bool> returned{false};
-  int32_t value = 0;
+  std::atomic<int> returned{0};
+  int32_t value = 0, timed = -7;
   std::thread waiter([&] {
     value = WaitEvent(e_);
-    returned = true;
+    ++returned;
+    timed = TimedWaitEvent(e_, std::numeric_limits<float>::max());
+    ++returned;
   });
-  std::this_thread::sleep_for(milliseconds(50));
-  EXPECT_FALSE(returned);
-  while (!returned) {
-    SetEvent(e_, static_cast<uint32_t>(-10));
-    std::this_thread::sleep_for(milliseconds(5));
-  }
+  pause_ms(50);
+  EXPECT_EQ(returned, 0);
+  for (; returned < 2; pause_ms(1)) SetEvent(e_, static_cast<uint32_t>(-10));
   waiter.join();
   EXPECT_EQ(value, -10);
+  EXPECT_EQ(timed, 0);
   EXPECT_EQ(WaitEvent(nullptr), -1);
   EXPECT_EQ(TimedWaitEvent(nullptr, 1.0F), -10);
   EXPECT_EQ(EnterCriticalSection(nullptr), -1);
+  SetEvent(nullptr, 0);
 }
 
 TEST_F(Event, TimeOutsAreCutToWholeSeconds) {
-  const struct {
-    float timeout;
-    milliseconds least, most;
-  } rows[] = {{0.9F, milliseconds(0), milliseconds(900)},
-              {1.9F, milliseconds(1000), milliseconds(1900)},
-              {-5.0F, milliseconds(0), milliseconds(900)},
-              {NAN, milliseconds(0), milliseconds(900)},
-              {-std::numeric_limits<float>::infinity(), milliseconds(0), milliseconds(900)}};
-  for (const auto &row : rows) {
+  for (const float timeout : {0.9F, 1.9F, -5.0F, NAN, -std::numeric_limits<float>::infinity()}) {
+    const long whole = timeout > 1 ? 1000 : 0;
     const auto start = steady_clock::now();
-    EXPECT_EQ(TimedWaitEvent(e_, row.timeout), -1);
-    EXPECT_GE(steady_clock::now() - start, row.least) << row.timeout;
-    EXPECT_LT(steady_clock::now() - start, row.most) << row.timeout;
+    EXPECT_EQ(TimedWaitEvent(e_, timeout), -1);
+    EXPECT_GE(ms_since(start), whole) << timeout;
+    EXPECT_LT(ms_since(start), whole + 900) << timeout;
   }
-  std::atomic<bool> woken{false};
-  std::thread waiter([&] {
-    EXPECT_EQ(TimedWaitEvent(e_, std::numeric_limits<float>::max()), 0);
-    woken = true;
-  });
-  while (!woken) {
-    SetEvent(e_, 0);
-    std::this_thread::sleep_for(milliseconds(1));
-  }
-  waiter.join();
 }
 
-class Processes : public testing::Test {
- protected:
-  Processes() {
-    std::string name = testing::TempDir() + "c2ms-sync-XXXXXX";
-    folder_ = mkdtemp(name.data());
-  }
-  ~Processes() override { std::filesystem::remove_all(folder_); }
-
-  // What `work` returns in a process of its own.
-  template <class Work>
-  static int in_child(Work work) {
-    const pid_t child = fork();
-    if (child == 0) _exit(work());
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WEXITSTATUS(status);
-  }
-
-  std::string read_file(const std::string &path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
-
-  std::string folder_;
-};
-
-TEST_F(Processes, AFileMutexExcludesOtherProcesses) {
-  const std::string path = folder_ + "/lock";
+// As this user and, for root, as another one, whom the file's permissions keep out of the file.
+TEST(Processes, AFileMutexExcludesOtherProcesses) {
+  const Folder folder;
+  const std::string path = folder / "lock";
   EXPECT_EQ(file_mutex_init(path.c_str()), nullptr) << "the file must exist";
   EXPECT_EQ(file_mutex_locked(path.c_str()), 0);
   struct stat info {};
   ASSERT_EQ(stat(path.c_str(), &info), 0) << "the question creates it";
   EXPECT_EQ(info.st_mode & 0777, 0u);
-  chmod(path.c_str(), 0600);
+  const bool root = geteuid() == 0;
+  EXPECT_EQ(in_child([&] { return file_mutex_init(path.c_str()) == nullptr; }), root ? 0 : 1);
+  chmod(folder.path.c_str(), 0755);
+  const auto as_nobody = [&] {
+    if (root && setuid(65534) != 0) return 99;
+    return (file_mutex_init(path.c_str()) == nullptr) + 10 * -file_mutex_locked(path.c_str());
+  };
+  EXPECT_EQ(in_child(as_nobody), 11) << "no permission: no mutex and no answer";
+  chmod(path.c_str(), 0666);
 
   file_mutex *const fm = file_mutex_init(path.c_str());
   ASSERT_NE(fm, nullptr);
-  const auto try_in_child = [&] {
+  // What another process finds: tens tell that it sees the lock, ones that it gets it.
+  const auto found = [&](bool other_user) {
     return in_child([&] {
+      if (other_user && root && setuid(65534) != 0) return 99;
       file_mutex *const own = file_mutex_init(path.c_str());
       const int result = file_mutex_lock(own);
       return file_mutex_locked(path.c_str()) * 10 + (result == 0 ? 1 : 0);
     });
   };
-  EXPECT_EQ(try_in_child(), 1) << "free: the child gets it";
-  EXPECT_EQ(file_mutex_lock(fm), 0);
-  EXPECT_EQ(try_in_child(), 10) << "held here: it sees that and doesn't get it";
-  EXPECT_EQ(file_mutex_locked(path.c_str()), 0) << "not by another process";
-  EXPECT_EQ(try_in_child(), 10) << "and asking did not drop it";
-  EXPECT_EQ(file_mutex_unlock(fm), 0);
-  EXPECT_EQ(try_in_child(), 1);
+  for (const bool other_user : {false, true}) {
+    EXPECT_EQ(found(other_user), 1);
+    EXPECT_EQ(file_mutex_lock(fm), 0);
+    EXPECT_EQ(found(other_user), 10);
+    EXPECT_EQ(file_mutex_locked(path.c_str()), 0) << "not by another process";
+    EXPECT_EQ(found(other_user), 10) << "and asking did not drop it";
+    EXPECT_EQ(file_mutex_unlock(fm), 0);
+  }
+  EXPECT_EQ(found(false), 1);
   EXPECT_EQ(file_mutex_lock(fm), 0);
   file_mutex_destroy(fm);
-  EXPECT_EQ(try_in_child(), 1) << "destroying releases";
+  EXPECT_EQ(found(false), 1) << "destroying releases";
+  EXPECT_EQ(file_mutex_lock(nullptr) + file_mutex_unlock(nullptr) + file_mutex_locked(nullptr), -3);
 }
 
-TEST_F(Processes, CommandsRunAndAreWaitedFor) {
-  const std::string out = folder_ + "/out";
-  const std::string script = "sleep 0.2; echo done > " + out;
+TEST(Processes, CommandsRunAndAreWaitedFor) {
+  const Folder folder;
+  const std::string out = folder / "out", script = "sleep 0.2; echo done > " + out;
   char shell[] = "sh", flag[] = "-c", missing[] = "/no/such/command";
   char *const argv[] = {shell, flag, const_cast<char *>(script.c_str()), nullptr};
+  char *const none[] = {missing, nullptr};
   for (const auto disposition : {SIG_DFL, SIG_IGN}) {
     const auto before = std::signal(SIGCHLD, disposition);
     EXPECT_EQ(exec_cmd("sh", argv, 1), 0);
     EXPECT_EQ(read_file(out), "done\n") << "over when the call returns";
     std::filesystem::remove(out);
-    char *const none[] = {missing, nullptr};
+    EXPECT_EQ(exec_cmd("sh", argv, 0), 0);
+    EXPECT_EQ(read_file(out), "") << "not waited for";
+    EXPECT_TRUE(eventually([&] { return read_file(out) == "done\n"; }));
+    std::filesystem::remove(out);
     EXPECT_EQ(exec_cmd(missing, none, 1), 0);
     std::signal(SIGCHLD, before);
   }
   EXPECT_EQ(exec_cmd(nullptr, argv, 1), -1);
 }
 
-// Another daemon's pid stays in the file until the lock is ours.
-TEST_F(Processes, ADaemonLocksItsPidFileBeforeItWrites) {
-  const std::string pid_file = folder_ + "/pid", report = folder_ + "/report";
-  std::ofstream(pid_file) << "another's, and longer";
+// Another daemon's pid stays in the file until the lock is ours. The caller's output is closed.
+TEST(Processes, ADaemonLocksItsPidFileBeforeItWrites) {
+  const Folder folder;
+  const std::string pid_file = folder / "pid", report = folder / "report";
+  write_file(pid_file, "another's, and longer");
   const int held = open(pid_file.c_str(), O_RDWR | O_CLOEXEC);
   ASSERT_EQ(flock(held, LOCK_EX), 0);
-
-  EXPECT_EQ(in_child([&] {
-              close(held);  // an inherited descriptor would hold the lock for the daemon itself
-              const int result = daemonize(pid_file.c_str(), folder_.c_str());
-              const bool detached = getpgrp() != getpid() && getsid(0) == getpgrp();
-              std::ofstream("report.new") << result << detached << " " << getpid();
-              std::filesystem::rename("report.new", "report");  // in the work directory
-              return 0;
-            }),
-            0)
-      << "the caller ends with 0";
-  std::this_thread::sleep_for(milliseconds(100));
+  const auto become_daemon = [&] {
+    for (int fd : {0, 1, 2, held}) close(fd);  // an inherited `held` would keep the lock
+    const int result = daemonize(pid_file.c_str(), folder.path.c_str());
+    const bool detached = getpgrp() != getpid() && getsid(0) == getpgrp();
+    write_file("report.new",
+               std::to_string(result) + (detached ? "1 " : "0 ") + std::to_string(getpid()));
+    std::filesystem::rename("report.new", "report");  // in the work directory
+    for (int i = 0; i < 500 && read_file("over").empty(); ++i) pause_ms(10);
+    return 0;
+  };
+  EXPECT_EQ(in_child(become_daemon), 0) << "the caller ends with 0";
+  pause_ms(100);
   EXPECT_EQ(read_file(pid_file), "another's, and longer");
   close(held);
-
-  const auto deadline = steady_clock::now() + seconds(30);
-  while (!std::filesystem::exists(report) && steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(milliseconds(5));
-  }
+  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(report); }));
   EXPECT_EQ(read_file(report), "01 " + read_file(pid_file));
+  const int again = open(pid_file.c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_NE(flock(again, LOCK_EX | LOCK_NB), 0) << "the lock lasts as long as the daemon";
+  write_file(folder / "over", "now");
+  EXPECT_TRUE(eventually([&] { return flock(again, LOCK_EX | LOCK_NB) == 0; }));
+  close(again);
+  EXPECT_LT(daemonize(nullptr, "/"), 0);
 }
 
 }  // namespace

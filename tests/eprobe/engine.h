@@ -1,37 +1,16 @@
-// What the engine's tests share: a running instance, a recorder of its events, waits with a bound.
+// What the engine's tests share: a running instance and a recorder of its events.
 #pragma once
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <atomic>
-#include <chrono>
-#include <thread>
 
+#include "../support.h"
 #include "adif/tsock.h"
 #include "eprobe/probe.h"
 
-inline uint32_t loopback() {
-  return htonl(INADDR_LOOPBACK);
-}
-
-/// Waits until `holds()`, at most 20 s; false if it never did.
-template <typename Predicate>
-bool eventually(Predicate holds) {
-  for (int i = 0; i < 20000; ++i) {
-    if (holds()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return holds();
-}
-
-inline void pause_ms(int ms) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-}
+inline const uint32_t loopback = htonl(INADDR_LOOPBACK);
 
 /// An instance whose workers run, for the length of a test. Made after what its callbacks use, so
 /// that it ends first.
@@ -71,13 +50,8 @@ struct Recorder {
 /// A TCP listener outside the engine.
 struct Listener {
   int fd = tcp_server_create("127.0.0.1", 0);
+  uint16_t port = port_of(fd);
   ~Listener() { close(fd); }
-  uint16_t port() const {
-    sockaddr_in name{};
-    socklen_t size = sizeof name;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size);
-    return ntohs(name.sin_port);
-  }
 };
 
 inline int open_descriptors() {

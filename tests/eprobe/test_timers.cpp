@@ -2,8 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
-#include <mutex>
+#include <deque>
 #include <random>
 #include <vector>
 
@@ -18,6 +17,7 @@ struct Shot {
   uint32_t period_ms = 0;
   std::atomic<int> fired{0};
   std::atomic<bool> early{false};
+  int at_most = 1;  // once it was stopped and no callback ran any more, what it had fired by then
 
   static int on_timer(void *arg, void *, int event, int kind) {
     auto *self = static_cast<Shot *>(arg);
@@ -34,7 +34,7 @@ struct Shot {
   }
 };
 
-/// Starts as many timers as there are, then stops them; all slots are back if it is
+/// Starts as many timers as there are, then stops them: all slots are back if it is
 /// PROBE_MAX_TIMERS.
 uint32_t free_timers(rac_core *core) {
   std::vector<rac_timer *> taken;
@@ -44,115 +44,71 @@ uint32_t free_timers(rac_core *core) {
   return static_cast<uint32_t>(taken.size());
 }
 
-TEST(Timers, AFullPoolFiresEachOnceAndNoneEarly) {
-  std::vector<Shot> shots(PROBE_MAX_TIMERS);
-  Shot one_more;
-  Engine engine(8);
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
-  std::mt19937 random(seed);
-  for (Shot &shot : shots) ASSERT_NE(shot.start(engine.core, 300 + random() % 300), nullptr);
-  if (Clock::now() - shots[0].started < std::chrono::milliseconds(200)) {
-    EXPECT_EQ(one_more.start(engine.core, 1), nullptr) << "the pool is empty";
-  }
-  for (Shot &shot : shots) {
-    EXPECT_TRUE(eventually([&] { return shot.fired > 0; })) << shot.period_ms;
-  }
-  probe_barrier(engine.core);
-  for (Shot &shot : shots) {
-    EXPECT_EQ(shot.fired, 1);
-    EXPECT_FALSE(shot.early) << shot.period_ms;
-  }
-  EXPECT_EQ(free_timers(engine.core), PROBE_MAX_TIMERS);
-}
+/// Keeps 100 timers of random periods going; stops some of them, by old handles too.
+struct Juggler {
+  std::deque<Shot> shots;
+  std::deque<bool> stopped;  // beside shots
 
-TEST(Timers, EqualDeadlinesExpireInOrderOfStart) {
-  Engine engine(1);
-  std::vector<int> order;  // the one worker's until `done`
-  std::atomic<size_t> done{0};
-  struct Numbered {
-    std::vector<int> *order;
-    std::atomic<size_t> *done;
-    int number;
-  };
-  std::vector<Numbered> timers;
-  for (int i = 0; i < 300; ++i) timers.push_back({&order, &done, i});
-  for (Numbered &timer : timers) {
-    StartTimer2(
-        engine.core, 30, 0, 0,
-        [](void *arg, void *, int, int) {
-          auto *self = static_cast<Numbered *>(arg);
-          self->order->push_back(self->number);
-          ++*self->done;
-          return 0;
-        },
-        &timer);
-  }
-  ASSERT_TRUE(eventually([&] { return done == timers.size(); }));
-  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-}
-
-TEST(Timers, StopFromAnyThreadLeavesAtMostOneShotAndNoSlot) {
-  Engine engine(4);
-  constexpr int THREADS = 4, ROUNDS = 1500;
-  std::vector<std::unique_ptr<Shot>> kept;  // started and never stopped
-  std::vector<std::unique_ptr<Shot>> stopped;
-  std::mutex lock;
-  std::atomic<bool> fired_after_stop{false};
-  std::vector<std::thread> threads;
-  for (unsigned id = 0; id < THREADS; ++id) {
-    threads.emplace_back([&, id] {
-      std::mt19937 random(id);
-      for (int i = 0; i < ROUNDS; ++i) {
-        auto shot = std::make_unique<Shot>();
-        rac_timer *timer = shot->start(engine.core, random() % 4);
-        const bool stop = timer != nullptr && random() % 2 == 0;
-        if (stop) {
-          if (random() % 2 == 0) std::this_thread::yield();
-          StopTimer(timer);
-          StopTimer(timer);  // by now perhaps another thread's timer has the slot
-          if (i % 50 == 0) {
-            probe_barrier(engine.core);
-            const int before = shot->fired;
-            std::this_thread::sleep_for(std::chrono::milliseconds(8));
-            if (shot->fired != before) fired_after_stop = true;
-          }
+  void run(rac_core *core, unsigned seed, Clock::time_point end) {
+    struct Place {
+      Shot *shot;
+      size_t number;
+      rac_timer *timer, *old;
+    };
+    std::vector<Place> places(100);
+    std::mt19937 random(seed);
+    const auto start = [&](Place &place) {
+      place = {&shots.emplace_back(), stopped.size(), nullptr, place.timer};
+      stopped.push_back(false);
+      while ((place.timer = place.shot->start(core, random() % 600)) == nullptr) pause_ms(1);
+    };
+    for (Place &place : places) start(place);
+    for (unsigned i = 0; Clock::now() < end; ++i) {
+      Place &place = places[random() % places.size()];
+      StopTimer(place.old);  // by now perhaps another thread's timer has the slot
+      if (place.shot->fired == 0) {
+        if (random() % 8 != 0) {
+          std::this_thread::yield();
+          continue;
         }
-        std::lock_guard guard(lock);
-        if (timer != nullptr) (stop ? stopped : kept).push_back(std::move(shot));
+        StopTimer(place.timer);
+        stopped[place.number] = true;
+        if (i % 16 == 0) {
+          probe_barrier(core);
+          place.shot->at_most = place.shot->fired;
+        }
       }
-    });
+      start(place);
+    }
+  }
+};
+
+TEST(Timers, FiveHundredForTenSecondsAreNeverEarlyLostDoubledOrResurrected) {
+  Random random;
+  Juggler jugglers[5];
+  Engine engine(8);
+  std::vector<std::thread> threads;
+  const auto end = Clock::now() + std::chrono::seconds(10);
+  for (Juggler &juggler : jugglers) {
+    const auto seed = random.seed() + static_cast<unsigned>(threads.size());
+    threads.emplace_back([&, seed] { juggler.run(engine.core, seed, end); });
   }
   for (std::thread &thread : threads) thread.join();
-  for (auto &shot : kept) {
-    EXPECT_TRUE(eventually([&] { return shot->fired == 1; })) << "lost";
+  for (Juggler &juggler : jugglers) {
+    for (size_t i = 0; i < juggler.shots.size(); ++i) {
+      const auto &shot = juggler.shots[i];
+      ASSERT_TRUE(juggler.stopped[i] || eventually([&] { return shot.fired > 0; })) << "lost";
+    }
   }
   probe_barrier(engine.core);
-  EXPECT_FALSE(fired_after_stop);
-  for (auto &shot : kept) EXPECT_TRUE(shot->fired == 1 && !shot->early);
-  for (auto &shot : stopped) EXPECT_TRUE(shot->fired <= 1 && !shot->early);
+  for (Juggler &juggler : jugglers) {
+    EXPECT_GT(juggler.shots.size(), 500u);
+    for (const Shot &shot : juggler.shots) {
+      ASSERT_LE(shot.fired, shot.at_most) << "doubled or resurrected";
+      ASSERT_FALSE(shot.early) << shot.period_ms;
+    }
+  }
   EXPECT_EQ(free_timers(engine.core), PROBE_MAX_TIMERS);
-}
-
-TEST(Timers, AnOldHandleFindsNothing) {
-  Shot first, second;
-  Engine engine(2);
-  rac_timer *old = first.start(engine.core, 1000);
-  EXPECT_EQ(GetTimeoutCmd(old), 1u);
-  EXPECT_EQ(GetTimeoutPara(old), 2u);
-  StopTimer(old);
-  rac_timer *next = second.start(engine.core, 20);
-  ASSERT_EQ(reinterpret_cast<uintptr_t>(old) & 1023, reinterpret_cast<uintptr_t>(next) & 1023)
-      << "the test wants the same slot";
-  EXPECT_NE(old, next);
-  EXPECT_EQ(GetTimeoutCmd(old), 0u);
-  EXPECT_EQ(GetTimeoutPara(old), 0u);
-  StopTimer(old);
-  EXPECT_TRUE(eventually([&] { return second.fired == 1; }));
-  EXPECT_EQ(first.fired, 0);
-  EXPECT_EQ(StopTimer(nullptr), 0);
-  EXPECT_EQ(GetTimeoutCmd(nullptr), 0u);
-  EXPECT_EQ(StartTimer2(nullptr, 1, 0, 0, nullptr, nullptr), nullptr);
 }
 
 /// Restarts itself from inside its handler; another timer that is due must not starve meanwhile.
@@ -172,17 +128,52 @@ struct Chain {
   }
 };
 
-TEST(Timers, HandlersStartAndStopTimersWithoutStarvingOthers) {
+TEST(Timers, OfOneWorkerExpireInOrderOfStartAndDoNotStarve) {
+  struct Numbered {
+    std::vector<Numbered *> *order;  // the one worker's, until all have fired
+    std::atomic<size_t> *done;
+  };
+  std::vector<Numbered *> order;
+  std::atomic<size_t> done{0};
+  std::vector<Numbered> timers(300, {&order, &done});
   Chain chain{};
   Shot other;
   Engine engine(1);
+  for (Numbered &timer : timers) {
+    const auto note = [](void *arg, void *, int, int) {
+      auto *self = static_cast<Numbered *>(arg);
+      self->order->push_back(self);
+      ++*self->done;
+      return 0;
+    };
+    StartTimer2(engine.core, 30, 0, 0, note, &timer);
+  }
+  ASSERT_TRUE(eventually([&] { return done == timers.size(); }));
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+
   chain.core = engine.core;
   StartTimer2(engine.core, 0, 0, 0, Chain::on_timer, &chain);
   other.start(engine.core, 5);
-  EXPECT_TRUE(eventually([&] { return other.fired == 1; }));
-  EXPECT_TRUE(eventually([&] { return chain.links == 2000; }));
+  EXPECT_TRUE(eventually([&] { return other.fired == 1 && chain.links == 2000; }));
   EXPECT_FALSE(chain.wrong);
   EXPECT_EQ(free_timers(engine.core), PROBE_MAX_TIMERS);
+}
+
+TEST(Timers, AnOldHandleFindsNothing) {
+  Shot first, second;
+  Engine engine(2);
+  rac_timer *old = first.start(engine.core, 1000);
+  EXPECT_EQ(GetTimeoutCmd(old), 1u);
+  EXPECT_EQ(GetTimeoutPara(old), 2u);
+  StopTimer(old);
+  rac_timer *next = second.start(engine.core, 20);
+  ASSERT_EQ(reinterpret_cast<uintptr_t>(old) & 1023, reinterpret_cast<uintptr_t>(next) & 1023)
+      << "the test wants the same slot";
+  EXPECT_EQ(GetTimeoutCmd(old), 0u);
+  EXPECT_EQ(GetTimeoutPara(old), 0u);
+  StopTimer(old);
+  EXPECT_TRUE(eventually([&] { return second.fired == 1; }));
+  EXPECT_EQ(first.fired, 0);
 }
 
 }  // namespace
