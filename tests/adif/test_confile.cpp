@@ -3,13 +3,10 @@
 #include <sys/stat.h>
 
 #include <cmath>
-#include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <memory>
-#include <string>
 
+#include "../support.h"
 #include "adif/confile.h"
 #include "adif/kalloc.h"
 #include "adif/profile.h"
@@ -64,31 +61,27 @@ TEST(Profile, EveryKindOfLine) {
       {comment, "[]"},
   };
   for (const auto &row : rows) {
+    testing::internal::CaptureStdout();
     EXPECT_EQ(shape(parse(row.text)), row.expected) << row.text.substr(0, 60);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              row.expected == "none" ? "profile x format not support\n" : "");
   }
 }
 
 class Confile : public testing::Test {
  protected:
-  Confile() {
-    std::string name = testing::TempDir() + "c2ms-conf-XXXXXX";
-    folder_ = mkdtemp(name.data());
-    path_ = folder_ + "/conf";
-  }
-  ~Confile() override { std::filesystem::remove_all(folder_); }
-
   Conf load(const std::string &text) {
-    std::ofstream(path_, std::ios::binary) << text;
+    write_file(path_, text);
     return Conf(conf_mgmt_init(path_.c_str()));
   }
 
   std::string saved(const Conf &conf) {
     EXPECT_EQ(conf_mgmt_save(conf.get(), path_.c_str()), 0);
-    std::ifstream in(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return read_file(path_);
   }
 
-  std::string folder_, path_;
+  const Folder folder_;
+  const std::string path_ = folder_ / "conf";
 };
 
 TEST_F(Confile, GettersConvertAndTellWhatIsMissing) {
@@ -167,18 +160,18 @@ TEST_F(Confile, WhatIsSetIsSavedAndReadBack) {
 }
 
 TEST_F(Confile, FilesThatAreNoneAreEmptyProfilesAndNeverBlock) {
-  const std::string fifo = folder_ + "/fifo", big = folder_ + "/big";
+  const std::string fifo = folder_ / "fifo", big = folder_ / "big";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  std::ofstream(big) << std::string(1024 * 1024 - 1, '#') << "\na=1\n";
+  write_file(big, std::string(1024 * 1024 - 1, '#') + "\na=1\n");
   for (const std::string &path :
-       {folder_ + "/missing", folder_, fifo, big, std::string("/dev/zero")}) {
+       {folder_ / "missing", folder_.path, fifo, big, std::string("/dev/zero")}) {
     SCOPED_TRACE(path);
     const Conf conf(conf_mgmt_init(path.c_str()));
     EXPECT_EQ(conf_get_ulong(conf.get(), nullptr, "a"), 16777215u);
     EXPECT_EQ(conf_set_int(conf.get(), nullptr, "a", 7), 0);
     EXPECT_EQ(conf_get_int(conf.get(), nullptr, "a"), 7) << "the unnamed section is there";
   }
-  EXPECT_EQ(conf_mgmt_save(Conf(conf_mgmt_init(folder_.c_str())).get(), fifo.c_str()), 0);
+  EXPECT_EQ(conf_mgmt_save(Conf(conf_mgmt_init(folder_.path.c_str())).get(), fifo.c_str()), 0);
   const Conf largest = load(std::string(1024 * 1024 - 4, '\n') + "a=1\n");
   EXPECT_EQ(conf_get_int(largest.get(), nullptr, "a"), 1);
 }
@@ -195,7 +188,7 @@ TEST_F(Confile, WithoutAProfileEverythingIsMissing) {
     EXPECT_EQ(conf_mgmt_save(c, path_.c_str()), -1);
   }
   EXPECT_EQ(conf_mgmt_read(none.get(), nullptr), -1);
-  EXPECT_EQ(conf_mgmt_read(none.get(), (folder_ + "/missing").c_str()), 0);
+  EXPECT_EQ(conf_mgmt_read(none.get(), (folder_ / "missing").c_str()), 0);
   EXPECT_EQ(conf_mgmt_read(nullptr, path_.c_str()), -1);
   EXPECT_EQ(conf_mgmt_cleanup(nullptr), 0);
 }

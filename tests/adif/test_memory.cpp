@@ -7,13 +7,12 @@
 #include <map>
 #include <memory>
 #include <set>
-#include <thread>
 #include <vector>
 
+#include "../support.h"
 #include "adif/bmempool.h"
 #include "adif/kalloc.h"
 #include "adif/memunit.h"
-#include "model.h"
 
 namespace {
 
@@ -154,8 +153,26 @@ TEST(MemUnit, RegionsOfEverySizeAndPlaceAreUsedWithinTheirBounds) {
       EXPECT_EQ(mem_unit_free(unit, &skip), -3);
     }
   }
-  EXPECT_EQ(mem_unit_init(nullptr, 4096), nullptr);
-  EXPECT_EQ(mem_unit_free(nullptr, nullptr), -1);
+}
+
+TEST(MemUnit, NullsAndSmallestLengths) {
+  alignas(16) uint8_t memory[1024];
+  mem_unit *const unit = mem_unit_init(memory, sizeof memory), *const none = nullptr;
+  void *const p = mem_unit_alloc(unit, 1);
+  for (int64_t result :
+       {mem_unit_availsize(none), mem_unit_totalsize(none), mem_unit_usedsize(none),
+        int64_t{mem_unit_free(none, p)}, int64_t{mem_unit_shrinkto(none, p, 1)}})
+    EXPECT_EQ(result, -1);
+  EXPECT_EQ(mem_unit_free(unit, nullptr) + mem_unit_shrinkto(unit, nullptr, 1), -4);
+  for (int size : {-1, 0}) {
+    EXPECT_EQ(mem_unit_alloc(unit, size), nullptr);
+    EXPECT_EQ(mem_unit_shrinkto(unit, p, size), -4);
+    EXPECT_EQ(mem_unit_init(memory, size), nullptr);
+  }
+  EXPECT_TRUE(mem_unit_init(nullptr, 4096) == nullptr && mem_unit_alloc(none, 1) == nullptr &&
+              mem_unit_availp(none) == nullptr && mem_unit_endp(none) == nullptr);
+  putuint32(memory + 1023 - 4, 0x01020304);
+  EXPECT_EQ(getuint32(memory + 1023 - 4), 0x01020304u);
 }
 
 int units_freed = 0;
@@ -163,9 +180,14 @@ int unit_size_told = 0;
 
 class Pool : public testing::Test {
  protected:
-  void SetUp() override {
-    setAutoAlloc(pool_, 1);
-    setUnitSize(pool_, sizeof(int));
+  // With a limit, if `maximum` isn't 0.
+  static block_pool *make_pool(int maximum) {
+    block_pool *const pool = BPoolInit(nullptr);
+    setAutoAlloc(pool, 1);
+    setUnitSize(pool, sizeof(int));
+    setLimit(pool, maximum > 0);
+    setMaximum(pool, maximum);
+    return pool;
   }
   void TearDown() override {
     if (pool_ != nullptr) BPoolCleanup(pool_);
@@ -183,9 +205,16 @@ class Pool : public testing::Test {
     return std::to_string(allocated) + " " + std::to_string(free) + " " + std::to_string(in_use);
   }
 
+  static void wait_for_waiters(block_pool *pool, int n) {
+    for (int waiting = 0; waiting < n; std::this_thread::yield()) {
+      const adif::section_guard guard(&pool->lock);
+      waiting = pool->waiters;
+    }
+  }
+
   void end() { BPoolCleanup(std::exchange(pool_, nullptr)); }
 
-  block_pool *pool_ = BPoolInit(nullptr);
+  block_pool *pool_ = make_pool(0);
 };
 
 TEST_F(Pool, FollowsAQueue) {
@@ -197,40 +226,33 @@ TEST_F(Pool, FollowsAQueue) {
   std::set<void *> known;
   for (int i = 0; i < kSteps; ++i) {
     SCOPED_TRACE(i);
-    if (i % 1000 == 0) setEscalate(pool_, random.below(9) - 1);
-    const int batch = std::max(pool_->escalate, 1);
     // Mostly up, then mostly down, so that both ends are reached.
     if (random.below(3) < (i / 500 % 2 == 0 ? 2 : 1)) {
+      setEscalate(pool_, random.below(9) - 1);
+      const size_t made =
+          !free.empty() ? 0
+                        : std::min<size_t>(std::max(pool_->escalate, 1), kMaximum - known.size());
       auto *const unit = static_cast<int *>(fetchUnit(pool_));
-      if (!free.empty()) {
+      ASSERT_EQ(unit == nullptr, free.empty() && made == 0);
+      if (unit == nullptr) continue;
+      ASSERT_EQ(known.insert(unit).second, made > 0);
+      ASSERT_EQ(*unit, made > 0 ? 0 : *unit) << "new units are zeroed";
+      // The rest of the batch waits in the pool in an order of its own.
+      const auto &list = pool_->free_list;
+      for (size_t j = 1; j < made; ++j)
+        free.push_back(list.slots[(static_cast<size_t>(list.first) + j - 1) % list.capacity]);
+      if (made > 0) {
+        for (void *rest : free) ASSERT_TRUE(known.insert(rest).second);
+      } else {
         ASSERT_EQ(unit, free.front()) << "first in, first out";
         free.pop_front();
-      } else if (known.size() == kMaximum) {
-        ASSERT_EQ(unit, nullptr);
-        continue;
-      } else {
-        ASSERT_NE(unit, nullptr);
-        ASSERT_EQ(*unit, 0) << "new units are zeroed";
       }
-      if (known.insert(unit).second && free.empty()) {
-        // The rest of the batch waits in the pool in an order of its own: learn it.
-        const int made = std::min(batch, kMaximum - static_cast<int>(known.size()) + 1);
-        for (int j = 1; j < made; ++j) {
-          free.push_back(
-              pool_->free_list.slots[(pool_->free_list.first + j - 1) % pool_->free_list.capacity]);
-          ASSERT_TRUE(known.insert(free.back()).second);
-        }
-      } else {
-        ASSERT_TRUE(*unit == 0 || *unit == 77) << "recycled units keep their bytes";
-      }
-      *unit = 77;
       used.push_back(unit);
     } else if (!used.empty()) {
-      std::swap(used[static_cast<size_t>(random.below(static_cast<int>(used.size())))],
-                used.back());
-      ASSERT_EQ(recycleUnit(pool_, used.back()), 0);
-      free.push_back(used.back());
-      used.pop_back();
+      const auto at = used.begin() + random.below(static_cast<int>(used.size()));
+      ASSERT_EQ(recycleUnit(pool_, *at), 0);
+      free.push_back(*at);
+      used.erase(at);
     }
     ASSERT_TRUE(adif::pool_invariant(pool_));
     ASSERT_EQ(profile(), std::to_string(known.size()) + " " + std::to_string(free.size()) + " " +
@@ -252,11 +274,7 @@ TEST_F(Pool, AlertsAtTheHighMarkAndRecoversAtTheLowOne) {
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.what);
-    block_pool *const pool = BPoolInit(nullptr);
-    setAutoAlloc(pool, 1);
-    setUnitSize(pool, 1);
-    setLimit(pool, row.maximum > 0);
-    setMaximum(pool, row.maximum);
+    block_pool *const pool = make_pool(row.maximum);
     setThreshold(pool, row.high, row.low);
     std::string calls;
     setAlert(
@@ -291,9 +309,17 @@ TEST_F(Pool, FreesWhatGrewTooLargeAndKeepsItCounted) {
 }
 
 TEST_F(Pool, BadArgumentsAndExhaustionMiss) {
-  EXPECT_EQ(fetchUnit(nullptr), nullptr);
-  EXPECT_EQ(recycleUnit(nullptr, nullptr), -1);
-  EXPECT_EQ(recycleUnit(pool_, nullptr), -1);
+  block_pool *const none = nullptr;
+  for (int result : {recycleUnit(none, none), recycleUnit(pool_, none), setAutoAlloc(none, 1),
+                     setUnitSize(none, 1), setUnitReuseThreshold(none, 1), setEscalate(none, 1),
+                     setInitFunc(none, nullptr), setFreeFunc(none, nullptr),
+                     setGetSizeFunc(none, nullptr), setLimit(none, 1), setMaximum(none, 1),
+                     setThreshold(none, 1, 1), setAlert(none, nullptr, nullptr, none),
+                     getProfile(none, nullptr, nullptr, nullptr), BPoolCleanup(none)})
+    EXPECT_EQ(result, -1);
+  EXPECT_EQ(fetchUnit(none), nullptr);
+  EXPECT_EQ(blockFetchUnit(none, nullptr), nullptr);
+  EXPECT_EQ(getProfile(pool_, nullptr, nullptr, nullptr), 0);
   EXPECT_EQ(setMaximum(pool_, 2), 0);
   EXPECT_EQ(setMaximum(pool_, 3), 2) << "the one before";
   setUnitSize(pool_, 0);
@@ -338,11 +364,7 @@ TEST_F(Pool, WaitingFetchesAllGetTheirTurn) {
 
 TEST_F(Pool, CleaningUpEndsEveryWait) {
   for (int round = 0; round < 200; ++round) {
-    block_pool *const pool = BPoolInit(nullptr);
-    setAutoAlloc(pool, 1);
-    setUnitSize(pool, 1);
-    setLimit(pool, 1);
-    setMaximum(pool, 1);
+    block_pool *const pool = make_pool(1);
     void *const unit = fetchUnit(pool);
     std::atomic<int> ended{0};
     std::vector<std::thread> threads;
@@ -352,10 +374,7 @@ TEST_F(Pool, CleaningUpEndsEveryWait) {
         if (blockFetchUnit(pool, &status) == nullptr && status == -10) ++ended;
       });
     }
-    for (int waiting = 0; waiting < 4;) {
-      const adif::section_guard guard(&pool->lock);
-      waiting = pool->waiters;
-    }
+    wait_for_waiters(pool, 4);
     EXPECT_EQ(BPoolCleanup(pool), 0);
     for (std::thread &t : threads) t.join();
     ASSERT_EQ(ended, 4);
@@ -368,10 +387,7 @@ TEST_F(Pool, ARaisedLimitEndsAWait) {
   void *const one = fetchUnit(pool_);
   void *two = nullptr;
   std::thread waiter([&] { two = blockFetchUnit(pool_, nullptr); });
-  for (int waiting = 0; waiting < 1;) {
-    const adif::section_guard guard(&pool_->lock);
-    waiting = pool_->waiters;
-  }
+  wait_for_waiters(pool_, 1);
   EXPECT_EQ(setMaximum(pool_, 2), 1);
   waiter.join();
   EXPECT_TRUE(two != nullptr && two != one);

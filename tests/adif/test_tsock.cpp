@@ -1,5 +1,4 @@
 // Socket calls over loopback: transfers with and without time-outs, failures, names.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -7,33 +6,16 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <random>
-#include <string>
-#include <thread>
 #include <vector>
 
+#include "../support.h"
 #include "adif/tsock.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-long ms_since(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-uint16_t port_of(int fd) {
-  sockaddr_in name{};
-  socklen_t size = sizeof name;
-  getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size);
-  return ntohs(name.sin_port);
-}
 
 /// A TCP connection with both ends here; the client's end is non-blocking.
 struct Pair {
@@ -119,13 +101,12 @@ TEST(Send, ATimeOutTellsWhatWentOut) {
 
 TEST(Send, WithoutLimitWaitsForASlowReader) {
   Pair pair;
-  std::mt19937 random(1);
   std::string bytes(std::size_t{8} << 20, '\0');
-  for (char &c : bytes) c = static_cast<char>(random());
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 2654435761u >> 24);
   const auto n = static_cast<int>(bytes.size());
   std::string got(bytes.size(), '\0');
   std::thread reader([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    pause_ms(300);
     for (int at = 0; at < n;) {
       const int part = std::min(n - at, 700001);
       EXPECT_EQ(tcp_receive(pair.peer, &got[static_cast<size_t>(at)], part, 0, nullptr), part);
@@ -172,18 +153,15 @@ TEST(Receive, CountsWhatCameBeforeTimeOutAndClose) {
 TEST(Arguments, BadOnesFail) {
   Pair pair;
   char byte = 0;
-  int moved = 5;
-  for (const auto call : {0, 1, 2, 3}) {
-    const auto with = [&](int fd, char *bytes, int n) {
-      if (call == 0) return tcp_send(fd, bytes, n, 0, &moved);
-      if (call == 1) return tcp_receive(fd, bytes, n, 0, &moved);
-      if (call == 2) return tcp_nb_receive(fd, bytes, n, &moved);
-      return tcp_nb_send(fd, bytes, n);
-    };
-    EXPECT_EQ(with(-1, &byte, 1), -1) << call;
-    EXPECT_EQ(with(pair.client, nullptr, 1), -1) << call;
-    EXPECT_EQ(with(pair.client, &byte, 0), -1) << call;
-    EXPECT_EQ(moved, 0);
+  for (const auto &[fd, at, n] : {std::tuple{-1, &byte, 1},
+                                  {pair.client, nullptr, 1},
+                                  {pair.client, &byte, 0},
+                                  {pair.client, &byte, -1}}) {
+    int moved[3] = {5, 5, 5};
+    for (int result : {tcp_send(fd, at, n, 0, &moved[0]), tcp_receive(fd, at, n, 0, &moved[1]),
+                       tcp_nb_receive(fd, at, n, &moved[2]), tcp_nb_send(fd, at, n)})
+      EXPECT_EQ(result, -1);
+    EXPECT_EQ(moved[0] + moved[1] + moved[2], 0);
   }
   EXPECT_EQ(sock_read_ready(-1, 0), 0) << "and at once, although 0 is no limit";
   EXPECT_EQ(sock_is_valid(pair.client), 1);
@@ -217,9 +195,8 @@ TEST(Ready, DescriptorsAboveSelectsReachAreServed) {
 }
 
 TEST(Unix, ServerReplacesAStaleFileAndTalks) {
-  char directory[] = "/tmp/tsock_XXXXXX";
-  ASSERT_NE(mkdtemp(directory), nullptr);
-  const std::string path = std::string(directory) + "/socket";
+  const Folder folder;
+  const std::string path = folder / "socket";
   close(usock_create(path.c_str()));  // leaves its file
   const int server = usock_create(path.c_str());
   ASSERT_GE(server, 0);
@@ -231,14 +208,11 @@ TEST(Unix, ServerReplacesAStaleFileAndTalks) {
   EXPECT_EQ(tcp_receive(peer, buffer, 3, 1000, nullptr), 3);
   for (int fd : {server, client, peer}) close(fd);
   unlink(path.c_str());
-  const int file = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-  close(file);
+  write_file(path, "x");
   EXPECT_EQ(usock_create(path.c_str()), -1) << "a file that is no socket is left alone";
   EXPECT_EQ(access(path.c_str(), F_OK), 0);
   EXPECT_EQ(usock_connect(std::string(200, 'x').c_str()), -1);
   EXPECT_EQ(usock_connect(nullptr), -1);
-  unlink(path.c_str());
-  rmdir(directory);
 }
 
 TEST(Selfaddr, ListsRealInterfacesWithinTheTable) {

@@ -1,18 +1,12 @@
 // DES, triple DES and MD5 against published vectors; padding; random texts and the entropy pool.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cctype>
-#include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <string>
-#include <thread>
 #include <vector>
 
+#include "../support.h"
 #include "crypto/des.h"
 #include "crypto/md5.h"
 #include "crypto/random.h"
@@ -118,21 +112,28 @@ TEST(Des, PublishedVectors) {
   EXPECT_EQ(two.encrypt("some text"), three.encrypt("some text"));
 }
 
-TEST(Des, EveryLengthGoesThereAndBack) {
+TEST(Des, EveryLengthGoesThereAndBackInThreadsThatShareAContext) {
   for (const char *const key : {"0123456789abcdef", "0123456789abcdef23456789abcdef01"}) {
     const cipher c(key);
-    std::string text;
-    for (int len = 0; len < 40; ++len, text += static_cast<char>(len)) {
-      const std::string out = c.encrypt(text);
-      ASSERT_EQ(out.size(), text.size() / 8 * 8 + 8);
-      ASSERT_EQ(c.decrypt(out), text) << len;
-      std::string in_place = text + std::string(8, '\0');
-      int n = 0;
-      if (c.single) {
-        ASSERT_EQ(DesEncrypt(&c.des, in_place.data(), len, in_place.data(), &n), 0);
-        ASSERT_EQ(in_place.substr(0, static_cast<size_t>(n)), out);
-      }
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&c] {
+        std::string text;
+        for (int len = 0; len < 100; ++len, text += static_cast<char>(len)) {
+          const std::string out = c.encrypt(text);
+          ASSERT_EQ(out.size(), text.size() / 8 * 8 + 8);
+          ASSERT_EQ(c.decrypt(out), text) << len;
+          std::string in_place = text + std::string(8, '\0');
+          int n = 0;
+          const auto code = c.single
+                                ? DesEncrypt(&c.des, in_place.data(), len, in_place.data(), &n)
+                                : Des3Encrypt(&c.des3, in_place.data(), len, in_place.data(), &n);
+          ASSERT_EQ(code, 0);
+          ASSERT_EQ(in_place.substr(0, static_cast<size_t>(n)), out);
+        }
+      });
     }
+    for (std::thread &t : threads) t.join();
   }
 }
 
@@ -154,27 +155,22 @@ TEST(Des, WrongPaddingAndLengthsAreRefused) {
   }
   for (const size_t len : {0, 1, 7, 9, 15}) EXPECT_EQ(c.decrypt(std::string(len, 'x')), "failed");
 
+  const cipher c3("0123456789abcdef23456789abcdef01");
   uint8_t out[16];
   int n = 0;
-  EXPECT_EQ(DesEncrypt(nullptr, "x", 1, out, &n), -1);
-  EXPECT_EQ(DesEncrypt(&c.des, nullptr, 0, out, &n), -1);
-  EXPECT_EQ(DesEncrypt(&c.des, "x", -1, out, &n), -1);
-  EXPECT_EQ(DesEncrypt(&c.des, "x", INT32_MAX, out, &n), -1);
-  EXPECT_EQ(DesDecrypt(&c.des, "12345678", -8, out, &n), -1);
-  EXPECT_EQ(DesDecrypt(&c.des, "12345678", 8, out, nullptr), -1);
-  EXPECT_EQ(DesSetKey(nullptr, out), -1);
-}
-
-TEST(Des, ThreadsMayShareAContextAndTheFirstUse) {
-  const cipher c("0123456789abcdef");
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&c, t] {
-      const std::string text(static_cast<size_t>(t * 5), 'x');
-      for (int i = 0; i < 200; ++i) ASSERT_EQ(c.decrypt(c.encrypt(text)), text);
-    });
-  }
-  for (std::thread &t : threads) t.join();
+  for (int result :
+       {DesSetKey(nullptr, out), Des3Set2Key(nullptr, out, out), DesSetKey(nullptr, nullptr),
+        DesEncrypt(nullptr, "x", 1, out, &n), DesEncrypt(&c.des, nullptr, 0, out, &n),
+        DesEncrypt(&c.des, "x", -1, out, &n), DesEncrypt(&c.des, "x", INT32_MAX, out, &n),
+        DesEncrypt(&c.des, "x", 1, nullptr, &n), DesEncrypt(&c.des, "x", 1, out, nullptr),
+        DesDecrypt(nullptr, "12345678", 8, out, &n), DesDecrypt(&c.des, nullptr, 8, out, &n),
+        DesDecrypt(&c.des, "12345678", -8, out, &n),
+        DesDecrypt(&c.des, "12345678", 8, out, nullptr), DesDecrypt(&c.des, "12345678", 1, out, &n),
+        Des3Encrypt(nullptr, "x", 1, out, &n), Des3Encrypt(&c3.des3, "x", -1, out, &n),
+        Des3Decrypt(&c3.des3, "12345678", 1, out, &n),
+        Des3Decrypt(&c3.des3, "12345678", 0, out, &n),
+        Des3Decrypt(nullptr, "12345678", 8, out, &n)})
+    EXPECT_EQ(result, -1);
 }
 
 TEST(Md5, PublishedVectorsWholeInPiecesAndFromFiles) {
@@ -193,8 +189,8 @@ TEST(Md5, PublishedVectorsWholeInPiecesAndFromFiles) {
        "57edf4a22be3c955ac49da2e2107b67a"},
       {std::string(1000000, 'a'), "7707d6ae4e027c70eea2a935c2296f21"},
   };
-  std::string path = testing::TempDir() + "c2ms-md5-XXXXXX";
-  close(mkstemp(path.data()));
+  const Folder folder;
+  const std::string path = folder / "file";
   for (const auto &row : rows) {
     uint8_t digest[kMd5Bytes];
     Md5Val(row.text.data(), static_cast<int64_t>(row.text.size()), digest);
@@ -210,7 +206,7 @@ TEST(Md5, PublishedVectorsWholeInPiecesAndFromFiles) {
     MD5Final(digest, &context);
     EXPECT_EQ(to_hex(digest, sizeof digest), row.digest);
 
-    std::ofstream(path, std::ios::binary) << row.text;
+    write_file(path, row.text);
     EXPECT_EQ(file_md5(path.c_str(), digest), 0);
     EXPECT_EQ(to_hex(digest, sizeof digest), row.digest);
   }
@@ -218,7 +214,6 @@ TEST(Md5, PublishedVectorsWholeInPiecesAndFromFiles) {
   EXPECT_EQ(file_md5("/no/such/file", untouched), -1);
   EXPECT_EQ(file_md5("/", untouched), -1) << "a directory can't be read";
   EXPECT_EQ(untouched[0], 42);
-  std::filesystem::remove(path);
 }
 
 TEST(RandomString, DrawsFromTheAlphabetOfItsKind) {
@@ -263,7 +258,7 @@ TEST(RandomString, DrawsFromTheAlphabetOfItsKind) {
 TEST(RandomString, TheSequenceRestartsInLaterSeconds) {
   char first[16], again[16];
   GetRandomString(first, 1, 1);
-  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  pause_ms(1100);
   GetRandomString(first, sizeof first, 1);
   GetRandomString(again, sizeof again, 1);
   EXPECT_EQ(std::string(first, sizeof first), std::string(again, sizeof again));

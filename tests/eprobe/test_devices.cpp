@@ -254,6 +254,7 @@ TEST(Listen, PausesWithoutASlotAndGoesOnWhenOneIsFree) {
   const int client = tcp_nb_connect2(loopback, port, nullptr);
   ASSERT_EQ(sock_write_ready(client, 5000), 1);
 
+  EXPECT_TRUE(eventually([&] { return engine.core->paused == 1; }));
   EXPECT_LT(cpu_us_within(500), 200000) << "a listener that cannot accept does not spin its worker";
   EXPECT_EQ(recorder.of(IOE_ACCEPTED), 0);
 
