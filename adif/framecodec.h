@@ -39,9 +39,9 @@ int base64ToBin(const frame_t *from, frame_t **to);
 int frame_bin_to_ascii(const frame_t *from, frame_t **to);
 int frame_ascii_to_bin(const frame_t *from, frame_t **to);
 
-/// Readers for decoders, with the byte iterator's results: 0; -1 for null; -100 when the content is
-/// too short, and nothing is taken then. They take from the head, the Last ones from the tail; a
-/// null `out` drops. A multi-byte integer without its last byte is too short here.
+/// Readers for decoders, with the byte iterator's results: 0; -1 for null or a count below 0; -100
+/// when the content is too short, and nothing is taken then. They take from the head, the Last ones
+/// from the tail; a null `out` drops. A multi-byte integer without its last byte is too short here.
 int GetFirstByte(frame_t *frame, uint8_t *out);
 int GetnFirstBytes(frame_t *frame, void *out, int n);
 int GetLastByte(frame_t *frame, uint8_t *out);

@@ -171,6 +171,11 @@ TEST(MemUnit, NullsAndSmallestLengths) {
   }
   EXPECT_TRUE(mem_unit_init(nullptr, 4096) == nullptr && mem_unit_alloc(none, 1) == nullptr &&
               mem_unit_availp(none) == nullptr && mem_unit_endp(none) == nullptr);
+  testing::internal::CaptureStdout();
+  mem_unit_print(unit);
+  const std::string print = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(std::count(print.begin(), print.end(), '\n'), 3)
+      << "the unit, a block in use, the rest";
   putuint32(memory + 1023 - 4, 0x01020304);
   EXPECT_EQ(getuint32(memory + 1023 - 4), 0x01020304u);
 }
