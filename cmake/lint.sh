@@ -95,6 +95,7 @@ compile() {
   for header in "${headers[@]}"; do
     local folder=${header%/*} beside flags
     [[ $folder != include ]] || folder=c2ms
+    [[ $folder != tests ]] || folder=tests/adif
     beside=$(grep -m 1 "^$root/$folder/[^/]*\.cpp"$'\t' <<< "$list" | cut -f 2) || {
       breach no-target "$header" "no compiled source beside it"
       continue

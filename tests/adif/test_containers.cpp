@@ -434,7 +434,9 @@ TEST(HashTable, FollowsAMapUntilABucketAndTheOverflowAreFull) {
   }
   EXPECT_GT(refused, 0);
   EXPECT_EQ(ht_set_hash_func(table.get(), nullptr), model.empty() ? 0 : -2);
+  for (const std::string &key : keys) ht_set(table.get(), key.c_str(), &refused);
   ht_empty(table.get());
+  EXPECT_EQ(ht_num(table.get()) + isFull(table.get()) + table->overflow_used, 0);
   EXPECT_EQ(ht_value(table.get(), keys[0].c_str()), nullptr);
   EXPECT_EQ(defHash("\xFFz"), 255u) << "bytes are unsigned";
 }

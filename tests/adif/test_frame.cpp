@@ -200,122 +200,127 @@ TEST(frame, moves_through_sockets_and_files) {
   EXPECT_EQ(appendFile(out.handle(), path.c_str()), -1);
 }
 
+namespace {
+
+struct arguments {
+  frame_t **h, *f;
+  uint8_t *b;
+  int n;
+  char *t = reinterpret_cast<char *>(b);
+  uint8_t *c = b;
+};
+using A = const arguments &;
+const struct {
+  const char *results;
+  int (*call)(A);
+} family[] = {
+    {"-1 1 1 1 1 1", [](A a) { return putLastByte(a.h, 'x'); }},
+    {"-1 1 0 0 0 1", [](A a) { return putnLastBytes(a.h, a.b, a.n); }},
+    {"-1 1 1 1 1 1", [](A a) { return putFirstByte(a.h, 'x'); }},
+    {"-1 1 -1 0 0 1", [](A a) { return putnFirstBytes(a.h, a.b, a.n); }},
+    {"-1 1 1 0 0 1", [](A a) { return appendnBytes(a.h, 'x', a.n); }},
+    {"-1 -1 1 -1 1 1", [](A a) { return insertByte(a.h, a.n, 'x'); }},
+    {"-1 -1 -1 -1 1 1", [](A a) { return insertBytes(a.h, a.n, a.b, 1); }},
+    {"-1 -1 -1 0 0 1", [](A a) { return insertBytes(a.h, 1, a.b, a.n); }},
+    {"-1 0 3 3 3 3", [](A a) { return appendFrame(a.h, a.f); }},
+    {"-1 -1 2 -1 3 2", [](A a) { return appendFrameBytes(a.h, a.f, a.n, 9); }},
+    {"-1 -1 1 0 0 1", [](A a) { return appendFrameBytes(a.h, a.f, 1, a.n); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return combineFrame(a.h, a.h); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return attachBuffer(a.h, nullptr, a.n); }},
+    {"-1 0 0 0 0 0", [](A a) { return frameGrow(a.h, a.n); }},
+    {"-1 0 0 0 0 0", [](A a) { return frameGrowTo(a.h, a.n); }},
+    {"-1 0 0 0 0 0", [](A a) { return frameGrowHead(a.h, a.n); }},
+    {"-1 -1 97 97 97 97", [](A a) { return getFirstByte(a.f); }},
+    {"-1 -1 1 0 0 1", [](A a) { return getnFirstBytes(a.f, a.b, a.n); }},
+    {"-1 -1 99 99 99 99", [](A a) { return getLastByte(a.f); }},
+    {"-1 -1 1 0 0 1", [](A a) { return getnLastBytes(a.f, a.b, a.n); }},
+    {"-1 -1 98 -1 97 98", [](A a) { return getByte(a.f, a.n); }},
+    {"-1 -1 1 -1 1 1", [](A a) { return getnBytes(a.f, a.n, a.b, 1); }},
+    {"-1 -1 0 0 0 0", [](A a) { return readByte(a.f, a.c); }},
+    {"-1 -1 0 -1 0 0", [](A a) { return readnBytes(a.f, a.b, a.n); }},
+    {"-1 -1 -100 0 0 -100", [](A a) { return readnBytes(a.f, a.b, a.n + 3); }},
+    {"-1 -1 -1 99 -1 -1", [](A a) { return peekByte(a.f, a.n + 3); }},
+    {"-1 -1 1 -1 1 1", [](A a) { return peeknBytes(a.f, a.n, a.b, 1); }},
+    {"-1 -1 1 0 0 1", [](A a) { return copyBytesToArray(a.f, a.b, a.n); }},
+    {"-1 -1 1 -1 1 1", [](A a) { return setByte(a.f, a.n, 'x'); }},
+    {"-1 -1 -1 1 1 -1", [](A a) { return writeByte(a.h, a.n + 3, 'x'); }},
+    {"-1 -1 -1 -1 1 1", [](A a) { return setnBytes(a.f, a.n, a.b, 1); }},
+    {"-1 -1 -1 -1 -1 1", [](A a) { return setnBytes(a.f, 2, a.b, a.n); }},
+    {"-1 -1 1 0 0 1", [](A a) { return truncateFrame(a.f, a.n); }},
+    {"-1 -1 1 0 0 1", [](A a) { return deleteBytes(a.f, a.n); }},
+    {"-1 -1 1 0 0 1", [](A a) { return deleteRearBytes(a.f, a.n); }},
+    {"-1 -1 2 -1 3 2", [](A a) { return deleteMidBytes(a.f, a.n, INT_MAX); }},
+    {"-1 -1 1 0 0 1", [](A a) { return deleteMidBytes(a.f, 1, a.n); }},
+    {"0 0 3 3 3 3", [](A a) { return frameLength(a.f); }},
+    {"0 0 3 3 3 3", [](A a) { return frameSize(a.f) - frameRemaining(a.f); }},
+    {"0 0 1 -1 0 1", [](A a) { return frameSetLength(a.f, a.n); }},
+    {"-1 -1 0 0 0 0", [](A a) { return emptyFrame(a.f); }},
+    {"-1 -1 1 1 1 1", [](A a) { return sign(compareString(a.f, a.t)); }},
+    {"-1 -1 1 1 1 1", [](A a) { return sign(compareCaseString(a.f, a.t)); }},
+    {"0 0 1 1 1 1", [](A a) { return sign(frameCompare(a.f, nullptr)); }},
+    {"-1 -1 -1 -1 -1 0", [](A a) { return copyFrameToString(a.f, a.t, a.n); }},
+    {"-1 -1 -1 -1 1 1", [](A a) { return copyToString(a.f, a.n, 2, a.t, 2); }},
+    {"-1 -1 -1 0 0 1", [](A a) { return copyToString(a.f, 1, a.n, a.t, 2); }},
+    {"-1 2 -1 2 2 2", [](A a) { return copyToFrame(a.h, a.t); }},
+    {"-1 2 -1 2 2 2", [](A a) { return appendString(a.h, a.t); }},
+    {"-1 2 -1 2 2 2", [](A a) { return prependString(a.h, a.t); }},
+    {"-1 1 1 2 1 1", [](A a) { return appendDecimal(a.h, a.n); }},
+    {"0 0 0 0 0 0", [](A a) { return static_cast<int>(frameToLong(a.f)); }},
+    {"-1 -1 3 3 3 3", [](A a) { return stripBlanks(a.f); }},
+    {"-1 -1 0 0 0 0", [](A a) { return StripBlanks(a.f); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return outString(a.f, nullptr); }},
+    {"-1 -1 -1 -1 0 -1", [](A a) { return searchBytes(a.f, a.n, a.b, 1); }},
+    {"-1 -1 -1 -1 -1 0", [](A a) { return searchBytes(a.f, 0, a.b, a.n); }},
+    {"-1 -1 -1 -1 0 0", [](A a) { return reverseSearchBytes(a.f, a.n, a.b, 1); }},
+    {"-1 -1 -1 -1 -1 0", [](A a) { return kmpSearchBytes(a.f, 0, a.b, a.n); }},
+    {"-1 -1 -1 -1 -1 0", [](A a) { return kmpReverseSearchBytes(a.f, 3, a.b, a.n); }},
+    {"-1 -1 -1 -1 0 -1", [](A a) { return searchChar(a.f, a.n, 'a'); }},
+    {"-1 -1 1 -1 -1 1", [](A a) { return reverseSearchChar(a.f, a.n, 'b'); }},
+    {"-1 -1 -1 -1 0 -1", [](A a) { return searchString(a.f, a.n, a.t); }},
+    {"-1 -1 -1 -1 0 -1", [](A a) { return searchCaseString(a.f, a.n, a.t); }},
+    {"0 0 0 1 1 1", [](A a) { return containString(a.f, a.t); }},
+    {"-1 0 -1 -1 -1 1", [](A a) { return replacePattern(a.h, a.b, a.n, "x", 1); }},
+    {"-1 0 1 -1 1 1", [](A a) { return replacePattern(a.h, "a", 1, a.b, a.n); }},
+    {"-1 -1 1 -1 1 1", [](A a) { return replaceBytes(a.h, a.n, 1, "x", 1); }},
+    {"-1 -1 -1 -1 0 1", [](A a) { return replaceBytes(a.h, 1, 1, a.b, a.n); }},
+    {"-1 -1 -1 0 0 -1", [](A a) { return setBit(a.f, a.n + 23, 1); }},
+    {"-1 -1 0 -1 0 0", [](A a) { return shiftBitLeft(a.f, a.n); }},
+    {"-1 -1 0 -1 0 0", [](A a) { return shiftBitRight(a.f, a.n); }},
+    {"-1 -1 1 -1 1 1", [](A a) { return peekUintvar(a.f, a.n, nullptr); }},
+    {"-1 -1 1 1 1 1", [](A a) { return extractUintvar(a.f, nullptr); }},
+    {"-1 -1 2 -1 2 2", [](A a) { return insertUintvar(a.h, a.n, 300); }},
+    {"-1 -1 1 -1 1 1", [](A a) { return decodeNetInt(a.f, a.n, 1, nullptr); }},
+    {"-1 -1 1 -1 -1 1", [](A a) { return decodeNetInt(a.f, 0, a.n, nullptr); }},
+    {"-1 1 1 -1 -1 1", [](A a) { return encodeInt(a.h, 1, a.n); }},
+    {"-1 -1 -1 7 8 -1", [](A a) { return encodeInt(a.h, 1, a.n + 8); }},
+    {"-1 -1 4 4 4 4", [](A a) { return binToBase64(a.f, a.h); }},
+    {"-1 -1 2 2 2 2", [](A a) { return base64ToBin(a.f, a.h); }},
+    {"-1 -1 6 6 6 6", [](A a) { return frame_bin_to_ascii(a.f, a.h); }},
+    {"-1 -1 1 1 1 1", [](A a) { return frame_ascii_to_bin(a.f, a.h); }},
+    {"-1 -1 0 0 0 0", [](A a) { return GetFirstByte(a.f, a.c); }},
+    {"-1 -1 0 -1 0 0", [](A a) { return GetnFirstBytes(a.f, a.b, a.n); }},
+    {"-1 -1 0 0 0 0", [](A a) { return GetLastByte(a.f, a.c); }},
+    {"-1 -1 0 -1 0 0", [](A a) { return GetnLastBytes(a.f, a.b, a.n); }},
+    {"-1 -1 0 0 0 0", [](A a) { return GetUintvar(a.f, nullptr); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFromFile(a.h, nullptr, a.n); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFile(a.h, nullptr); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return writeToFile(a.f, nullptr); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return printToFile(a.f, a.n, 1, nullptr); }},
+    {"0 0 1 1 1 1", [](A a) { return traverseCheck(a.f); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFromSocket(a.h, -1, a.n); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return writeToSocket(a.f, -1); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return frameRecv(a.h, -1, a.n); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return frameSend(a.f, -1); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return frame_tcp_receive(-1, a.h, a.n, 1, nullptr); }},
+    {"-1 -1 -1 -1 -1 -1", [](A a) { return frame_tcp_send(-1, a.f, 1, nullptr); }},
+};
+
+}  // namespace
+
 // Every call without a handle, without a frame, without bytes, and with counts or offsets of -1, 0
 // and 1 on a frame of 3 bytes.
 TEST(frame_family, results_for_bad_and_smallest_arguments) {
-  struct arguments {
-    frame_t **h, *f;
-    uint8_t *b;
-    int n;
-    char *t = reinterpret_cast<char *>(b);
-    uint8_t *c = b;
-  };
-  using A = const arguments &;
-  const struct {
-    const char *results;
-    int (*call)(A);
-  } rows[] = {
-      {"-1 1 1 1 1 1", [](A a) { return putLastByte(a.h, 'x'); }},
-      {"-1 1 0 0 0 1", [](A a) { return putnLastBytes(a.h, a.b, a.n); }},
-      {"-1 1 1 1 1 1", [](A a) { return putFirstByte(a.h, 'x'); }},
-      {"-1 1 -1 0 0 1", [](A a) { return putnFirstBytes(a.h, a.b, a.n); }},
-      {"-1 1 1 0 0 1", [](A a) { return appendnBytes(a.h, 'x', a.n); }},
-      {"-1 -1 1 -1 1 1", [](A a) { return insertByte(a.h, a.n, 'x'); }},
-      {"-1 -1 -1 -1 1 1", [](A a) { return insertBytes(a.h, a.n, a.b, 1); }},
-      {"-1 -1 -1 0 0 1", [](A a) { return insertBytes(a.h, 1, a.b, a.n); }},
-      {"-1 0 3 3 3 3", [](A a) { return appendFrame(a.h, a.f); }},
-      {"-1 -1 2 -1 3 2", [](A a) { return appendFrameBytes(a.h, a.f, a.n, 9); }},
-      {"-1 -1 1 0 0 1", [](A a) { return appendFrameBytes(a.h, a.f, 1, a.n); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return combineFrame(a.h, a.h); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return attachBuffer(a.h, nullptr, a.n); }},
-      {"-1 0 0 0 0 0", [](A a) { return frameGrow(a.h, a.n); }},
-      {"-1 0 0 0 0 0", [](A a) { return frameGrowTo(a.h, a.n); }},
-      {"-1 0 0 0 0 0", [](A a) { return frameGrowHead(a.h, a.n); }},
-      {"-1 -1 97 97 97 97", [](A a) { return getFirstByte(a.f); }},
-      {"-1 -1 1 0 0 1", [](A a) { return getnFirstBytes(a.f, a.b, a.n); }},
-      {"-1 -1 99 99 99 99", [](A a) { return getLastByte(a.f); }},
-      {"-1 -1 1 0 0 1", [](A a) { return getnLastBytes(a.f, a.b, a.n); }},
-      {"-1 -1 98 -1 97 98", [](A a) { return getByte(a.f, a.n); }},
-      {"-1 -1 1 -1 1 1", [](A a) { return getnBytes(a.f, a.n, a.b, 1); }},
-      {"-1 -1 0 0 0 0", [](A a) { return readByte(a.f, a.c); }},
-      {"-1 -1 0 -1 0 0", [](A a) { return readnBytes(a.f, a.b, a.n); }},
-      {"-1 -1 -100 0 0 -100", [](A a) { return readnBytes(a.f, a.b, a.n + 3); }},
-      {"-1 -1 -1 99 -1 -1", [](A a) { return peekByte(a.f, a.n + 3); }},
-      {"-1 -1 1 -1 1 1", [](A a) { return peeknBytes(a.f, a.n, a.b, 1); }},
-      {"-1 -1 1 0 0 1", [](A a) { return copyBytesToArray(a.f, a.b, a.n); }},
-      {"-1 -1 1 -1 1 1", [](A a) { return setByte(a.f, a.n, 'x'); }},
-      {"-1 -1 -1 1 1 -1", [](A a) { return writeByte(a.h, a.n + 3, 'x'); }},
-      {"-1 -1 -1 -1 1 1", [](A a) { return setnBytes(a.f, a.n, a.b, 1); }},
-      {"-1 -1 -1 -1 -1 1", [](A a) { return setnBytes(a.f, 2, a.b, a.n); }},
-      {"-1 -1 1 0 0 1", [](A a) { return truncateFrame(a.f, a.n); }},
-      {"-1 -1 1 0 0 1", [](A a) { return deleteBytes(a.f, a.n); }},
-      {"-1 -1 1 0 0 1", [](A a) { return deleteRearBytes(a.f, a.n); }},
-      {"-1 -1 2 -1 3 2", [](A a) { return deleteMidBytes(a.f, a.n, INT_MAX); }},
-      {"-1 -1 1 0 0 1", [](A a) { return deleteMidBytes(a.f, 1, a.n); }},
-      {"0 0 3 3 3 3", [](A a) { return frameLength(a.f); }},
-      {"0 0 3 3 3 3", [](A a) { return frameSize(a.f) - frameRemaining(a.f); }},
-      {"0 0 1 -1 0 1", [](A a) { return frameSetLength(a.f, a.n); }},
-      {"-1 -1 0 0 0 0", [](A a) { return emptyFrame(a.f); }},
-      {"-1 -1 1 1 1 1", [](A a) { return sign(compareString(a.f, a.t)); }},
-      {"-1 -1 1 1 1 1", [](A a) { return sign(compareCaseString(a.f, a.t)); }},
-      {"0 0 1 1 1 1", [](A a) { return sign(frameCompare(a.f, nullptr)); }},
-      {"-1 -1 -1 -1 -1 0", [](A a) { return copyFrameToString(a.f, a.t, a.n); }},
-      {"-1 -1 -1 -1 1 1", [](A a) { return copyToString(a.f, a.n, 2, a.t, 2); }},
-      {"-1 -1 -1 0 0 1", [](A a) { return copyToString(a.f, 1, a.n, a.t, 2); }},
-      {"-1 2 -1 2 2 2", [](A a) { return copyToFrame(a.h, a.t); }},
-      {"-1 2 -1 2 2 2", [](A a) { return appendString(a.h, a.t); }},
-      {"-1 2 -1 2 2 2", [](A a) { return prependString(a.h, a.t); }},
-      {"-1 1 1 2 1 1", [](A a) { return appendDecimal(a.h, a.n); }},
-      {"0 0 0 0 0 0", [](A a) { return static_cast<int>(frameToLong(a.f)); }},
-      {"-1 -1 3 3 3 3", [](A a) { return stripBlanks(a.f); }},
-      {"-1 -1 0 0 0 0", [](A a) { return StripBlanks(a.f); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return outString(a.f, nullptr); }},
-      {"-1 -1 -1 -1 0 -1", [](A a) { return searchBytes(a.f, a.n, a.b, 1); }},
-      {"-1 -1 -1 -1 -1 0", [](A a) { return searchBytes(a.f, 0, a.b, a.n); }},
-      {"-1 -1 -1 -1 0 0", [](A a) { return reverseSearchBytes(a.f, a.n, a.b, 1); }},
-      {"-1 -1 -1 -1 -1 0", [](A a) { return kmpSearchBytes(a.f, 0, a.b, a.n); }},
-      {"-1 -1 -1 -1 -1 0", [](A a) { return kmpReverseSearchBytes(a.f, 3, a.b, a.n); }},
-      {"-1 -1 -1 -1 0 -1", [](A a) { return searchChar(a.f, a.n, 'a'); }},
-      {"-1 -1 1 -1 -1 1", [](A a) { return reverseSearchChar(a.f, a.n, 'b'); }},
-      {"-1 -1 -1 -1 0 -1", [](A a) { return searchString(a.f, a.n, a.t); }},
-      {"-1 -1 -1 -1 0 -1", [](A a) { return searchCaseString(a.f, a.n, a.t); }},
-      {"0 0 0 1 1 1", [](A a) { return containString(a.f, a.t); }},
-      {"-1 0 -1 -1 -1 1", [](A a) { return replacePattern(a.h, a.b, a.n, "x", 1); }},
-      {"-1 0 1 -1 1 1", [](A a) { return replacePattern(a.h, "a", 1, a.b, a.n); }},
-      {"-1 -1 1 -1 1 1", [](A a) { return replaceBytes(a.h, a.n, 1, "x", 1); }},
-      {"-1 -1 -1 -1 0 1", [](A a) { return replaceBytes(a.h, 1, 1, a.b, a.n); }},
-      {"-1 -1 -1 0 0 -1", [](A a) { return setBit(a.f, a.n + 23, 1); }},
-      {"-1 -1 0 -1 0 0", [](A a) { return shiftBitLeft(a.f, a.n); }},
-      {"-1 -1 0 -1 0 0", [](A a) { return shiftBitRight(a.f, a.n); }},
-      {"-1 -1 1 -1 1 1", [](A a) { return peekUintvar(a.f, a.n, nullptr); }},
-      {"-1 -1 1 1 1 1", [](A a) { return extractUintvar(a.f, nullptr); }},
-      {"-1 -1 2 -1 2 2", [](A a) { return insertUintvar(a.h, a.n, 300); }},
-      {"-1 -1 1 -1 1 1", [](A a) { return decodeNetInt(a.f, a.n, 1, nullptr); }},
-      {"-1 -1 1 -1 -1 1", [](A a) { return decodeNetInt(a.f, 0, a.n, nullptr); }},
-      {"-1 1 1 -1 -1 1", [](A a) { return encodeInt(a.h, 1, a.n); }},
-      {"-1 -1 -1 7 8 -1", [](A a) { return encodeInt(a.h, 1, a.n + 8); }},
-      {"-1 -1 4 4 4 4", [](A a) { return binToBase64(a.f, a.h); }},
-      {"-1 -1 2 2 2 2", [](A a) { return base64ToBin(a.f, a.h); }},
-      {"-1 -1 6 6 6 6", [](A a) { return frame_bin_to_ascii(a.f, a.h); }},
-      {"-1 -1 1 1 1 1", [](A a) { return frame_ascii_to_bin(a.f, a.h); }},
-      {"-1 -1 0 0 0 0", [](A a) { return GetFirstByte(a.f, a.c); }},
-      {"-1 -1 0 -1 0 0", [](A a) { return GetnFirstBytes(a.f, a.b, a.n); }},
-      {"-1 -1 0 0 0 0", [](A a) { return GetLastByte(a.f, a.c); }},
-      {"-1 -1 0 -1 0 0", [](A a) { return GetnLastBytes(a.f, a.b, a.n); }},
-      {"-1 -1 0 0 0 0", [](A a) { return GetUintvar(a.f, nullptr); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFromFile(a.h, nullptr, a.n); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFile(a.h, nullptr); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return writeToFile(a.f, nullptr); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return printToFile(a.f, a.n, 1, nullptr); }},
-      {"0 0 1 1 1 1", [](A a) { return traverseCheck(a.f); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFromSocket(a.h, -1, a.n); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return writeToSocket(a.f, -1); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return frameRecv(a.h, -1, a.n); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return frameSend(a.f, -1); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return frame_tcp_receive(-1, a.h, a.n, 1, nullptr); }},
-      {"-1 -1 -1 -1 -1 -1", [](A a) { return frame_tcp_send(-1, a.f, 1, nullptr); }},
-  };
-  for (const auto &row : rows) {
+  for (const auto &row : family) {
     std::string results;
     for (int column = 0; column < 6; ++column) {
       holder held;
@@ -326,11 +331,12 @@ TEST(frame_family, results_for_bad_and_smallest_arguments) {
       const int result = row.call({handle, held.get(), column == 2 ? nullptr : bytes, n});
       results += (column > 0 ? " " : "") + std::to_string(result);
       if (result < 0 && held.get() != nullptr) {
-        EXPECT_EQ(held.text(), column > 1 ? "abc" : "") << "row " << &row - rows;
+        EXPECT_EQ(held.text(), column > 1 ? "abc" : "") << "row " << &row - family;
       }
-      EXPECT_EQ(traverseCheck(held.get()), held.get() != nullptr ? 1 : 0) << "row " << &row - rows;
+      EXPECT_EQ(traverseCheck(held.get()), held.get() != nullptr ? 1 : 0)
+          << "row " << &row - family;
     }
-    EXPECT_EQ(results, row.results) << "row " << &row - rows;
+    EXPECT_EQ(results, row.results) << "row " << &row - family;
   }
 }
 
