@@ -23,15 +23,6 @@ namespace {
 
 using namespace c2ms;
 
-// The body of a complete control response behind its result, deciphered when it must be. -1: it
-// can't be.
-int body_of(c2ms_unit *unit, uint8_t (&scratch)[max_pdu_bytes], const uint8_t **body) {
-  constexpr int offset = pdu_header_bytes + 4;
-  const int length = static_cast<int>(unit->response.total_length) - offset;
-  return plain_body(unit->request, unit->response.result, bytePointer(unit->frame) + offset, length,
-                    scratch, body);
-}
-
 // The status that a server's answer means for the session. True: it refused, and the node is gone.
 bool refused(c2ms_sess *session, c2ms_node *node, uint32_t result) {
   c2ms_sess_set_status(session, static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
@@ -47,6 +38,31 @@ int check_response(const c2ms_sess *session, const c2ms_node *node, const c2ms_u
   if (unit == nullptr) return -3;
   if (session->mgmt == nullptr) return -4;
   return unit->state == UNIT_END ? 0 : -100;
+}
+
+// The body of a control response behind its result, in the clear.
+struct control_body {
+  uint8_t scratch[max_pdu_bytes];
+  const uint8_t *bytes = nullptr;
+  int length = 0;
+};
+
+int not_understood(c2ms_node *node) {
+  c2ms_node_retry(node);
+  return -300;
+}
+
+// What the handling of every control response begins with. 0, or the handler's result.
+int open_body(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, control_body *body) {
+  const int bad = check_response(session, node, unit);
+  if (bad != 0) return bad;
+  const uint32_t result = unit->response.result;
+  if (refused(session, node, result)) return -200;
+  constexpr int offset = pdu_header_bytes + 4;
+  const int length = static_cast<int>(unit->response.total_length) - offset;
+  body->length = plain_body(unit->request, result, bytePointer(unit->frame) + offset, length,
+                            body->scratch, &body->bytes);
+  return body->length < 0 ? not_understood(node) : 0;
 }
 
 // Media nodes that never became ready make room for what a new list names.
@@ -238,35 +254,23 @@ int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandGuard &str
 }
 
 int c2ms_node_recv_srvlist(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
-  const int bad = check_response(session, node, unit);
+  control_body body;
+  const int bad = open_body(session, node, unit, &body);
   if (bad != 0) return bad;
-  if (refused(session, node, unit->response.result)) return -200;
-  uint8_t scratch[max_pdu_bytes];
-  const uint8_t *body = nullptr;
-  const int length = body_of(unit, scratch, &body);
   list_entry entries[max_list_entries];
-  const int count = length < 0 ? -1 : parse_server_list(body, length, entries);
-  if (count < 0) {
-    c2ms_node_retry(node);
-    return -300;
-  }
+  const int count = parse_server_list(body.bytes, body.length, entries);
+  if (count < 0) return not_understood(node);
   if (node->level == 0) replace_unready(session);
   for (int i = 0; i < count; ++i) open_listed(session, node, entries[i]);
   return 0;
 }
 
 int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
-  const int bad = check_response(session, node, unit);
+  control_body body;
+  const int bad = open_body(session, node, unit, &body);
   if (bad != 0) return bad;
-  if (refused(session, node, unit->response.result)) return -200;
-  uint8_t scratch[max_pdu_bytes];
-  const uint8_t *body = nullptr;
-  const int length = body_of(unit, scratch, &body);
   description media;
-  if (length < 0 || !parse_description(body, length, &media)) {
-    c2ms_node_retry(node);
-    return -300;
-  }
+  if (!parse_description(body.bytes, body.length, &media)) return not_understood(node);
   node->load = media.load;
   if (session->desc_count == 0) {
     std::memcpy(session->media_name, media.name, sizeof session->media_name);
