@@ -2,18 +2,15 @@
 // requests by hand, knows no state and reads bytes as they come.
 #pragma once
 
-#include <arpa/inet.h>
-#include <gcrypt.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <string>
 
+#include "../support.h"
 #include "testing/media_server.h"
 
 namespace rawtest {
@@ -44,33 +41,16 @@ inline bytes make_request(uint32_t command, uint32_t sequence, const refserver::
   return out;
 }
 
-inline bytes from_hex(const std::string &text) {
-  bytes out;
-  for (size_t i = 0; i + 1 < text.size(); i += 2)
-    out.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
-  return out;
-}
-
 /// Fills auth, stamp and key id from a URL of the server.
 inline void sign(bytes &request, const std::string &url) {
   const auto after = [&url](const char *key) { return url.substr(url.find(key) + strlen(key)); };
-  const bytes auth = from_hex(after("auth=").substr(0, 32));
-  std::copy(auth.begin(), auth.end(), request.begin() + 62);
+  const std::string auth = after("auth=");
+  for (size_t i = 0; i < 16; ++i)
+    request[62 + i] = static_cast<uint8_t>(std::stoi(auth.substr(2 * i, 2), nullptr, 16));
   const auto stamp = static_cast<int32_t>(std::stoul(after("stamp=")));
   refserver::put32(&request[78], stamp < 0 ? 0xffffffff : 0);
   refserver::put32(&request[82], static_cast<uint32_t>(stamp));
   refserver::put32(&request[86], static_cast<uint32_t>(std::stoul(after("keyid="))));
-}
-
-/// Single DES, ECB, padding left in; empty when `data` are no whole blocks.
-inline bytes decipher_blocks(const bytes &key, bytes data) {
-  gcry_cipher_hd_t cipher;
-  gcry_cipher_open(&cipher, GCRY_CIPHER_DES, GCRY_CIPHER_MODE_ECB, 0);
-  gcry_cipher_ctl(cipher, GCRYCTL_SET_ALLOW_WEAK_KEY, nullptr, 1);
-  gcry_cipher_setkey(cipher, key.data(), key.size());
-  if (gcry_cipher_decrypt(cipher, data.data(), data.size(), nullptr, 0) != 0) data.clear();
-  gcry_cipher_close(cipher);
-  return data;
 }
 
 class raw_client {
@@ -107,18 +87,16 @@ class raw_client {
   /// One whole response with its media bytes.
   bytes receive_response() {
     bytes out = receive(4);
-    if (out.size() < 4) return out;
-    const bytes rest = receive(refserver::get32(out.data()) - 4);
-    out.insert(out.end(), rest.begin(), rest.end());
-    if (out.size() < 37 || refserver::get32(&out[4]) != 0x80000003) return out;
-    const bytes media = receive(refserver::get32(&out[32]));
-    out.insert(out.end(), media.begin(), media.end());
+    if (out.size() == 4) append(out, refserver::get32(out.data()) - 4);
+    if (out.size() >= 37 && refserver::get32(&out[4]) == 0x80000003)
+      append(out, refserver::get32(&out[32]));
     return out;
   }
 
-  /// What follows on the stream within `ms`: "bytes", "closed", "reset" or "open" (nothing).
-  std::string ending(int ms) {
-    if (!readable(ms)) return "open";
+  /// What follows on the stream: "bytes", "closed", "reset" or, after 20 ms of silence if that is
+  /// `expected`, else after 20 s, "open".
+  std::string ending(const std::string &expected = "open") {
+    if (!readable(expected == "open" ? 20 : 20'000)) return "open";
     uint8_t byte;
     const ssize_t n = recv(fd_, &byte, 1, 0);
     return n > 0 ? "bytes" : n == 0 ? "closed" : errno == ECONNRESET ? "reset" : strerror(errno);
@@ -128,6 +106,10 @@ class raw_client {
   bool readable(int ms) const {
     pollfd wanted{fd_, POLLIN, 0};
     return poll(&wanted, 1, ms) > 0;
+  }
+  void append(bytes &out, size_t count) {
+    const bytes more = receive(count);
+    out.insert(out.end(), more.begin(), more.end());
   }
 
   int fd_ = -1;
