@@ -64,7 +64,8 @@ TEST_F(Life, CyclesLeaveNothingBehind) {
   for (int i = 0; i < cycles && !HasFatalFailure(); ++i) cycle(i);
   EXPECT_TRUE(eventually(settled));
   EXPECT_TRUE(eventually([&] { return open_descriptors() <= descriptors; }));
-  EXPECT_LT(static_cast<double>(resident_kib() - memory), 2048 * slack);
+  // What is freed stays resident in a sanitizer's quarantine; leaks are its own to find.
+  EXPECT_TRUE(sanitized || resident_kib() - memory < 2048);
   const c2ms_mgmt *const mgmt = library.get();
   EXPECT_EQ(in_use(mgmt->sess_pool), 0);
   EXPECT_EQ(in_use(mgmt->node_pool), 0);

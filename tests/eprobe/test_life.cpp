@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <regex>
 #include <string>
@@ -227,9 +228,17 @@ TEST(Monitor, AppendsAReportEachPeriod) {
 
 TEST(FatalDeathTest, EndsAsOperatorsKnowIt) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
+  // Until the process exits: what a sanitizer looks at then needs descriptors.
   const auto without_descriptors = [](auto call) {
-    const rlimit none{4, 4};
-    setrlimit(RLIMIT_NOFILE, &none);
+    const auto allow = [](rlim_t count) {
+      rlimit limit{};
+      getrlimit(RLIMIT_NOFILE, &limit);
+      limit.rlim_cur = std::min(count, limit.rlim_max);
+      setrlimit(RLIMIT_NOFILE, &limit);
+    };
+    static const auto again = allow;
+    std::atexit([] { again(RLIM_INFINITY); });
+    allow(4);
     call();
   };
   EXPECT_EXIT(without_descriptors([] { probe_init(5, 8); }), testing::ExitedWithCode(2), "");
