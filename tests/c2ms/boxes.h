@@ -19,11 +19,6 @@ inline std::string box(const char *type, const std::string &content) {
   return big_endian(content.size() + 8, 4) + type + content;
 }
 
-/// The same with the size in 64 bits.
-inline std::string box64(const char *type, const std::string &content) {
-  return big_endian(1, 4) + type + big_endian(content.size() + 16, 8) + content;
-}
-
 /// A header alone, with a size that may be wrong; the 64-bit size follows when `size` is 1.
 inline std::string header(uint64_t size, const char *type, uint64_t size64 = 0) {
   return big_endian(size, 4) + type + (size == 1 ? big_endian(size64, 8) : "");
