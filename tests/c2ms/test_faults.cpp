@@ -42,45 +42,37 @@ TEST_P(OneOfFour, LeavesTheBytesExact) {
 
 constexpr double at_once = 1.0, stall = 14.0;
 
-INSTANTIATE_TEST_SUITE_P(
-    Kinds, OneOfFour,
-    ::testing::Values(
-        misbehaviour{"refuse", {.kind = fault_kind::refuse, .on = 7}, at_once},
-        misbehaviour{"close_before", {.kind = fault_kind::close_at}, at_once},
-        misbehaviour{"close_in_header", {.kind = fault_kind::close_at, .value = 5}, at_once},
-        misbehaviour{"close_in_body", {.kind = fault_kind::close_at, .value = 20}, at_once},
-        misbehaviour{"close_in_payload",
-                     {.kind = fault_kind::close_at, .value = 30'000, .from = 2},
-                     at_once},
-        misbehaviour{"reset_in_payload",
-                     {.kind = fault_kind::reset_at, .value = 40'000, .from = 3},
-                     at_once},
-        misbehaviour{"reset_in_header", {.kind = fault_kind::reset_at, .value = 13}, at_once},
-        misbehaviour{"drop_accepted", {.kind = fault_kind::drop_accepted, .on = 7}, at_once},
-        misbehaviour{"mute", {.kind = fault_kind::mute}, stall},
-        misbehaviour{"stall", {.kind = fault_kind::stall_at, .value = 10'000}, stall},
-        misbehaviour{"drip_header", {.kind = fault_kind::drip, .value = 37, .ms = 1}, at_once},
-        misbehaviour{"twice", {.kind = fault_kind::twice}, at_once},
-        misbehaviour{"unsolicited", {.kind = fault_kind::unsolicited}, at_once},
-        misbehaviour{"wrong_command", {.kind = fault_kind::wrong_command}, at_once},
-        misbehaviour{"wrong_sequence", {.kind = fault_kind::wrong_sequence}, at_once},
-        misbehaviour{"wrong_version", {.kind = fault_kind::wrong_version}, at_once},
-        misbehaviour{"length_1025", {.kind = fault_kind::total_length, .value = 1025}, at_once},
-        misbehaviour{"length_2_31", {.kind = fault_kind::total_length, .value = 1u << 31}, at_once},
-        misbehaviour{
-            "length_2_32", {.kind = fault_kind::total_length, .value = UINT32_MAX}, at_once},
-        misbehaviour{"length_13", {.kind = fault_kind::total_length, .value = 13}, at_once},
-        misbehaviour{"length_0", {.kind = fault_kind::total_length, .value = 0}, at_once},
-        misbehaviour{"short_pdu", {.kind = fault_kind::short_pdu, .value = 30}, at_once},
-        misbehaviour{"payload_longer", {.kind = fault_kind::payload_longer}, at_once},
-        misbehaviour{
-            "payload_shorter", {.kind = fault_kind::payload_shorter, .value = 1000}, at_once},
-        misbehaviour{"payload_empty", {.kind = fault_kind::payload_empty}, at_once},
-        misbehaviour{"refusal", {.kind = fault_kind::refusal, .value = 10}, at_once},
-        misbehaviour{"down_for_a_while",
-                     {.kind = fault_kind::down, .ms = 700, .from = 3, .count = 1},
-                     at_once}),
-    [](const auto &test) { return std::string(test.param.name); });
+const misbehaviour kinds[] = {
+    {"refuse", {.kind = fault_kind::refuse, .on = 7}, at_once},
+    {"close_before", {.kind = fault_kind::close_at}, at_once},
+    {"close_in_header", {.kind = fault_kind::close_at, .value = 5}, at_once},
+    {"close_in_body", {.kind = fault_kind::close_at, .value = 20}, at_once},
+    {"close_in_payload", {.kind = fault_kind::close_at, .value = 30'000, .from = 2}, at_once},
+    {"reset_in_payload", {.kind = fault_kind::reset_at, .value = 40'000, .from = 3}, at_once},
+    {"reset_in_header", {.kind = fault_kind::reset_at, .value = 13}, at_once},
+    {"drop_accepted", {.kind = fault_kind::drop_accepted, .on = 7}, at_once},
+    {"mute", {.kind = fault_kind::mute}, stall},
+    {"stall", {.kind = fault_kind::stall_at, .value = 10'000}, stall},
+    {"drip_header", {.kind = fault_kind::drip, .value = 37, .ms = 1}, at_once},
+    {"twice", {.kind = fault_kind::twice}, at_once},
+    {"unsolicited", {.kind = fault_kind::unsolicited}, at_once},
+    {"wrong_command", {.kind = fault_kind::wrong_command}, at_once},
+    {"wrong_sequence", {.kind = fault_kind::wrong_sequence}, at_once},
+    {"wrong_version", {.kind = fault_kind::wrong_version}, at_once},
+    {"length_1025", {.kind = fault_kind::total_length, .value = 1025}, at_once},
+    {"length_2_31", {.kind = fault_kind::total_length, .value = 1u << 31}, at_once},
+    {"length_2_32", {.kind = fault_kind::total_length, .value = UINT32_MAX}, at_once},
+    {"length_13", {.kind = fault_kind::total_length, .value = 13}, at_once},
+    {"length_0", {.kind = fault_kind::total_length, .value = 0}, at_once},
+    {"short_pdu", {.kind = fault_kind::short_pdu, .value = 30}, at_once},
+    {"payload_longer", {.kind = fault_kind::payload_longer}, at_once},
+    {"payload_shorter", {.kind = fault_kind::payload_shorter, .value = 1000}, at_once},
+    {"payload_empty", {.kind = fault_kind::payload_empty}, at_once},
+    {"refusal", {.kind = fault_kind::refusal, .value = 10}, at_once},
+    {"down_for_a_while", {.kind = fault_kind::down, .ms = 700, .from = 3, .count = 1}, at_once}};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, OneOfFour, ::testing::ValuesIn(kinds),
+                         [](const auto &test) { return std::string(test.param.name); });
 
 // What a hostile description or list may do: nothing is served by such a server, nothing is
 // believed.

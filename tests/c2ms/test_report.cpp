@@ -202,6 +202,8 @@ TEST_F(Reporting, RefusedBeginsAreTriedAgain) {
   service.set_report({});
   check(film.get());
   EXPECT_EQ(film.get()->auth_state + film.get()->perf_state, 2);
+  // Nobody waits for an alive to be taken.
+  EXPECT_TRUE(eventually([&] { return count(report_channel::agent, 259) == 1; }));
   EXPECT_EQ(service.story(report_channel::agent),
             "ping, play_begin, ping, play_begin, ping, play_begin, play_alive");
   EXPECT_TRUE(eventually([&] { return count(report_channel::performance, 259) == 1; }));
