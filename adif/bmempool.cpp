@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "adif/bmempool_rest.h"
 #include "adif/kalloc.h"
 
 using adif::section_guard;
@@ -53,7 +54,7 @@ bool reserve(block_pool *pool, int32_t count) {
   if (count <= list.capacity) return true;
   const int64_t doubled = std::min<int64_t>(int64_t{list.capacity} * 2, INT32_MAX);
   const int64_t capacity = std::max<int64_t>({kFirstSlots, doubled, count});
-  auto *const slots = static_cast<void **>(kalloc_dbg(capacity * int64_t{sizeof(void *)}));
+  auto *const slots = static_cast<pool_slot *>(kalloc_dbg(capacity * int64_t{sizeof(pool_slot)}));
   if (slots == nullptr) return false;
   const int32_t to_end = std::min(pool->free_count, list.capacity - list.first);
   std::copy_n(list.slots + list.first, to_end, slots);
@@ -66,16 +67,17 @@ bool reserve(block_pool *pool, int32_t count) {
 void append(block_pool *pool, void *unit) {
   auto &list = pool->free_list;
   const int64_t end = int64_t{list.first} + pool->free_count;
-  list.slots[end % list.capacity] = unit;
+  list.slots[end % list.capacity] = {unit, adif::lay_to_rest(pool, unit)};
   ++pool->free_count;
 }
 
 void *take_first(block_pool *pool) {
   auto &list = pool->free_list;
-  void *const unit = list.slots[list.first];
+  const pool_slot slot = list.slots[list.first];
   list.first = list.first + 1 == list.capacity ? 0 : list.first + 1;
   --pool->free_count;
-  return unit;
+  adif::wake_from_rest(pool, slot);
+  return slot.unit;
 }
 
 // Repeats an allocation until it succeeds: the pool does not give up. A test may end it.
@@ -89,15 +91,18 @@ auto insist(Allocate allocate) {
   return result;
 }
 
-void grow(block_pool *pool) {
+// Room for all units that exist, so that giving one back never needs memory.
+bool reserve_for_one_more(block_pool *pool) {
+  const int32_t all = std::max(pool->allocated, pool->free_count) + 1;
+  return insist([&] { return reserve(pool, all); });
+}
+
+void grow(block_pool *pool, int32_t batch) {
   if (pool->unit_size < 1) return;
-  const int32_t batch = std::max(pool->escalate, 1);
   for (int32_t i = 0; i < batch; ++i) {
     if (pool->limit != 0 && pool->allocated >= pool->maximum) return;
     if (pool->allocated == INT32_MAX) return;
-    // Room for all units that exist, so that giving one back never needs memory.
-    const int32_t all = std::max(pool->allocated, pool->free_count) + 1;
-    if (!insist([&] { return reserve(pool, all); })) return;
+    if (!reserve_for_one_more(pool)) return;
     void *const unit = insist([&] { return kzalloc_dbg(pool->unit_size); });
     if (unit == nullptr) return;
     ++pool->allocated;
@@ -129,10 +134,25 @@ void recover(block_pool *pool) {
   pool->alert_state = -1;
 }
 
+// Bypassed units at rest are not taken again.
+void *take_new(block_pool *pool) {
+  if (pool->unit_size < 1 || pool->allocated == INT32_MAX || !reserve_for_one_more(pool))
+    return nullptr;
+  void *const unit = insist([&] { return kzalloc_dbg(pool->unit_size); });
+  if (unit != nullptr) ++pool->allocated;
+  return unit;
+}
+
+void *take_oldest(block_pool *pool) {
+  const int32_t resting = pool->mode == adif::pool_mode::quarantine ? adif::kQuarantine : 0;
+  if (pool->free_count <= resting && pool->auto_alloc != 0)
+    grow(pool, std::max(pool->escalate, 1) + resting - pool->free_count);
+  return pool->free_count == 0 ? nullptr : take_first(pool);
+}
+
 void *take(block_pool *pool) {
-  if (pool->free_count == 0 && pool->auto_alloc != 0) grow(pool);
-  if (pool->free_count == 0) return nullptr;
-  void *const unit = take_first(pool);
+  void *const unit = adif::bypasses(pool) ? take_new(pool) : take_oldest(pool);
+  if (unit == nullptr) return nullptr;
   ++pool->in_use;
   alert(pool);
   return unit;
@@ -160,6 +180,7 @@ block_pool *BPoolInit(block_pool *storage) {
   if (place == nullptr) return nullptr;
   auto *const pool = new (place) block_pool{};
   pool->owned = storage == nullptr;
+  pool->mode = adif::current_pool_mode();
   pool->wakeup = CreateEvent();
   if (pool->wakeup == nullptr) {
     if (pool->owned) kfree_dbg(pool);
@@ -196,6 +217,13 @@ int setFreeFunc(block_pool *pool, pool_unit_fn fn) {
 
 int setGetSizeFunc(block_pool *pool, pool_unit_fn fn) {
   return setting(pool, 0, [=] { pool->get_size = fn; });
+}
+
+int setRestSpans(block_pool *pool, const pool_span *spans, int count) {
+  return setting(pool, 0, [=] {
+    pool->rest_spans = spans;
+    pool->rest_span_count = count;
+  });
 }
 
 int setLimit(block_pool *pool, int flag) {
@@ -271,8 +299,13 @@ int recycleUnit(block_pool *pool, void *unit) {
       free_unit(pool->free_fn, unit);
       return 0;
     }
-    if (!reserve(pool, pool->free_count + 1)) return -1;
-    append(pool, unit);
+    if (adif::frees_on_return(pool)) {
+      free_unit(pool->free_fn, unit);
+      --pool->allocated;
+    } else {
+      if (!reserve(pool, pool->free_count + 1)) return -1;
+      append(pool, unit);
+    }
     --pool->in_use;
     ++pool->changes;
     wake = pool->waiters > 0;
@@ -297,7 +330,10 @@ int BPoolCleanup(block_pool *pool) {
   }
   pthread_cond_destroy(&pool->drained);
   DeleteCriticalSection(&pool->lock);
-  while (pool->auto_alloc != 0 && pool->free_count > 0) free_unit(pool->free_fn, take_first(pool));
+  while (pool->free_count > 0) {
+    void *const unit = take_first(pool);
+    if (pool->auto_alloc != 0) free_unit(pool->free_fn, unit);
+  }
   kfree_dbg(pool->free_list.slots);
   DestroyEvent(pool->wakeup);
   if (pool->owned != 0) kfree_dbg(pool);
@@ -313,7 +349,7 @@ bool pool_invariant(block_pool *pool) {
   if (list.capacity < pool->allocated || list.first < 0) return false;
   if (list.capacity > 0 && list.first >= list.capacity) return false;
   for (int32_t i = 0; i < pool->free_count; ++i) {
-    if (list.slots[(int64_t{list.first} + i) % list.capacity] == nullptr) return false;
+    if (list.slots[(int64_t{list.first} + i) % list.capacity].unit == nullptr) return false;
   }
   return true;
 }

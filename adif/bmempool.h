@@ -6,6 +6,8 @@
 // used again. New units are zeroed, recycled ones keep their bytes. All calls but BPoolInit() and
 // BPoolCleanup() may be made by any thread; only blockFetchUnit() waits. Callbacks other than
 // `init_fn` run with the pool's lock held and must not call the pool.
+//
+// Recycling hides a use after the return from sanitizers. The test modes show it (adif::pool_mode).
 #pragma once
 
 #include <pthread.h>
@@ -17,6 +19,36 @@
 
 using pool_unit_fn = int (*)(void *unit);
 using pool_alert_fn = int (*)(void *arg);
+
+/// A part of a unit that nobody may touch between its return and its next fetch.
+struct pool_span {
+  uint32_t offset;
+  uint32_t size;
+};
+
+/// A unit at rest and, in the test modes, what its untouchable parts held when it was given back.
+struct pool_slot {
+  void *unit;
+  uint64_t seal;
+};
+
+namespace adif {
+
+/// What a pool does with units that are given back.
+enum class pool_mode : uint8_t {
+  recycle,     ///< hands them out again, the oldest first: as players get it
+  quarantine,  ///< the same, but each rests until many others have been given back after it
+  bypass,      ///< never again: each fetch is an allocation of its own
+};
+
+/// For tests: the mode of pools made from now on, process-wide. In the last two a unit's
+/// untouchable spans (setRestSpans) are watched while it rests: under the address sanitizer they
+/// are poisoned, otherwise a changed byte aborts when the unit is fetched or freed. A bypassed unit
+/// is freed at once when all of it is untouchable, otherwise it rests until BPoolCleanup(). Pools
+/// with a limit never bypass.
+void pool_test_mode(pool_mode mode);
+
+}  // namespace adif
 
 struct block_pool {
   uint8_t owned;            ///< the record itself came from BPoolInit()
@@ -38,7 +70,7 @@ struct block_pool {
   int32_t alert_state;    ///< 1 after an alert, -1 after a recovery
   CRITICAL_SECTION lock;  ///< guards everything here but `changes`
   struct {
-    void **slots;
+    pool_slot *slots;
     int32_t capacity;
     int32_t first;
   } free_list;  ///< ring of `free_count` units, oldest at `first`; holds all that were allocated
@@ -47,6 +79,9 @@ struct block_pool {
   bool closing;
   pthread_cond_t drained;         ///< with `lock`: the last waiter of a closing pool has left
   std::atomic<uint32_t> changes;  ///< moves whenever a waiter should look again
+  adif::pool_mode mode;           ///< fixed by BPoolInit()
+  const pool_span *rest_spans;    ///< as setRestSpans()
+  int32_t rest_span_count;
 };
 
 /// A pool in `storage` (its old content is lost), or in a new record when null. Everything is off
@@ -63,6 +98,10 @@ int setLimit(block_pool *pool, int flag);
 int setInitFunc(block_pool *pool, pool_unit_fn fn);  ///< called on each unit handed out, unlocked
 int setFreeFunc(block_pool *pool, pool_unit_fn fn);  ///< frees a unit; null: kfree_dbg()
 int setGetSizeFunc(block_pool *pool, pool_unit_fn fn);  ///< tells a unit's size in bytes
+/// The parts of a unit that are untouchable while it rests; `spans` must outlive the pool. For the
+/// test modes; set before the first fetch. A span of the unit's whole size says that units may be
+/// freed.
+int setRestSpans(block_pool *pool, const pool_span *spans, int count);
 /// Bounds the units ever allocated, when the limit is on. Returns the bound before; -1 for null.
 int setMaximum(block_pool *pool, int n);
 /// Watermarks, below 1: none. 0; -1 for null.

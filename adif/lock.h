@@ -35,8 +35,9 @@ class CAPABILITY("mutex") Mutex {
     mutex_.lock();
   }
   void unlock() RELEASE() {
+    const uint8_t rank = rank_;  // once unlocked, the record may be another thread's to give back
     mutex_.unlock();
-    rank_leave(rank_);
+    rank_leave(rank);
   }
 
  private:

@@ -78,7 +78,7 @@ timespec to_timespec(steady_clock::time_point deadline) {
 seconds whole_seconds(float value) {
   constexpr float century = 3.2e9F;
   if (std::isnan(value)) return seconds(0);
-  return seconds(static_cast<int64_t>(std::fmin(std::fmax(value, -century), century)));
+  return seconds(static_cast<int64_t>(std::clamp(value, -century, century)));
 }
 
 }  // namespace
@@ -91,6 +91,15 @@ int TimedWaitEvent(event *e, float timeout_seconds) {
 }
 
 namespace adif {
+
+void signal_lasting_event(event *e, uint32_t value) {
+  if (e == nullptr) return;
+  {
+    const section_guard guard(&e->lock);
+    e->value = value;
+  }
+  pthread_cond_signal(&e->cond);
+}
 
 bool sleep_on_event(event *e, steady_clock::time_point deadline) {
   if (deadline == steady_clock::time_point::max()) {

@@ -68,6 +68,10 @@ class [[nodiscard]] section_guard {
   CRITICAL_SECTION *const section_;
 };
 
+/// SetEvent() for an event that nobody destroys while it is signalled: signals with the event's
+/// lock left, so that a waiter of the same processor is not woken only to wait for that lock.
+void signal_lasting_event(event *e, uint32_t value);
+
 /// One sleep of WaitEventUntil(), with the event's lock held. False once the deadline has passed.
 bool sleep_on_event(event *e, std::chrono::steady_clock::time_point deadline);
 

@@ -111,7 +111,6 @@ int set_blocking_mode(int fd, int nonblocking) {
 /// Starts the connection on `socket`; the descriptor, or -1 with the socket closed.
 int begin_connect(fd_guard socket, uint32_t address, int port, int *error) {
   set_tcp_options(socket.get());
-  set_socket_nonblocking(socket.get());
   const sockaddr_in name = inet_name(address, port);
   if (connect(socket.get(), generic(name), sizeof name) != 0 && errno != EINPROGRESS &&
       errno != EAGAIN)
@@ -183,7 +182,7 @@ int tcp_nb_connect(const char *host, int port, uint32_t, uint32_t, int *error) {
   adif::check(port >= 0 && port <= 65535, "dstport >= 0 && dstport <= 65535", "adif/tsock");
   const uint32_t address = sock_get_hostip(host);
   if (address == SOCK_NO_ADDRESS) return -1;
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd == -1) return -1;
   return begin_connect(fd_guard(fd), address, port, error);
 }
@@ -191,7 +190,7 @@ int tcp_nb_connect(const char *host, int port, uint32_t, uint32_t, int *error) {
 int tcp_nb_connect2(uint32_t address, int port, int *error) {
   set_error(error);
   adif::check(port >= 0 && port <= 65535, "dstport >= 0 && dstport <= 65535", "adif/tsock");
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd == 0) close(fd);
   if (fd < 1) return -1;
   return begin_connect(fd_guard(fd), address, port, error);
