@@ -99,6 +99,11 @@ int probe_barrier(rac_core *core);
 rac_connection *ConnectRemote2(rac_core *core, const void *address, uint16_t port, uintptr_t para,
                                int *result, probe_handler handler, void *arg);
 
+/// The same on the worker of the given number (modulo their number): connections that belong
+/// together cost one wake-up between them when several are ready.
+rac_connection *ConnectRemoteAt(rac_core *core, uint32_t worker, const void *address, uint16_t port,
+                                uintptr_t para, probe_handler handler, void *arg);
+
 /// Listens on TCP `port` of every local address (0: the system chooses one; see
 /// GetDeviceLocalPort). Connections come as IOE_ACCEPTED with kind PROBE_TCP_SERVER and the
 /// listener's para, handler and arg. Without a free slot or descriptor accepting pauses until a

@@ -85,20 +85,37 @@ std::vector<rac_connection *> make_udp_group(rac_core *core, int fd, const owner
   return group;
 }
 
+/// A connection under way that no base has yet.
+rac_connection *start_connecting(rac_core *core, const void *address, uint16_t port,
+                                 const owner &who) {
+  if (core == nullptr || address == nullptr) return nullptr;
+  int status = 0;
+  const int fd = tcp_nb_connect2(address_at(address), port, &status);
+  if (fd == -1 || status < 0) return nullptr;
+  rac_connection *c = make_device(core, fd, PROBE_TCP_CLIENT, who);
+  if (c == nullptr) return nullptr;
+  c->write->accept = true;
+  c->write->handler = process_connect_event;
+  return c;
+}
+
 }  // namespace
 
 rac_connection *ConnectRemote2(rac_core *core, const void *address, uint16_t port, uintptr_t para,
                                int *result, probe_handler handler, void *arg) {
   set_result(result, -1);
-  if (core == nullptr || address == nullptr) return nullptr;
-  int status = 0;
-  const int fd = tcp_nb_connect2(address_at(address), port, &status);
-  if (fd == -1 || status < 0) return nullptr;
-  rac_connection *c = make_device(core, fd, PROBE_TCP_CLIENT, {para, handler, arg});
+  rac_connection *c = start_connecting(core, address, port, {para, handler, arg});
+  return c == nullptr ? nullptr : hand_over(core, c, RAC_OP_ADD_WRITE, result);
+}
+
+rac_connection *ConnectRemoteAt(rac_core *core, uint32_t worker, const void *address, uint16_t port,
+                                uintptr_t para, probe_handler handler, void *arg) {
+  rac_connection *c = start_connecting(core, address, port, {para, handler, arg});
   if (c == nullptr) return nullptr;
-  c->write->accept = true;
-  c->write->handler = process_connect_event;
-  return hand_over(core, c, RAC_OP_ADD_WRITE, result);
+  rac_connection *handle = rac_handle_of(c);
+  if (rac_dispatch_to(&core->bases[worker % core->nbases], c, RAC_OP_ADD_WRITE) == 0) return handle;
+  rac_close_connection(core, c);
+  return nullptr;
 }
 
 rac_connection *ListenRemote2(rac_core *core, uint16_t port, uintptr_t para, int *result,

@@ -228,5 +228,6 @@ struct rac_core {
   uint32_t joins GUARDED_BY(state_lock);    ///< times that it has been done
 };
 
-/// The base whose worker the calling thread is; NULL on every other thread.
-extern thread_local rac_base *rac_this_base;
+/// The base whose worker the calling thread is; NULL on every other thread. (constinit: no look-up
+/// of an initialising function at each use.)
+extern constinit thread_local rac_base *rac_this_base;

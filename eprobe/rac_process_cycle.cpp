@@ -17,7 +17,7 @@
 #include "eprobe/rac_operate.h"
 #include "eprobe/rac_select.h"
 
-thread_local rac_base *rac_this_base = nullptr;
+constinit thread_local rac_base *rac_this_base = nullptr;
 
 namespace {
 
@@ -26,11 +26,10 @@ constexpr int BRAKE_MS = 10;  ///< between two waits that fail, or without a wak
 
 int open_notify_pair(rac_base *base) {
   int pair[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return -1;
+  // Born non-blocking: a later call for that could fail, and a worker that blocks here is lost.
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0) return -1;
   base->notify_send_fd = pair[0];
   base->notify_recv_fd = pair[1];
-  set_socket_nonblocking(pair[0]);
-  set_socket_nonblocking(pair[1]);
   return 0;
 }
 
