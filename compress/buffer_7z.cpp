@@ -21,9 +21,14 @@ int buffer_un7z_size(const void *src, size_t src_len, uint64_t *size) {
 }
 
 int buffer_un7z(void *dst, size_t *dst_len, const void *src, size_t src_len) {
+  return buffer_un7z_until(dst, dst_len, src, src_len, {});
+}
+
+int buffer_un7z_until(void *dst, size_t *dst_len, const void *src, size_t src_len,
+                      const std::function<bool()> &stop) {
   if (!dst || !dst_len || !src || src_len == 0) return SZ_ERROR_PARAM;
-  return Lzma86_Decode(static_cast<uint8_t *>(dst), dst_len, static_cast<const uint8_t *>(src),
-                       &src_len);
+  return Lzma86_DecodeUntil(static_cast<uint8_t *>(dst), dst_len, static_cast<const uint8_t *>(src),
+                            &src_len, stop);
 }
 
 void *buffer_un7z_auto(size_t *out_len, const void *src, size_t src_len, uint64_t max_size) {

@@ -1,13 +1,14 @@
 // Compressed memory buffers in the Lzma86 container: what the media index and its tools call.
 //
 // The results are the LZMA SDK's codes: 0 success, 1 damaged data, 2 out of memory, 4 unsupported
-// filter flag or properties, 5 bad parameter, 6 source too short, 7 destination too small. Any
-// thread may call, on buffers of its own; the calls block for as long as the work takes. Source and
-// destination must not overlap. Lengths are bytes.
+// filter flag or properties, 5 bad parameter, 6 source too short, 7 destination too small, 10
+// stopped. Any thread may call, on buffers of its own; the calls block for as long as the work
+// takes. Source and destination must not overlap. Lengths are bytes.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 /// What buffer_un7z_auto takes at most for a container that claims to unpack to more: a few
 /// kilobytes can honestly unpack to hundreds of megabytes.
@@ -29,6 +30,11 @@ int buffer_un7z_size(const void *src, size_t src_len, uint64_t *size);
 /// unpacked size, 0 on failure; what `dst` then holds is unspecified. It never takes memory by a
 /// claimed size. Results: 5 when a pointer is null or `src_len` is 0; else as Lzma86_Decode.
 int buffer_un7z(void *dst, size_t *dst_len, const void *src, size_t src_len);
+
+/// The same; ends with result 10 soon after `stop` (empty: never) says true. It is asked before
+/// every 256 KiB, on the calling thread.
+int buffer_un7z_until(void *dst, size_t *dst_len, const void *src, size_t src_len,
+                      const std::function<bool()> &stop);
 
 /// Unpacks `src` into a new buffer of exactly the unpacked size, which the caller frees with
 /// free(). Sets `*out_len` only on success.

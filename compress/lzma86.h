@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 constexpr size_t LZMA86_HEADER_SIZE = 14;
 
@@ -42,3 +43,8 @@ int Lzma86_GetUnpackSize(const uint8_t *src, size_t srcLen, uint64_t *unpackSize
 /// filter flag or LZMA properties; 6 `src` ends too early; 7 the stored size exceeds the room
 /// (nothing was decoded).
 int Lzma86_Decode(uint8_t *dest, size_t *destLen, const uint8_t *src, size_t *srcLen);
+
+/// The same, asking `stop` (empty: never) before every 256 KiB that come out; when it says true the
+/// result is 10 and nothing is delivered.
+int Lzma86_DecodeUntil(uint8_t *dest, size_t *destLen, const uint8_t *src, size_t *srcLen,
+                       const std::function<bool()> &stop);
