@@ -23,7 +23,11 @@ void media_file::read(uint64_t position, uint8_t *out, size_t wanted) const {
   if (from == source::generated) {
     content_fill(id, position, out, exist);
   } else if (from == source::memory) {
-    if (exist != 0) std::memcpy(out, memory.data() + position, exist);
+    for (size_t done = 0; done < exist;) {
+      const std::span<const uint8_t> piece = in_memory(position + done, exist - done);
+      std::memcpy(out + done, piece.data(), piece.size());
+      done += piece.size();
+    }
   } else {
     size_t done = 0;
     while (done < exist) {
@@ -34,6 +38,14 @@ void media_file::read(uint64_t position, uint8_t *out, size_t wanted) const {
     exist = done;
   }
   std::fill(out + exist, out + wanted, uint8_t{0xee});
+}
+
+std::span<const uint8_t> media_file::in_memory(uint64_t position, size_t wanted) const {
+  if (from != source::memory || memory.empty() || position >= size) return {};
+  const auto at = static_cast<size_t>(position % memory.size());
+  const uint64_t left = std::min<uint64_t>(memory.size() - at, size - position);
+  return {reinterpret_cast<const uint8_t *>(memory.data()) + at,
+          static_cast<size_t>(std::min<uint64_t>(wanted, left))};
 }
 
 uint32_t media_file::existing(uint64_t offset, uint32_t length) const {

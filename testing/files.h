@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 
 #include "testing/content.h"
@@ -20,6 +21,10 @@ struct media_file {
   /// be read any more, becomes 0xee.
   void read(uint64_t position, uint8_t *out, size_t size) const;
 
+  /// The bytes from `position` on as they lie in memory, at most `size` of them; none for a file
+  /// that does not lie there.
+  std::span<const uint8_t> in_memory(uint64_t position, size_t size) const;
+
   /// How many of `length` bytes from `offset` exist.
   uint32_t existing(uint64_t offset, uint32_t length) const;
 
@@ -31,7 +36,7 @@ struct media_file {
   uint8_t type = 0;
   source from = source::generated;
   int fd = -1;
-  std::string memory;
+  std::string memory;                 ///< repeated as often as `size` needs
   const media_file *index = nullptr;  ///< its separate index file, if any
 };
 

@@ -37,6 +37,16 @@ file_id media_server::add_bytes(const std::string &name, std::string content, ui
   return id_of(name);
 }
 
+file_id media_server::add_repeated(const std::string &name, std::string block, uint64_t size,
+                                   uint8_t type) {
+  loop_->run([&] {
+    media_file *file = loop_->files.add(name, size, type);
+    file->from = media_file::source::memory;
+    file->memory = std::move(block);
+  });
+  return id_of(name);
+}
+
 void media_server::set_index(const file_id &media, const file_id &index) {
   loop_->run([&] {
     if (media_file *file = loop_->files.find(media)) file->index = loop_->files.find(index);

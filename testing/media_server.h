@@ -100,6 +100,9 @@ class media_server {
   /// Serves these bytes.
   file_id add_bytes(const std::string &name, std::string content, uint8_t type = 7);
 
+  /// Serves a file of `size` bytes that repeats `block`, at no cost beyond the socket's own copy.
+  file_id add_repeated(const std::string &name, std::string block, uint64_t size, uint8_t type = 0);
+
   /// Descriptions of `media` name `index`, another file added here, as its separate index file.
   void set_index(const file_id &media, const file_id &index);
 

@@ -36,6 +36,7 @@ void server_loop::readable(uint64_t id) {
     closed = n == 0 || (n < 0 && errno != EAGAIN);
     if (n <= 0) break;
     c->in.insert(c->in.end(), piece, piece + n);
+    if (static_cast<size_t>(n) < sizeof piece) break;  // an end that follows is an event of its own
   }
   if (c->in.size() > input_limit) closed = true;
   // What came before the end is still logged and answered as far as it goes.
@@ -240,9 +241,14 @@ ssize_t server_loop::transmit(connection &c, const outgoing &o, size_t size) {
     size -= n;
   }
   if (size > 0) {
-    const uint64_t done = o.sent < header ? 0 : o.sent - header;
-    o.what.file->read(o.what.position + done, buffer_.data(), size);
-    pieces[count++] = {buffer_.data(), size};
+    const uint64_t position = o.what.position + (o.sent < header ? 0 : o.sent - header);
+    const std::span<const uint8_t> there = o.what.file->in_memory(position, size);
+    if (!there.empty()) {
+      pieces[count++] = {const_cast<uint8_t *>(there.data()), there.size()};
+    } else {
+      o.what.file->read(position, buffer_.data(), size);
+      pieces[count++] = {buffer_.data(), size};
+    }
   }
   msghdr message{};
   message.msg_iov = pieces;

@@ -58,15 +58,15 @@ static void append(bytes &out, uint64_t value, int width) {
 
 // --- requests ---
 
-// The text of a NUL-padded field, empty unless it is a dotted IPv4 address with only NULs behind
-// it.
-static std::string dotted_field(const uint8_t *field, size_t size) {
+// The text of a NUL-padded field: a dotted IPv4 address, or nothing from a device without one.
+// False: anything else, bytes behind the first NUL too.
+static bool address_field(const uint8_t *field, size_t size, std::string *text) {
   const uint8_t *end = std::find(field, field + size, uint8_t{0});
   if (end == field + size || std::any_of(end, field + size, [](uint8_t b) { return b != 0; }))
-    return {};
-  std::string text(field, end);
+    return false;
+  text->assign(field, end);
   in_addr ignored;
-  return inet_pton(AF_INET, text.c_str(), &ignored) == 1 ? text : std::string();
+  return text->empty() || inet_pton(AF_INET, text->c_str(), &ignored) == 1;
 }
 
 size_t parse_request(std::span<const uint8_t> input, request *out, std::string *error) {
@@ -92,7 +92,7 @@ size_t parse_request(std::span<const uint8_t> input, request *out, std::string *
   out->sequence = get32(p + 8);
   out->version = static_cast<uint16_t>(get32(p + 10));
   out->client_version = get32(p + 14);
-  out->local_ip = dotted_field(p + 18, 16);
+  const bool address = address_field(p + 18, 16, &out->local_ip);
   std::copy_n(p + 34, 20, out->hid.begin());
   out->uid = get64(p + 54);
   std::copy_n(p + 62, 16, out->auth.begin());
@@ -104,7 +104,7 @@ size_t parse_request(std::span<const uint8_t> input, request *out, std::string *
     out->length = get32(p + 114);
     out->flag = p[118];
   }
-  if (out->local_ip.empty()) {
+  if (!address) {
     *error = "local IP is no dotted address";
     return 0;
   }

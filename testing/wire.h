@@ -48,8 +48,8 @@ struct request {
 
 /// Reads one request from the front of `input`. Returns its size; 0: not whole yet, or not
 /// acceptable, then `error` says why: unknown command, a total length other than the command's, a
-/// local IP that is no NUL-padded dotted address, a stamp that is no sign-extended 32-bit number.
-/// Wrong bytes are noticed as soon as they are there.
+/// local IP that is neither a NUL-padded dotted address nor empty, a stamp that is no sign-extended
+/// 32-bit number. Wrong bytes are noticed as soon as they are there.
 size_t parse_request(std::span<const uint8_t> input, request *out, std::string *error);
 
 /// The DES key that belongs to a request, made of the request's own bytes.
