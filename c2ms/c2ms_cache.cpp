@@ -5,7 +5,9 @@
 
 #include "c2ms/c2ms_pack.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_time.h"
+#include "c2ms/c2ms_trace.h"
 
 namespace {
 
@@ -53,6 +55,7 @@ c2ms_cache *c2ms_cache_init(c2ms_sess *session) {
   cache->max_first = 0;
   cache->read_index = 0;
   cache->read_pos = 0;
+  cache->other_pos = c2ms::no_place;
   cache->wanted_from = 0;
   cache->demand_only = false;
   cache->buffering_size = 0;
@@ -123,6 +126,7 @@ int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offs
   cache->max_first = std::max(static_cast<int32_t>(total) - packnum, 0);
   cache->read_index = 0;
   cache->read_pos = 0;
+  cache->other_pos = c2ms::no_place;
   cache->first_index = 0;
   cache->wanted_from = 0;
   cache->idle_from = 0;
@@ -132,6 +136,7 @@ int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offs
   cache->seek_count.fetch_add(1);
   for (int32_t slot = 0; slot < packnum; ++slot)
     c2ms_pack_exit_download(pack_at(cache, slot), slot);
+  c2ms::trace_place(cache);
   return 0;
 }
 
@@ -181,6 +186,7 @@ bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out) {
   if (pack->state == pack_idle) {
     if (pack->not_before_us > c2ms::now_us()) return false;
     pack->size = pack_length(cache, pack->index);
+    c2ms::count_forgotten(cache->session, pack->len);
     pack->len = 0;
   }
   std::memcpy(out->fid, cache->fid, sizeof out->fid);
@@ -233,7 +239,9 @@ int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos) {
     pos = std::min(pos, cache->media_size - 1);
     if (pos == cache->read_pos) return 0;
     cache->seek_count.fetch_add(1);
+    cache->other_pos = c2ms::no_place;
     c2ms_cache_seek_to(cache, pos);
+    c2ms::trace_seek(cache);
   }
   c2ms_cache_wake(cache);
   c2ms_sess_unit_purge(cache->session);
@@ -270,14 +278,35 @@ int32_t place_range(c2ms_cache *cache, uint64_t target) REQUIRES(cache->lock) {
   return reset_from < reset_to ? reset_from : INT32_MAX;
 }
 
+uint64_t distance(uint64_t a, uint64_t b) {
+  return a < b ? b - a : a - b;
+}
+
+// The second place still counts: it is at most half a ring away.
+bool has_other(const c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock) {
+  return cache->other_pos != c2ms::no_place &&
+         distance(cache->other_pos, pos) <= static_cast<uint64_t>(cache->used_size / 2);
+}
+
+// What the range follows: the lower of two places. One that is left too far behind is given up.
+uint64_t followed(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock) {
+  if (cache->other_pos == c2ms::no_place) return pos;
+  if (!has_other(cache, pos)) cache->other_pos = c2ms::no_place;
+  return std::min(pos, cache->other_pos);
+}
+
 bool move_to(c2ms_cache *cache, uint64_t pos, const c2ms_window &window) REQUIRES(cache->lock) {
   if (cache->packnum < 1) return false;
   pos = std::min(pos, cache->media_size);
   cache->read_pos = pos;
+  const int32_t old_index = cache->read_index;
   cache->read_index = static_cast<int32_t>(pos / static_cast<uint64_t>(cache->packsize.load()));
   const bool elsewhere = window.moves_range && window.has(pos);
-  const int32_t new_from = place_range(cache, elsewhere ? window.target : pos);
-  const int32_t wanted_from = elsewhere ? cache->first_index.load() : cache->read_index;
+  const uint64_t target = elsewhere ? window.target : followed(cache, pos);
+  const int32_t new_from = place_range(cache, target);
+  if (cache->read_index != old_index) c2ms::trace_place(cache);
+  const auto wanted = static_cast<int32_t>(target / static_cast<uint64_t>(cache->packsize.load()));
+  const int32_t wanted_from = elsewhere ? cache->first_index.load() : wanted;
   const bool goes_back = wanted_from < cache->wanted_from;
   cache->wanted_from = wanted_from;
   if (goes_back) cache->idle_from = std::min(cache->idle_from, wanted_from);
@@ -293,6 +322,36 @@ bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) {
 
 bool c2ms_cache_seek_exactly(c2ms_cache *cache, uint64_t pos) {
   return move_to(cache, pos, {});
+}
+
+namespace {
+
+// Whose read begins at `pos`: it goes on at one of the two places, or somebody has jumped.
+void take_place(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock) {
+  const auto near = static_cast<uint64_t>(cache->packsize.load());
+  if (distance(pos, cache->read_pos) <= near) return;
+  const bool two = has_other(cache, cache->read_pos);
+  const bool goes_on = two && distance(pos, cache->other_pos) <= near;
+  // With blocks of two streams in turn, who jumps is the lower one: it has come to the end of its
+  // block and passes over the other's, where the other stands.
+  const bool other_jumps = two && cache->other_pos < cache->read_pos;
+  if (!two || goes_on || other_jumps) cache->other_pos = cache->read_pos;
+}
+
+}  // namespace
+
+int c2ms_cache_place(c2ms_cache *cache, uint64_t pos) {
+  bool moved;
+  {
+    const adif::Guard lock(cache->lock);
+    if (pos >= cache->media_size) return -200;
+    if (pos == cache->read_pos) return 0;
+    take_place(cache, pos);
+    cache->seek_count.fetch_add(1);
+    moved = c2ms_cache_seek_to(cache, pos);
+  }
+  if (moved) c2ms_sess_unit_purge(cache->session);
+  return 0;
 }
 
 void c2ms_cache_window_changed(c2ms_cache *cache) {
@@ -365,17 +424,6 @@ int32_t c2ms_cache_packsize(c2ms_cache *cache) {
 
 int32_t c2ms_cache_packnum(c2ms_cache *cache) {
   return cache == nullptr ? 0 : cache->packnum.load();
-}
-
-void c2ms_cache_wake(c2ms_cache *cache) {
-  if (cache == nullptr) return;
-  cache->wake_count.fetch_add(1);
-  SetEvent(cache->event, 1);
-}
-
-void c2ms_cache_wake_reader_of(c2ms_cache *cache, int32_t index, int32_t len) {
-  if (cache == nullptr || cache->want_index.load() != index) return;
-  if (len >= cache->want_len.load()) c2ms_cache_wake(cache);
 }
 
 void c2ms_cache_note_idle(c2ms_cache *cache, int32_t index) {

@@ -6,6 +6,7 @@
 #include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_pack.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_strand.h"
 #include "c2ms/c2ms_time.h"
 
@@ -14,7 +15,8 @@ namespace {
 using c2ms::steady;
 constexpr std::chrono::milliseconds longest_wait{1000};
 constexpr std::chrono::milliseconds paused_wait{50};
-constexpr int32_t unhurried_us = 1'000'000;  // an expected time below this is taken ten times
+constexpr int32_t longest_take = 256 * 1024;  // what a reader sleeps for at a time
+constexpr int32_t unhurried_us = 1'000'000;   // an expected time below this is taken ten times
 
 enum class step { go_on, stop, wait, move_range, request };
 
@@ -33,10 +35,12 @@ struct reading {
   steady::time_point deadline;  // min(): never waits; max(): waits without limit
   int32_t copied = 0;
   int32_t result = 0;  // when nothing is copied
+  uint64_t begin = 0;  // position that the call found
   uint64_t pos = 0;
   uint64_t media_size = 0;
   uint32_t seek_count = 0;
-  c2ms_window window{};  // changes under the read gate alone
+  bool after_seek = false;  // nothing has been delivered since the last one
+  c2ms_window window{};     // changes under the read gate alone
 
   bool expired() const {
     if (deadline == steady::time_point::max()) return false;
@@ -61,7 +65,7 @@ place where(const reading &call) {
 // What else than bytes ends a call.
 bool ended(reading &call, bool about_to_wait) {
   c2ms_sess *const sess = call.cache->session;
-  if (sess->life.load() != c2ms_life::live || sess->mgmt->closing.load()) {
+  if (!c2ms::is_live(sess) || c2ms::cancelled(sess)) {
     call.copied = 0;
     call.result = C2MS_CLOSED;
     return true;
@@ -72,6 +76,7 @@ bool ended(reading &call, bool about_to_wait) {
     return true;
   }
   if (call.cache->seek_count.load() != call.seek_count) return true;
+  if (call.cache->gate_seekers.load() > 0 && call.cache->gives_way) return true;
   if (!about_to_wait || sess->has_active.load() != 0) return false;
   const int32_t status = sess->status.load();
   if (status > C2MS_MEDIA_NOT_EXIST || status < C2MS_IN_DEBT) return false;
@@ -145,17 +150,21 @@ void ask_again_if_late(reading &call, const place &at) {
   c2ms::dispatch_if_due(call.cache->session);
 }
 
-bool satisfied(const reading &call, const place &at) {
-  const adif::Guard lock(at.pack->lock);
-  if (at.pack->index != at.index) return true;
-  if (at.pack->state == pack_idle) return at.pack->not_before_us <= c2ms::now_us();
-  const int32_t there = at.pack->len - at.in_pack;
-  return at.pack->state == pack_ready || there >= wanted_of(call, at.pack, at.in_pack);
-}
-
-int32_t wanted_length(const reading &call, const place &at) {
-  const adif::Guard lock(at.pack->lock);
-  return at.in_pack + wanted_of(call, at.pack, at.in_pack);
+// Publishes what the call lacks, from the pack at its position on: all that it can take in one go.
+// True: it need not sleep.
+bool publish_need(const reading &call, const place &at) {
+  const c2ms_cache *const cache = call.cache;
+  const int32_t packsize = cache->packsize;
+  const uint64_t end =
+      std::min(call.pos + static_cast<uint64_t>(call.len - call.copied), call.media_size);
+  const auto final = static_cast<int32_t>((end - 1) / static_cast<uint64_t>(packsize));
+  // Few packs of a small ring: it must move on while they are read.
+  const int32_t most = std::min(longest_take / packsize, cache->packnum / 8);
+  const int32_t last = std::min(final, at.index + std::max(most, 1) - 1);
+  const uint64_t final_len = end - static_cast<uint64_t>(final) * static_cast<uint64_t>(packsize);
+  const bool first_byte = call.after_seek && call.copied == 0;
+  return c2ms_cache_need(call.cache, at.index, last,
+                         last == final ? static_cast<int32_t>(final_len) : INT32_MAX, first_byte);
 }
 
 // A paused pack is asked for again soon after its pause.
@@ -164,20 +173,47 @@ std::chrono::milliseconds longest_wait_at(const place &at) {
   return at.pack->state == pack_idle ? paused_wait : longest_wait;
 }
 
-// Sleeps until somebody has made true what is needed here, at most a second.
+// Sleeps until what is needed here is there, at most a second.
 void wait(reading &call, const place &at) {
   c2ms_cache *const cache = call.cache;
   const uint32_t seen = cache->wake_count.load();
-  cache->want_len.store(wanted_length(call, at));
-  cache->want_index.store(at.index);
-  // Looked at again after the need is known: who made it true before found nobody to wake.
-  if (!satisfied(call, at) && !ended(call, true)) {
+  if (!publish_need(call, at) && !ended(call, true)) {
     const auto until = std::min(call.deadline, steady::now() + longest_wait_at(at));
     WaitEventUntil(cache->event, until, [&] { return cache->wake_count.load() != seen; });
   }
-  cache->want_index.store(-1);
+  c2ms_cache_need_nothing(cache);
   ask_again_if_late(call, at);
 }
+
+// Counts the time for which a call waits for one pack, when the scope ends.
+class Waiting {
+ public:
+  explicit Waiting(const reading &call) : call_(call) {}
+  ~Waiting() {
+    if (since_us_ == 0) return;
+    const adif::Guard lock(call_.cache->lock);
+    c2ms::count_wait(call_.cache, cause(), c2ms::now_us() - since_us_);
+  }
+  Waiting(const Waiting &) = delete;
+  Waiting &operator=(const Waiting &) = delete;
+  void begin() {
+    if (since_us_ != 0) return;
+    since_us_ = c2ms::now_us();
+    for_seek_ = call_.after_seek && call_.copied == 0;
+  }
+  // As long as no node can deliver, that is the reason, whatever comes before or after.
+  void look() { no_node_ = no_node_ || call_.cache->session->has_active.load() == 0; }
+
+ private:
+  c2ms::wait_cause cause() const {
+    if (call_.result == C2MS_CLOSED) return c2ms::wait_cause::cancelled;
+    if (no_node_) return c2ms::wait_cause::no_node;
+    return for_seek_ ? c2ms::wait_cause::seek : c2ms::wait_cause::late;
+  }
+  const reading &call_;
+  int64_t since_us_ = 0;
+  bool no_node_ = false, for_seek_ = false;
+};
 
 bool move_range(reading &call, const place &at) {
   {
@@ -208,6 +244,7 @@ bool read_pack(reading &call) {
     return false;
   }
   if (take_from_index(call, at)) return advance(call);
+  Waiting waiting(call);
   for (;;) {
     if (ended(call, false)) return false;
     const uint64_t before = call.pos;
@@ -225,7 +262,9 @@ bool read_pack(reading &call) {
         break;
       default:
         if (ended(call, true)) return false;
+        waiting.begin();
         wait(call, at);
+        waiting.look();
         break;
     }
   }
@@ -238,9 +277,10 @@ int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point dea
   {
     const adif::Guard lock(cache->lock);
     ++cache->read_calls;
-    call.pos = cache->read_pos;
+    call.begin = call.pos = cache->read_pos;
     call.media_size = cache->media_size;
     call.seek_count = cache->seek_count;
+    call.after_seek = cache->served_seek != call.seek_count;
     call.window = c2ms_cache_window(cache);
   }
   if (cache->packnum < 1) return -201;
@@ -248,9 +288,14 @@ int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point dea
   if (len < 1) return 0;
   while (call.copied < len && call.pos < call.media_size && read_pack(call)) {
   }
-  if (call.copied < len) {
+  // A cancelled call has delivered nothing: the next one finds the same bytes.
+  if (call.copied == 0 && call.pos != call.begin) {
+    c2ms_cache_advance(cache, call.begin, call.seek_count);
+  }
+  {
     const adif::Guard lock(cache->lock);
-    ++cache->short_reads;
+    if (call.copied < len) ++cache->short_reads;
+    if (call.copied > 0) cache->served_seek = call.seek_count;
   }
   c2ms_cache_download_all(cache);
   c2ms::dispatch_if_due(cache->session);

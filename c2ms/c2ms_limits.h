@@ -68,6 +68,7 @@ inline constexpr uint32_t max_pdu_bytes = 1024;
 inline constexpr int request_buffer_bytes = 256;
 inline constexpr int unit_frame_bytes = 160;
 inline constexpr int max_units_per_pack = 5;
+inline constexpr uint64_t no_place = UINT64_MAX;  // of a position
 inline constexpr int32_t default_pack_bytes = 8192;
 inline constexpr int32_t min_pack_bytes = 4096;
 inline constexpr int min_issue_limit = 10;

@@ -15,6 +15,7 @@
 #include "c2ms/c2ms_diag.h"
 #include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_pack.h"
+#include "c2ms/c2ms_rest.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_unit.h"
 
@@ -40,12 +41,15 @@ int32_t configured_seconds(conf_mgmt *conf, const char *key, int32_t fallback) {
   return value < 1 ? fallback : std::min(value, max_period_s);
 }
 
-block_pool *make_pool(pool_unit_fn init, pool_unit_fn free_unit, size_t size, int escalate) {
+template <size_t N>
+block_pool *make_pool(pool_unit_fn init, pool_unit_fn free_unit, size_t size, int escalate,
+                      const pool_span (&rest)[N]) {
   block_pool *const pool = BPoolInit(nullptr);
   setInitFunc(pool, init);
   setFreeFunc(pool, free_unit);
   setUnitSize(pool, static_cast<int>(size));
   setEscalate(pool, escalate);
+  setRestSpans(pool, rest, static_cast<int>(N));
   setAutoAlloc(pool, 1);
   return pool;
 }
@@ -56,14 +60,18 @@ int on_record(void *unit) {
 }
 
 void make_pools(c2ms_mgmt *mgmt) {
-  mgmt->unit_pool = make_pool(on_record<c2ms_unit, c2ms_unit_init>,
-                              on_record<c2ms_unit, c2ms_unit_free>, sizeof(c2ms_unit), 8);
-  mgmt->node_pool = make_pool(on_record<c2ms_node, c2ms_node_init>,
-                              on_record<c2ms_node, c2ms_node_free>, sizeof(c2ms_node), 8);
-  mgmt->sess_pool = make_pool(on_record<c2ms_sess, c2ms_sess_init>,
-                              on_record<c2ms_sess, c2ms_sess_free>, sizeof(c2ms_sess), 2);
-  mgmt->pack_pool = make_pool(on_record<c2ms_pack, c2ms_pack_init>,
-                              on_record<c2ms_pack, c2ms_pack_free>, sizeof(c2ms_pack), 16);
+  mgmt->unit_pool =
+      make_pool(on_record<c2ms_unit, c2ms_unit_init>, on_record<c2ms_unit, c2ms_unit_free>,
+                sizeof(c2ms_unit), 8, unit_rest);
+  mgmt->node_pool =
+      make_pool(on_record<c2ms_node, c2ms_node_init>, on_record<c2ms_node, c2ms_node_free>,
+                sizeof(c2ms_node), 8, node_rest);
+  mgmt->sess_pool =
+      make_pool(on_record<c2ms_sess, c2ms_sess_init>, on_record<c2ms_sess, c2ms_sess_free>,
+                sizeof(c2ms_sess), 2, sess_rest);
+  mgmt->pack_pool =
+      make_pool(on_record<c2ms_pack, c2ms_pack_init>, on_record<c2ms_pack, c2ms_pack_free>,
+                sizeof(c2ms_pack), 16, pack_rest);
 }
 
 void drop_pool(block_pool **pool) {

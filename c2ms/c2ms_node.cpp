@@ -14,7 +14,9 @@
 #include "c2ms/c2ms_sess.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_time.h"
+#include "c2ms/c2ms_trace.h"
 #include "c2ms/c2ms_unit.h"
 
 namespace {
@@ -165,9 +167,10 @@ int c2ms_node_connect(c2ms_node *node) {
   if (!is_media(node) && node->times > max_failed_attempts) return give_up(node);
   stop_timer(&node->life_timer);
   drop_device(node);
-  int pending = 0;
-  node->device = ConnectRemote2(node->library->probe, &node->ip, static_cast<uint16_t>(node->port),
-                                node->node_id, &pending, c2ms_pump, node->library);
+  // All nodes of a session on one worker: answers that come together cost one wake-up.
+  node->device =
+      ConnectRemoteAt(node->library->probe, node->session_id, &node->ip,
+                      static_cast<uint16_t>(node->port), node->node_id, c2ms_pump, node->library);
   if (node->device == nullptr) {
     c2ms_node_retry(node);
     return 0;
@@ -191,6 +194,7 @@ int c2ms_node_disconnect_dbg(c2ms_node *node, adif::source_place) {
 int c2ms_node_retry(c2ms_node *node) {
   if (node == nullptr) return -1;
   ++node->times;
+  count_failure(node);
   c2ms_node_disconnect_dbg(node);
   node->connect_timer = start_timer(node, next_delay_ms(node), timer_node_connect);
   return 0;
@@ -249,6 +253,7 @@ int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
     unit->node = node;
     unit->node_id = node->node_id;
     result = c2ms_unit_send(unit, GetDeviceFD(node->device));
+    if (result == 0) count_sent(node, *unit);
   }
   if (result == 0) return 0;
   if (result == unit_socket_failed) {
@@ -269,6 +274,7 @@ c2ms_unit *detach_download(c2ms_node *node) {
   c2ms_unit *const unit = node->download_unit;
   node->download_unit = nullptr;
   if (unit == nullptr) return nullptr;
+  count_given_up(node, *unit);  // unless it is complete, or was never sent
   unit->node = nullptr;
   unit->node_id = 0;
   return unit;
@@ -291,9 +297,10 @@ int c2ms_node_download_end(c2ms_node *node) {
 int c2ms_node_state_to(c2ms_node *node, uint32_t state) {
   if (node == nullptr) return -1;
   bool lost_last = false;
+  uint32_t before;
   {
     const adif::Guard lock(node->state_lock);
-    const uint32_t before = node->state;
+    before = node->state;
     if (before == state) return 0;
     if (is_media(node) && node->session != nullptr) {
       lost_last = count_states(node->session, before, state);
@@ -302,6 +309,9 @@ int c2ms_node_state_to(c2ms_node *node, uint32_t state) {
     node->state = state;
   }
   if (lost_last) c2ms_cache_wake(node->session->cache.load());
+  // (Between ready and downloading: the requests tell it.)
+  const bool told = before >= C2MS_NODE_READY && state >= C2MS_NODE_READY;
+  if (!told && node->session != nullptr) trace_node(node, state);
   return 0;
 }
 

@@ -8,6 +8,7 @@
 #include "c2ms/c2ms_node.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_time.h"
 #include "c2ms/c2ms_unit.h"
 
@@ -55,6 +56,7 @@ void reset_fields(c2ms_node *node) {
   node->life_timer = nullptr;
   node->last_active_us = 0;
   node->perf = {};
+  node->counts = {};
   node->session_id = 0;
   node->session = nullptr;
   node->library = nullptr;
@@ -105,6 +107,7 @@ int c2ms_node_recycle(c2ms_node *node) {
   c2ms_sess_node_del(session, node);
   if (session->entry_node == node) session->entry_node = nullptr;
   c2ms_node_download_exit(node);
+  c2ms::count_departed(node);
   if (session->desc_count == 0) c2ms::wake_opener(session);  // was it the last one?
   node->session = nullptr;
   node->library = nullptr;

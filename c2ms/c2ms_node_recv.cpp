@@ -16,6 +16,7 @@
 #include "c2ms/c2ms_sess.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_time.h"
 #include "c2ms/c2ms_unit.h"
 
@@ -148,6 +149,7 @@ int next_download(c2ms_node *node) {
 
 int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
   c2ms_node *const node = ref.node;
+  c2ms_mgmt *const mgmt = node->library;
   const int fd = GetDeviceFD(device);
   c2ms_unit *unit;
   int result;
@@ -164,7 +166,8 @@ int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &stra
   }
   if (result == 0 && !complete) return 0;
   strand.resume();
-  if (!still_there(node->library, ref) || node->device != device) return -120;
+  // The node may have been given back meanwhile: the registry is asked before its record is read.
+  if (!still_there(mgmt, ref) || node->device != device) return -120;
   if (result < 0) {
     c2ms_node_retry(node);
     return result;
@@ -297,6 +300,7 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
     return -200;
   }
   c2ms_sess_set_status(node->session, 0);
+  count_completed(node, *unit);
   c2ms_node_perf_statistic(node, unit);
   node->load = unit->response.media_word;
   const bool was_short = is_short_answer(*unit);

@@ -5,6 +5,7 @@
 #include "adif/kalloc.h"
 #include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_strand.h"
 
 namespace {
@@ -74,7 +75,7 @@ void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) {
 }
 
 void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index) {
-  c2ms_cache_wake_reader_of(pack->cache, index, INT32_MAX);
+  c2ms_cache_tell_reader(pack->cache, index);
 }
 
 int c2ms_pack_bind_unit(c2ms_pack *pack, c2ms_unit *unit) {
@@ -102,6 +103,7 @@ void c2ms_pack_unbind_all(c2ms_pack *pack) {
 void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index) {
   const adif::Guard lock(pack->lock);
   c2ms_pack_unbind_all(pack);
+  if (pack->state != pack_ready) c2ms::count_forgotten(pack->cache->session, pack->len);
   reset(pack);
   pack->index = index;
 }
@@ -122,7 +124,7 @@ void c2ms_pack_release_unit(c2ms_unit *unit) {
     index = pack->index;
   }
   c2ms_cache_note_idle(cache, index);
-  c2ms_cache_wake_reader_of(cache, index, INT32_MAX);
+  c2ms_cache_tell_reader(cache, index);
   c2ms::mark_dispatch_due(cache->session);
 }
 

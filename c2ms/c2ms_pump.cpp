@@ -1,5 +1,6 @@
 #include "c2ms/c2ms_pump.h"
 
+#include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_diag.h"
 #include "c2ms/c2ms_node.h"
 #include "c2ms/c2ms_sess.h"
@@ -202,5 +203,6 @@ int c2ms_pump(void *mgmt, void *dev, int event, int kind) {
   if (mgmt == nullptr || event < first_event || event > last_event) return -1;
   const int result = handle(static_cast<c2ms_mgmt *>(mgmt), dev, event, kind);
   diag_deliver();
+  c2ms_cache_yield_to_reader();
   return result;
 }

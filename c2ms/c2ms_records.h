@@ -34,6 +34,7 @@ struct c2ms_node;
 struct c2ms_unit;
 struct c2ms_pack;
 struct c2ms_cache;
+struct c2ms_trace_event;
 
 namespace c2ms {
 
@@ -50,6 +51,7 @@ enum rank : uint8_t {
   rank_pack,
   rank_speed,
   rank_pdu_id,
+  rank_trace,
   rank_registry,
   rank_memory,
 };
@@ -69,6 +71,35 @@ struct report_waits {
 
 /// The reporting of a session's check, on the context's reporting thread.
 enum class report_job : int { none, queued, running };
+
+/// What a node's range requests came to (c2ms_stats.h).
+struct tally {
+  uint64_t received = 0;                           // bytes of payload
+  uint64_t grown = 0;                              // those of them that made a pack longer
+  uint64_t sent = 0, completed = 0, given_up = 0;  // requests; the rest of those sent is in flight
+  uint64_t redundant = 0, won = 0;                 // for a pack that another node was asked for
+  uint64_t wasted = 0;                             // completed, and filled no pack
+  uint64_t failures = 0;                           // of the connection
+};
+
+/// A session's recorder (c2ms_trace.h).
+struct recorder {
+  std::atomic<bool> on{false};
+  adif::Mutex lock{rank_trace};
+  c2ms_trace_event *events GUARDED_BY(lock) = nullptr;  // a ring; NULL while off
+  uint32_t size GUARDED_BY(lock) = 0, first GUARDED_BY(lock) = 0, count GUARDED_BY(lock) = 0;
+  uint64_t lost GUARDED_BY(lock) = 0;
+  int64_t start_us GUARDED_BY(lock) = 0;
+};
+
+/// Why a reader waited: no node could deliver, the pack came late, nothing had been asked for
+/// before the seek (or the choice of the file), or whatever it was until the call was cancelled.
+enum class wait_cause : uint8_t { no_node, late, seek, cancelled };
+inline constexpr size_t wait_causes = 4;
+
+struct wait_count {
+  uint64_t count = 0, total_us = 0, longest_us = 0;
+};
 
 /// Makes the record in fresh (zeroed) pool memory on first use; later uses keep locks and events.
 template <class Record>
@@ -160,6 +191,8 @@ struct c2ms_unit {
   frame_t *frame = nullptr;
   std::atomic<int32_t> received{0};
   std::atomic<c2ms_pack *> pack{nullptr};
+  bool redundant = false;    // issued while another unit had the pack
+  bool filled_pack = false;  // its answer completed the pack
   timeval sent_time{}, first_time{}, end_time{};
   uint32_t node_id = 0;
   c2ms_node *node = nullptr;
@@ -214,24 +247,32 @@ struct c2ms_cache {
   int32_t buffering_packs GUARDED_BY(lock) = 0;
   int32_t read_calls GUARDED_BY(lock) = 0;
   int32_t short_reads GUARDED_BY(lock) = 0;
+  c2ms::wait_count waits[c2ms::wait_causes] GUARDED_BY(lock);
+  uint32_t served_seek GUARDED_BY(lock) = 0;  // seek_count of the last bytes that were delivered
   // Written under lock; read without it where a second look under a pack's lock follows.
   uint64_t media_size = 0;
   std::atomic<int32_t> packsize{c2ms::default_pack_bytes};
   std::atomic<int32_t> packnum{0};
   std::atomic<int32_t> total_packs{0};
   std::atomic<int32_t> first_index{0};
+  uint64_t other_pos GUARDED_BY(lock) =
+      c2ms::no_place;                         // a second reading place (c2ms_cache_place)
   int32_t wanted_from GUARDED_BY(lock) = 0;   // prefetching begins there (c2ms_cache_seek_to)
   int32_t idle_from GUARDED_BY(lock) = 0;     // no wanted pack from wanted_from up to here is idle
   bool demand_only GUARDED_BY(lock) = false;  // nothing is prefetched
   std::atomic<uint32_t> generation{
       0};  // of file and buffer: a unit of another one delivers nothing
-  std::atomic<uint32_t> seek_count{0};  // a reader that finds it changed ends with what it has
-  // The waiting reader: it publishes what it needs, and whoever makes that true counts up and
-  // signals.
+  std::atomic<uint32_t> seek_count{0};   // a reader that finds it changed ends with what it has
+  std::atomic<int32_t> gate_seekers{0};  // threads at the read gate that the reader gives way to
+  bool gives_way = true;                 // under the gate: not while the index is fetched
+  // The waiting reader: it publishes which packs it needs, and whoever makes the last of them there
+  // counts up and signals.
   struct event *event = nullptr;
   std::atomic<uint32_t> wake_count{0};
-  std::atomic<int32_t> want_index{-1};
-  std::atomic<int32_t> want_len{0};
+  std::atomic<int32_t> need_index{-1};  // the first pack that it lacks; written under lock
+  int32_t need_last GUARDED_BY(lock) = 0;
+  int32_t need_len GUARDED_BY(lock) = 0;  // bytes of the last one
+  std::atomic<bool> need_urgent{false};
   uint32_t session_id = 0;
   c2ms_sess *session = nullptr;
 };
@@ -288,6 +329,7 @@ struct c2ms_node {
   adif::Mutex download_lock{c2ms::rank_download};
   c2ms_unit *download_unit GUARDED_BY(download_lock) = nullptr;
   c2ms_node_perf perf{};
+  c2ms::tally counts;  // guarded by the session's speed lock
   uint32_t session_id = 0;
   c2ms_sess *session = nullptr;
   c2ms_mgmt *library = nullptr;
@@ -352,6 +394,9 @@ struct c2ms_sess {
   int64_t stats_us GUARDED_BY(speed_lock) = 0;
   int64_t window_us GUARDED_BY(speed_lock) = 0;
   double realtime_speed GUARDED_BY(speed_lock) = 0;
+  c2ms::tally departed GUARDED_BY(speed_lock);    // of nodes that are gone
+  uint64_t forgotten GUARDED_BY(speed_lock) = 0;  // bytes of packs that were not completed
+  std::atomic<uint64_t> delivered{0};             // bytes
   uint64_t cache_limit = 0;
   rac_timer *speed_timer = nullptr;
 
@@ -419,11 +464,16 @@ struct c2ms_sess {
   struct event *report_event = nullptr;  // signalled when a check's reporting ends
   std::atomic<int32_t> refusal{0};       // the agent's, as a session code; lasts until the close
 
+  c2ms::recorder trace;
+
   // Life (c2ms_strand.h).
   c2ms::Strand strand;
   std::atomic<c2ms_life> life{c2ms_life::pooled};
   std::atomic<int32_t> calls{0};  // player's calls inside
   std::atomic<bool> dispatch_due{false};
+  // c2ms_sess_cancel: bit 0 while it is on, above it how often it was switched on.
+  std::atomic<uint32_t> cancel{0};
+  uint32_t cancel_seen = 0;  // by the call that holds the read gate, when it began to wait for it
 };
 
 /// The root object.

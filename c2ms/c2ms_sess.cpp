@@ -110,10 +110,6 @@ bool has_nodes(c2ms_sess *sess) {
   return sk_num(sess->node_index) > 0;
 }
 
-bool closing(const c2ms_sess *sess) {
-  return sess->life.load() != c2ms_life::live || sess->mgmt->closing.load();
-}
-
 // Waits for the first description. 0, or what ends the open.
 int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
   int timeouts = 0;
@@ -121,7 +117,7 @@ int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
   for (;;) {
     const uint32_t seen = sess->wake_count.load();
     if (sess->desc_count != 0) return 0;
-    if (closing(sess)) return C2MS_CLOSED;
+    if (!is_live(sess)) return C2MS_CLOSED;
     if (const int32_t status = sess->status; status != 0) return status;
     if (!has_nodes(sess)) return C2MS_OPEN_TIMEOUT;  // nobody is left who could describe the media
     const auto changed = [&] { return sess->wake_count.load() != seen; };

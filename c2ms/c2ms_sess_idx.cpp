@@ -18,6 +18,15 @@ using namespace c2ms;
 
 constexpr std::chrono::milliseconds open_limit{index_open_ms};
 
+bool cancel_is_on(const c2ms_sess *sess) {
+  return (sess->cancel.load() & 1) != 0;
+}
+
+// Whoever waits for the index is to be told so at once.
+bool is_over(const c2ms_sess *sess) {
+  return !is_live(sess) || cancel_is_on(sess);
+}
+
 // The index in memory and its window are gone; readers get everything from the cache again.
 void clear_index(c2ms_sess *sess, c2ms_cache *cache) {
   {
@@ -143,8 +152,10 @@ int receive_all(c2ms_sess *sess, c2ms_cache *cache, steady::time_point deadline)
 
 int unpack(c2ms_sess *sess, uint32_t *len) {
   c2ms_idx_opening &opening = sess->idx_opening;
+  const auto stop = [sess] { return is_over(sess); };  // a big index takes its time
   const int result = c2ms_idx_unpack(sess->idx_zbuf, sess->idx_len, max_index_bytes, &opening.buf,
-                                     &opening.buf_len);
+                                     &opening.buf_len, stop);
+  if (result != 0 && is_over(sess)) return C2MS_CLOSED;  // an incremental open unpacks it later
   drop_packed(sess);
   if (result == 0 && len != nullptr) *len = opening.buf_len;
   return result;
@@ -189,11 +200,13 @@ int walk_result(int result) {
 
 int open_waiting(c2ms_sess *sess, c2ms_cache *cache, steady::time_point t0, uint32_t *len) {
   int result = begin_receiving(sess, cache, idx_no_memory);
+  cache->gives_way = false;
   if (result == 0) result = receive_all(sess, cache, t0 + open_limit);
   if (result == 0) result = unpack(sess, len);
   if (result == 0 && sess->media_type == media_type_mp4) {
     result = walk_result(c2ms_sess_idx_parse_moov(sess, t0));
   }
+  cache->gives_way = true;
   return finish(sess, cache, result);
 }
 
@@ -211,7 +224,8 @@ int receive_some(c2ms_sess *sess, c2ms_cache *cache) {
 }
 
 int receive_and_unpack(c2ms_sess *sess, c2ms_cache *cache, uint32_t *len) {
-  int result = receive_some(sess, cache);
+  const bool received = sess->idx_zrecv == int64_t{sess->idx_len};
+  int result = received ? 0 : receive_some(sess, cache);
   if (result == 0) result = unpack(sess, len);
   if (result == 0 && sess->media_type == media_type_mp4) begin_walk(sess, cache);
   return result;
@@ -240,7 +254,7 @@ int open_step(c2ms_sess *sess, c2ms_cache *cache, uint32_t *len) {
 }  // namespace
 
 int c2ms_idx_unpack(const uint8_t *packed, size_t len, uint64_t bound, uint8_t **out,
-                    uint32_t *out_len) {
+                    uint32_t *out_len, const std::function<bool()> &stop) {
   uint64_t size = 0;
   if (buffer_un7z_size(packed, len, &size) != 0) return idx_not_readable;
   if (size == 0) return idx_empty;
@@ -248,7 +262,7 @@ int c2ms_idx_unpack(const uint8_t *packed, size_t len, uint64_t bound, uint8_t *
   auto *const buf = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(size)));
   if (buf == nullptr) return idx_no_memory;
   auto unpacked = static_cast<size_t>(size);
-  if (buffer_un7z(buf, &unpacked, packed, len) != 0) {
+  if (buffer_un7z_until(buf, &unpacked, packed, len, stop) != 0) {
     std::free(buf);
     return idx_damaged;
   }
@@ -275,10 +289,11 @@ int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len) {
   if (!call) return C2MS_CLOSED;
   c2ms_cache *const cache = sess->cache.load();
   if (c2ms_cache_packsize(cache) < 1) return -2;
+  if (cancel_is_on(sess)) return C2MS_CLOSED;
   if (sess->idx_len == 0 || sess->idx_mem != 0) return 0;
   const auto t0 = steady::now();
-  interrupt_reader(cache);
-  const GateGuard gate(sess, t0 + open_limit);
+  const GateGuard gate(sess, t0 + open_limit, cache);
+  if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return idx_timed_out;
   return sess->idx_mem != 0 ? 0 : open_waiting(sess, cache, t0, len);
 }
@@ -290,8 +305,10 @@ int c2ms_sess_idx_open_asyn(c2ms_sess *sess, uint32_t *len) {
   if (!call) return C2MS_CLOSED;
   c2ms_cache *const cache = sess->cache.load();
   if (c2ms_cache_packsize(cache) < 1) return -2;
+  if (cancel_is_on(sess)) return C2MS_CLOSED;
   if (sess->idx_len == 0 || sess->idx_mem != 0) return 0;
   const GateGuard gate(sess, one_try);
+  if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return C2MS_CACHING;
   return sess->idx_mem != 0 ? 0 : open_step(sess, cache, len);
 }
@@ -346,8 +363,7 @@ int c2ms_sess_idx_close(c2ms_sess *sess) {
   const CallGuard call(sess);
   if (!call) return C2MS_CLOSED;
   c2ms_cache *const cache = sess->cache.load();
-  interrupt_reader(cache);
-  const GateGuard gate(sess, no_limit);
+  const GateGuard gate(sess, no_limit, cache);
   clear_index(sess, cache);
   if (cache == nullptr) return 0;
   if (is_opening(sess, cache)) {

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 #include "c2ms/c2ms_records.h"
 #include "c2ms/c2ms_time.h"
@@ -32,9 +33,10 @@ enum c2ms_idx_result : int {
 /// Unpacks a packed index. What it claims to unpack to is compared with `bound` before memory is
 /// taken. 0:
 /// `*out` is the caller's to free() and holds `*out_len` bytes; or idx_not_readable, idx_empty,
-/// idx_no_memory, idx_damaged with both untouched. Any thread.
+/// idx_no_memory, idx_damaged, or idx_damaged soon after `stop` says true, with both untouched. Any
+/// thread.
 int c2ms_idx_unpack(const uint8_t *packed, size_t len, uint64_t bound, uint8_t **out,
-                    uint32_t *out_len);
+                    uint32_t *out_len, const std::function<bool()> &stop = {});
 
 /// Points the cache at the whole media and walks its boxes to `moov`; only the packs of box headers
 /// are asked for. Needs the read gate. Waits for headers until 30 s after `t0`, 10 s for each. 0:

@@ -13,7 +13,9 @@
 #include "c2ms/c2ms_sess_idx.h"
 #include "c2ms/c2ms_sess_report.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_time.h"
+#include "c2ms/c2ms_trace.h"
 #include "c2ms/c2ms_unit.h"
 #include "crypto/md5.h"
 
@@ -61,6 +63,8 @@ void reset_reporting(c2ms_sess *sess) {
   sess->perf_state = sess->auth_state = 0;
   sess->perf_alive_count = sess->auth_alive_count = 0;
   sess->refusal = 0;
+  sess->cancel = 0;
+  sess->cancel_seen = 0;
 }
 
 void reset_media(c2ms_sess *sess) {
@@ -125,6 +129,7 @@ void release_contents(c2ms_sess *sess, int (*end_node)(c2ms_node *)) {
   c2ms_sess_server_clear(sess);
   c2ms_sess_unit_clear(sess);
   c2ms_sess_idx_release(sess);
+  trace_stop(sess);
   release_cache(sess);
 }
 
@@ -192,6 +197,7 @@ int c2ms_sess_init(c2ms_sess *sess) {
   reset_reporting(sess);
   reset_media(sess);
   reset_counters(sess);
+  reset_stats(sess);
   return 0;
 }
 

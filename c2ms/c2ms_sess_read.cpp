@@ -23,10 +23,9 @@ void hex_text(const uint8_t *id, char *out) {
 int select_file(c2ms_sess *sess, const uint8_t *fid, uint64_t base_offset, uint64_t size) {
   c2ms_cache *const cache = sess->cache.load();
   if (cache == nullptr) return -2;
-  interrupt_reader(cache);
   int result;
   {
-    const GateGuard gate(sess, no_limit);
+    const GateGuard gate(sess, no_limit, cache);
     result = c2ms_cache_setfile(cache, fid, base_offset, size, 0);
   }
   c2ms_sess_unit_purge(sess);
@@ -40,7 +39,7 @@ int32_t usable_buffer_size(int32_t free_bytes, int32_t pack_size) {
 }
 
 int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
-  const GateGuard gate(sess, no_limit);
+  const GateGuard gate(sess, no_limit, sess->cache.load());
   // The old buffer goes back before the free size is taken.
   c2ms_cache_clean(sess->cache.load());
   if (sess->cache_buf != nullptr) c2ms_mem_free(sess->mgmt, sess->cache_buf);
@@ -85,16 +84,52 @@ int32_t read_index(c2ms_sess *sess, c2ms_cache *cache, void *buf, int32_t len, b
   return count;
 }
 
+int count_delivered(c2ms_sess *sess, int result) {
+  if (result > 0)
+    sess->delivered.fetch_add(static_cast<uint64_t>(result), std::memory_order_relaxed);
+  return result;
+}
+
+// A receive at the read position, or at another one (then a short count at the index's end is
+// fine).
+int receive(c2ms_sess *sess, const uint64_t *pos, void *buf, int32_t len, int32_t timeout_ms) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  c2ms_cache *const cache = sess->cache.load();
+  if (cache == nullptr) return -2;
+  const auto deadline = steady::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
+  const GateGuard gate(sess, deadline);
+  if (gate.cancelled()) return C2MS_CLOSED;
+  if (!gate) return 0;
+  if (pos != nullptr) {
+    if (c2ms_cache_packnum(cache) < 1) return -201;
+    const int placed = c2ms_cache_place(cache, *pos);
+    if (placed != 0) return placed;
+  }
+  const bool whole = pos == nullptr;
+  if (const int32_t n = read_index(sess, cache, buf, len, whole); n > 0)
+    return count_delivered(sess, n);
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now());
+  const auto left_ms = static_cast<int32_t>(std::max<int64_t>(left.count(), 0));
+  return count_delivered(sess, c2ms_cache_recv(cache, buf, len, left_ms));
+}
+
 bool divides(int32_t pack_size, uint64_t size) {
   return size != 0 && size % static_cast<uint64_t>(pack_size) == 0;
 }
 
 }  // namespace
 
-void c2ms::interrupt_reader(c2ms_cache *cache) {
-  if (cache == nullptr) return;
-  cache->seek_count.fetch_add(1);
-  c2ms_cache_wake(cache);
+bool c2ms::enter_gate(c2ms_sess *sess, steady::time_point deadline,
+                      c2ms_cache *interrupted) NO_THREAD_SAFETY_ANALYSIS {
+  if (interrupted == nullptr) return sess->read_gate.enter_until(deadline);
+  // For as long as it takes: a reader that comes in between must give way as well.
+  interrupted->gate_seekers.fetch_add(1);
+  c2ms_cache_wake(interrupted);
+  const bool entered = sess->read_gate.enter_until(deadline);
+  interrupted->gate_seekers.fetch_sub(1);
+  return entered;
 }
 
 int c2ms_sess_cache_init(c2ms_sess *sess, int32_t pack_size) {
@@ -102,7 +137,6 @@ int c2ms_sess_cache_init(c2ms_sess *sess, int32_t pack_size) {
   const CallGuard call(sess);
   if (!call) return C2MS_CLOSED;
   if (sess->mgmt == nullptr) return -2;
-  interrupt_reader(sess->cache.load());
   const int result = set_up_cache(sess, std::max(pack_size, min_pack_bytes));
   c2ms_sess_unit_purge(sess);
   return result;
@@ -181,23 +215,35 @@ int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock) {
   c2ms_cache *const cache = sess->cache.load();
   if (cache == nullptr) return -2;
   const GateGuard gate(sess, nonblock != 0 ? one_try : no_limit);
+  if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return 0;
-  if (const int32_t n = read_index(sess, cache, buf, len, false); n > 0) return n;
-  return c2ms_cache_read(cache, buf, len, nonblock);
+  if (const int32_t n = read_index(sess, cache, buf, len, false); n > 0)
+    return count_delivered(sess, n);
+  return count_delivered(sess, c2ms_cache_read(cache, buf, len, nonblock));
 }
 
 int c2ms_sess_recv(c2ms_sess *sess, void *buf, int32_t len, int32_t timeout_ms) {
+  return receive(sess, nullptr, buf, len, timeout_ms);
+}
+
+int c2ms_sess_read_at(c2ms_sess *sess, uint64_t pos, void *buf, int32_t len, int32_t timeout_ms) {
+  return receive(sess, &pos, buf, len, timeout_ms);
+}
+
+int c2ms_sess_cancel(c2ms_sess *sess, int on) {
   if (sess == nullptr) return -1;
-  const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
-  c2ms_cache *const cache = sess->cache.load();
-  if (cache == nullptr) return -2;
-  const auto deadline = steady::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
-  const GateGuard gate(sess, deadline);
-  if (!gate) return 0;
-  if (const int32_t n = read_index(sess, cache, buf, len, true); n > 0) return n;
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now());
-  return c2ms_cache_recv(cache, buf, len, static_cast<int32_t>(std::max<int64_t>(left.count(), 0)));
+  // Not a CallGuard: what that delivers may block.
+  const CallCount count(sess);
+  if (!is_live(sess)) return C2MS_CLOSED;
+  // Switching on counts, so that a call that waits ends also when it is off again before it looks.
+  uint32_t word = sess->cancel.load();
+  uint32_t wanted;
+  do {
+    if (((word & 1) != 0) == (on != 0)) return 0;
+    wanted = on != 0 ? word + 3 : word - 1;
+  } while (!sess->cancel.compare_exchange_weak(word, wanted));
+  if (on != 0) c2ms_cache_wake(sess->cache.load());
+  return 0;
 }
 
 int c2ms_sess_buffering(c2ms_sess *sess, int32_t bytes) {

@@ -12,25 +12,35 @@ namespace c2ms {
 inline constexpr auto no_limit = steady::time_point::max();
 inline constexpr auto one_try = steady::time_point::min();
 
+bool enter_gate(c2ms_sess *sess, steady::time_point deadline, c2ms_cache *interrupted);
+
 /// Holds a session's read gate, if it could be entered before the deadline.
 class GateGuard {
  public:
-  GateGuard(c2ms_sess *sess, steady::time_point deadline) NO_THREAD_SAFETY_ANALYSIS
-      : gate_(sess->read_gate),
-        entered_(gate_.enter_until(deadline)) {}
+  /// `interrupted`: NULL, or the cache whose reader shall give way: it ends with what it has.
+  GateGuard(c2ms_sess *sess, steady::time_point deadline,
+            c2ms_cache *interrupted = nullptr) NO_THREAD_SAFETY_ANALYSIS
+      : sess_(sess),
+        cancel_seen_(sess->cancel.load()),
+        entered_(enter_gate(sess, deadline, interrupted)) {
+    if (entered_) sess->cancel_seen = cancel_seen_;
+  }
   ~GateGuard() NO_THREAD_SAFETY_ANALYSIS {
-    if (entered_) gate_.leave();
+    if (entered_) sess_->read_gate.leave();
   }
   GateGuard(const GateGuard &) = delete;
   GateGuard &operator=(const GateGuard &) = delete;
   explicit operator bool() const { return entered_; }
+  /// Whether cancel is on or has been since this guard was made, entered or not.
+  bool cancelled() const {
+    const uint32_t now = sess_->cancel.load();
+    return (now & 1) != 0 || now != cancel_seen_;
+  }
 
  private:
-  adif::Gate &gate_;
+  c2ms_sess *const sess_;
+  const uint32_t cancel_seen_;
   const bool entered_;
 };
-
-/// Makes a waiting reader give way to who wants to change file, buffer or index. NULL: nothing.
-void interrupt_reader(c2ms_cache *cache);
 
 }  // namespace c2ms

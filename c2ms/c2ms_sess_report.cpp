@@ -13,7 +13,7 @@ namespace {
 constexpr uint8_t not_begun = 0, begun = 1, agent_absent = 255;
 
 bool playing(const c2ms_sess *sess) {
-  return sess->life.load() == c2ms_life::live && !sess->mgmt->closing.load();
+  return is_live(sess);
 }
 
 // Counts a check; true for the first of each period.

@@ -7,6 +7,7 @@
 #include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_pack.h"
 #include "c2ms/c2ms_sess.h"
+#include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_strand.h"
 #include "c2ms/c2ms_time.h"
 #include "c2ms/c2ms_unit.h"
@@ -51,6 +52,7 @@ void forget_progress(c2ms_unit *unit) {
   });
   if (others) return;
   c2ms_pack_state_to(pack, pack_requested);
+  count_forgotten(unit->session, pack->len);
   pack->len = 0;
 }
 
@@ -106,6 +108,7 @@ int c2ms_sess_unit_issue(c2ms_sess *sess, const c2ms_range &want, c2ms_pack *pac
   c2ms_unit_init_download(sess, unit, want.fid, want.index, want.offset, want.length, want.flag,
                           pack);
   unit->generation = want.generation;
+  unit->redundant = want.redundant;
   if (!bind(want, unit, pack)) {
     unit->pack = nullptr;  // never bound: the pack is not to be told
     c2ms_unit_recycle(unit);

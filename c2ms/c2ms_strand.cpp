@@ -87,14 +87,27 @@ void StrandGuard::resume() {
   paused_ = false;
 }
 
-CallGuard::CallGuard(c2ms_sess *sess) : sess_(sess) {
+CallCount::CallCount(c2ms_sess *sess) : sess_(sess) {
   sess_->calls.fetch_add(1);
-  entered_ = sess_->life.load() == c2ms_life::live && !sess_->mgmt->closing.load();
 }
+
+CallCount::~CallCount() {
+  sess_->calls.fetch_sub(1);
+}
+
+bool is_live(const c2ms_sess *sess) {
+  return sess->life.load() == c2ms_life::live && !sess->mgmt->closing.load();
+}
+
+CallGuard::CallGuard(c2ms_sess *sess) : count_(sess), entered_(is_live(sess)) {}
 
 CallGuard::~CallGuard() {
   diag_deliver();
-  sess_->calls.fetch_sub(1);
+}
+
+bool cancelled(const c2ms_sess *sess) {
+  const uint32_t now = sess->cancel.load();
+  return (now & 1) != 0 || now != sess->cancel_seen;
 }
 
 void mark_dispatch_due(c2ms_sess *sess) {

@@ -45,8 +45,23 @@ class StrandGuard {
   bool paused_ = false;
 };
 
+/// False once the session, or the whole library, is closing or closed: everything that waits ends.
+bool is_live(const c2ms_sess *sess);
+
+/// Counts a player's call into a session, and out: the record is not recycled in between.
+class CallCount {
+ public:
+  explicit CallCount(c2ms_sess *sess);
+  ~CallCount();
+  CallCount(const CallCount &) = delete;
+  CallCount &operator=(const CallCount &) = delete;
+
+ private:
+  c2ms_sess *const sess_;
+};
+
 /// Counts a player's call into a session; false when the session is closing or closed: the call
-/// then touches nothing and returns -1005.
+/// then touches nothing and returns -1005. Delivers the diagnostic lines of the call.
 class CallGuard {
  public:
   explicit CallGuard(c2ms_sess *sess);
@@ -56,9 +71,12 @@ class CallGuard {
   explicit operator bool() const { return entered_; }
 
  private:
-  c2ms_sess *const sess_;
-  bool entered_;
+  const CallCount count_;
+  const bool entered_;
 };
+
+/// True when the call that holds the read gate must end: cancel is on, or was since the call began.
+bool cancelled(const c2ms_sess *sess);
 
 /// Marks the session "dispatch due"; the strand's next outermost leave carries it out. Any thread.
 void mark_dispatch_due(c2ms_sess *sess);

@@ -18,6 +18,7 @@ void clear_progress(c2ms_unit *unit) {
   emptyFrame(unit->frame);
   unit->response = {};
   unit->received = 0;
+  unit->filled_pack = false;
   unit->sent_time = unit->first_time = unit->end_time = {};
 }
 
@@ -132,6 +133,7 @@ int c2ms_unit_init_download(c2ms_sess *session, c2ms_unit *unit, const uint8_t *
   unit->range_offset = offset;
   unit->range_length = length;
   unit->range_flag = flag;
+  unit->redundant = false;
   unit->pack_index = pack_index;
   unit->session = session;
   unit->session_id = session->sess_id;
@@ -160,8 +162,9 @@ int c2ms_unit_verify(c2ms_unit *unit) {
 }
 
 bool c2ms_unit_verify_in(c2ms_unit *unit, c2ms_pack *pack) {
+  if (unit->pack.load() != pack) return false;  // first: a pack that was lost is not looked at
   const c2ms_cache *const cache = pack->cache;
-  if (unit->pack.load() != pack || cache == nullptr) return false;
+  if (cache == nullptr) return false;
   if (unit->generation != cache->generation.load()) return false;
   if (pack->index != unit->pack_index) return false;
   if (pack->state == pack_idle || pack->state == pack_ready) return false;

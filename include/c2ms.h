@@ -33,6 +33,7 @@
 #ifndef C2MS_H
 #define C2MS_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 
@@ -199,12 +200,31 @@ C2MS_API int c2ms_sess_seek(c2ms_sess *sess, uint64_t pos);
  * again. Bytes delivered; -200 at the end of the file; -1; -2 no cache; -201 the cache has no
  * packs; C2MS_CLOSED; C2MS_MEDIA_NOT_EXIST, C2MS_UNAUTHORIZED, C2MS_AUTH_FAILED, C2MS_IN_DEBT when
  * the servers refuse and no node is left that serves; the last three also, at once and until the
- * close, when the agent refuses the play. len below 1 gives 0. */
+ * close, when the agent refuses the play. len below 1 gives 0. C2MS_CLOSED also while reading is
+ * cancelled (c2ms_sess_cancel). */
 C2MS_API int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock);
 
 /* The same with a budget: when timeout_ms milliseconds are used up, what is there is delivered (0
  * included). 0 or less does not wait. */
 C2MS_API int c2ms_sess_recv(c2ms_sess *sess, void *buf, int32_t len, int32_t timeout_ms);
+
+/* The same at a position: seek and receive as one call, for hosts that pull at positions. The
+ * position moves to the end of what is delivered. Two places may be read in turn (a file whose
+ * audio and video come in long blocks): while they are at most half the cache apart nothing is
+ * fetched twice; a place that is left further behind is given up. A read inside an open index ends
+ * short at the end of its part. Results as above; -200 also for any pos at or past the end. */
+C2MS_API int c2ms_sess_read_at(c2ms_sess *sess, uint64_t pos, void *buf, int32_t len,
+                               int32_t timeout_ms);
+
+/* on not 0: calls that wait in c2ms_sess_read, c2ms_sess_recv, c2ms_sess_read_at,
+ * c2ms_sess_idx_open or c2ms_sess_idx_open_asyn return C2MS_CLOSED at once, and so do later ones,
+ * whatever is there, until it is switched off with 0. Who waited while it was switched on is ended
+ * also when it is switched off again at once. A cancelled read has delivered nothing, whatever
+ * stands in its buffer: the position is where it was, unless somebody has seeked. A cancelled
+ * c2ms_sess_idx_open is an open that failed; an incremental one goes on after the switching off.
+ * Everything else works, and what is on its way still arrives. Lasts until the close. Any thread,
+ * never blocks, takes no memory; not for signal handlers. 0; -1; C2MS_CLOSED. */
+C2MS_API int c2ms_sess_cancel(c2ms_sess *sess, int on);
 
 /* Says how many bytes ahead of the position the player wants before it plays (0: none); at most
  * what the cache holds ahead. 0; -1; -2 no cache. */
@@ -230,9 +250,10 @@ C2MS_API int c2ms_sess_bufratio(c2ms_sess *sess, int32_t *ratio);
 
 /* Fetches and opens the index; waits up to 30 seconds. len: NULL, or receives the index's length in
  * bytes once it is unpacked, else 0. 0, also at once when the media has no index file or the index
- * is open already; -1; -2 no cache; -200 five receives failed; -201 not complete within 30 seconds;
- * -300 no readable container; -301 empty; -350 no memory, or more than 64 MiB, packed or not; -400
- * damaged; -401 an MP4 media without a `moov` among its first 20 boxes. */
+ * is open already; -1; -2 no cache; C2MS_CLOSED closed or cancelled; -200 five receives failed;
+ * -201 not complete within 30 seconds; -300 no readable container; -301 empty; -350 no memory, or
+ * more than 64 MiB, packed or not; -400 damaged; -401 an MP4 media without a `moov` among its first
+ * 20 boxes. */
 C2MS_API int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len);
 
 /* The same for players that poll: takes what has arrived and never waits. C2MS_CACHING: call again
@@ -277,6 +298,155 @@ C2MS_API double c2ms_sess_average_recvspeed(c2ms_sess *sess);
 /* Microseconds that the best node is expected to need for one pack: at least 200,000; 20,000,000
  * when unknown; 1,000,000 without a node or for NULL. */
 C2MS_API int32_t c2ms_sess_fasttime(c2ms_sess *sess);
+/* What follows is counted per session since the open ("total"), over the last time ("interval") or
+ * as it is at the moment of the call ("instant"). Speeds are bytes per millisecond, times
+ * microseconds. Zero is "none yet" throughout. */
+
+/* How often a reader had to wait for a pack, for how long together, and for how long at most:
+ * totals. A receive that gives up and is repeated counts as often. */
+typedef struct c2ms_wait_stats {
+  uint64_t count;
+  uint64_t total_us;
+  uint64_t longest_us;
+} c2ms_wait_stats;
+
+/* One media server's connection. */
+typedef struct c2ms_node_stats {
+  uint64_t bytes_received; /* total, media bytes */
+  uint64_t requests;       /* total, ranges asked for; the next two and one that may be in flight */
+  uint64_t completed;      /* total, answered whole */
+  uint64_t given_up;       /* total, refused, or ended with the connection */
+  uint64_t failures;       /* total, connections that could not be made or broke */
+  uint64_t round_trip_us;  /* average since the connection's begin, request to last byte */
+  double speed;            /* instant, of the last answer */
+  double average_speed;    /* average since the connection's begin */
+  double share;            /* of the session's bytes_received, 0 to 1 */
+  uint32_t state; /* instant: 1 disconnected, 2 connecting, 3 connected, 4 asking for servers,
+                   * 5 asking for the description, 6 ready, 7 downloading */
+  uint32_t port;
+  uint32_t level; /* 0 the entry server itself, 1 named by it, ... */
+  uint32_t load;  /* instant, as the server reported it last */
+  char address[64];
+  uint64_t reserved[4];
+} c2ms_node_stats;
+
+#define C2MS_STATS_NODES 8 /* media nodes of one session at most */
+
+/* The figures of a session. It grows at its end only. */
+typedef struct c2ms_stats {
+  uint32_t struct_size; /* bytes that the library has filled in */
+  int32_t status;       /* instant: 0, or the session code that the servers caused */
+
+  /* Place, instant, in positions of reads. */
+  uint64_t position;
+  uint64_t size;       /* of the selected file */
+  uint64_t ring_begin; /* what the cache is placed for, exclusive of the end */
+  uint64_t ring_end;
+  uint64_t buffered_bytes; /* that can be read now, all together */
+  uint64_t buffered_ahead; /* in one piece from the position */
+
+  /* Bytes of the media, totals. received = kept + discarded, at every moment. */
+  uint64_t bytes_received;
+  uint64_t bytes_kept;      /* of packs that were completed, and so far of those under way */
+  uint64_t bytes_discarded; /* late, double, or of a pack that was given up half way */
+  uint64_t bytes_delivered; /* to the player, skipped ones (no buffer) and the index included */
+  uint64_t bytes_overhead;  /* received besides: headers, server lists, descriptions */
+  uint64_t receiving_us;    /* while at least one node was downloading */
+
+  /* Requests for ranges, totals. requests = completed + given_up + in_flight, at every moment. */
+  uint64_t requests;
+  uint64_t completed;
+  uint64_t given_up;
+  uint64_t redundant; /* for a pack that was late from another node */
+  uint64_t won;       /* redundant ones that were faster */
+  uint64_t wasted;    /* completed, but the pack was no longer wanted or there already */
+  uint64_t failures;  /* of nodes' connections */
+
+  /* Readers' waits by cause. */
+  c2ms_wait_stats wait_no_node;   /* no server could deliver for some of the time */
+  c2ms_wait_stats wait_late;      /* the pack came late */
+  c2ms_wait_stats wait_seek;      /* first bytes after a seek, or after the file was selected */
+  c2ms_wait_stats wait_cancelled; /* until a cancel or the close */
+
+  double speed;         /* interval: the last two seconds, all bytes */
+  double average_speed; /* total: over receiving_us */
+
+  uint64_t memory_bytes;     /* instant: the session's cache */
+  uint64_t memory_cap_bytes; /* of the context: all sessions' caches together */
+
+  uint32_t seeks;           /* total, calls */
+  uint32_t reads;           /* total, calls that reached the cache */
+  uint32_t short_reads;     /* total, of these, that got fewer bytes than asked for */
+  uint32_t buffered_ranges; /* instant, as c2ms_sess_ranges gives them */
+  uint32_t in_flight;       /* instant, requests */
+  uint32_t units_queued;    /* instant, requests that wait for a node */
+  uint32_t index_state;     /* instant: 0 the media has none, 1 not open, 2 being opened, 3 open */
+  uint32_t index_bytes;     /* instant, of the open index; not part of memory_bytes */
+  uint32_t report_state;    /* instant: report server 0 not told yet, 1 told of the play */
+  uint32_t agent_state;     /* instant: agent 0 not told yet, 1 accepted, 255 nobody answers */
+  uint32_t nodes_usable;    /* instant, that are ready or downloading */
+  uint32_t nodes;           /* instant, entries of node */
+
+  c2ms_node_stats gone; /* totals of connections that have ended: with the nodes' own, the totals */
+  c2ms_node_stats node[C2MS_STATS_NODES]; /* best first at the last look */
+} c2ms_stats;
+
+/* Takes a snapshot of the session. struct_size: sizeof(c2ms_stats) as the player was compiled; a
+ * smaller one gets what fits, a bigger one zeros behind. Looks at every pack: microseconds, rarely
+ * a millisecond; for once a second rather than for every frame. 0; -1; -2 no stats; C2MS_CLOSED. */
+C2MS_API int c2ms_sess_stats(c2ms_sess *sess, c2ms_stats *stats, size_t struct_size);
+
+/* Bytes from begin to end (exclusive). */
+typedef struct c2ms_byte_range {
+  uint64_t begin;
+  uint64_t end;
+} c2ms_byte_range;
+
+/* The stretches of the selected file that can be read at once now, lowest first, each as long as it
+ * goes: at most max of them to ranges (NULL: none). How many there are; -1; -2 no cache;
+ * C2MS_CLOSED. */
+C2MS_API int c2ms_sess_ranges(c2ms_sess *sess, c2ms_byte_range *ranges, int max);
+
+/* What happens in a session, for pictures of a play: one event. What a kind does not name
+ * is 0. Positions count in the media. */
+enum {
+  C2MS_TRACE_REQUEST = 1, /* a request has ended: pos, bytes that came, duration, node; detail 0 it
+                           * filled its pack, 1 it was in vain, 2 it was given up */
+  C2MS_TRACE_PACK = 2,    /* a pack is complete: pos, bytes, node */
+  C2MS_TRACE_SEEK = 3,    /* the player has moved the position: pos */
+  C2MS_TRACE_WAIT = 4,    /* a reader has waited: pos, duration; detail 0 no node, 1 late, 2 after a
+                           * seek, 3 cancelled */
+  C2MS_TRACE_NODE = 5, /* detail: the new state as in c2ms_node_stats, 0 gone; not the steps between
+                        * 6 and 7 */
+  C2MS_TRACE_PLACE = 6 /* the position has come to another pack: pos; the cache is placed for bytes
+                        * from begin on */
+};
+typedef struct c2ms_trace_event {
+  int64_t time_us;     /* when it began, since the recording did */
+  int64_t duration_us; /* 0: a moment */
+  uint64_t pos;
+  uint64_t begin;
+  uint64_t bytes;
+  uint32_t kind;
+  uint32_t detail;
+  uint32_t node;    /* number of the connection; 0 none */
+  uint32_t address; /* of its server, network order */
+  uint32_t port;
+  uint32_t reserved;
+} c2ms_trace_event;
+
+#define C2MS_TRACE_MOST (1 << 20)
+
+/* Begins to record with room for this many events (C2MS_TRACE_MOST at most); the oldest give way.
+ * 0: stops, and gives the room back, as the close does. What was recorded before is gone. Costs
+ * next to nothing while off. 0; -1; C2MS_NO_MEMORY; C2MS_CLOSED. */
+C2MS_API int c2ms_sess_trace(c2ms_sess *sess, int events);
+
+/* Takes up to max recorded events, oldest first, ordered by when they ended. lost: NULL, or
+ * receives how many have given way since the beginning. How many; -1; -2 no events; C2MS_CLOSED. */
+C2MS_API int c2ms_sess_trace_read(c2ms_sess *sess, c2ms_trace_event *events, int max,
+                                  uint64_t *lost);
+
 /* Writes a readable dump of session, queue and nodes to out (NULL: standard output). */
 C2MS_API void c2ms_sess_print(c2ms_sess *sess, FILE *out);
 

@@ -38,7 +38,11 @@ constexpr char kHelp[] =
     "      --timeout S     give up after S seconds without a byte (60; 0: never)\n"
     "      --verify HEX    compare the SHA-256 of what arrived\n"
     "      --index         open the media's separate index first, if it has one\n"
-    "      --stats         draw a live line on a terminal's standard error, sum up at the end\n"
+    "      --stats         show the session's figures on standard error: a live line on a "
+    "terminal,\n"
+    "                      else a line a second; all of them at the end\n"
+    "      --trace FILE    write what happened as a trace (Chrome trace-event format)\n"
+    "      --timeline FILE write a picture of the play (SVG)\n"
     "      --json          report the outcome as one JSON object on standard output, or on\n"
     "                      standard error with -o -\n"
     "      --dump          write the session's inside to standard error at the end\n"
@@ -59,6 +63,8 @@ enum Id : int {
   kVerify,
   kIndex,
   kStats,
+  kTrace,
+  kTimeline,
   kJson,
   kDump,
   kVerbose,
@@ -78,6 +84,8 @@ constexpr option kLong[] = {
     {"verify", required_argument, nullptr, kVerify},
     {"index", no_argument, nullptr, kIndex},
     {"stats", no_argument, nullptr, kStats},
+    {"trace", required_argument, nullptr, kTrace},
+    {"timeline", required_argument, nullptr, kTimeline},
     {"json", no_argument, nullptr, kJson},
     {"dump", no_argument, nullptr, kDump},
     {"verbose", no_argument, nullptr, kVerbose},
@@ -140,6 +148,12 @@ std::string take(int id, const std::string &value, Options *options, std::string
     case kStats:
       options->stats = true;
       return "";
+    case kTrace:
+      options->trace = value;
+      return value.empty() ? "--trace wants a file name" : "";
+    case kTimeline:
+      options->timeline = value;
+      return value.empty() ? "--timeline wants a file name" : "";
     case kJson:
       options->json = true;
       return "";

@@ -11,7 +11,8 @@ struct Options {
   std::string output;         // "-" is standard output
   bool named_by_url = false;  // `output` comes from the URL, so it must not replace a file
   std::string conf;
-  std::string verify;  // 64 lower-case hexadecimal digits, or empty
+  std::string trace, timeline;  // files, or empty
+  std::string verify;           // 64 lower-case hexadecimal digits, or empty
   uint64_t offset = 0;
   uint64_t length = UINT64_MAX;  // UINT64_MAX: to the end
   int32_t pack_size = 256 << 10;

@@ -7,9 +7,8 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string_view>
+
+#include "tools/c2ms-get-stats.h"
 
 namespace get {
 namespace {
@@ -43,30 +42,6 @@ int terminal_width() {
   return size.ws_col;
 }
 
-int count(std::string_view text, std::string_view word) {
-  int found = 0;
-  for (size_t at = 0; (at = text.find(word, at)) != text.npos; at += word.size()) ++found;
-  return found;
-}
-
-/// Media nodes, and how many of them could deliver: the session's dump is the only place that
-/// tells.
-void count_nodes(c2ms_sess *sess, Figures *figures) {
-  char *text = nullptr;
-  size_t size = 0;
-  FILE *const out = open_memstream(&text, &size);
-  if (!out) return;
-  c2ms_sess_print(sess, out);
-  std::fclose(out);
-  const std::string_view dump(text, size);
-  if (const char *number = std::strstr(text, "NodeNum: ")) {
-    figures->nodes = std::atoi(number + std::strlen("NodeNum: "));
-    figures->nodes_usable = count(dump, "State: C2MS_NODE_READY") +
-                            count(dump, "State: C2MS_NODE_WAITING_GETMEDIA_RESP");
-  }
-  std::free(text);
-}
-
 }  // namespace
 
 std::string text_of_bytes(double bytes) {
@@ -97,7 +72,8 @@ std::string progress_line(const Figures &f, int width) {
   return "[" + bar + "] " + words;
 }
 
-Progress::Progress(bool wanted, uint64_t total) : on_(wanted && isatty(STDERR_FILENO) == 1) {
+Progress::Progress(bool wanted, uint64_t total)
+    : on_(wanted), terminal_(isatty(STDERR_FILENO) == 1) {
   figures_.total = total;
 }
 
@@ -122,13 +98,37 @@ void Progress::ask(c2ms_sess *sess, Clock::time_point now) {
   figures_.buffer_percent = percent;
   if (now < next_ask_) return;
   next_ask_ = now + kAskEvery;
-  count_nodes(sess, &figures_);
+  c2ms_stats stats;
+  if (c2ms_sess_stats(sess, &stats, sizeof stats) != 0) return;
+  figures_.nodes = static_cast<int>(stats.nodes);
+  figures_.nodes_usable = static_cast<int>(stats.nodes_usable);
+}
+
+// Where nothing can be drawn over: a line for each second.
+void Progress::print_line(c2ms_sess *sess, Clock::time_point now, uint64_t received) {
+  if (next_ask_ == Clock::time_point{}) {
+    next_ask_ = now + kAskEvery;
+    measure(now, received);
+  }
+  if (now < next_ask_) return;
+  next_ask_ += kAskEvery;
+  measure(now, received);
+  c2ms_stats stats;
+  if (c2ms_sess_stats(sess, &stats, sizeof stats) != 0) return;
+  const double percent = static_cast<double>(received) * 100 /
+                         static_cast<double>(std::max<uint64_t>(figures_.total, 1));
+  const std::string line =
+      format("c2ms-get: %5.1f%%  %s/s  ", percent, text_of_bytes(figures_.bytes_per_s).c_str()) +
+      stats_words(stats) + "\n";
+  std::fputs(line.c_str(), stderr);
 }
 
 void Progress::update(c2ms_sess *sess, uint64_t received) {
   const auto now = Clock::now();
   const bool complete = received == figures_.total;
-  if (!on_ || (now < next_draw_ && !complete)) return;
+  if (!on_) return;
+  if (!terminal_) return print_line(sess, now, received);
+  if (now < next_draw_ && !complete) return;
   next_draw_ = now + kDrawEvery;
   measure(now, received);
   ask(sess, now);

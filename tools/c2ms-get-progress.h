@@ -1,4 +1,5 @@
-// The live line of c2ms-get: bar, percent, amounts, speed, buffer, nodes, time left. Used by the
+// The live line of c2ms-get: bar, percent, amounts, speed, buffer, nodes, time left; figures of the
+// session where no line can be redrawn. Used by the
 // thread that fetches, and no other.
 #pragma once
 
@@ -32,7 +33,8 @@ class Progress {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Draws on standard error if `wanted` and that is a terminal.
+  /// Draws on standard error if `wanted`: one line over and over on a terminal, else a line a
+  /// second.
   Progress(bool wanted, uint64_t total);
   ~Progress();  // ends the line
 
@@ -48,9 +50,10 @@ class Progress {
 
   void measure(Clock::time_point now, uint64_t received);
   void ask(c2ms_sess *sess, Clock::time_point now);
+  void print_line(c2ms_sess *sess, Clock::time_point now, uint64_t received);
 
   bool drawn_ = false;
-  const bool on_;
+  const bool on_, terminal_;
   Figures figures_;
   std::deque<Sample> samples_;  // of the last seconds, oldest first
   Clock::time_point next_draw_{};

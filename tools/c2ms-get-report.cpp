@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "tools/c2ms-get-progress.h"
+#include "tools/c2ms-get-stats.h"
 
 namespace get {
 namespace {
@@ -91,6 +92,7 @@ void print_summary(const Report &report) {
   std::fprintf(stderr, "c2ms-get: %" PRIu64 " bytes in %.2f s (and %.2f s to open), %s/s\n",
                report.received, report.fetch_s, report.open_s,
                text_of_bytes(speed(report)).c_str());
+  if (report.stats.struct_size != 0) print_stats(report.stats);
   if (!report.indexed) return;
   if (report.index_code < 0) {
     std::fprintf(stderr, "c2ms-get: the index failed (%" PRId32 ")\n", report.index_code);
@@ -130,6 +132,11 @@ void print_json(const Report &report, FILE *out) {
   }
   text("sha256", report.sha256);
   std::fprintf(out, "\"verified\": %s, ", report.verified ? "true" : "false");
+  if (report.stats.struct_size != 0) {
+    std::fputs("\"stats\": ", out);
+    print_stats_json(report.stats, out);
+    std::fputs(", ", out);
+  }
   std::fprintf(out, "\"signal\": %d, \"code\": %" PRId32 ", ", report.signal, report.code);
   text("error", report.error);
   std::fprintf(out, "\"status\": %d}\n", exit_status(report));

@@ -1,6 +1,8 @@
 // The outcome of one run of c2ms-get and its forms: messages, a summary and a JSON object.
 #pragma once
 
+#include <c2ms.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -27,9 +29,10 @@ struct Report {
   uint64_t index_saved = 0;    // bytes of the media that need not be fetched
   std::string sha256;          // of what was written, when a digest was to be compared
   bool verified = false;
-  int signal = 0;     // that ended the run
-  int32_t code = 0;   // the library's, when it failed
-  std::string error;  // empty: none
+  c2ms_stats stats{};  // at the end; struct_size 0: no session
+  int signal = 0;      // that ended the run
+  int32_t code = 0;    // the library's, when it failed
+  std::string error;   // empty: none
 };
 
 /// Notes a failure of the library: the code and its text. A first failure stays.

@@ -16,6 +16,7 @@
 #include "tools/c2ms-get-progress.h"
 #include "tools/c2ms-get-report.h"
 #include "tools/c2ms-get-sink.h"
+#include "tools/c2ms-get-trace.h"
 
 namespace {
 
@@ -140,7 +141,7 @@ bool prepare(c2ms_sess *session, const get::Options &options, get::Report *repor
 
 /// Moves bytes until all are there, something fails, time is up or a signal came.
 void fetch(c2ms_sess *session, const get::Options &options, get::Sink *sink,
-           get::Progress *progress, get::Report *report) {
+           get::Progress *progress, get::Trace *trace, get::Report *report) {
   std::vector<uint8_t> buffer(kChunk);
   auto last_byte = Clock::now();
   while (report->received < report->length && g_signal == 0) {
@@ -158,6 +159,7 @@ void fetch(c2ms_sess *session, const get::Options &options, get::Sink *sink,
       return get::fail(report, "no byte for " + std::to_string(options.timeout_s) + " seconds");
     }
     progress->update(session, report->received);
+    trace->collect(session);
   }
 }
 
@@ -180,13 +182,18 @@ void run(c2ms_mgmt *library, const get::Options &options, get::Report *report) {
   const std::string problem =
       sink.open(options.output, options.named_by_url, !options.verify.empty());
   if (!problem.empty()) return get::fail(report, problem);
+  get::Trace trace(options.trace, options.timeline);
+  trace.begin(session.get());
   const auto start = Clock::now();
   if (report->length == 0 || prepare(session.get(), options, report)) {
     get::Progress progress(options.stats && !options.verbose, report->length);
-    fetch(session.get(), options, &sink, &progress, report);
+    fetch(session.get(), options, &sink, &progress, &trace, report);
   }
   report->fetch_s = seconds_since(start);
   if (report->received < report->length) report->signal = g_signal;  // else it came too late
+  c2ms_sess_stats(session.get(), &report->stats, sizeof report->stats);
+  trace.collect(session.get());
+  get::fail(report, trace.write(report->media_size));
   finish(options, &sink, report);
   if (options.dump) c2ms_sess_print(session.get(), stderr);
 }

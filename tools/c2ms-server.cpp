@@ -128,6 +128,12 @@ bool takes_reports(const settings &s) {
   return !s.reporting.agent.empty() || !s.reporting.report.empty();
 }
 
+// The option that getopt_long has just refused: a letter, which may stand among others, or a word.
+std::string refused_option(char **argv) {
+  const bool letter = optopt >= ' ';
+  return letter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+}
+
 settings parse(int argc, char **argv) {
   enum : int {
     port = 1,
@@ -162,7 +168,8 @@ settings parse(int argc, char **argv) {
   };
   settings s;
   s.server.keep_log = false;
-  for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+  opterr = 0;  // the messages here are our own
+  for (int c; (c = getopt_long(argc, argv, ":", options, nullptr)) != -1;) {
     switch (c) {
       case port:
         s.server.port = static_cast<uint16_t>(number(optarg, 65535, "--port"));
@@ -205,9 +212,10 @@ settings parse(int argc, char **argv) {
       case help:
         print_help();
         std::exit(0);
+      case ':':
+        usage_error(std::string(argv[optind - 1]) + " wants a value");
       default:
-        std::fprintf(stderr, "c2ms-server --help tells more\n");
-        std::exit(2);
+        usage_error("unknown option " + refused_option(argv));
     }
   }
   s.paths.assign(argv + optind, argv + argc);
