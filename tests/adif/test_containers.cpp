@@ -426,6 +426,10 @@ TEST(HashTable, FollowsAMapUntilABucketAndTheOverflowAreFull) {
     }
     ASSERT_EQ(ht_num(table.get()), static_cast<int>(model.size()));
     ASSERT_EQ(isFull(table.get()), model.size() == 12 ? 1 : 0);
+    for (int k = 0; k < table->overflow_used; ++k) {
+      const uint32_t bucket = defHash(table->overflow[k].key) % 7;
+      ASSERT_TRUE(table->buckets[bucket].used) << "an entry waits though its bucket is free";
+    }
     for (const std::string &k : keys) {
       const auto expected = model.find(k);
       ASSERT_EQ(ht_value(table.get(), k.c_str()),

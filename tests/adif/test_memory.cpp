@@ -250,7 +250,7 @@ TEST_F(Pool, FollowsAQueue) {
       // The rest of the batch waits in the pool in an order of its own.
       const auto &list = pool_->free_list;
       for (size_t j = 1; j < made; ++j)
-        free.push_back(list.slots[(static_cast<size_t>(list.first) + j - 1) % list.capacity]);
+        free.push_back(list.slots[(static_cast<size_t>(list.first) + j - 1) % list.capacity].unit);
       if (made > 0) {
         for (void *rest : free) ASSERT_TRUE(known.insert(rest).second);
       } else {
@@ -370,6 +370,61 @@ TEST_F(Pool, WaitingFetchesAllGetTheirTurn) {
   EXPECT_EQ(shared, 0);
   EXPECT_EQ(served, 8 * 5000);
   EXPECT_EQ(profile(), "3 3 0");
+}
+
+// In the test modes a unit that is touched after its return is found out, and is not handed out
+// again soon; in the mode of players it may be touched and is the next one.
+TEST_F(Pool, TestModesWatchUnitsAtRest) {
+  using adif::pool_mode;
+  static constexpr pool_span some[] = {{8, 16}}, all[] = {{0, 32}};
+  const struct {
+    pool_mode mode;
+    const pool_span *spans;
+    int touched;  // byte of the unit at rest, -1: none
+    bool found_out;
+    int rests;  // fetches until the unit comes again; 1000: never
+  } rows[] = {
+      {pool_mode::recycle, all, 0, false, 1},       {pool_mode::quarantine, some, -1, false, 129},
+      {pool_mode::quarantine, some, 7, false, 129}, {pool_mode::quarantine, some, 8, true, 0},
+      {pool_mode::quarantine, some, 23, true, 0},   {pool_mode::quarantine, some, 24, false, 129},
+      {pool_mode::bypass, some, 25, false, 1000},   {pool_mode::bypass, some, 9, true, 0},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(testing::Message() << static_cast<int>(row.mode) << " byte " << row.touched);
+    const int outcome = in_child([&] {
+      adif::pool_test_mode(row.mode);
+      block_pool *const pool = make_pool(0);
+      setUnitSize(pool, 32);
+      setRestSpans(pool, row.spans, 1);
+      auto *const unit = static_cast<volatile uint8_t *>(fetchUnit(pool));
+      recycleUnit(pool, const_cast<uint8_t *>(unit));
+      if (row.touched >= 0) unit[row.touched] = unit[row.touched] + 1;
+      int rested = 1;
+      for (; rested < 1000; ++rested) {
+        void *const next = fetchUnit(pool);
+        recycleUnit(pool, next);
+        if (next == unit) break;
+      }
+      if (!adif::pool_invariant(pool)) return 3;
+      BPoolCleanup(pool);
+      return rested == row.rests ? 0 : 2;
+    });
+    EXPECT_EQ(outcome != 0, row.found_out) << outcome;
+    EXPECT_TRUE(outcome != 2 && outcome != 3) << outcome;
+  }
+}
+
+TEST_F(Pool, BypassFreesWhatNobodyLooksAt) {
+  static constexpr pool_span all[] = {{0, sizeof(int)}};
+  adif::pool_test_mode(adif::pool_mode::bypass);
+  end();
+  pool_ = make_pool(0);
+  adif::pool_test_mode(adif::pool_mode::recycle);
+  setRestSpans(pool_, all, 1);
+  void *const one = fetchUnit(pool_);
+  EXPECT_EQ(profile(), "1 0 1");
+  recycleUnit(pool_, one);
+  EXPECT_EQ(profile(), "0 0 0");
 }
 
 TEST_F(Pool, CleaningUpEndsEveryWait) {

@@ -150,6 +150,23 @@ TEST(Receive, CountsWhatCameBeforeTimeOutAndClose) {
   EXPECT_EQ(received, 3);
 }
 
+TEST(Receive, ATrickleDoesNotMoveTheDeadline) {
+  Pair pair;
+  std::thread peer([&] {
+    for (int i = 0; i < 30; ++i) {
+      tcp_nb_send(pair.peer, "x", 1);
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  });
+  char buffer[100];
+  int received = 0;
+  const auto start = Clock::now();
+  EXPECT_EQ(tcp_receive(pair.client, buffer, 100, 200, &received), 0);
+  EXPECT_LT(ms_since(start), 1000);
+  EXPECT_GT(received, 0);
+  peer.join();
+}
+
 TEST(Arguments, BadOnesFail) {
   Pair pair;
   char byte = 0;

@@ -1,4 +1,5 @@
 // The session core's parts by themselves: wire format, statistics, orders, lists, addresses.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -13,6 +14,7 @@
 #include "c2ms/c2ms_pump.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_strand.h"
 #include "c2ms/c2ms_unit.h"
 #include "crypto/des.h"
 
@@ -258,6 +260,9 @@ TEST_F(Core, RegistriesAndServers) {
   EXPECT_EQ(c2ms_sess_get(mgmt, 2), nullptr);
   EXPECT_EQ(c2ms_sess_del(mgmt, second), nullptr);
   c2ms_sess_close(third);
+  third->sess_id = sess->sess_id.load();  // an old pointer to what somebody else is by now
+  EXPECT_EQ(c2ms_sess_del(mgmt, third), nullptr);
+  EXPECT_EQ(c2ms_sess_get(mgmt, sess->sess_id), sess);
   c2ms_sess_server_add(sess, "first", 7, 80, 2);
   c2ms_sess_server_add(sess, "", 7, 80, 2);
   c2ms_sess_server_add(sess, "last", 7, 80, 2);
@@ -293,6 +298,51 @@ TEST_F(Core, LateEventsAreIgnored) {
   EXPECT_EQ(lines,
             "\nc2ms_pump: IOE_TIMEOUT recved, sessid=999 timercmd=7563, but no node exist.\n\n");
   StopTimer(late);
+}
+
+// Devices and timers that a node or session has had before change nothing of it.
+TEST_F(Core, FormerHandlesAreIgnored) {
+  c2ms_set_diag(nullptr, nullptr);  // the engine's threads have lines, too
+  const c2ms::StrandGuard strand(sess);
+  const uint32_t loopback = htonl(INADDR_LOOPBACK);
+  c2ms_node *const node = c2ms_node_fetch(sess);
+  node->type = c2ms::node_serves_media;
+  c2ms_node_state_to(node, C2MS_NODE_READY);
+  const std::pair<int, int> events[] = {{1, -130}, {2, 0}, {4, -120}, {10, -141}};
+  for (const auto &[event, result] : events) {
+    rac_connection *const former =
+        UDPClient(mgmt->probe, &loopback, 9, node->node_id, nullptr, c2ms_pump, mgmt);
+    ASSERT_NE(former, nullptr);
+    EXPECT_EQ(c2ms_pump(mgmt, former, event, 2), result) << event;
+    EXPECT_EQ(node->state, C2MS_NODE_READY) << event;
+    probe_barrier(mgmt->probe);
+    EXPECT_EQ(GetDeviceFD(former), -1) << "nobody listens to it any more";
+  }
+  const auto expire_former = [&](uint32_t command, uint32_t id) {
+    rac_timer *const former = StartTimer2(mgmt->probe, 1'000'000, command, id, c2ms_pump, mgmt);
+    EXPECT_EQ(c2ms_pump(mgmt, former, 9, 64), 0) << command;
+    StopTimer(former);
+  };
+  expire_former(c2ms::timer_node_life, node->node_id);
+  EXPECT_EQ(node->state, C2MS_NODE_READY);
+  c2ms_node_state_to(node, C2MS_NODE_DISCONNECTED);
+  expire_former(c2ms::timer_node_connect, node->node_id);
+  EXPECT_EQ(node->state, C2MS_NODE_DISCONNECTED);
+  expire_former(c2ms::timer_sess_check, sess->sess_id);
+  expire_former(c2ms::timer_speed_count, sess->sess_id);
+  EXPECT_EQ(sess->check_timer, nullptr);
+  EXPECT_EQ(sess->speed_timer, nullptr);
+}
+
+TEST_F(Core, NodesOfASessionAreLimited) {
+  c2ms_set_diag(nullptr, nullptr);  // the engine's threads have lines, too
+  const c2ms::StrandGuard strand(sess);
+  for (uint32_t i = 0; i < 20; ++i) {
+    const bool opened = c2ms_node_open(sess, nullptr, htonl(INADDR_LOOPBACK), 9 + i,
+                                       c2ms::node_serves_media, 0, 1) != nullptr;
+    EXPECT_EQ(opened, i < 8) << i;
+  }
+  EXPECT_EQ(c2ms_sess_node_num(sess), 8);
 }
 
 TEST_F(Core, DumpOfAnOddSession) {

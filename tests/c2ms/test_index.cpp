@@ -1,6 +1,7 @@
 // The index of a media end to end: both opens, what the window serves and what is no longer
 // fetched, where the range goes, and what becomes of damaged or dishonest indexes.
 #include <atomic>
+#include <set>
 
 #include "../support.h"
 #include "boxes.h"
@@ -339,7 +340,8 @@ TEST(Index, DamagedOrDishonest) {
 TEST(Index, OfAnotherLengthThanItsBox) {
   // The window is what both have; an index that is longer is not laid over the media behind the
   // box.
-  const std::string index = moov(3000);
+  std::string index = moov(3000);
+  index.replace(4, 4, "MooV");  // in any letter case
   const struct {
     std::string packed;
     uint32_t size;
@@ -508,16 +510,17 @@ TEST(Index, WalkAsksForHeadersAlone) {
   ASSERT_EQ(c2ms_sess_idx_open_asyn(movie.sess, nullptr), C2MS_CACHING);
   movie.server.clear_log();
   int result = C2MS_CACHING;
-  size_t asked = 0;
+  std::set<uint64_t> asked;  // places: a slow answer's may be asked for twice
   ASSERT_TRUE(eventually([&] {
-    asked = 0;
+    asked.clear();
     for (const auto &request : movie.server.log())
-      asked += request.command == 3 && request.fid == movie.id;
+      if (request.command == 3 && request.fid == movie.id) asked.insert(request.offset);
     result = c2ms_sess_idx_open_asyn(movie.sess, nullptr);
     return result != C2MS_CACHING;
   }));
   ASSERT_GT(result, 0);
-  EXPECT_LE(asked, 3u);  // the packs of three headers, counted before the call that ended the walk
+  EXPECT_LE(asked.size(),
+            3u);  // the packs of three headers, counted before the call that ended the walk
 }
 
 TEST(Index, OpenEndsWithoutServers) {
@@ -528,12 +531,20 @@ TEST(Index, OpenEndsWithoutServers) {
   EXPECT_EQ(c2ms_sess_idx_open(movie.sess, nullptr), -201) << "one deadline for all of it";
   EXPECT_GE(seconds_since(begin), 29.9);
   EXPECT_LT(seconds_since(begin), 35.0);
-  std::thread waiting([&] { EXPECT_EQ(c2ms_sess_idx_open(movie.sess, nullptr), C2MS_CLOSED); });
-  std::this_thread::sleep_for(200ms);
-  const auto closing = clock::now();
-  movie.film->close();
-  waiting.join();
-  EXPECT_LT(seconds_since(closing), 2.0);
+  const auto end_by = [&](auto call) {
+    std::thread waiting([&] { EXPECT_EQ(c2ms_sess_idx_open(movie.sess, nullptr), C2MS_CLOSED); });
+    std::this_thread::sleep_for(200ms);
+    const auto ending = clock::now();
+    call();
+    waiting.join();
+    EXPECT_LT(seconds_since(ending), 2.0);
+  };
+  ASSERT_EQ(c2ms_sess_idx_open_asyn(movie.sess, nullptr), C2MS_CACHING);
+  end_by([&] { c2ms_sess_cancel(movie.sess, 1); });
+  EXPECT_EQ(c2ms_sess_idx_open_asyn(movie.sess, nullptr), C2MS_CLOSED);
+  ASSERT_EQ(c2ms_sess_cancel(movie.sess, 0), 0);
+  EXPECT_EQ(c2ms_sess_idx_open_asyn(movie.sess, nullptr), C2MS_CACHING);
+  end_by([&] { movie.film->close(); });
 }
 
 TEST(Index, OtherThreadsLookAndSeekMeanwhile) {

@@ -2,6 +2,7 @@
 // waiting call is told.
 #include <dirent.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "c2ms/c2ms_records.h"
@@ -165,6 +166,58 @@ TEST_F(Blocked, OthersDoNotWaitForTheGate) {
   EXPECT_EQ(result, 0);
 }
 
+// Calls are cancelled at any moment of their waiting, every second time by a mere pulse: each ends,
+// half of them within 50 ms, and nothing that one had copied is lost.
+TEST_F(Blocked, CancelEndsWhoWaitsAndLaterCalls) {
+  c2ms_sess *const sess = film->get();
+  ASSERT_EQ(c2ms_sess_cancel(sess, 1), 0);
+  reader.join();
+  EXPECT_EQ(result, C2MS_CLOSED);
+  const Film::call calls[] = {
+      Film::blocking,
+      [](c2ms_sess *s, void *buf, int32_t len) { return c2ms_sess_recv(s, buf, len, 60'000); },
+      [](c2ms_sess *s, void *, int32_t) { return c2ms_sess_idx_open(s, nullptr); },
+      [](c2ms_sess *s, void *buf, int32_t len) { return c2ms_sess_read(s, buf, len, 1); },
+      [](c2ms_sess *s, void *, int32_t) { return c2ms_sess_idx_open_asyn(s, nullptr); }};
+  std::vector<uint8_t> buf(65536 + 50'000);
+  const auto len = static_cast<int32_t>(buf.size());
+  ASSERT_EQ(c2ms_sess_seek(sess, 20'000), 0);  // 45,536 bytes are there
+  for (const auto &call : calls) EXPECT_EQ(call(sess, buf.data(), 10), C2MS_CLOSED);
+  std::vector<double> took;
+  for (int round = 0; round < 40; ++round) {
+    ASSERT_EQ(c2ms_sess_cancel(sess, 0), 0);
+    std::thread waiting([&] {
+      EXPECT_EQ(calls[round % 2](sess, buf.data(), len), C2MS_CLOSED);
+      done = clock::now();
+    });
+    std::this_thread::sleep_for(20ms + round * 100us);
+    const auto begin = clock::now();
+    c2ms_sess_cancel(sess, 1);
+    if (round % 4 > 1) c2ms_sess_cancel(sess, 0);
+    waiting.join();
+    took.push_back(std::chrono::duration<double>(done - begin).count());
+  }
+  std::nth_element(took.begin(), took.begin() + 20, took.end());
+  EXPECT_LT(took[20], 0.05 * slack);
+  ASSERT_EQ(c2ms_sess_cancel(sess, 0), 0);
+  for (int node = 0; node < 3; ++node) server.clear_faults(node);
+  EXPECT_TRUE(film->play(20'000, 200'000, 30'000, Film::blocking));
+  EXPECT_EQ(c2ms_sess_cancel(nullptr, 1), -1);
+}
+
+// The session's record is used again: the next film is not cancelled.
+TEST_F(Blocked, ACancelledSessionCloses) {
+  ASSERT_EQ(c2ms_sess_cancel(film->get(), 1), 0);
+  reader.join();
+  film->close();
+  for (int node = 0; node < 3; ++node) server.clear_faults(node);
+  for (int i = 0; i < 3; ++i) {
+    Film next(library, server, id);
+    ASSERT_GE(next.prepare(65536), 65536);
+    EXPECT_TRUE(next.play(0, 100'000, 10'000, Film::blocking));
+  }
+}
+
 TEST_F(Life, TwoThreadsOnOneSession) {
   const Library library;
   Film film(library, server, id);
@@ -197,6 +250,23 @@ TEST_F(Life, TwoThreadsOnOneSession) {
   other.join();
   ASSERT_EQ(c2ms_sess_seek(film.get(), 1), 0);
   EXPECT_TRUE(film.play(1, 500'000, 5000, Film::blocking));
+}
+
+// What makes a reader give way without a move of the position leaves the position where it ended.
+TEST_F(Life, InterruptedReadsGoOnWhereTheyEnded) {
+  const Library library;
+  Film film(library, server, id);
+  ASSERT_GE(film.prepare(1 << 19), 1 << 19);  // packs that take a while to copy
+  std::atomic<bool> stop{false};
+  std::thread other([&] {
+    for (; !stop; std::this_thread::sleep_for(20us)) c2ms_sess_idx_close(film.get());
+  });
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(c2ms_sess_seek(film.get(), 0), 0);
+    EXPECT_TRUE(film.play(0, size, 500'000, Film::blocking));
+  }
+  stop = true;
+  other.join();
 }
 
 // The entry server dies after it has named the servers: playing is not touched. A reopen works when

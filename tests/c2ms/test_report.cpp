@@ -300,6 +300,28 @@ TEST_F(Reporting, ClosedDuringEachWait) {
   }
 }
 
+// Every server is silent, a reader waits: a close takes the waits of what it has to report, and no
+// more.
+TEST_F(Reporting, ClosedWithEveryServerSilent) {
+  service.set_agent({.silent = true});
+  service.set_report({.silent = true});
+  for (const bool checked : {false, true}) {
+    Film film(library, server, id);
+    ASSERT_GE(film.prepare(65536), 65536);
+    for (int node = 0; node < 2; ++node)
+      server.set_fault(node, {.kind = refserver::fault_kind::mute});
+    std::thread reader([&] { c2ms_sess_read(film.get(), nullptr, 1 << 20, 0); });
+    if (checked) begin_check(film.get());
+    std::this_thread::sleep_for(100ms);
+    const auto begin = clock::now();
+    film.close();
+    // A begin's reply of a check under way; then an agent's ping.
+    EXPECT_LT(seconds_since(begin), (checked ? 0.5 : 0.0) + 0.3 + 0.2 * slack);
+    reader.join();
+    for (int node = 0; node < 2; ++node) server.clear_faults(node);
+  }
+}
+
 // Cleaning up waits for the running wait alone, whatever else is queued.
 TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
   service.set_agent({.silent = true});

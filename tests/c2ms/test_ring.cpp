@@ -146,6 +146,14 @@ TEST_F(Ring, SizesAndLimits) {
   EXPECT_EQ(c2ms_cache_setfile(cache, sess->fid, 0, uint64_t{8192} * INT32_MAX, 0), 0);
   EXPECT_EQ(c2ms_cache_setfile(cache, sess->fid, 0, uint64_t{8192} * INT32_MAX + 1, 0), -202);
   EXPECT_EQ(c2ms_cache_setfile(cache, sess->fid, UINT64_MAX, 2, 0), -202);
+  // No more requests wait than a session can have use for.
+  ASSERT_EQ(c2ms_cache_setbuf(cache, buffer.data(), 100'000, 1000), 0);
+  ASSERT_EQ(c2ms_cache_setfile(cache, sess->fid, 0, 200'000, 0), 0);
+  sess->cache = cache;
+  EXPECT_EQ(c2ms_cache_download_all(cache), 10);
+  EXPECT_EQ(c2ms_cache_download_all(cache), 0);
+  c2ms_sess_unit_clear(sess);
+  sess->cache = nullptr;
 }
 
 TEST_F(Ring, BufferingRatio) {

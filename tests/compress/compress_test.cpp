@@ -224,6 +224,21 @@ TEST(Buffer7z, RefusesMissingArguments) {
   EXPECT_EQ(room, sizeof out);
 }
 
+TEST(Buffer7z, StopsWithinASlice) {
+  const Bytes plain(2'000'000, 7), packed = pack(plain);
+  Bytes out(plain.size());
+  for (int asked_until = 1; asked_until <= 9; ++asked_until) {
+    size_t length = out.size();
+    int asked = 0;
+    const auto stop = [&] { return ++asked == asked_until; };
+    const int result = buffer_un7z_until(out.data(), &length, packed.data(), packed.size(), stop);
+    EXPECT_EQ(result, asked_until <= 8 ? 10 : 0);
+    EXPECT_EQ(length, asked_until <= 8 ? 0 : plain.size());
+    EXPECT_EQ(asked, std::min(asked_until, 8)) << "once for each 256 KiB";
+  }
+  EXPECT_EQ(out, plain);
+}
+
 TEST(Buffer7z, HostileContainers) {
   constexpr size_t n = kTextSize;
   const Bytes good = pack(text(n)), marked = oracle_pack(text(n), false, 93, true);

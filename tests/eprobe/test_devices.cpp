@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <mutex>
+#include <set>
+#include <thread>
 #include <vector>
 
 #include "engine.h"
@@ -89,6 +92,37 @@ TEST(Connect, MadeRefusedAndHanging) {
     EXPECT_EQ(hanging.count[static_cast<size_t>(event)], 0) << event;
   for (int fd : queue) close(fd);
   close(full);
+}
+
+TEST(Connect, OnOneWorkerWhenAskedTo) {
+  struct Workers {
+    std::mutex lock;
+    std::set<std::thread::id> seen;
+    int made = 0;
+    static int on_event(void *arg, void *, int event, int) {
+      auto *self = static_cast<Workers *>(arg);
+      const std::lock_guard guard(self->lock);
+      if (event == IOE_CONNECTED) ++self->made;
+      self->seen.insert(std::this_thread::get_id());
+      return 0;
+    }
+  } together, alone;
+  Engine engine;
+  Listener listener;
+  std::vector<rac_connection *> devices;
+  for (int i = 0; i < 6; ++i) {
+    devices.push_back(
+        ConnectRemoteAt(engine.core, 9, &loopback, listener.port, 0, Workers::on_event, &together));
+  }
+  devices.push_back(
+      ConnectRemoteAt(engine.core, 10, &loopback, listener.port, 0, Workers::on_event, &alone));
+  EXPECT_TRUE(eventually([&] {
+    const std::scoped_lock guard(together.lock, alone.lock);
+    return together.made == 6 && alone.made == 1;
+  }));
+  EXPECT_EQ(together.seen.size(), 1u);
+  EXPECT_NE(*together.seen.begin(), *alone.seen.begin());
+  for (rac_connection *device : devices) remove_and_wait(engine.core, device);
 }
 
 TEST(Remove, AnOldHandleDoesNotTouchTheNextOwner) {
@@ -217,7 +251,14 @@ TEST(Exhausted, NoSlotNoRequestAndNoLowDescriptorGiveEverythingBack) {
   EXPECT_EQ(SetNotify(device, PROBE_READ_OFF), -1);
   remove_and_wait(engine.core, device);
   EXPECT_EQ(GetDeviceFD(device), -1) << "a removal needs no request";
+  const auto spare_requests = [&] {
+    rac_guard guard(engine.core->operate_mutex);
+    return engine.core->free_operate_n;
+  };
+  const uint32_t spare = spare_requests(), all = engine.core->operate_n;
   for (rac_operate *op : requests) rac_operate_free(engine.core, op);
+  EXPECT_EQ(spare_requests(), spare) << "it only ever falls: meant";
+  EXPECT_EQ(engine.core->operate_n, all + 512);
 
   rlimit limit{}, raised{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -301,7 +342,7 @@ TEST(Listen, AcceptedConnectionsAreAdoptedOnceAndReadWhenAsked) {
 
 TEST(Udp, AListenerIsWatchedByAllWorkersAndRemovedAsOne) {
   Recorder recorder, ignored;
-  Engine engine(4);
+  Engine engine;
   const int descriptors = open_descriptors();
   int result = 1;
   rac_connection *server =

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # exports.sh NM SOURCES SHARED STATIC: both libraries define exactly the names that the version script makes
-# global, and the player's header declares each of them.
+# global, and the player's header declares each of them. All that a compiled player depends on is as the list
+# kept in the tree says.
 set -euo pipefail
 export LC_ALL=C
 nm=$1 sources=$2 shared=$3 static=$4
@@ -21,4 +22,12 @@ compare "$shared" "$("$nm" -D --defined-only "$shared" | names)"
 compare "$static" "$("$nm" -g --defined-only "$static" | names)"
 declared=$(grep -oE '^(extern )?C2MS_API [^;(]*[(;]' "$sources/include/c2ms.h" | grep -oE '[a-z_0-9]+[(;]$' | tr -d '(;' | sort)
 compare include/c2ms.h "$declared"
+
+kept=cmake/abi/libc2ms.so.1.txt
+if ! diff "$sources/$kept" <("$sources/cmake/abi/list.sh" "$nm" "$shared" "$sources/include/c2ms.h"); then
+  echo "The binary interface is not what $kept says ('<': kept, '>': built). What was added may be added to"
+  echo "the list; a name or declaration that is gone or different breaks players that are out there:"
+  echo "    cmake/abi/list.sh $nm $shared include/c2ms.h > $kept"
+  failed=1
+fi
 exit $failed

@@ -78,4 +78,31 @@ holds rest 921600 $((size - 921600))
 
 expect 0 '' --json -o part --offset 5 --length 6 "$url"
 grep -q '"received": 6, .*"code": 0, "error": null, "status": 0}$' out || fail "the JSON object is: $(cat out)"
+python3 - out << 'PYTHON' || fail "the figures are: $(cat out)"
+import json, sys
+stats = json.load(open(sys.argv[1]))["stats"]
+nodes = stats["nodes"] + [stats["gone"]]
+assert stats["bytes_received"] == stats["bytes_kept"] + stats["bytes_discarded"] >= 6
+assert stats["requests"] == sum(node["requests"] for node in nodes) >= 1
+assert stats["bytes_received"] == sum(node["bytes_received"] for node in nodes)
+PYTHON
+
+# A trace with the members that its format requires, of every request and pack; a picture that is XML.
+expect 0 '' --trace trace.json --timeline play.svg -o traced --pack-size 64K "$url"
+python3 - trace.json "$size" << 'PYTHON' || fail "the trace is not what it should be"
+import json, sys
+events = json.load(open(sys.argv[1]))["traceEvents"]
+for event in events:
+    assert {"name", "ph", "pid", "tid"} <= event.keys(), event
+    assert event["ph"] == "M" or event["ts"] >= 0, event
+    assert event["ph"] != "X" or event["dur"] >= 0, event
+lanes = {event["tid"] for event in events if event["ph"] == "M"}
+assert {event["tid"] for event in events} <= lanes
+packs = {event["args"]["pos"]: event["args"]["bytes"] for event in events if event["name"] == "pack"}
+assert sum(packs.values()) == int(sys.argv[2]), packs
+filled = [event for event in events if event["name"] == "filled its pack"]
+assert sum(event["args"]["bytes"] for event in filled) == int(sys.argv[2])
+PYTHON
+python3 -c 'import sys, xml.dom.minidom as x; assert x.parse(sys.argv[1]).getElementsByTagName("rect")' play.svg ||
+  fail "the picture is not XML"
 exit $failed

@@ -94,7 +94,7 @@ TEST(Exchange, EncipheredBodiesUseTheKeyOfTheirRequest) {
   } rows[] = {
       {1, "10.1.1.200", 107, 10, 200}, {0xffffff96, "1.2.3.4", 0, 1, 3},
       {2, "127.0.0.1", 108, 127, 0},   {3, "192.168.10.20", 109, 192, 20},
-      {4, "0.0.0.0", 110, 0, 0},
+      {4, "0.0.0.0", 110, 0, 0},       {5, "", 111, 0, 0},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.local_ip);

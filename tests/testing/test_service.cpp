@@ -118,12 +118,12 @@ TEST(Service, SpreadAddressesShareOnePort) {
   EXPECT_NE(second.error().find(std::to_string(server.port(0))), std::string::npos);
 }
 
-/// The program c2ms-server, its standard output on a pipe.
+/// The program c2ms-server, with its standard output or the other one on a pipe.
 struct program {
   pid_t pid = -1;
   int out = -1;
 
-  explicit program(std::vector<std::string> arguments) {
+  explicit program(std::vector<std::string> arguments, int piped = STDOUT_FILENO) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return;
     std::vector<char *> argv = {const_cast<char *>("c2ms-server")};
@@ -131,8 +131,8 @@ struct program {
     argv.push_back(nullptr);
     pid = fork();
     if (pid == 0) {
-      dup2(ends[1], STDOUT_FILENO);
-      dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+      dup2(open("/dev/null", O_WRONLY), piped == STDOUT_FILENO ? STDERR_FILENO : STDOUT_FILENO);
+      dup2(ends[1], piped);
       execv(C2MS_SERVER_PROGRAM, argv.data());
       _exit(127);
     }
@@ -168,22 +168,34 @@ TEST(Program, ServesUntilToldToStop) {
 }
 
 TEST(Program, RefusesWrongOptions) {
-  const std::vector<std::string> wrong[] = {
-      {},
-      {"--generated", "a:1", "--bogus"},
-      {"--generated", "a"},
-      {"--generated", ":5"},
-      {"--generated", "a:99999999999G"},
-      {"--generated", "a:1", "--nodes", "101"},
-      {"--generated", "a:1", "--nodes", "-1"},
-      {"--generated", "a:1", "--port", "65536"},
-      {"--generated", "a:1", "--port", "65535"},
-      {"--generated", "a:1", "--rate", "1,,2"},
-      {"--generated", "a:1", "--fault", "zap"},
-      {"--generated", "a:1", "--fault", "mute,node=4"},
+  const struct {
+    std::vector<std::string> arguments;
+    const char *said;  ///< on standard error, in one line that leads to the help
+  } rows[] = {
+      {{}, "no file to serve"},
+      {{"--generated", "a:1", "--bogus"}, "unknown option --bogus"},
+      {{"-x", "film.mp4"}, "unknown option -x"},
+      {{"film.mp4", "--nodes=2", "--agent=1"}, "unknown option --agent=1"},
+      {{"--port"}, "--port wants a value"},
+      {{"--generated", "a"}, "--generated: 'a' is not NAME:SIZE"},
+      {{"--generated", ":5"}, "--generated: ':5' is not NAME:SIZE"},
+      {{"--generated", "a:99999999999G"}, "--generated: cannot take '99999999999G'"},
+      {{"--generated", "a:1", "--nodes", "101"}, "--nodes: cannot take '101'"},
+      {{"--generated", "a:1", "--nodes", "-1"}, "--nodes: cannot take '-1'"},
+      {{"--generated", "a:1", "--port", "65536"}, "--port: cannot take '65536'"},
+      {{"--generated", "a:1", "--port", "65535"}, "--port: no room"},
+      {{"--generated", "a:1", "--rate", "1,,2"}, "--rate: cannot take ''"},
+      {{"--generated", "a:1", "--fault", "zap"}, "--fault: "},
+      {{"--generated", "a:1", "--fault", "mute,node=4"}, "--fault: no node 4"},
+      {{"--report", "10.0.0.1"}, "--report: "},
   };
-  for (const std::vector<std::string> &arguments : wrong)
-    EXPECT_EQ(program(arguments).status(), 2) << (arguments.empty() ? "none" : arguments.back());
+  for (const auto &row : rows) {
+    const program server(row.arguments, STDERR_FILENO);
+    const std::string line = server.line();
+    EXPECT_EQ(line.find(std::string("c2ms-server: ") + row.said), 0U) << line;
+    EXPECT_NE(line.find("(--help tells more)"), std::string::npos) << line;
+    EXPECT_EQ(server.status(), 2) << row.said;
+  }
   EXPECT_EQ(program({"/nowhere/film.mp4"}).status(), 1);
   const program help({"--help"});
   EXPECT_EQ(help.line().compare(0, 6, "usage:"), 0);

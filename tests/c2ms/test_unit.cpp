@@ -1,0 +1,211 @@
+// One download's reception over a real socket, cut at every byte, and the reader's need that it
+// meets: what the pack holds is what came, whoever else fills it, and a need wakes exactly when it
+// should.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "c2ms.h"
+#include "c2ms/c2ms_cache.h"
+#include "c2ms/c2ms_pack.h"
+#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_unit.h"
+
+namespace {
+
+constexpr int32_t packsize = 64;
+constexpr int packs = 4;
+
+void put32(std::vector<uint8_t> *bytes, size_t at, uint32_t value) {
+  for (size_t i = 0; i < 4; ++i) (*bytes)[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+}
+
+class Unit : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    c2ms_set_diag(nullptr, nullptr);
+    mgmt = c2ms_mgmt_init(nullptr, 0, 0, nullptr, 0);
+    sess = c2ms_sess_fetch(mgmt);
+    sess->cache = cache = c2ms_cache_init(sess);
+    c2ms_cache_setbuf(cache, memory.data(), packsize * packs, packsize);
+    std::iota(payload.begin(), payload.end(), uint8_t{1});
+  }
+  void TearDown() override {
+    c2ms_sess_unit_clear(sess);
+    c2ms_cache_clean(cache);
+    sess->cache = nullptr;
+    c2ms_sess_close(sess);
+    c2ms_mgmt_clean(mgmt);
+  }
+
+  c2ms_pack *pack(int32_t index) {
+    return static_cast<c2ms_pack *>(sk_value(cache->packs, index % packs));
+  }
+
+  // A sent unit for pack 0 of a file of ten packs.
+  c2ms_unit *begin() {
+    std::fill(memory.begin(), memory.end(), uint8_t{0});
+    c2ms_cache_setfile(cache, sess->fid, 0, packsize * 10 + 1, 0);
+    c2ms_sess_unit_clear(sess);
+    c2ms_unit *const unit = c2ms_sess_unit_get(sess);
+    unit->state = UNIT_SENT;
+    return unit;
+  }
+
+  // `pdu` bytes of header and body (37 is usual), then `count` bytes of payload as announced.
+  std::vector<uint8_t> answer(const c2ms_unit *unit, uint32_t pdu, uint32_t announced, size_t count,
+                              uint32_t result = 0) {
+    std::vector<uint8_t> bytes(pdu, 0xee);
+    put32(&bytes, 0, pdu);
+    put32(&bytes, 4, 0x80000003);
+    put32(&bytes, 8, unit->request.sequence_id);
+    bytes[12] = 0, bytes[13] = 1;
+    put32(&bytes, 14, result);
+    if (pdu >= 36) put32(&bytes, 32, announced);
+    bytes.insert(bytes.end(), payload.begin(), payload.begin() + static_cast<ptrdiff_t>(count));
+    return bytes;
+  }
+
+  // The result of receiving `bytes` in two pieces, the first of `cut` bytes.
+  int feed(c2ms_unit *unit, const std::vector<uint8_t> &bytes, size_t cut) {
+    int pair[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    int result = 0;
+    size_t at = 0;
+    for (const size_t end : {cut, bytes.size()}) {
+      if (end == at || result != 0 || unit->state == UNIT_END) continue;
+      EXPECT_EQ(write(pair[1], bytes.data() + at, end - at), static_cast<ssize_t>(end - at));
+      at = end;
+      result = c2ms_unit_recv(unit, pair[0]);
+    }
+    close(pair[0]);
+    close(pair[1]);
+    return result;
+  }
+
+  bool holds_payload(size_t count) {
+    return std::equal(payload.begin(), payload.begin() + static_cast<ptrdiff_t>(count),
+                      memory.begin());
+  }
+
+  std::vector<uint8_t> memory = std::vector<uint8_t>(packsize * packs);
+  std::vector<uint8_t> payload = std::vector<uint8_t>(2 * packsize);
+  c2ms_mgmt *mgmt = nullptr;
+  c2ms_sess *sess = nullptr;
+  c2ms_cache *cache = nullptr;
+};
+
+TEST_F(Unit, AnswersCutAtEveryByte) {
+  struct {
+    const char *what;
+    uint32_t pdu, announced;
+    size_t count;
+    uint32_t result;
+    int expected;
+    uint8_t state;  // of the pack afterwards
+    int32_t len;
+  } const rows[] = {
+      {"whole", 37, 64, 64, 0, 0, pack_ready, 64},
+      {"a longer PDU", 52, 64, 64, 0, 0, pack_ready, 64},
+      {"one longer than the payload", 120, 64, 64, 0, 0, pack_ready, 64},
+      {"short", 37, 40, 40, 0, 0, pack_idle, 40},
+      {"empty", 37, 0, 0, 0, 0, pack_idle, 0},
+      {"refused", 37, 0, 0, 10, 0, pack_requested, 0},
+      {"too long", 37, 65, 65, 0, unit_bad_payload, pack_requested, 0},
+      {"no fixed part", 20, 64, 0, 0, unit_oversized, pack_requested, 0},
+      {"oversized", 1025, 64, 0, 0, unit_oversized, pack_requested, 0},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.what);
+    const size_t whole = row.pdu + row.count;
+    for (size_t cut = 0; cut <= whole; ++cut) {
+      SCOPED_TRACE(cut);
+      c2ms_unit *const unit = begin();
+      const auto bytes = answer(unit, row.pdu, row.announced, row.count, row.result);
+      ASSERT_EQ(feed(unit, bytes, cut), row.expected);
+      if (row.expected == 0) {
+        ASSERT_EQ(unit->state, UNIT_END);
+      }
+      {
+        const adif::Guard lock(pack(0)->lock);
+        ASSERT_EQ(pack(0)->len, row.len);
+        if (row.expected == 0) {
+          ASSERT_EQ(pack(0)->state, row.state);
+        }
+      }
+      ASSERT_TRUE(holds_payload(static_cast<size_t>(row.len)));
+      c2ms_unit_recycle(unit);
+    }
+  }
+}
+
+TEST_F(Unit, BytesBehindAShortAnswerAreAFailure) {
+  c2ms_unit *const unit = begin();
+  EXPECT_EQ(feed(unit, answer(unit, 37, 40, 50), 0), unit_bad_payload);
+  c2ms_unit_recycle(unit);
+}
+
+TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
+  c2ms_unit *const first = begin();
+  auto bytes = answer(first, 37, 64, 30);  // the rest is late
+  ASSERT_EQ(feed(first, bytes, 0), 0);
+  ASSERT_EQ(c2ms_pack_redownload(pack(0), 1, 0), 0);
+  c2ms_unit *const second = c2ms_sess_unit_get(sess);
+  second->state = UNIT_SENT;
+  payload.assign(payload.size(), 0x77);
+  bytes = answer(second, 37, 64, 64);
+  put32(&bytes, 8, second->request.sequence_id + 1);
+  ASSERT_EQ(feed(second, bytes, 0), unit_wrong_sequence);
+  std::iota(payload.begin(), payload.end(), uint8_t{1});
+  EXPECT_TRUE(holds_payload(30));
+  EXPECT_EQ(c2ms_pack_len(pack(0)), 30);
+  c2ms_unit_recycle(second);
+  c2ms_unit_recycle(first);
+}
+
+// The packs that the reader needs become ready in any order: it is woken for the last one only, and
+// at once for one that waits for the reader itself.
+TEST_F(Unit, ANeedIsMetByTheLastPackOnly) {
+  const auto finish = [&](int32_t index, uint8_t state) {
+    {
+      const adif::Guard lock(pack(index)->lock);
+      pack(index)->size = pack(index)->len = packsize;
+      c2ms_pack_state_to(pack(index), state);
+    }
+    const uint32_t before = cache->wake_count;
+    c2ms_cache_tell_reader(cache, index);
+    return cache->wake_count != before;
+  };
+  const auto ask = [&](int32_t index) {
+    const adif::Guard lock(pack(index)->lock);
+    pack(index)->len = 0;
+    c2ms_pack_state_to(pack(index), pack_requested);
+  };
+  for (const std::vector<int32_t> &order :
+       {std::vector<int32_t>{0, 1, 2}, {2, 1, 0}, {1, 0, 2}, {1, 2, 0}, {0, 2, 1}}) {
+    c2ms_cache_setfile(cache, sess->fid, 0, packsize * 10 + 1, 0);
+    for (const int32_t index : order) ask(index);
+    ASSERT_FALSE(c2ms_cache_need(cache, 0, 2, INT32_MAX));
+    for (size_t i = 0; i < order.size(); ++i)
+      EXPECT_EQ(finish(order[i], pack_ready), i + 1 == order.size()) << order[0] << order[1];
+    EXPECT_TRUE(c2ms_cache_need(cache, 0, 2, INT32_MAX)) << "all is there";
+    EXPECT_TRUE(c2ms_cache_need(cache, 1, 3, 1)) << "pack 3 is idle";
+  }
+  ask(0);
+  ask(1);
+  ASSERT_FALSE(c2ms_cache_need(cache, 0, 1, 10));
+  EXPECT_FALSE(finish(0, pack_ready));
+  EXPECT_TRUE(finish(1, pack_receiving)) << "ten bytes of it were enough";
+  ask(1);
+  ASSERT_FALSE(c2ms_cache_need(cache, 1, 1, 10));
+  EXPECT_TRUE(finish(1, pack_idle)) << "the reader asks for it";
+  c2ms_cache_need_nothing(cache);
+  EXPECT_FALSE(finish(1, pack_ready));
+}
+
+}  // namespace
