@@ -1,0 +1,79 @@
+// The end-to-end benches: the library over the reference server, each figure beside its limit.
+//
+//   bench_play [--once] [--json FILE] [--svg FILE] [SECTION ...]
+//
+// Without sections all are run, in some ten minutes; --once runs each for a second or two, to see
+// that all of it works: its figures mean nothing.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bench/sections.h"
+
+namespace {
+
+struct section {
+  const char *name;
+  void (*run)(const bench::effort &, bench::results &);
+};
+
+constexpr section sections[] = {
+    {"throughput", bench::bench_throughput},
+    {"others", bench::bench_others},
+    {"aggregation", bench::bench_aggregation},
+    {"delay", bench::bench_delay},
+    {"seek", bench::bench_seek},
+    {"open", bench::bench_open},
+    {"latency", bench::bench_latency},
+    {"trace", bench::bench_trace},
+    {"rest", bench::bench_rest},
+    {"memory", bench::bench_memory},
+    {"index", bench::bench_index},
+};
+
+int usage() {
+  std::fprintf(stderr, "usage: bench_play [--once] [--json FILE] [--svg FILE] [SECTION ...]\n");
+  for (const section &s : sections) std::fprintf(stderr, "  %s\n", s.name);
+  return 2;
+}
+
+bool wanted(const std::vector<std::string> &names, const char *name) {
+  if (names.empty()) return true;
+  for (const std::string &n : names) {
+    if (n == name) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  bench::effort e;
+  const std::string self = argv[0];
+  const size_t slash = self.rfind('/');
+  e.build = (slash == std::string::npos ? "." : self.substr(0, slash)) + "/..";
+  std::string json, svg;
+  std::vector<std::string> names;
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word == "--once") {
+      e.runs = 1;
+      e.scale = 0.02;
+    } else if (word == "--json" && i + 1 < argc) {
+      json = argv[++i];
+    } else if (word == "--svg" && i + 1 < argc) {
+      svg = argv[++i];
+    } else if (word[0] == '-') {
+      return usage();
+    } else {
+      names.push_back(word);
+    }
+  }
+  bench::results found;
+  for (const section &s : sections) {
+    if (wanted(names, s.name)) s.run(e, found);
+  }
+  if (!json.empty() && !found.write_json(json)) return 1;
+  return svg.empty() || found.write_svg(svg) ? 0 : 1;
+}
