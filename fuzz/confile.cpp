@@ -67,20 +67,38 @@ void check_round_trip(const profile_section *profile) {
   expect(again != nullptr && flatten(again.get()) == flatten(profile), "saved is loaded");
 }
 
+// No text, no path, nothing to read or to write to: missing, and nothing more.
+bool misses_nothing() {
+  trim(nullptr);
+  expect(LoadProfile(nullptr) == nullptr, "no path");
+  for (const char *path : {"/proc/none", "/"}) {
+    const Profile empty(LoadProfile(path));
+    expect(flatten(empty.get()).size() == 1, "what is no file is an empty profile");
+  }
+  SaveProfile("/proc/none/there", nullptr);
+  int found = 9;
+  expect(GetProfileStringPrivate(nullptr, "s", nullptr, &found) == nullptr && found == 0, "no key");
+  expect(GetProfileStringPrivate(nullptr, nullptr, "k", nullptr) == nullptr, "no profile");
+  WriteProfileString(nullptr, "s", "k", "v");
+  return true;
+}
+
 // Malformed input is reported on standard output, which is not wanted here.
 const bool quiet = std::freopen("/dev/null", "w", stdout) != nullptr;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (!quiet) std::abort();
+  static const bool missed = misses_nothing();
+  if (!quiet || !missed) std::abort();
   const Profile profile(
       ParseProfile(reinterpret_cast<const char *>(data), static_cast<int64_t>(size), "fuzz"));
   if (profile == nullptr) return 0;
   expect(profile->name[0] == '\0', "the first section has no name");
   check_found(profile.get());
   if (!ambiguous(profile.get())) check_round_trip(profile.get());
-  WriteProfileString(profile.get(), "", "a key", "a value");
+  for (const char *value : {"another", "a value"})
+    WriteProfileString(profile.get(), "", "a key", value);
   expect(std::string(profile->first_key->key) == "a key" ||
              GetProfileStringPrivate(profile.get(), nullptr, "a key", nullptr) != nullptr,
          "what was set is there");

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "adif/base64.h"
+#include "adif/byteiter.h"
 #include "adif/kmp.h"
 #include "adif/strutil.h"
 #include "adif/timetext.h"
@@ -78,6 +79,14 @@ void key_and_search(const char *text, int len) {
   require(at(kmp_rfind_bytes(rest, rest_len, key.data(), key_len)) == last);
   require(at(str_rfind_bytes(rest, rest_len, key.data(), key_len)) == last);
 
+  const char *back = rskipTo(rest, rest_len, key.data(), key_len);
+  if (rest_len > 0 && key_len > 0) {
+    const size_t found = view.find_last_of(key);
+    require(back == (found == view.npos ? nullptr : rest + found));
+    const size_t other = view.find_last_not_of(key);
+    require(rskipOver(rest, rest_len, key.data(), key_len) ==
+            (other == view.npos ? nullptr : rest + other));
+  }
   const char *stop = skipQuoteTo(rest, rest_len, key.data(), key_len);
   require(stop >= rest && stop <= rest + rest_len);
   if (rest_len > 0 && key_len > 0 && stop < rest + rest_len) require(key.find(*stop) != key.npos);
@@ -85,12 +94,83 @@ void key_and_search(const char *text, int len) {
   require(quoted <= rest_len && (quoted < 1 || (quoted > 1 && rest[0] == rest[quoted - 1])));
 }
 
+/// The byte iterator's moves, beside the same on a view.
+void iterate(const char *text, int len) {
+  const std::string_view view(text, static_cast<size_t>(len));
+  const int set_len = static_cast<uint8_t>(text[0]) % 4;
+  const std::string_view set = view.substr(0, static_cast<size_t>(std::min(set_len, len)));
+  const int n = static_cast<int>(set.size());
+  byte_iter it;
+  const auto move = [&](auto &&step) {
+    iter_set_text(&it, text, len);
+    iter_get_bytes(&it, nullptr, n);
+    step();
+    return static_cast<size_t>(it.pos);
+  };
+  const auto from = [&](size_t found) { return found == view.npos ? view.size() : found; };
+  const size_t at = set.size();
+  const size_t to = move([&] { iter_skipTo(&it, set.data(), n); });
+  require(to == (n == 0 ? at : from(view.find_first_of(set, at))));
+  const size_t pattern = move([&] { iter_skipTo_bytes(&it, set.data(), n); });
+  const size_t found = n == 0 ? view.npos : view.find(set, at);
+  require(pattern == (found == view.npos ? at : found));
+  const size_t over = move([&] { iter_skipOver(&it, set.data(), n); });
+  if (n == 1) require(over == from(view.find_first_not_of(set, at)));
+  std::string copy(view);
+  iter_set_text(&it, copy.data(), len);
+  require(iter_set_bytes(&it, nullptr, n) == n && iter_set_bytes(&it, text, len) == len - n);
+  require(it.pos == len && copy.compare(at, copy.npos, view.substr(0, view.size() - at)) == 0);
+  require(iter_set_bytes(&it, text, 1) == 0 && iter_skipTo(&it, "x", 1) == 0);
+}
+
+bool iterator_refuses_nothing() {
+  byte_iter it;
+  require(iter_init(nullptr) == -1 && iter_init(&it) == 0 && iter_free(nullptr) == -1);
+  require(iter_set_text(nullptr, "x", 1) == -1 && iter_set_text(&it, nullptr, 1) == 0);
+  require(iter_get_bytes(nullptr, nullptr, 1) == -1 && iter_set_bytes(nullptr, "x", 1) == -1);
+  require(iter_skipTo(nullptr, "x", 1) == -1 && iter_skipOver(nullptr, "x", 1) == -1);
+  require(iter_skipTo(&it, nullptr, 1) == 0 && iter_skipOver(&it, nullptr, 1) == 0);
+  require(iter_skipTo_bytes(nullptr, "x", 1) == 0);
+  return true;
+}
+
+/// No pointer, no length, no place for the result: told, and nothing is touched.
+bool refuses_nothing() {
+  char byte = 'x';
+  int n = 9;
+  require(base64_to_bin(nullptr, 1, &byte) == -1 && base64_to_bin("QQ", 0, &byte) == -1);
+  require(base64_to_bin("QQ", 2, nullptr) == -2 && bin_to_base64(nullptr, 1, &byte) == -1);
+  require(bin_to_base64("x", 0, &byte) == -1 && bin_to_base64("x", INT32_MAX, &byte) == -1);
+  require(bin_to_base64("x", 1, nullptr) == -2);
+  require(ascii_to_bin(nullptr, 2, &byte, &n) == -1 && ascii_to_bin("00", 0, &byte, &n) == -1);
+  require(ascii_to_bin("00", 2, nullptr, nullptr) == -2 && n == 0);
+  require(bin_to_ascii(nullptr, 1, &byte, &n) == -1 && bin_to_ascii("x", 0, &byte, &n) == -1);
+  require(bin_to_ascii("x", INT32_MAX, &byte, &n) == -1 && bin_to_ascii("x", 1, nullptr, &n) == -2);
+  require(get_value_by_key(nullptr, 1, "k", nullptr, &n) == -1);
+  require(get_value_by_key("k=v", 0, "k", nullptr, &n) == -1);
+  require(get_value_by_key("k=v", 3, nullptr, nullptr, &n) == -2);
+  require(get_value_by_key("k=v", 3, "k", nullptr, nullptr) == 1);
+  require(QuotedStrlen(nullptr, 1) == -1 && QuotedStrlen("'", 0) == -1);
+  require(MBI2Uint(nullptr, 1, nullptr) == -1 && MBI2Uint("x", 0, nullptr) == -1);
+  require(MBI2Uint("x", 1, nullptr) == 1 && Uint2MBI(1, nullptr) == -1);
+  require(str_trim(nullptr, 1) == -1 && str_trim(&byte, 0) == 0 && str_trim_tail(nullptr, 1) == -1);
+  require(get_int_from_str(nullptr, 1, &n) == -1 && get_int_from_str("1", 0, &n) == -1);
+  require(!skipTo(nullptr, 1, "x", 1) && !skipQuoteTo(nullptr, 1, "x", 1));
+  require(!kmp_find_bytes(nullptr, 1, "x", 1) && !kmp_find_bytes("x", 1, nullptr, 1));
+  require(byte == 'x');
+  return true;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const bool refused = refuses_nothing();
+  static const bool iterator_refused = iterator_refuses_nothing();
+  require(refused && iterator_refused);
   const auto *text = reinterpret_cast<const char *>(data);
   const int len = static_cast<int>(std::min<size_t>(size, 4096));
   if (len < 1) return 0;
+  iterate(text, len);
   base64(text, len);
   hexadecimal(text, len);
   integers(text, len);

@@ -25,6 +25,9 @@ bool inside(const c2ms_sess *sess, const char *from, int32_t length) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static c2ms_sess alone;  // without a context
+  if (c2ms_sess_url_parse(nullptr) != -1 || c2ms_sess_para_parse(nullptr) != -1) std::abort();
+  if (c2ms_sess_para_parse(&alone) != -2) std::abort();
   if (size >= sizeof(c2ms_sess::url)) return 0;
   c2ms_sess *const sess = session();
   std::memset(sess->url, 0, sizeof sess->url);
