@@ -34,7 +34,9 @@ reports=$!
 echo "Fetching $url"
 pack=$((size / 32 < 4096 ? 4096 : size / 32 > 262144 ? 262144 : size / 32))
 hash=$(sha256sum < "$file" | cut -d' ' -f1)
-"$bin/c2ms-get" --stats --dump --pack-size "$pack" --verify "$hash" -o "$scratch/fetched" "$url"
+picture=$bin/demo.svg trace=$bin/demo-trace.json
+"$bin/c2ms-get" --stats --dump --pack-size "$pack" --trace "$trace" --timeline "$picture" \
+  --verify "$hash" -o "$scratch/fetched" "$url"
 cmp "$file" "$scratch/fetched"
 kill "$server"
 wait "$server" || true
@@ -43,4 +45,5 @@ echo "What the server saw:"
 tail -n +2 "$scratch/urls"
 echo "What the player reported to its agent and to the report server:"
 cat "$scratch/reports"
+echo "A picture of the play: $picture; as a trace for chrome://tracing or Perfetto: $trace"
 echo "SHA-256 $hash: the bytes that arrived are those that were served"

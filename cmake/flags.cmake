@@ -45,3 +45,9 @@ if(C2MS_FUZZ)
   target_compile_options(c2ms_build INTERFACE -fsanitize=fuzzer-no-link)
   target_link_options(c2ms_build INTERFACE -fsanitize=fuzzer-no-link)
 endif()
+
+# Objects count the lines and branches that run (clang).
+if(C2MS_COVERAGE)
+  target_compile_options(c2ms_build INTERFACE -fprofile-instr-generate -fcoverage-mapping)
+  target_link_options(c2ms_build INTERFACE -fprofile-instr-generate)
+endif()
