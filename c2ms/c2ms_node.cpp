@@ -255,7 +255,10 @@ int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
     result = c2ms_unit_send(unit, GetDeviceFD(node->device));
     if (result == 0) count_sent(node, *unit);
   }
-  if (result == 0) return 0;
+  if (result == 0) {
+    node->asked_us = node->last_active_us;
+    return 0;
+  }
   if (result == unit_socket_failed) {
     c2ms_node_retry(node);
     return result;
@@ -270,6 +273,7 @@ int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
 namespace {
 
 c2ms_unit *detach_download(c2ms_node *node) {
+  node->asked_us = 0;
   const adif::Guard lock(node->download_lock);
   c2ms_unit *const unit = node->download_unit;
   node->download_unit = nullptr;

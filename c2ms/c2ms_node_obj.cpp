@@ -55,6 +55,7 @@ void reset_fields(c2ms_node *node) {
   node->connect_timer = nullptr;
   node->life_timer = nullptr;
   node->last_active_us = 0;
+  node->asked_us = 0;
   node->perf = {};
   node->counts = {};
   node->session_id = 0;

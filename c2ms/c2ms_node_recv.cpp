@@ -122,6 +122,18 @@ int recv_control(c2ms_node *node, c2ms_unit *unit, bool list) {
   return c2ms_node_download_start_dbg(node);
 }
 
+// A transfer that takes longer than three round trips is late.
+int64_t patience_us(const c2ms_node *node) REQUIRES(node->session->list_lock) {
+  return 3 * std::max(node->perf.AvgRTT, min_rtt_us);
+}
+
+// How fast it was before counts for nothing while its answer is late: a server that answers at full
+// speed and then falls silent would drive the others out and leave the session with nobody. For the
+// same reason a few answers, which a server's shaper may let pass at once, prove nothing yet.
+bool is_late(const c2ms_node *node, int64_t now) REQUIRES(node->session->list_lock) {
+  return node->asked_us != 0 && now - node->asked_us > patience_us(node);
+}
+
 // True when a node that has just finished a download should leave the session to faster ones.
 bool to_be_pruned(c2ms_node *node) {
   c2ms_sess *const session = node->session;
@@ -129,15 +141,18 @@ bool to_be_pruned(c2ms_node *node) {
   sk_sort_by(session->node_list, c2ms_node_cmp_node_by_perf);
   const c2ms_node *best = nullptr;
   int usable = 0, place = 0;
+  bool passed = false;
   for (int i = 0; i < sk_num(session->node_list); ++i) {
     const auto *const other = static_cast<const c2ms_node *>(sk_value(session->node_list, i));
-    if (other == node) place = usable;
     if (other->state < C2MS_NODE_READY) continue;
-    if (best == nullptr) best = other;
     ++usable;
+    if (other == node) passed = true;
+    if (is_late(other, node->last_active_us)) continue;
+    if (best == nullptr && other->perf.TN > prune_after_transfers) best = other;
+    if (!passed) ++place;
   }
   if (usable > wanted_media_nodes) return place >= wanted_media_nodes;
-  return usable >= 2 && best != node && node->perf.TN > prune_after_transfers &&
+  return best != nullptr && best != node && node->perf.TN > prune_after_transfers &&
          best->perf.AvgSpeed > prune_factor * node->perf.AvgSpeed;
 }
 
@@ -215,16 +230,16 @@ void account_stalled(c2ms_node *node) {
 
 // The pack of a transfer that takes longer than three round trips, or NULL.
 c2ms_pack *late_pack(c2ms_node *node, int64_t now) {
-  int64_t rtt_us;
+  int64_t patience;
   {
     const adif::Guard list(node->session->list_lock);
-    rtt_us = std::max(node->perf.AvgRTT, min_rtt_us);
+    patience = patience_us(node);
   }
   const adif::Guard lock(node->download_lock);
   c2ms_unit *const unit = node->download_unit;
   if (unit == nullptr || node->state != C2MS_NODE_WAITING_GETMEDIA_RESP) return nullptr;
   if (!is_set(unit->sent_time) || is_set(unit->end_time)) return nullptr;
-  if (now - to_us(unit->sent_time) <= 3 * rtt_us) return nullptr;
+  if (now - to_us(unit->sent_time) <= patience) return nullptr;
   return c2ms_unit_verify(unit) != 0 ? unit->pack.load() : nullptr;
 }
 
@@ -313,6 +328,7 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
     return -300;
   }
   if (!was_short) {
+    ++node->session->answers;
     node->backoff_ms = 0;
     node->retried = false;
   }
@@ -340,13 +356,17 @@ int c2ms_node_lifecheck(c2ms_node *node) {
 
 c2ms::usable_nodes c2ms::find_usable(c2ms_sess *sess) {
   usable_nodes found{nullptr, 0};
+  c2ms_node *first = nullptr;
+  const int64_t now = now_us();
   const adif::Guard lock(sess->list_lock);
   sk_sort_by(sess->node_list, c2ms_node_cmp_node_by_perf);
   for (int i = 0; i < sk_num(sess->node_list); ++i) {
     auto *const node = static_cast<c2ms_node *>(sk_value(sess->node_list, i));
     if (node->state < C2MS_NODE_READY) continue;
-    if (found.best == nullptr) found.best = node;
     ++found.count;
+    if (first == nullptr) first = node;
+    if (found.best == nullptr && !is_late(node, now)) found.best = node;
   }
+  if (found.best == nullptr) found.best = first;
   return found;
 }

@@ -328,6 +328,7 @@ struct c2ms_node {
   c2ms_unit srvlist_unit, descmedia_unit;
   adif::Mutex download_lock{c2ms::rank_download};
   c2ms_unit *download_unit GUARDED_BY(download_lock) = nullptr;
+  int64_t asked_us = 0;  // when the range was asked for that is still to come; 0: none is
   c2ms_node_perf perf{};
   c2ms::tally counts;  // guarded by the session's speed lock
   uint32_t session_id = 0;
@@ -421,6 +422,9 @@ struct c2ms_sess {
   int32_t download_num GUARDED_BY(counter_lock) = 0;
   int64_t download_start_us GUARDED_BY(counter_lock) = 0;
   int64_t reopened_us = 0;
+  uint32_t answers = 0;       // ranges that came in full
+  uint32_t answers_seen = 0;  // by the last check
+  int64_t fruitless_us = 0;   // since when checks have seen requests out and no answer; 0: not so
   adif::Mutex list_lock{c2ms::rank_node_list};
   pointer_stack *node_index GUARDED_BY(list_lock) = nullptr;  // every node, by address and port
   pointer_stack *node_list GUARDED_BY(list_lock) = nullptr;  // media nodes, best first after a sort

@@ -23,11 +23,32 @@ void grow(c2ms_sess *sess) {
   c2ms_node_open(sess, best->host, best->ip, best->port, node_serves_media, 0, best->level);
 }
 
+// Requests wait for an answer or for a node.
+bool requests_out(c2ms_sess *sess) {
+  const adif::Guard lock(sess->counter_lock);
+  return sess->download_num > 0 || sess->unit_num > 0;
+}
+
+// Servers that connect, describe and then answer nothing are usable at every look, and no better
+// than none.
+void note_answers(c2ms_sess *sess) {
+  const bool fruitless = requests_out(sess) && sess->answers == sess->answers_seen;
+  sess->answers_seen = sess->answers;
+  if (!fruitless) {
+    sess->fruitless_us = 0;
+  } else if (sess->fruitless_us == 0) {
+    sess->fruitless_us = now_us();
+  }
+}
+
 bool servers_lost(c2ms_sess *sess) {
   if (sess->desc_count == 0) return false;
   if (c2ms_sess_node_num(sess) < 1) return true;
-  const int64_t since = std::max(sess->active_us.load(), sess->reopened_us);
-  return sess->has_active == 0 && now_us() - since > reopen_after_us;
+  const auto for_long = [&](int64_t since) {
+    return now_us() - std::max(since, sess->reopened_us) > reopen_after_us;
+  };
+  if (sess->has_active == 0) return for_long(sess->active_us);
+  return sess->fruitless_us != 0 && for_long(sess->fruitless_us);
 }
 
 void rearm_nodes(c2ms_sess *sess) {
@@ -45,6 +66,7 @@ int c2ms_sess_check(c2ms_sess *sess) {
   report_check(sess);
   grow(sess);
   rearm_nodes(sess);
+  note_answers(sess);
   if (servers_lost(sess)) reopen_later(sess);
   if (sess->active_num > 0 && sess->desc_count > 0) {
     c2ms_cache *const cache = sess->cache.load();

@@ -87,6 +87,8 @@ void reset_counters(c2ms_sess *sess) {
   }
   sess->active_us = 0;
   sess->reopened_us = 0;
+  sess->answers = sess->answers_seen = 0;
+  sess->fruitless_us = 0;
   sess->dispatch_due = false;
   {
     const adif::Guard lock(sess->speed_lock);

@@ -500,6 +500,18 @@ TEST_F(Faults, OneSlowOneStuck) {
   EXPECT_LT(film->longest_wait, life_check);
 }
 
+// A server that was fast enough to drive the others out answers no more, though it lets itself be
+// connected and asked: the entry server names the others again, and now they stay.
+TEST_F(Faults, TheFastestFallsSilent) {
+  const refserver::node_options fast{.rate_bytes_per_s = 100e6}, other{.rate_bytes_per_s = 3e6};
+  start(60'000'001, {.nodes = 4, .node = {fast, other, other, other}});
+  server->set_fault(0, {.kind = fault_kind::stall_at, .value = 20'000, .from = 400});
+  open();
+  ASSERT_TRUE(play(0, size));
+  EXPECT_GT(film->longest_wait, 15.0) << "nobody was driven out";
+  EXPECT_LT(film->longest_wait, 20.0 + 8 + 8 + 5);
+}
+
 // The servers refuse while the film plays: buffered bytes are delivered, then the reader is told
 // why.
 TEST_F(Faults, RefusalsReachTheReader) {
