@@ -316,7 +316,7 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
     return -200;
   }
   c2ms_sess_set_status(node->session, 0);
-  count_completed(node, *unit);
+  if (!unit->filled_pack) count_completed(*unit);
   c2ms_node_perf_statistic(node, unit);
   node->load = unit->response.media_word;
   const bool was_short = is_short_answer(*unit);

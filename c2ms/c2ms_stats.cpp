@@ -31,12 +31,16 @@ uint64_t in_flight(const tally &counts) {
   return counts.sent - counts.completed - counts.given_up;
 }
 
+// Where a unit's transfer is counted.
+tally &counts_of(const c2ms_unit &unit) REQUIRES(unit.session->speed_lock) {
+  return unit.node != nullptr ? unit.node->counts : unit.session->departed;
+}
+
 }  // namespace
 
 void count_payload(c2ms_unit *unit, int32_t got, int32_t grown) {
-  c2ms_sess *const sess = unit->session;
-  const adif::Guard lock(sess->speed_lock);
-  tally &counts = unit->node != nullptr ? unit->node->counts : sess->departed;
+  const adif::Guard lock(unit->session->speed_lock);
+  tally &counts = counts_of(*unit);
   counts.received += static_cast<uint64_t>(got);
   counts.grown += static_cast<uint64_t>(grown);
 }
@@ -53,12 +57,13 @@ void count_sent(c2ms_node *node, const c2ms_unit &unit) {
   node->counts.redundant += unit.redundant ? 1 : 0;
 }
 
-void count_completed(c2ms_node *node, const c2ms_unit &unit) {
-  trace_unit(node, unit, unit.filled_pack ? 0 : 1);
-  const adif::Guard lock(node->session->speed_lock);
-  ++node->counts.completed;
-  node->counts.won += unit.redundant && unit.filled_pack ? 1 : 0;
-  node->counts.wasted += unit.filled_pack ? 0 : 1;
+void count_completed(const c2ms_unit &unit) {
+  trace_unit(unit, unit.filled_pack ? 0 : 1);
+  const adif::Guard lock(unit.session->speed_lock);
+  tally &counts = counts_of(unit);
+  ++counts.completed;
+  counts.won += unit.redundant && unit.filled_pack ? 1 : 0;
+  counts.wasted += unit.filled_pack ? 0 : 1;
 }
 
 void count_given_up(c2ms_node *node, const c2ms_unit &unit) {
@@ -67,7 +72,7 @@ void count_given_up(c2ms_node *node, const c2ms_unit &unit) {
     if (in_flight(node->counts) == 0) return;
     ++node->counts.given_up;
   }
-  trace_unit(node, unit, 2);
+  trace_unit(unit, 2);
 }
 
 void count_failure(c2ms_node *node) {

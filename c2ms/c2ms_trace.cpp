@@ -42,15 +42,15 @@ c2ms_trace_event begin(uint32_t kind, uint32_t detail = 0) {
 
 }  // namespace
 
-void trace_unit(const c2ms_node *node, const c2ms_unit &unit, uint32_t outcome) {
-  if (!tracing(node->session)) return;
+void trace_unit(const c2ms_unit &unit, uint32_t outcome) {
+  if (!tracing(unit.session)) return;
   c2ms_trace_event event = begin(C2MS_TRACE_REQUEST, outcome);
   event.duration_us = std::max<int64_t>(event.time_us - to_us(unit.sent_time), 0);
   event.time_us -= event.duration_us;
   event.pos = unit.range_offset;
   event.bytes = static_cast<uint64_t>(std::max(unit.received.load(), 0));
-  set_node(node, &event);
-  record(node->session, event);
+  set_node(unit.node, &event);
+  record(unit.session, event);
 }
 
 void trace_pack(const c2ms_unit &unit) {

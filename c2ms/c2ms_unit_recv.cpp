@@ -93,6 +93,7 @@ void finish(c2ms_unit *unit) {
 void complete_pack(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
   unit->filled_pack = true;
   trace_pack(*unit);
+  count_completed(*unit);
   pack->flag = unit->response.payload_flag;
   c2ms_pack_state_to(pack, pack_ready);
   c2ms_pack_unbind_all(pack);

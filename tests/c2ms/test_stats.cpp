@@ -142,6 +142,7 @@ TEST_F(Statistics, OfAPlainPlay) {
   s = stats_of(film);
   EXPECT_EQ(s.bytes_kept, film.size());
   EXPECT_EQ(s.bytes_delivered, film.size());
+  EXPECT_EQ(s.completed - s.wasted, (film.size() + pack - 1) / pack);  // at once: it was read
   ASSERT_GE(s.nodes, 1u);
   EXPECT_STREQ(s.node[0].address, "127.0.0.1");
   EXPECT_GT(s.node[0].average_speed, 0);
