@@ -123,7 +123,8 @@ int recv_control(c2ms_node *node, c2ms_unit *unit, bool list) {
 }
 
 // A transfer that takes longer than three round trips is late.
-int64_t patience_us(const c2ms_sess *sess, const c2ms_node *node) REQUIRES(sess->list_lock) {
+int64_t patience_us([[maybe_unused]] const c2ms_sess *sess, const c2ms_node *node)
+    REQUIRES(sess->list_lock) {
   return 3 * std::max(node->perf.AvgRTT, min_rtt_us);
 }
 
