@@ -5,23 +5,12 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "adif/byteiter.h"
 #include "adif/tsock.h"
 #include "c2ms/c2ms_time.h"
 
 namespace {
 
 using namespace c2ms;
-
-// Whether a datagram is one whole message that answers the request.
-bool answers(const uint8_t *datagram, ssize_t size, uint32_t sequence) {
-  if (size < report_header_bytes || size > report_buffer_bytes) return false;
-  byte_iter in;
-  iter_set_text(&in, datagram, static_cast<int32_t>(size));
-  uint32_t total = 0;
-  iter_get_uint32BE(&in, &total);
-  return total == static_cast<uint32_t>(size) && report_sequence(datagram) == sequence;
-}
 
 int await_reply(const ReportSocket &socket, report_kind kind, uint32_t sequence, int wait_ms) {
   const auto end = steady::now() + std::chrono::milliseconds(wait_ms);
@@ -31,7 +20,7 @@ int await_reply(const ReportSocket &socket, report_kind kind, uint32_t sequence,
     uint8_t reply[report_buffer_bytes];
     const ssize_t size = recv(socket.fd(), reply, sizeof reply, MSG_DONTWAIT | MSG_TRUNC);
     if (size < 0 && errno != EAGAIN && errno != EINTR) return -500;
-    if (answers(reply, size, sequence))
+    if (answers_report(reply, size, sequence))
       return decode_report_reply(kind, reply, static_cast<int>(size));
   }
 }

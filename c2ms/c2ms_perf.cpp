@@ -3,14 +3,13 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include "adif/byteiter.h"
+#include <cstring>
+
 #include "adif/tsock.h"
 
 namespace {
 
 using namespace c2ms;
-
-constexpr int length_bytes = 4;
 
 int encode(const report_facts &facts, report_kind kind, uint8_t (&message)[report_buffer_bytes]) {
   return encode_report(facts, kind, report_body::enciphered, report_time(), message,
@@ -34,18 +33,17 @@ int send_message(const report_facts &facts, report_kind kind, const ReportSocket
 // The server's reply to a play begin: a length that counts itself, then the rest.
 int receive_reply(const report_facts &facts, const ReportSocket &socket) {
   const int wait_ms = facts.mgmt->report_waits.reply_ms;
-  uint8_t reply[report_buffer_bytes];
+  uint8_t length[report_length_bytes], reply[report_buffer_bytes];
   if (cleaning_up(facts)) return -500;
-  if (tcp_receive(socket.fd(), reply, length_bytes, wait_ms, nullptr) != length_bytes) return -500;
-  byte_iter in;
-  iter_set_text(&in, reply, length_bytes);
-  uint32_t total = 0;
-  iter_get_uint32BE(&in, &total);
-  if (total <= length_bytes) return -501;
-  if (total > sizeof reply || cleaning_up(facts)) return -600;
-  const int rest = static_cast<int>(total) - length_bytes;
-  if (tcp_receive(socket.fd(), reply + length_bytes, rest, wait_ms, nullptr) != rest) return -600;
-  return decode_report_reply(report_kind::play_begin, reply, static_cast<int>(total));
+  if (tcp_receive(socket.fd(), length, sizeof length, wait_ms, nullptr) != sizeof length)
+    return -500;
+  const int rest = reply_bytes_left(length);
+  if (rest < 0) return rest;
+  if (cleaning_up(facts)) return -600;
+  std::memcpy(reply, length, sizeof length);
+  uint8_t *const behind = reply + sizeof length;
+  if (tcp_receive(socket.fd(), behind, rest, wait_ms, nullptr) != rest) return -600;
+  return decode_report_reply(report_kind::play_begin, reply, report_length_bytes + rest);
 }
 
 int tell(const report_facts &facts, report_kind kind, bool wants_reply) {

@@ -17,7 +17,6 @@ namespace c2ms {
 namespace {
 
 constexpr uint16_t report_version = 2;
-constexpr uint32_t reply_bit = 0x80000000;
 
 // The bodies. Their one other description is for people, in docs/protocol.md.
 constexpr report_field play_begin_fields[] = {
@@ -184,29 +183,6 @@ int encode_report(c2ms_sess *sess, report_kind kind, report_body body, void *buf
   if (buf == nullptr || len < 1) return -2;
   if (sess->mgmt == nullptr) return -3;
   return encode_report(report_facts_of(sess), kind, body, report_time(), buf, len);
-}
-
-int decode_report_reply(report_kind kind, const void *buf, int len) {
-  constexpr int not_understood = -100;
-  if (buf == nullptr) return not_understood;
-  byte_iter in;
-  iter_set_text(&in, buf, len);
-  uint32_t type = 0, result = 0;
-  iter_get_bytes(&in, nullptr, 4);
-  iter_get_uint32BE(&in, &type);
-  iter_get_bytes(&in, nullptr, report_header_bytes - 8);
-  if (iter_get_uint32BE(&in, &result) != 0) return not_understood;
-  return type == (static_cast<uint32_t>(kind) | reply_bit) ? static_cast<int>(result)
-                                                           : not_understood;
-}
-
-uint32_t report_sequence(const void *message) {
-  byte_iter in;
-  iter_set_text(&in, message, report_header_bytes);
-  uint32_t sequence = 0;
-  iter_get_bytes(&in, nullptr, 8);
-  iter_get_uint32BE(&in, &sequence);
-  return sequence;
 }
 
 uint32_t report_time() {

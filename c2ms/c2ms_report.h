@@ -62,6 +62,7 @@ std::span<const report_field> report_fields(report_kind kind);
 
 inline constexpr int report_buffer_bytes = 1024;  // holds every message
 inline constexpr int report_header_bytes = 18;
+inline constexpr int report_length_bytes = 4;  // what every message begins with
 inline constexpr int report_port = 3528;
 
 enum class report_body : uint8_t { clear, enciphered };
@@ -81,6 +82,16 @@ int decode_report_reply(report_kind kind, const void *buf, int len);
 
 /// The sequence number of a message that has at least a header.
 uint32_t report_sequence(const void *message);
+
+/// Whether a datagram of `size` bytes (at most report_buffer_bytes of them are there) is one whole
+/// message that answers the request of this number.
+bool answers_report(const void *datagram, int64_t size, uint32_t sequence);
+
+/// How many bytes of a reply follow its length on a stream: at least 1, and all of the reply fits
+/// report_buffer_bytes; or reply_too_short, reply_too_long.
+int reply_bytes_left(const uint8_t (&length)[report_length_bytes]);
+inline constexpr int reply_too_short = -501;
+inline constexpr int reply_too_long = -600;
 
 /// Seconds since the epoch as a message carries them.
 uint32_t report_time();

@@ -10,7 +10,6 @@
 #include "c2ms/c2ms_sess_idx_box.h"
 #include "c2ms/c2ms_sess_read.h"
 #include "c2ms/c2ms_sess_sched.h"
-#include "compress/buffer_7z.h"
 
 namespace {
 
@@ -252,24 +251,6 @@ int open_step(c2ms_sess *sess, c2ms_cache *cache, uint32_t *len) {
 }
 
 }  // namespace
-
-int c2ms_idx_unpack(const uint8_t *packed, size_t len, uint64_t bound, uint8_t **out,
-                    uint32_t *out_len, const std::function<bool()> &stop) {
-  uint64_t size = 0;
-  if (buffer_un7z_size(packed, len, &size) != 0) return idx_not_readable;
-  if (size == 0) return idx_empty;
-  if (size > bound || size > UINT32_MAX) return idx_no_memory;
-  auto *const buf = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(size)));
-  if (buf == nullptr) return idx_no_memory;
-  auto unpacked = static_cast<size_t>(size);
-  if (buffer_un7z_until(buf, &unpacked, packed, len, stop) != 0) {
-    std::free(buf);
-    return idx_damaged;
-  }
-  *out = buf;
-  *out_len = static_cast<uint32_t>(unpacked);
-  return 0;
-}
 
 int c2ms_sess_idx_parse_moov(c2ms_sess *sess, steady::time_point t0) {
   c2ms_cache *const cache = sess->cache.load();

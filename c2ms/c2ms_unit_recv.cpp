@@ -251,7 +251,7 @@ slice discard(c2ms_unit *unit, int fd) {
       c2ms_sess_recv_byte(unit->session, got);
       count_payload(unit, got, 0);
     }
-    if (result < 0 && unit->received < payload) return slice::failed;
+    if (result < 0) return slice::failed;
     if (got < wanted) break;
   }
   if (unit->received >= payload) return slice::done;
