@@ -192,7 +192,7 @@ int frame_tcp_nb_receive2(int fd, frame_t **handle, int max, int *total_out) {
     const auto want = static_cast<size_t>(std::min(max - total, receive_piece));
     const ssize_t got = recv(fd, piece, want, MSG_DONTWAIT);
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+    if (got < 0 && errno == EAGAIN) break;
     if (got <= 0) return -1;
     if (putnLastBytes(handle, piece, static_cast<int>(got)) < 0) return -1;
     total += static_cast<int>(got);

@@ -153,7 +153,7 @@ void trim(char *text) {
 unsigned AnalysisTextLine(char *line) {
   trim(line);
   const std::string_view text(line);
-  if (text.empty() || text.front() == '#') return kLineEmpty;
+  if (text.empty()) return kLineEmpty;  // (a comment is gone by now)
   if (text.front() == '[' && text.back() == ']') return kLineHeader;
   const size_t equals = text.find('=');
   return equals == text.npos || equals == 0 ? kLineMalformed : kLineEntry;
