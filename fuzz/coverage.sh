@@ -6,8 +6,12 @@ set -euo pipefail
 build=$1 found=${2:-}
 readonly least=95
 readonly parsers=(
-  adif/{base64,byteiter,kmp,profile,strutil}.cpp
-  c2ms/{c2ms_pdu,c2ms_sess_idx_box,c2ms_unit_recv,c2ms_url}.cpp
+  adif/{base64,byteiter,kmp,strutil,timetext}.cpp         # string codecs
+  adif/{frame,framecodec,framesearch,frametext,framext}.cpp
+  adif/{confile,profile}.cpp
+  c2ms/{c2ms_pdu,c2ms_pdu_frame,c2ms_unit_recv,c2ms_url}.cpp
+  c2ms/c2ms_report_reply.cpp
+  c2ms/{c2ms_sess_idx_box,c2ms_sess_idx_unpack}.cpp
   compress/{buffer_7z,lzma86,x86_filter}.cpp
 )
 profiles=() objects=()

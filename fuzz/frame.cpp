@@ -9,10 +9,11 @@
 #include "adif/frameio.h"
 #include "adif/framesearch.h"
 #include "adif/framext.h"
+#include "adif/kalloc.h"
 
 namespace {
 
-void require(bool holds) {
+[[gnu::noinline]] void require(bool holds) {
   if (!holds) std::abort();
 }
 
@@ -28,14 +29,46 @@ struct machine {
 
   size_t clip(size_t offset, size_t n) const { return std::min(n, text.size() - offset); }
   void step(uint8_t what, size_t offset, size_t n);
+  void lack_memory(int at);
 };
+
+/// Whatever needs memory tells that there is none, and the content stays.
+void machine::lack_memory(int at) {
+  constexpr int much = 1 << 20;
+  static const std::string source(much, 's');
+  static frame_t *other = nullptr;
+  if (other == nullptr) putnLastBytes(&other, source.data(), much);
+  adif::fail_allocations(1, adif::kFailForGood);
+  require(putnLastBytes(&frame, source.data(), much) == -1);
+  require(putnLastBytes(&frame, nullptr, much) == -1 && appendnBytes(&frame, 'x', much) == -1);
+  require(insertBytes(&frame, at, source.data(), much) == -1);
+  require(frameGrow(&frame, much) == -1 && frameGrowHead(&frame, much) == -1);
+  require(frameGrowTo(&frame, 1 << 24) == -1 && !copyFrame(frame) && !splitFrame(frame, 0));
+  const int taken_over = frame == nullptr ? much : -1;
+  require(combineFrame(&frame, &other) == taken_over);
+  if (other == nullptr) std::swap(frame, other);
+  if (!text.empty()) require(insertBytes(&frame, 0, bytePointer(frame), 1) == -1);
+  const int length = frameLength(frame);
+  if (frameRemaining(frame) < length)
+    require(putnLastBytes(&frame, bytePointer(frame), length) == -1);
+  if (frame == nullptr) {
+    require(putLastByte(&frame, 'x') == -1 && putFirstByte(&frame, 'x') == -1);
+    require(putnLastBytes(&frame, "x", 1) == -1 && attachBuffer(&frame, &other, 1) == -1);
+  }
+  if (putLastByte(&frame, 'x') == 1) {
+    text.push_back('x');
+  } else {
+    require(frameRemaining(frame) == 0);
+  }
+  adif::fail_allocations(0);
+}
 
 void machine::step(uint8_t what, size_t offset, size_t n) {
   static const std::string source(256, 's');
   const int at = static_cast<int>(offset);
   const int count = static_cast<int>(n);
   const bool fits = offset <= text.size();
-  switch (what % 12) {
+  switch (what % 24) {
     case 0:
       putnLastBytes(&frame, source.data(), count);
       text.append(source, 0, n);
@@ -83,6 +116,78 @@ void machine::step(uint8_t what, size_t offset, size_t n) {
               (frame ? static_cast<int>(text.find(static_cast<char>(byte), offset)) : -1));
       break;
     }
+    case 11:
+      require(appendnBytes(&frame, 'n', count) == count);
+      text.append(n, 'n');
+      break;
+    case 12: {  // behind a seam, and together again
+      frame_t *rear = splitFrame(frame, at);
+      require((rear != nullptr) == (frame != nullptr && fits));
+      if (rear == nullptr) break;
+      require(frameLength(frame) == at);
+      require(combineFrame(&frame, &rear) == static_cast<int>(text.size() - offset));
+      require(rear == nullptr);
+      break;
+    }
+    case 13: {
+      frame_t *copy = copyFrame(frame);
+      require(frameCompare(copy, frame) == 0 && same(copy, text));
+      if (getLastByte(copy) >= 0) require(frameCompare(copy, frame) < 0);
+      deleteFrame(&frame);
+      require(combineFrame(&frame, &copy) == frameLength(frame));
+      text.resize(text.empty() ? 0 : text.size() - 1);
+      break;
+    }
+    case 14: {
+      std::string out(n + 1, '\0');
+      const int taken = getnBytes(frame, at, out.data(), count);
+      require(taken == (frame && fits ? static_cast<int>(clip(offset, n)) : -1));
+      if (taken < 1) break;
+      require(text.compare(offset, n, out, 0, static_cast<size_t>(taken)) == 0);
+      text.erase(offset, n);
+      break;
+    }
+    case 15:
+      require(getFirstByte(frame) == (text.empty() ? -1 : static_cast<uint8_t>(text[0])));
+      text.erase(0, 1);
+      break;
+    case 16: {
+      const bool there = frame && n <= text.size();
+      require(readnBytes(frame, nullptr, count) == (there ? 0 : frame ? -100 : -1));
+      if (there) text.erase(0, n);
+      break;
+    }
+    case 17: {
+      const int set = setnBytes(frame, at, source.data(), count);
+      const bool inside = offset < text.size() && n > 0;
+      require(set == (inside ? static_cast<int>(clip(offset, n)) : -1));
+      if (inside) text.replace(offset, clip(offset, n), source, 0, clip(offset, n));
+      break;
+    }
+    case 18:
+      require(writeByte(&frame, at, 'w') == (fits ? 1 : -1));
+      if (fits) text.resize(std::max(text.size(), offset + 1)), text[offset] = 'w';
+      break;
+    case 19:
+      require(truncateFrame(frame, count) == (frame ? static_cast<int>(clip(0, n)) : -1));
+      text.resize(clip(0, n));
+      break;
+    case 20:
+      require(frameGrowTo(&frame, count * 8) == 0 && frameSize(frame) >= count * 8);
+      break;
+    case 21:
+      require(appendFrameBytes(&frame, frame, at, count) ==
+              (fits ? static_cast<int>(clip(offset, n)) : -1));
+      if (fits) text += text.substr(offset, n);
+      break;
+    case 22:  // the array and the content of another owner
+      if (frame == nullptr) break;
+      require(emptyFrame(frame) == 0 &&
+              attachBuffer(&frame, kzalloc_dbg(count + 1), count) == count);
+      require(frameSetLength(frame, count + 1) == -1 &&
+              frameSetLength(frame, count / 2) == count / 2);
+      text.assign(n / 2, '\0');
+      break;
     default: {
       uint32_t value = 0;
       const auto length = text.size();
@@ -94,12 +199,58 @@ void machine::step(uint8_t what, size_t offset, size_t n) {
   }
 }
 
+/// No frame, no bytes, a count or an offset that is none, more than a frame may hold.
+bool refuses_nothing() {
+  frame_t *none = nullptr, *some = createFrame(-1);
+  char byte = 'x';
+  require(frameSize(none) == 0 && frameSize(some) == 0 && emptyFrame(none) == -1 &&
+          frameSetLength(none, 1) == 0);
+  require(frameSetLength(some, -1) == -1 && frameGrow(nullptr, 1) == -1 &&
+          frameGrow(&some, 0) == 0);
+  require(frameGrowTo(nullptr, 1) == -1 && frameGrowHead(nullptr, 1) == -1);
+  require(putLastByte(nullptr, 1) == -1 && putnLastBytes(nullptr, "x", 1) == -1);
+  require(putnLastBytes(&some, "x", 0) == 0 && putnLastBytes(&some, "x", 1) == 1);
+  require(frameGrow(&some, INT32_MAX) == -1 && frameLength(some) == 1);
+  require(putnLastBytes(&none, &byte, INT32_MAX) == -1 && none == nullptr);
+  require(putFirstByte(nullptr, 1) == -1 && appendnBytes(nullptr, 1, 1) == -1);
+  require(appendnBytes(&none, 1, 0) == 0 && insertBytes(nullptr, 0, "x", 1) == -1);
+  require(insertBytes(&some, 0, nullptr, 1) == -1 && insertBytes(&some, -1, "x", 1) == -1);
+  require(insertBytes(&some, 0, "x", 0) == 0 && appendFrameBytes(nullptr, some, 0, 1) == -1);
+  require(appendFrame(&some, none) == 0 && appendFrameBytes(&some, some, 2, 1) == -1);
+  require(combineFrame(nullptr, &some) == -1 && combineFrame(&some, nullptr) == -1);
+  frame_t *twice = some;
+  require(combineFrame(&some, &some) == -1 && combineFrame(&some, &twice) == -1);
+  require(combineFrame(&some, &none) == 0 && attachBuffer(nullptr, &byte, 1) == -1);
+  require(attachBuffer(&some, nullptr, 1) == -1 && attachBuffer(&some, &byte, -1) == -1);
+  require(attachBuffer(&some, some->data, 0) == 0 && getFirstByte(none) == -1);
+  require(readnBytes(some, &byte, -1) == -1 && readnBytes(none, &byte, 1) == -1);
+  require(writeByte(nullptr, 0, 1) == -1 && writeByte(&some, -1, 1) == -1);
+  require(setnBytes(some, 0, nullptr, 1) == -1 && setnBytes(some, -1, "x", 1) == -1);
+  require(getnLastBytes(none, &byte, 1) == -1 && getnLastBytes(some, &byte, 1) == 0);
+  require(truncateFrame(none, 1) == -1 && !copyFrame(none) && !splitFrame(none, 0));
+  int total = 9;
+  require(frame_tcp_nb_receive2(-1, &some, 1, &total) == -1 && total == 0);
+  require(frame_tcp_nb_receive2(0, nullptr, 1, nullptr) == -1);
+  require(frame_tcp_nb_receive2(0, &some, 0, nullptr) == -1);
+  require(attachBuffer(&none, kzalloc_dbg(2), 1) == 1 && putFirstByte(&some, 1) == 1);
+  require(frameCompare(none, some) < 0 && frameCompare(some, none) > 0);
+  deleteFrame(&none);
+  require(!splitFrame(some, 9) && frameCompare(none, none) == 0 && byte == 'x');
+  deleteFrame(nullptr);
+  deleteFrame(&none);
+  deleteFrame(&some);
+  return true;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const bool refused = refuses_nothing();
+  require(refused);
   constexpr size_t longest = 4096;
   machine under_test;
   for (; size >= 3 && under_test.text.size() < longest; data += 3, size -= 3) {
+    if (data[0] >= 192) under_test.lack_memory(data[1]);
     under_test.step(data[0], data[1], data[2]);
     require(same(under_test.frame, under_test.text));
     require(traverseCheck(under_test.frame) == (under_test.frame ? 1 : 0));

@@ -5,34 +5,44 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
+#include "adif/kalloc.h"
 #include "c2ms/c2ms_sess_idx.h"
 #include "c2ms/c2ms_sess_idx_box.h"
+#include "compress/buffer_7z.h"
+#include "container.h"
 
 namespace {
-
-constexpr uint64_t kBound = 1 << 20;
 
 void require(bool holds) {
   if (!holds) std::abort();
 }
 
 void unpack(const uint8_t *data, size_t size) {
+  const bool patient = fuzz::may_take_long(data, size);
+  if (!patient && !fuzz::has_small_tables(data, size)) return;
+  const uint64_t bound = patient ? fuzz::big_bound : fuzz::small_bound;
   uint8_t *out = nullptr;
   uint32_t len = 0;
-  const int result = c2ms_idx_unpack(data, size, kBound, &out, &len);
+  const int result = c2ms_idx_unpack(data, size, bound, &out, &len);
   if (result == 0) {
-    require(out != nullptr && len >= 1 && len <= kBound);
-    uint8_t sum = 0;
-    for (uint32_t i = 0; i < len; ++i)
-      sum = static_cast<uint8_t>(sum + out[i]);  // every byte is there
+    require(out != nullptr && len >= 1 && len <= bound);
+    const std::vector<uint8_t> every_byte(out, out + len);
     std::free(out);
+    out = nullptr;
+    adif::fail_allocations(1);
+    require(c2ms_idx_unpack(data, size, bound, &out, &len) == idx_no_memory && out == nullptr);
+    adif::fail_allocations(0);
     return;
   }
   require(out == nullptr && len == 0);
   require(result == idx_not_readable || result == idx_empty || result == idx_no_memory ||
           result == idx_damaged);
   require((size < 14) == (result == idx_not_readable));
+  uint64_t claimed = 0;
+  if (buffer_un7z_size(data, size, &claimed) == 0 && claimed > UINT32_MAX)
+    require(c2ms_idx_unpack(data, size, UINT64_MAX, &out, &len) == idx_no_memory);
 }
 
 // The input is the media's beginning, zeros follow; the first 8 bytes choose its size.

@@ -4,11 +4,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <string_view>
 
 #include "adif/base64.h"
 #include "adif/byteiter.h"
+#include "adif/frame.h"
+#include "adif/kalloc.h"
 #include "adif/kmp.h"
 #include "adif/strutil.h"
 #include "adif/timetext.h"
@@ -94,6 +97,49 @@ void key_and_search(const char *text, int len) {
   require(quoted <= rest_len && (quoted < 1 || (quoted > 1 && rest[0] == rest[quoted - 1])));
 }
 
+/// A pattern that is longer than the search's own table, in front of its end and behind it; without
+/// memory for a table the search does without.
+void long_pattern(const char *text, int len) {
+  const std::string_view view(text, static_cast<size_t>(len));
+  std::string pattern;
+  while (pattern.size() < 300) pattern += view;
+  const std::string whole = pattern + "|" + pattern;
+  const auto n = static_cast<int>(pattern.size()), whole_n = static_cast<int>(whole.size());
+  const auto *const begin = reinterpret_cast<const uint8_t *>(whole.data());
+  const size_t last = whole.rfind(pattern);
+  for (const int failing : {0, 1}) {
+    adif::fail_allocations(failing);
+    const uint8_t *const forwards = kmp_find_bytes(begin, whole_n, pattern.data(), n);
+    adif::fail_allocations(failing);
+    const uint8_t *const backwards = kmp_rfind_bytes(begin, whole_n, pattern.data(), n);
+    adif::fail_allocations(0);
+    require(forwards == begin && backwards == begin + last);
+  }
+}
+
+/// Whatever is read as a time is written, and that is read as the same.
+void times(const char *text, int len) {
+  const time_t t = get_time_from_string(text, len);
+  char room[64];
+  const int n = time_to_string(t, room, sizeof room);
+  if (n == 19 && t >= 0) require(get_time_from_string(room, -1) == t);
+  require(time_to_string(t, room, 4) == 0 && room[0] == '\0');
+}
+
+/// Copies end inside their room, with a NUL where one is due.
+void copies(const std::string &text) {
+  const std::string head(text.c_str());
+  char room[8];
+  const int n = winstrcpy(room, sizeof room, text.c_str());
+  require(n == std::min(static_cast<int>(head.size()), 7) && head.compare(0, 7, room) == 0);
+  const int copied = secure_memcpy(room, sizeof room, text.data(), static_cast<int>(text.size()));
+  require(copied == std::min(static_cast<int>(text.size()), 8));
+  require(std::memcmp(room, text.data(), static_cast<size_t>(copied)) == 0);
+  char *const twin = string_dup(text.c_str());
+  require(head == twin);
+  kfree_dbg(twin);
+}
+
 /// The byte iterator's moves, beside the same on a view.
 void iterate(const char *text, int len) {
   const std::string_view view(text, static_cast<size_t>(len));
@@ -131,6 +177,22 @@ bool iterator_refuses_nothing() {
   require(iter_skipTo(nullptr, "x", 1) == -1 && iter_skipOver(nullptr, "x", 1) == -1);
   require(iter_skipTo(&it, nullptr, 1) == 0 && iter_skipOver(&it, nullptr, 1) == 0);
   require(iter_skipTo_bytes(nullptr, "x", 1) == 0);
+  require(iter_free(iter_alloc()) == 0);
+  uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+  iter_set_text(&it, bytes, 9);
+  require(iter_get_uint32BE(&it, nullptr) == 0 && iter_get_uint64BE(&it, nullptr) != 0);
+  require(iter_get_bytes(&it, bytes, 0) == 0);
+  require(iter_get_uint32BE(nullptr, nullptr) == -1 && iter_get_uint8(nullptr, nullptr) == -1);
+  require(iter_get_uint16BE(nullptr, nullptr) == -1 && iter_get_uint64BE(nullptr, nullptr) == -1);
+  require(iter_set_uint8(nullptr, 1) == -1 && iter_set_uint16BE(nullptr, 1) == -1);
+  require(iter_set_uint32BE(nullptr, 1) == -1 && iter_set_uint64BE(nullptr, 1) == -1);
+  require(iter_set_uint64BE(&it, 1) != 0 && it.pos == 4 && iter_get_uint8(&it, nullptr) == 0);
+  it.pos = 8;
+  require(iter_set_uint32BE(&it, 1) != 0 && iter_set_uint16BE(&it, 1) != 0);
+  require(iter_get_uint16BE(&it, nullptr) != 0 && iter_set_uint8(&it, 1) == 0);
+  require(iter_set_uint8(&it, 1) != 0 && iter_get_uint8(&it, nullptr) != 0 && bytes[8] == 1);
+  it.pos = -1;  // a caller's own arithmetic
+  require(iter_get_uint8(&it, nullptr) != 0);
   return true;
 }
 
@@ -157,7 +219,36 @@ bool refuses_nothing() {
   require(get_int_from_str(nullptr, 1, &n) == -1 && get_int_from_str("1", 0, &n) == -1);
   require(!skipTo(nullptr, 1, "x", 1) && !skipQuoteTo(nullptr, 1, "x", 1));
   require(!kmp_find_bytes(nullptr, 1, "x", 1) && !kmp_find_bytes("x", 1, nullptr, 1));
-  require(byte == 'x');
+  require(!kmp_find_string("x", 1, nullptr) && !kmp_rfind_string("x", 1, "") &&
+          !str_find_bytes("x", 1, "", 0));
+  require(!str_rfind_bytes("x", 1, "xx", 2) && kmp_fail_func(nullptr, 1, &n) == -1);
+  require(kmp_str_fail_func("", &n) == -1 && kmp_fail_func("x", 1, nullptr) == -1);
+  require(kmp_str_fail_func("x", &n) == 0 && n == 0);
+  require(skipTo("x", 1, nullptr, 1) != nullptr && !rskipTo(nullptr, 1, "x", 1));
+  require(toASCIICH(-1) == '?' && toASCIICH(16) == '?' && !string_dup(nullptr));
+  require(secure_memcpy(nullptr, 1, "x", 1) == -1 && secure_memcpy(&byte, 1, nullptr, 1) == -1);
+  require(secure_memcpy(&byte, 0, "y", 1) == 0 && winstrcpy(nullptr, 1, "y") == -1);
+  require(winstrcpy(&byte, 0, "y") == -1 && byte == 'x' && winstrcpy(&byte, 1, nullptr) == 0);
+  adif::fail_allocations(1);
+  require(!string_dup("y"));
+  adif::fail_allocations(0);
+  return true;
+}
+
+bool times_refuse_nothing() {
+  setenv("TZ", "UTC", 1);  // without hours that do not exist, or exist twice
+  char room[4];
+  wtime_t now;
+  time_t seconds = 0;
+  frame_t *frame = nullptr;
+  constexpr time_t beyond = std::numeric_limits<time_t>::max();
+  require(get_time_from_string(nullptr, 1) == -1 && time_to_string(0, nullptr, 1) == -1);
+  require(time_to_string(0, room, 0) == -1 && convert_time_to_string(beyond, room, 4) == -1);
+  require(convert_time_to_string2(0, room, 4) == 0 && time_to_datestring(0, room, 4) == 0);
+  require(wtime(nullptr) == -1 && wtime(&now) == 0 && now.milliseconds < 1000);
+  require(get_curtime_str(nullptr) && get_curtime_str(&seconds) && seconds >= now.seconds);
+  require(time_to_frame(beyond, &frame) == -1 && time_to_frame(0, &frame) == 19);
+  deleteFrame(&frame);
   return true;
 }
 
@@ -166,7 +257,8 @@ bool refuses_nothing() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const bool refused = refuses_nothing();
   static const bool iterator_refused = iterator_refuses_nothing();
-  require(refused && iterator_refused);
+  static const bool times_refused = times_refuse_nothing();
+  require(refused && iterator_refused && times_refused);
   const auto *text = reinterpret_cast<const char *>(data);
   const int len = static_cast<int>(std::min<size_t>(size, 4096));
   if (len < 1) return 0;
@@ -175,9 +267,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   hexadecimal(text, len);
   integers(text, len);
   key_and_search(text, len);
-  get_time_from_string(text, len);
+  times(text, len);
+  if (len % 16 == 7) long_pattern(text, std::min(len, 64));
   std::string copy(text, static_cast<size_t>(len));
   const int trimmed = str_trim(copy.data(), len);
   require(trimmed >= 0 && trimmed <= len);
+  copies(copy);
   return 0;
 }
