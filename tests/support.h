@@ -65,11 +65,15 @@ inline void pause_ms(int ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
-/// Waits until `holds()`, at most 30 s; false if it never did.
+/// Waits until `holds()`; false if it never did.
 template <typename Predicate>
-bool eventually(Predicate holds) {
-  for (int i = 0; i < 30000 && !holds(); ++i) pause_ms(1);
-  return holds();
+bool eventually(Predicate holds, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    pause_ms(1);
+  }
+  return true;
 }
 
 inline long ms_since(std::chrono::steady_clock::time_point start) {
@@ -82,6 +86,21 @@ inline long cpu_us_within(int ms) {
   const std::clock_t before = std::clock();
   pause_ms(ms);
   return static_cast<long>((std::clock() - before) * 1000000.0 / CLOCKS_PER_SEC);
+}
+
+inline int open_descriptors(const char *folder = "/proc/self/fd") {
+  const std::filesystem::directory_iterator all(folder);
+  return static_cast<int>(std::distance(begin(all), end(all)));
+}
+
+inline std::string to_hex(const void *data, size_t size) {
+  std::string hex;
+  for (size_t i = 0; i < size; ++i) {
+    for (const int digit :
+         {static_cast<const uint8_t *>(data)[i] >> 4, static_cast<const uint8_t *>(data)[i] & 15})
+      hex += "0123456789abcdef"[digit];
+  }
+  return hex;
 }
 
 inline uint16_t port_of(int fd) {

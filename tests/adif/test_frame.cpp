@@ -226,17 +226,14 @@ const struct {
     {"-1 -1 2 -1 3 2", [](A a) { return appendFrameBytes(a.h, a.f, a.n, 9); }},
     {"-1 -1 1 0 0 1", [](A a) { return appendFrameBytes(a.h, a.f, 1, a.n); }},
     {"-1 -1 -1 -1 -1 -1", [](A a) { return combineFrame(a.h, a.h); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return attachBuffer(a.h, nullptr, a.n); }},
     {"-1 0 0 0 0 0", [](A a) { return frameGrow(a.h, a.n); }},
     {"-1 0 0 0 0 0", [](A a) { return frameGrowTo(a.h, a.n); }},
     {"-1 0 0 0 0 0", [](A a) { return frameGrowHead(a.h, a.n); }},
     {"-1 -1 97 97 97 97", [](A a) { return getFirstByte(a.f); }},
     {"-1 -1 1 0 0 1", [](A a) { return getnFirstBytes(a.f, a.b, a.n); }},
-    {"-1 -1 99 99 99 99", [](A a) { return getLastByte(a.f); }},
     {"-1 -1 1 0 0 1", [](A a) { return getnLastBytes(a.f, a.b, a.n); }},
     {"-1 -1 98 -1 97 98", [](A a) { return getByte(a.f, a.n); }},
     {"-1 -1 1 -1 1 1", [](A a) { return getnBytes(a.f, a.n, a.b, 1); }},
-    {"-1 -1 0 0 0 0", [](A a) { return readByte(a.f, a.c); }},
     {"-1 -1 0 -1 0 0", [](A a) { return readnBytes(a.f, a.b, a.n); }},
     {"-1 -1 -100 0 0 -100", [](A a) { return readnBytes(a.f, a.b, a.n + 3); }},
     {"-1 -1 -1 99 -1 -1", [](A a) { return peekByte(a.f, a.n + 3); }},
@@ -252,9 +249,7 @@ const struct {
     {"-1 -1 2 -1 3 2", [](A a) { return deleteMidBytes(a.f, a.n, INT_MAX); }},
     {"-1 -1 1 0 0 1", [](A a) { return deleteMidBytes(a.f, 1, a.n); }},
     {"0 0 3 3 3 3", [](A a) { return frameLength(a.f); }},
-    {"0 0 3 3 3 3", [](A a) { return frameSize(a.f) - frameRemaining(a.f); }},
     {"0 0 1 -1 0 1", [](A a) { return frameSetLength(a.f, a.n); }},
-    {"-1 -1 0 0 0 0", [](A a) { return emptyFrame(a.f); }},
     {"-1 -1 1 1 1 1", [](A a) { return sign(compareString(a.f, a.t)); }},
     {"-1 -1 1 1 1 1", [](A a) { return sign(compareCaseString(a.f, a.t)); }},
     {"0 0 1 1 1 1", [](A a) { return sign(frameCompare(a.f, nullptr)); }},
@@ -263,12 +258,8 @@ const struct {
     {"-1 -1 -1 0 0 1", [](A a) { return copyToString(a.f, 1, a.n, a.t, 2); }},
     {"-1 2 -1 2 2 2", [](A a) { return copyToFrame(a.h, a.t); }},
     {"-1 2 -1 2 2 2", [](A a) { return appendString(a.h, a.t); }},
-    {"-1 2 -1 2 2 2", [](A a) { return prependString(a.h, a.t); }},
     {"-1 1 1 2 1 1", [](A a) { return appendDecimal(a.h, a.n); }},
-    {"0 0 0 0 0 0", [](A a) { return static_cast<int>(frameToLong(a.f)); }},
     {"-1 -1 3 3 3 3", [](A a) { return stripBlanks(a.f); }},
-    {"-1 -1 0 0 0 0", [](A a) { return StripBlanks(a.f); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return outString(a.f, nullptr); }},
     {"-1 -1 -1 -1 0 -1", [](A a) { return searchBytes(a.f, a.n, a.b, 1); }},
     {"-1 -1 -1 -1 -1 0", [](A a) { return searchBytes(a.f, 0, a.b, a.n); }},
     {"-1 -1 -1 -1 0 0", [](A a) { return reverseSearchBytes(a.f, a.n, a.b, 1); }},
@@ -276,7 +267,6 @@ const struct {
     {"-1 -1 -1 -1 -1 0", [](A a) { return kmpReverseSearchBytes(a.f, 3, a.b, a.n); }},
     {"-1 -1 -1 -1 0 -1", [](A a) { return searchChar(a.f, a.n, 'a'); }},
     {"-1 -1 1 -1 -1 1", [](A a) { return reverseSearchChar(a.f, a.n, 'b'); }},
-    {"-1 -1 -1 -1 0 -1", [](A a) { return searchString(a.f, a.n, a.t); }},
     {"-1 -1 -1 -1 0 -1", [](A a) { return searchCaseString(a.f, a.n, a.t); }},
     {"0 0 0 1 1 1", [](A a) { return containString(a.f, a.t); }},
     {"-1 0 -1 -1 -1 1", [](A a) { return replacePattern(a.h, a.b, a.n, "x", 1); }},
@@ -285,32 +275,17 @@ const struct {
     {"-1 -1 -1 -1 0 1", [](A a) { return replaceBytes(a.h, 1, 1, a.b, a.n); }},
     {"-1 -1 -1 0 0 -1", [](A a) { return setBit(a.f, a.n + 23, 1); }},
     {"-1 -1 0 -1 0 0", [](A a) { return shiftBitLeft(a.f, a.n); }},
-    {"-1 -1 0 -1 0 0", [](A a) { return shiftBitRight(a.f, a.n); }},
     {"-1 -1 1 -1 1 1", [](A a) { return peekUintvar(a.f, a.n, nullptr); }},
     {"-1 -1 1 1 1 1", [](A a) { return extractUintvar(a.f, nullptr); }},
     {"-1 -1 2 -1 2 2", [](A a) { return insertUintvar(a.h, a.n, 300); }},
     {"-1 -1 1 -1 1 1", [](A a) { return decodeNetInt(a.f, a.n, 1, nullptr); }},
-    {"-1 -1 1 -1 -1 1", [](A a) { return decodeNetInt(a.f, 0, a.n, nullptr); }},
-    {"-1 1 1 -1 -1 1", [](A a) { return encodeInt(a.h, 1, a.n); }},
     {"-1 -1 -1 7 8 -1", [](A a) { return encodeInt(a.h, 1, a.n + 8); }},
     {"-1 -1 4 4 4 4", [](A a) { return binToBase64(a.f, a.h); }},
     {"-1 -1 2 2 2 2", [](A a) { return base64ToBin(a.f, a.h); }},
     {"-1 -1 6 6 6 6", [](A a) { return frame_bin_to_ascii(a.f, a.h); }},
     {"-1 -1 1 1 1 1", [](A a) { return frame_ascii_to_bin(a.f, a.h); }},
-    {"-1 -1 0 0 0 0", [](A a) { return GetFirstByte(a.f, a.c); }},
-    {"-1 -1 0 -1 0 0", [](A a) { return GetnFirstBytes(a.f, a.b, a.n); }},
-    {"-1 -1 0 0 0 0", [](A a) { return GetLastByte(a.f, a.c); }},
-    {"-1 -1 0 -1 0 0", [](A a) { return GetnLastBytes(a.f, a.b, a.n); }},
     {"-1 -1 0 0 0 0", [](A a) { return GetUintvar(a.f, nullptr); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFromFile(a.h, nullptr, a.n); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFile(a.h, nullptr); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return writeToFile(a.f, nullptr); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return printToFile(a.f, a.n, 1, nullptr); }},
     {"0 0 1 1 1 1", [](A a) { return traverseCheck(a.f); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return appendFromSocket(a.h, -1, a.n); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return writeToSocket(a.f, -1); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return frameRecv(a.h, -1, a.n); }},
-    {"-1 -1 -1 -1 -1 -1", [](A a) { return frameSend(a.f, -1); }},
     {"-1 -1 -1 -1 -1 -1", [](A a) { return frame_tcp_receive(-1, a.h, a.n, 1, nullptr); }},
     {"-1 -1 -1 -1 -1 -1", [](A a) { return frame_tcp_send(-1, a.f, 1, nullptr); }},
 };
@@ -369,16 +344,12 @@ TEST(frame, text_calls_terminate_and_compare) {
   EXPECT_STREQ(out, "  -42 A");
   EXPECT_EQ(copyToString(frame.get(), 6, 3, out, sizeof out), 3);
   EXPECT_STREQ(out, "App");
-  EXPECT_STREQ(frameString(frame.get()), "  -42 Apples");
-  EXPECT_EQ(searchCaseString(frame.get(), 0, "aPPL"), 6);
   EXPECT_EQ(searchString(frame.get(), 0, "aPPL"), -1);
   EXPECT_EQ(stripBlanks(frame.get()), 10);
   EXPECT_EQ(compareCaseString(frame.get(), "-42 apples"), 0);
   EXPECT_LT(compareCaseString(frame.get(), "-42 applesauce"), 0);
-  EXPECT_GT(compareCaseString(frame.get(), "-42 APPLE"), 0);
-  EXPECT_NE(compareString(frame.get(), "-42 apples"), 0);
   appendDecimal(frame.handle(), INT64_MIN);
-  EXPECT_EQ(frame.text(), "-42 Apples-9223372036854775808");
+  EXPECT_STREQ(frameString(frame.get()), "-42 Apples-9223372036854775808");
 }
 
 TEST(frame, shifts_as_one_number) {
@@ -405,13 +376,10 @@ TEST(frame, reads_back_multi_byte_integers_and_reports_cut_ones) {
   for (uint32_t value : values) EXPECT_GT(appendUintvar(frame.handle(), value), 0);
   insertUintvar(frame.handle(), 0, 16384);
   uint32_t value = 0;
-  EXPECT_EQ(extractUintvar(frame.get(), &value), 3);
-  EXPECT_EQ(value, 16384U);
-  for (uint32_t expected : values) {
+  for (uint32_t expected : {16384U, 0U, 127U, 128U, 300'000U, UINT32_MAX}) {
     EXPECT_EQ(GetUintvar(frame.get(), &value), 0);
     EXPECT_EQ(value, expected);
   }
-  EXPECT_EQ(GetUintvar(frame.get(), &value), -100);
   EXPECT_EQ(extractUintvar(frame.get(), &value), -1);
   putLastByte(frame.handle(), 0x81);
   EXPECT_EQ(GetUintvar(frame.get(), &value), -100);

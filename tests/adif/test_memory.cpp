@@ -18,26 +18,7 @@ namespace {
 
 constexpr int kSteps = 100000;
 
-TEST(Kalloc, FailsTheAllocationsThatATestNames) {
-  EXPECT_EQ(kalloc_dbg(0), nullptr);
-  EXPECT_EQ(kzalloc_dbg(-1), nullptr);
-  const struct {
-    int nth, count;
-    std::string outcome;  // of six allocations
-  } rows[] = {
-      {1, 1, "-+++++"}, {3, 1, "++-+++"}, {2, 3, "+---++"}, {4, adif::kFailForGood, "+++---"}};
-  for (const auto &row : rows) {
-    adif::fail_allocations(row.nth, row.count);
-    std::string outcome;
-    for (int i = 0; i < 6; ++i) {
-      const adif::kptr<char> p(static_cast<char *>(kalloc_dbg(8)));
-      outcome += p == nullptr ? '-' : '+';
-    }
-    EXPECT_EQ(outcome, row.outcome);
-    EXPECT_EQ(adif::allocations_fail_for_good(), row.count == adif::kFailForGood);
-  }
-  adif::fail_allocations(0);
-
+TEST(Kalloc, Reallocation) {
   auto *p = static_cast<char *>(kzalloc_dbg(4));
   EXPECT_EQ(krealloc_dbg(p, 0), nullptr) << "and the block is kept";
   p = static_cast<char *>(krealloc_dbg(p, 4096));
@@ -48,12 +29,12 @@ TEST(Kalloc, FailsTheAllocationsThatATestNames) {
 // Blocks in use by address, each filled with a byte of its own, over a region with guard bytes.
 class MemUnitModel : public testing::Test {
  protected:
-  static constexpr int kRegion = 16 * 1024;
-
-  void SetUp() override {
-    memory_.assign(kRegion + 64, 0xA5);
-    unit_ = mem_unit_init(memory_.data() + 7, kRegion);
-    ASSERT_NE(unit_, nullptr);
+  void give_region(int skip, int size) {
+    blocks_.clear();
+    memory_.assign(static_cast<size_t>(skip + size), 0xA5);
+    memory_.shrink_to_fit();  // the sanitizer watches its end
+    begin_ = memory_.data() + skip;
+    unit_ = mem_unit_init(begin_, size);
   }
 
   void take(int size) {
@@ -62,7 +43,7 @@ class MemUnitModel : public testing::Test {
     ASSERT_EQ(p != nullptr, size >= 1 && size <= avail) << size << " of " << avail;
     if (p == nullptr) return;
     ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
-    ASSERT_GE(p, memory_.data() + 7);
+    ASSERT_GE(p, begin_);
     ASSERT_LE(p + size, static_cast<uint8_t *>(mem_unit_endp(unit_)));
     std::memset(p, ++fill_, static_cast<size_t>(size));
     ASSERT_TRUE(blocks_.emplace(p, block{size, fill_}).second);
@@ -87,7 +68,7 @@ class MemUnitModel : public testing::Test {
     switch (blocks_.empty() ? 0 : random_.below(5)) {
       case 0:
       case 1:
-        take(random_.below(8) == 0 ? random_.below(kRegion + 100) : random_.below(600));
+        take(random_.below(8) == 0 ? random_.below(17000) : random_.below(600));
         break;
       case 2:
         ASSERT_EQ(mem_unit_free(unit_, at->first + 1 + random_.below(at->second.size)), -3);
@@ -113,71 +94,46 @@ class MemUnitModel : public testing::Test {
 
   Random random_;
   std::vector<uint8_t> memory_;
+  uint8_t *begin_ = nullptr;
   mem_unit *unit_ = nullptr;
   std::map<uint8_t *, block> blocks_;
   uint8_t fill_ = 0;
 };
 
 TEST_F(MemUnitModel, BlocksNeverOverlapAndMergeAgain) {
-  const int64_t whole = mem_unit_availsize(unit_);
-  EXPECT_EQ(whole, mem_unit_totalsize(unit_));
-  for (int i = 0; i < kSteps && !HasFatalFailure(); ++i) {
-    SCOPED_TRACE(i);
-    step();
+  int made = 0;
+  for (int round = 0; round < 1000 && !HasFatalFailure(); ++round) {
+    const int skip = random_.below(16);
+    give_region(skip, random_.below(round % 4 == 0 ? 300 : 16384));
+    if (unit_ == nullptr) continue;
+    ++made;
+    const int64_t whole = mem_unit_availsize(unit_);
+    EXPECT_EQ(whole, mem_unit_totalsize(unit_));
+    for (int i = 0; i < kSteps / 1000 && !HasFatalFailure(); ++i) step();
     // The largest block that the unit promises can be had.
-    if (i % 1000 == 0) take(static_cast<int>(mem_unit_availsize(unit_)));
+    if (mem_unit_availsize(unit_) > 0) take(static_cast<int>(mem_unit_availsize(unit_)));
+    while (!blocks_.empty() && !HasFatalFailure()) give_back(blocks_.begin()->first);
+    EXPECT_EQ(mem_unit_availsize(unit_), whole);
+    EXPECT_EQ(mem_unit_usedsize(unit_), 0);
+    EXPECT_EQ(mem_unit_free(unit_, &made), -3);
+    EXPECT_EQ(std::count(memory_.data(), begin_, 0xA5), skip);
   }
-  while (!blocks_.empty() && !HasFatalFailure()) give_back(blocks_.begin()->first);
-  EXPECT_EQ(mem_unit_availsize(unit_), whole);
-  EXPECT_EQ(mem_unit_usedsize(unit_), 0);
-  for (int i = 0; i < 7; ++i) ASSERT_EQ(memory_[static_cast<size_t>(i)], 0xA5);
-  for (size_t i = 7 + kRegion; i < memory_.size(); ++i) ASSERT_EQ(memory_[i], 0xA5);
-}
-
-TEST(MemUnit, RegionsOfEverySizeAndPlaceAreUsedWithinTheirBounds) {
-  for (int skip = 0; skip < 16; ++skip) {
-    for (int size = -1; size < 200; ++size) {
-      // The sanitizer watches both ends.
-      const std::unique_ptr<uint8_t[]> memory(new uint8_t[static_cast<size_t>(skip + size + 1)]);
-      mem_unit *const unit = mem_unit_init(memory.get() + skip, size);
-      if (unit == nullptr) {
-        EXPECT_LT(size, 80);
-        continue;
-      }
-      const int64_t all = mem_unit_availsize(unit);
-      void *const p = mem_unit_alloc(unit, static_cast<int>(all));
-      ASSERT_NE(p, nullptr);
-      std::memset(p, 1, static_cast<size_t>(all));
-      EXPECT_EQ(mem_unit_availsize(unit), 0);
-      EXPECT_EQ(mem_unit_availp(unit), nullptr);
-      EXPECT_EQ(mem_unit_free(unit, &skip), -3);
-    }
-  }
+  EXPECT_GT(made, 800) << "only the smallest are refused";
 }
 
 TEST(MemUnit, NullsAndSmallestLengths) {
   alignas(16) uint8_t memory[1024];
   mem_unit *const unit = mem_unit_init(memory, sizeof memory), *const none = nullptr;
   void *const p = mem_unit_alloc(unit, 1);
-  for (int64_t result :
-       {mem_unit_availsize(none), mem_unit_totalsize(none), mem_unit_usedsize(none),
-        int64_t{mem_unit_free(none, p)}, int64_t{mem_unit_shrinkto(none, p, 1)}})
-    EXPECT_EQ(result, -1);
+  EXPECT_EQ(mem_unit_availsize(none) + mem_unit_usedsize(none), -2);
+  EXPECT_EQ(mem_unit_free(none, p) + mem_unit_shrinkto(none, p, 1), -2);
   EXPECT_EQ(mem_unit_free(unit, nullptr) + mem_unit_shrinkto(unit, nullptr, 1), -4);
   for (int size : {-1, 0}) {
     EXPECT_EQ(mem_unit_alloc(unit, size), nullptr);
     EXPECT_EQ(mem_unit_shrinkto(unit, p, size), -4);
     EXPECT_EQ(mem_unit_init(memory, size), nullptr);
   }
-  EXPECT_TRUE(mem_unit_init(nullptr, 4096) == nullptr && mem_unit_alloc(none, 1) == nullptr &&
-              mem_unit_availp(none) == nullptr && mem_unit_endp(none) == nullptr);
-  testing::internal::CaptureStdout();
-  mem_unit_print(unit);
-  const std::string print = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(std::count(print.begin(), print.end(), '\n'), 3)
-      << "the unit, a block in use, the rest";
-  putuint32(memory + 1023 - 4, 0x01020304);
-  EXPECT_EQ(getuint32(memory + 1023 - 4), 0x01020304u);
+  EXPECT_TRUE(mem_unit_init(nullptr, 4096) == nullptr && mem_unit_alloc(none, 1) == nullptr);
 }
 
 int units_freed = 0;
@@ -320,11 +276,8 @@ TEST_F(Pool, FreesWhatGrewTooLargeAndKeepsItCounted) {
 
 TEST_F(Pool, BadArgumentsAndExhaustionMiss) {
   block_pool *const none = nullptr;
-  for (int result : {recycleUnit(none, none), recycleUnit(pool_, none), setAutoAlloc(none, 1),
-                     setUnitSize(none, 1), setUnitReuseThreshold(none, 1), setEscalate(none, 1),
-                     setInitFunc(none, nullptr), setFreeFunc(none, nullptr),
-                     setGetSizeFunc(none, nullptr), setLimit(none, 1), setMaximum(none, 1),
-                     setThreshold(none, 1, 1), setAlert(none, nullptr, nullptr, none),
+  for (int result : {recycleUnit(none, none), recycleUnit(pool_, none), setUnitSize(none, 1),
+                     setMaximum(none, 1), setAlert(none, nullptr, nullptr, none),
                      getProfile(none, nullptr, nullptr, nullptr), BPoolCleanup(none)})
     EXPECT_EQ(result, -1);
   EXPECT_EQ(fetchUnit(none), nullptr);

@@ -55,14 +55,12 @@ TEST(strutil_family, results_for_bad_and_smallest_arguments) {
       {"-9 0 0 0 0", [](A a) { return a.offset(rskipTo(a.t, a.n, a.k, 1)); }},
       {"-9 0 0 0 -9", [](A a) { return a.offset(rskipOver(a.t, a.n, a.k, 1)); }},
       {"-9 0 0 0 0", [](A a) { return a.offset(skipQuoteTo(a.t, a.n, a.k, 1)); }},
-      {"-9 0 0 0 0", [](A a) { return a.offset(skipTo(a.t, 1, a.k, a.n)); }},
       {"-9 0 0 0 1", [](A a) { return a.offset(skipOver(a.t, 1, a.k, a.n)); }},
       {"-1 -2 -1 -1 -101", [](A a) { return get_value_by_key(a.t, a.n, a.k, nullptr, nullptr); }},
       {"-1 0 -1 -1 0", [](A a) { return QuotedStrlen(a.t, a.n); }},
       {"-1 1 -1 -1 1", [](A a) { return MBI2Uint(a.t, a.n, a.u); }},
       {"1 -1 1 1 1", [](A a) { return Uint2MBI(1, a.o); }},
       {"-1 1 0 0 1", [](A a) { return str_trim_head(a.t, a.n); }},
-      {"-1 1 0 0 1", [](A a) { return str_trim_tail(a.t, a.n); }},
       {"-1 1 0 0 1", [](A a) { return str_trim(a.t, a.n); }},
       {"-1 1 -1 -1 1",
        [](A a) { return get_int_from_str(a.t, a.n, reinterpret_cast<int *>(a.u)); }},
@@ -76,12 +74,8 @@ TEST(strutil_family, results_for_bad_and_smallest_arguments) {
       {"-9 -9 -9 -9 0", [](A a) { return a.offset(kmp_rfind_bytes(a.t, a.n, a.k, 1)); }},
       {"-9 -9 -9 -9 0", [](A a) { return a.offset(str_find_bytes(a.t, a.n, a.k, 1)); }},
       {"-9 -9 -9 -9 0", [](A a) { return a.offset(str_rfind_bytes(a.t, a.n, a.k, 1)); }},
-      {"-9 -9 -9 -9 0", [](A a) { return a.offset(kmp_find_bytes(a.t, 1, a.k, a.n)); }},
-      {"-9 -9 -9 -9 0", [](A a) { return a.offset(kmp_rfind_bytes(a.t, 1, a.k, a.n)); }},
       {"-9 -9 -9 -9 0", [](A a) { return a.offset(str_find_bytes(a.t, 1, a.k, a.n)); }},
-      {"-9 -9 -9 -9 0", [](A a) { return a.offset(str_rfind_bytes(a.t, 1, a.k, a.n)); }},
       {"-9 -9 -9 -9 0", [](A a) { return a.offset(kmp_find_string(a.t, a.n, a.k)); }},
-      {"-9 -9 -9 -9 0", [](A a) { return a.offset(kmp_rfind_string(a.t, a.n, a.k)); }},
   };
   for (const auto &row : rows) {
     std::string results;

@@ -28,17 +28,14 @@ struct Pair {
 };
 
 TEST(Hostip, Table) {
-  const struct {
-    const char *host;
-    const char *address;  // NULL: none
-  } table[] = {
-      {"10.1.2.3", "10.1.2.3"},     {"127.1", "127.0.0.1"}, {"localhost", "127.0.0.1"},
-      {"300.1.2.3", nullptr},       {"1.2.3.4x", nullptr},  {"", nullptr},
-      {"no-such.invalid", nullptr}, {nullptr, nullptr},
+  const std::pair<const char *, const char *> table[] = {
+      {"10.1.2.3", "10.1.2.3"}, {"127.1", "127.0.0.1"},       {"localhost", "127.0.0.1"},
+      {"300.1.2.3", nullptr},   {"1.2.3.4x", nullptr},        {"", nullptr},
+      {nullptr, nullptr},       {"no-such.invalid", nullptr},
   };
-  for (const auto &row : table) {
-    const uint32_t expected = row.address != nullptr ? inet_addr(row.address) : SOCK_NO_ADDRESS;
-    EXPECT_EQ(sock_get_hostip(row.host), expected) << (row.host != nullptr ? row.host : "NULL");
+  for (const auto &[host, address] : table) {
+    EXPECT_EQ(sock_get_hostip(host), address != nullptr ? inet_addr(address) : SOCK_NO_ADDRESS)
+        << (host != nullptr ? host : "NULL");
   }
 }
 

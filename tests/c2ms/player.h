@@ -2,21 +2,16 @@
 // knows every byte it should get.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/resource.h>
-
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <memory>
-#include <random>
-#include <string>
-#include <thread>
 #include <vector>
 
+#include "../support.h"
 #include "adif/bmempool.h"
 #include "c2ms.h"
+#include "c2ms/c2ms_mgmt.h"
+#include "c2ms/c2ms_records.h"
 #include "testing/media_server.h"
 
 namespace player {
@@ -43,12 +38,7 @@ inline double seconds_since(clock::time_point start) {
 
 /// Processor time of this process so far, user and system.
 inline double processor_seconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval &tv) {
-    return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+  return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
 
 /// The library, silent, for one scope.
@@ -77,9 +67,14 @@ class Library {
 /// A session on generated content, which tells whether what it reads is right.
 class Film {
  public:
-  Film(const Library &library, const refserver::media_server &server, const refserver::file_id &id)
+  /// With a pack size it must open and is ready to be played.
+  Film(const Library &library, const refserver::media_server &server, const refserver::file_id &id,
+       int32_t pack = 0)
       : id_(id), sess_(c2ms_sess_open(library.get(), server.url(id).c_str(), &error_)) {
     if (sess_ != nullptr) c2ms_sess_attr(sess_, nullptr, nullptr, &size_, nullptr);
+    if (pack > 0) {
+      EXPECT_GE(prepare(pack), pack) << error_;
+    }
   }
   ~Film() { close(); }
   Film(const Film &) = delete;
@@ -110,6 +105,13 @@ class Film {
   }
 
   using call = std::function<int(c2ms_sess *, void *, int32_t)>;
+
+  /// Seeks to `pos` and reads from there to `end`.
+  ::testing::AssertionResult play_from(uint64_t pos, uint64_t end, int32_t chunk = 50'000) {
+    const int result = c2ms_sess_seek(sess_, pos);
+    if (result != 0) return ::testing::AssertionFailure() << "seek " << result;
+    return play(pos, end, chunk, blocking);
+  }
 
   /// Reads from `pos` to `end` with `read`; true when every byte came and was right.
   ::testing::AssertionResult play(uint64_t pos, uint64_t end, int32_t chunk, const call &read) {
@@ -150,14 +152,64 @@ class Film {
   uint64_t size_ = 0;
 };
 
-/// Waits up to `limit` until `done`.
-inline bool eventually(const std::function<bool()> &done, clock::duration limit = 10s) {
-  const auto end = clock::now() + limit;
-  while (!done()) {
-    if (clock::now() > end) return false;
-    std::this_thread::sleep_for(2ms);
+/// The session's figures, which must agree with each other.
+inline c2ms_stats stats_of(const Film &film) {
+  c2ms_stats s;
+  EXPECT_EQ(c2ms_sess_stats(film.get(), &s, sizeof s), 0);
+  c2ms_node_stats sum = s.gone;
+  for (uint32_t i = 0; i < s.nodes; ++i) {
+    sum.bytes_received += s.node[i].bytes_received;
+    sum.requests += s.node[i].requests;
+    sum.completed += s.node[i].completed;
+    sum.given_up += s.node[i].given_up;
+    sum.failures += s.node[i].failures;
+    sum.share += s.node[i].share;
   }
-  return true;
+  EXPECT_EQ(sum.bytes_received, s.bytes_received);
+  EXPECT_EQ(sum.requests, s.requests);
+  EXPECT_EQ(sum.completed, s.completed);
+  EXPECT_EQ(sum.given_up, s.given_up);
+  EXPECT_EQ(sum.failures, s.failures);
+  EXPECT_TRUE(s.bytes_received == 0 || std::abs(sum.share - 1) < 0.001) << sum.share;
+  EXPECT_EQ(s.bytes_received, s.bytes_kept + s.bytes_discarded);
+  EXPECT_EQ(s.requests, s.completed + s.given_up + s.in_flight);
+  EXPECT_TRUE(s.in_flight <= s.nodes && s.won <= s.redundant && s.wasted <= s.completed);
+  return s;
 }
+
+/// Nothing is left over of the library's sessions but pooled memory.
+inline void expect_pools_at_rest(c2ms_mgmt *mgmt) {
+  for (block_pool *pool : {mgmt->sess_pool, mgmt->node_pool, mgmt->unit_pool, mgmt->pack_pool}) {
+    int allocated = 0, free = 0, in_use = 0;
+    getProfile(pool, &allocated, &free, &in_use);
+    EXPECT_EQ(in_use, 0);
+    EXPECT_EQ(allocated, free);
+    EXPECT_TRUE(adif::pool_invariant(pool));
+  }
+}
+
+/// A service of one generated film, the library and the film: what most tests begin with.
+class Served : public ::testing::Test {
+ protected:
+  /// The film is ready to be played unless `pack` is 0.
+  void start(uint64_t film_size, refserver::server_options options = {}, int32_t pack = 65536) {
+    size = film_size;
+    nodes = options.nodes;
+    server = std::make_unique<refserver::media_server>(options);
+    id = server->add_generated("film.mp4", size);
+    ASSERT_TRUE(server->start()) << server->error();
+    if (library == nullptr) library = std::make_unique<Library>();
+    if (pack > 0) film = std::make_unique<Film>(*library, *server, id, pack);
+  }
+  void on_all(const std::function<void(int)> &change) const {
+    for (int node = 0; node < nodes; ++node) change(node);
+  }
+  uint64_t size = 0;
+  int nodes = 0;
+  refserver::file_id id{};
+  std::unique_ptr<refserver::media_server> server;
+  std::unique_ptr<Library> library;
+  std::unique_ptr<Film> film;
+};
 
 }  // namespace player

@@ -1,14 +1,9 @@
 // The examples of docs/protocol.md are what both sides of the wire write and read.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <fstream>
 #include <sstream>
 
-#include "c2ms.h"
 #include "c2ms/c2ms_pdu.h"
 #include "c2ms/c2ms_report.h"
-#include "c2ms/c2ms_sess_obj.h"
+#include "local.h"
 #include "testing/report_wire.h"
 
 namespace {
@@ -34,15 +29,14 @@ std::vector<bytes> examples() {
 }
 
 /// The page's player, whose media is demo.mp4.
-class Page : public ::testing::Test {
+class Page : public Local {
  protected:
   void SetUp() override {
-    c2ms_set_diag(nullptr, nullptr);
     const uint8_t hid[20] = {2, 0xfc, 0, 0, 0, 1};
-    mgmt = c2ms_mgmt_init(nullptr, 0, 0, hid, 0);
+    std::copy_n(hid, 20, mgmt->hid);
+    mgmt->uid_low = mgmt->uid_high = 0;
     mgmt->build_time = 0x4e942a37;
     std::strcpy(mgmt->local_ip_text, "192.0.2.2");
-    sess = c2ms_sess_fetch(mgmt);
     ASSERT_EQ(page.size(), 8U);
     ASSERT_EQ(page[0].size(), 119U);
     std::copy_n(&page[0][62], 16, sess->auth);
@@ -58,7 +52,6 @@ class Page : public ::testing::Test {
     for (uint32_t command = 1; command <= 3; ++command)
       ASSERT_EQ(c2ms_pdu_init(sess, &pdus[command], command), 0);
   }
-  void TearDown() override { c2ms_mgmt_clean(mgmt); }
 
   /// The server's view of the request with this command.
   refserver::request asked(uint32_t command) {
@@ -73,8 +66,6 @@ class Page : public ::testing::Test {
     return request;
   }
   const std::vector<bytes> page = examples();
-  c2ms_mgmt *mgmt = nullptr;
-  c2ms_sess *sess = nullptr;
   c2ms_pdu pdus[4];  // by command
 };
 

@@ -18,30 +18,28 @@ struct BlockFilm {
   }
 };
 
-uint64_t asked_for(const refserver::media_server &server) {
-  uint64_t bytes = 0;
-  for (const auto &request : server.log()) bytes += request.command == 3 ? request.length : 0;
-  return bytes;
-}
+class Places : public Served {
+ protected:
+  uint64_t asked_for() const {
+    uint64_t bytes = 0;
+    for (const auto &request : server->log()) bytes += request.command == 3 ? request.length : 0;
+    return bytes;
+  }
+};
 
 // In blocks of five seconds, the places are up to 3 MB apart, of the ring's 8: with the range
 // following either place alone everything that the other one left behind would be fetched again and
 // again.
-TEST(Places, TwoFetchEachByteOnce) {
+TEST_F(Places, TwoFetchEachByteOnce) {
   const BlockFilm film_of{60, 5, 600'000, 40'000};
-  refserver::media_server server;
-  const auto id = server.add_generated("blocks.mkv", film_of.size() + 1);
-  ASSERT_TRUE(server.start()) << server.error();
-  const Library library;
-  Film film(library, server, id);
-  ASSERT_GE(film.prepare(65536), 65536);
+  start(film_of.size() + 1);
   std::vector<uint8_t> buf(40'000);
   auto read_at = c2ms_sess_read_at;
   const auto pull = [&](uint64_t pos, int32_t len) {
     for (int32_t done = 0; done < len;) {
-      const int n = read_at(film.get(), pos, buf.data(), len - done, 20'000);
+      const int n = read_at(film->get(), pos, buf.data(), len - done, 20'000);
       ASSERT_GT(n, 0);
-      ASSERT_TRUE(film.right(pos, buf.data(), n));
+      ASSERT_TRUE(film->right(pos, buf.data(), n));
       pos += static_cast<uint64_t>(n);
       done += n;
     }
@@ -56,55 +54,48 @@ TEST(Places, TwoFetchEachByteOnce) {
   };
   play(0, 60);
   pull(film_of.size(), 1);
-  EXPECT_EQ(asked_for(server), film.size());
-  EXPECT_EQ(c2ms_sess_read_at(film.get(), film.size(), buf.data(), 1, 10), -200);
+  EXPECT_EQ(asked_for(), film->size());
+  EXPECT_EQ(c2ms_sess_read_at(film->get(), film->size(), buf.data(), 1, 10), -200);
   EXPECT_EQ(c2ms_sess_read_at(nullptr, 0, buf.data(), 1, 10), -1);
   // Both places go back: what is left of the last ring serves, the rest comes once more.
-  server.clear_log();
+  server->clear_log();
   play(10, 30);
-  EXPECT_LE(asked_for(server), 20 * 640'000u + (8u << 20));
+  EXPECT_LE(asked_for(), 20 * 640'000u + (8u << 20));
   // Seeking and receiving is what this is better than.
-  server.clear_log();
+  server->clear_log();
   read_at = [](c2ms_sess *sess, uint64_t pos, void *to, int32_t len, int32_t budget_ms) {
     c2ms_sess_seek(sess, pos);
     return c2ms_sess_recv(sess, to, len, budget_ms);
   };
   play(0, 5);
-  EXPECT_GT(asked_for(server), 5 * (5 * 640'000u));
+  EXPECT_GT(asked_for(), 5 * (5 * 640'000u));
 }
 
 // A seek waits for nobody, and what the ring still holds after it is not asked for again.
-TEST(Places, SeeksWaitForNobodyAndKeepWhatTheyCan) {
-  refserver::media_server server;
-  const auto id = server.add_generated("film.mkv", 60'000'001);
-  ASSERT_TRUE(server.start()) << server.error();
-  const Library library;
-  Film film(library, server, id);
-  ASSERT_GE(film.prepare(65536), 65536);
-  ASSERT_TRUE(film.play(0, 20'000'000, 100'000, Film::blocking));
+TEST_F(Places, SeeksWaitForNobodyAndKeepWhatTheyCan) {
+  start(60'000'001);
+  ASSERT_TRUE(film->play(0, 20'000'000, 100'000, Film::blocking));
   const auto full = [&] {
-    c2ms_stats stats;
-    EXPECT_EQ(c2ms_sess_stats(film.get(), &stats, sizeof stats), 0);
+    const c2ms_stats stats = stats_of(*film);
     return stats.buffered_bytes == stats.ring_end - stats.ring_begin;
   };
   ASSERT_TRUE(eventually(full));
-  const uint64_t before = asked_for(server);
+  const uint64_t before = asked_for();
   for (const uint64_t pos :
        {19'500'000, 22'000'000, 21'500'000, 24'000'000, 23'500'000, 26'000'000}) {
-    ASSERT_EQ(c2ms_sess_seek(film.get(), pos), 0);
+    ASSERT_EQ(c2ms_sess_seek(film->get(), pos), 0);
     std::vector<uint8_t> buf(100'000);
-    ASSERT_EQ(c2ms_sess_read(film.get(), buf.data(), 100'000, 1), 100'000) << pos;
-    ASSERT_TRUE(film.right(pos, buf.data(), 100'000));
+    ASSERT_EQ(c2ms_sess_read(film->get(), buf.data(), 100'000, 1), 100'000) << pos;
+    ASSERT_TRUE(film->right(pos, buf.data(), 100'000));
   }
   ASSERT_TRUE(eventually(full));
-  EXPECT_LE(asked_for(server) - before, 26'100'000u - 20'000'000 + 2 * 65536);
-  for (int node = 0; node < 4; ++node)
-    server.set_fault(node, {.kind = refserver::fault_kind::mute});
+  EXPECT_LE(asked_for() - before, 26'100'000u - 20'000'000 + 2 * 65536);
+  on_all([&](int node) { server->set_fault(node, {.kind = refserver::fault_kind::mute}); });
   std::mt19937 random(5);
   std::vector<double> took;
   for (int i = 0; i < 201; ++i) {
     const auto begin = clock::now();
-    ASSERT_EQ(c2ms_sess_seek(film.get(), random() % film.size()), 0);
+    ASSERT_EQ(c2ms_sess_seek(film->get(), random() % film->size()), 0);
     took.push_back(seconds_since(begin));
   }
   std::nth_element(took.begin(), took.begin() + 100, took.end());

@@ -32,21 +32,23 @@ std::string dotted(uint32_t address) {
   return inet_ntoa(in_addr{address});
 }
 
-class Reporting : public ::testing::Test {
+class Reporting : public Served {
  protected:
-  static constexpr uint64_t size = 30'000'001;
   const uint32_t agent_ip = own_address(1), report_ip = own_address(2);
 
   void SetUp() override {
-    id = server.add_generated("film.mp4", size);
-    ASSERT_TRUE(server.start()) << server.error();
+    start(30'000'001, {.nodes = 2}, 0);
     ASSERT_TRUE(service.start()) << service.error();
-    point(library);
+    point(*library);
   }
   void point(const Library &at, c2ms::report_waits waits = {300, 600, 300, 300}) const {
     at.get()->agent_ip = agent_ip;
     at.get()->perf_server_ip = report_ip;
     at.get()->report_waits = waits;
+  }
+  void silence() {
+    service.set_agent({.silent = true});
+    service.set_report({.silent = true});
   }
   // One check, with all that it reports.
   static void check(c2ms_sess *sess) {
@@ -68,14 +70,11 @@ class Reporting : public ::testing::Test {
         std::count_if(all.begin(), all.end(), [&](const auto &m) { return m.type == type; }));
   }
 
-  refserver::media_server server{{.nodes = 2}};
-  refserver::file_id id{};
   refserver::report_service service{{.agent = dotted(agent_ip), .report = dotted(report_ip)}};
-  Library library;
 };
 
 TEST_F(Reporting, AgentsAnswersAndTheirResults) {
-  c2ms_sess *const sess = c2ms_sess_fetch(library.get());
+  c2ms_sess *const sess = c2ms_sess_fetch(library->get());
   struct row {
     report_manners manners;
     int ping, begin, end;
@@ -104,7 +103,7 @@ TEST_F(Reporting, AgentsAnswersAndTheirResults) {
 }
 
 TEST_F(Reporting, ReportServersAnswersAndTheirResults) {
-  c2ms_sess *const sess = c2ms_sess_fetch(library.get());
+  c2ms_sess *const sess = c2ms_sess_fetch(library->get());
   const auto length = [](uint32_t total, size_t bytes) {
     refserver::bytes raw(std::max<size_t>(bytes, 4));
     refserver::put32(raw.data(), total);
@@ -137,23 +136,21 @@ TEST_F(Reporting, ReportServersAnswersAndTheirResults) {
   EXPECT_EQ(service.bad(), 0);
   service.stop();
   EXPECT_EQ(c2ms_perf_playbgn(sess), -400);
-  library.get()->perf_server_ip = 0xffffffff;  // the server's name was not found
+  library->get()->perf_server_ip = 0xffffffff;  // the server's name was not found
   EXPECT_EQ(c2ms_perf_playbgn(sess), -200);
   EXPECT_EQ(c2ms_perf_playend_bgn(static_cast<c2ms_sess *>(nullptr)), -1);
   c2ms_sess_close(sess);
 }
 
 TEST_F(Reporting, AliveEveryFifteenthCheck) {
-  library.get()->sess_check_time = 5;
-  Film film(library, server, id);
-  ASSERT_EQ(film.error(), 0);
-  ASSERT_GE(film.prepare(65536), 65536);
-  check(film.get());
+  library->get()->sess_check_time = 5;
+  Film play(*library, *server, id, 65536);
+  check(play.get());
   EXPECT_TRUE(told(report_channel::agent, "ping, play_begin, play_alive"));
   EXPECT_TRUE(told(report_channel::performance, "play_begin, play_alive"));
-  EXPECT_EQ(library.get()->sess_check_time, 8);
+  EXPECT_EQ(library->get()->sess_check_time, 8);
   for (int i = 1; i <= 30; ++i) {
-    check(film.get());
+    check(play.get());
     const auto periods = static_cast<size_t>(i / 15 + 1);
     for (const auto channel : {report_channel::agent, report_channel::performance}) {
       ASSERT_TRUE(eventually([&] { return count(channel, 259) == periods; })) << i;
@@ -161,10 +158,10 @@ TEST_F(Reporting, AliveEveryFifteenthCheck) {
   }
   // What the messages tell of the session.
   uint8_t buf[1000];
-  ASSERT_EQ(c2ms_sess_seek(film.get(), 12'345), 0);
-  ASSERT_EQ(c2ms_sess_read(film.get(), buf, 1000, 0), 1000);
+  ASSERT_EQ(c2ms_sess_seek(play.get(), 12'345), 0);
+  ASSERT_EQ(c2ms_sess_read(play.get(), buf, 1000, 0), 1000);
   service.clear();
-  film.close();
+  play.close();
   EXPECT_TRUE(told(report_channel::agent, "play_end"));
   EXPECT_TRUE(told(report_channel::performance, "play_end"));
   for (const auto &message : service.messages()) {
@@ -178,12 +175,12 @@ TEST_F(Reporting, AliveEveryFifteenthCheck) {
 TEST_F(Reporting, SilentOrAbsentAgentIsAskedOnce) {
   for (const bool absent : {false, true}) {
     service.set_agent({.silent = true});
-    if (absent) library.get()->agent_ip = own_address(3);
-    Film film(library, server, id);
-    for (int i = 0; i < 3; ++i) check(film.get());
-    EXPECT_EQ(film.get()->auth_state, 255);
-    EXPECT_EQ(film.get()->perf_state, 1);
-    film.close();
+    if (absent) library->get()->agent_ip = own_address(3);
+    Film play(*library, *server, id);
+    for (int i = 0; i < 3; ++i) check(play.get());
+    EXPECT_EQ(play.get()->auth_state, 255);
+    EXPECT_EQ(play.get()->perf_state, 1);
+    play.close();
     EXPECT_EQ(service.story(report_channel::agent), absent ? "" : "ping");
     EXPECT_TRUE(eventually([&] {
       return service.story(report_channel::performance) == "play_begin, play_alive, play_end";
@@ -195,13 +192,13 @@ TEST_F(Reporting, SilentOrAbsentAgentIsAskedOnce) {
 TEST_F(Reporting, RefusedBeginsAreTriedAgain) {
   service.set_agent({.begin_result = 7});
   service.set_report({.begin_result = 7});
-  Film film(library, server, id);
-  for (int i = 0; i < 2; ++i) check(film.get());
-  EXPECT_EQ(film.get()->auth_state + film.get()->perf_state, 0);
+  Film play(*library, *server, id);
+  for (int i = 0; i < 2; ++i) check(play.get());
+  EXPECT_EQ(play.get()->auth_state + play.get()->perf_state, 0);
   service.set_agent({});
   service.set_report({});
-  check(film.get());
-  EXPECT_EQ(film.get()->auth_state + film.get()->perf_state, 2);
+  check(play.get());
+  EXPECT_EQ(play.get()->auth_state + play.get()->perf_state, 2);
   // Nobody waits for an alive to be taken.
   EXPECT_TRUE(eventually([&] { return count(report_channel::agent, 259) == 1; }));
   EXPECT_EQ(service.story(report_channel::agent),
@@ -217,33 +214,32 @@ TEST_F(Reporting, AgentsRefusalEndsReading) {
   const std::pair<uint32_t, int> codes[] = {
       {20, C2MS_UNAUTHORIZED}, {30, C2MS_AUTH_FAILED}, {40, C2MS_IN_DEBT}};
   for (const auto &[result, code] : codes) {
-    for (int node = 0; node < 2; ++node) server.set_rate(node, 100'000);
+    for (int node = 0; node < 2; ++node) server->set_rate(node, 100'000);
     service.set_agent({.begin_result = result});
-    Film film(library, server, id);
-    ASSERT_GE(film.prepare(4096), 4096);
+    Film play(*library, *server, id, 4096);
     std::atomic<int> waited{0};
     std::thread reader(
-        [&] { waited = c2ms_sess_read(film.get(), nullptr, static_cast<int32_t>(size), 0); });
+        [&] { waited = c2ms_sess_read(play.get(), nullptr, static_cast<int32_t>(size), 0); });
     std::this_thread::sleep_for(100ms);  // the reader waits
-    check(film.get());
+    check(play.get());
     const auto refused = clock::now();
     reader.join();
     EXPECT_LT(seconds_since(refused), 1.0);
     EXPECT_EQ(waited, code);
-    const auto before = server.totals().payload_sent;
-    for (int node = 0; node < 2; ++node) server.set_rate(node, 0);
-    ASSERT_TRUE(eventually([&] { return server.totals().payload_sent > before + 100'000; }));
+    const auto before = server->totals().payload_sent;
+    for (int node = 0; node < 2; ++node) server->set_rate(node, 0);
+    ASSERT_TRUE(eventually([&] { return server->totals().payload_sent > before + 100'000; }));
     uint8_t byte;
-    EXPECT_EQ(c2ms_sess_read(film.get(), &byte, 1, 0), code);
-    EXPECT_EQ(c2ms_sess_read(film.get(), &byte, 1, 1), code);
-    EXPECT_EQ(c2ms_sess_recv(film.get(), &byte, 1, 50), code);
-    EXPECT_EQ(film.get()->auth_state, 0);
+    EXPECT_EQ(c2ms_sess_read(play.get(), &byte, 1, 0), code);
+    EXPECT_EQ(c2ms_sess_read(play.get(), &byte, 1, 1), code);
+    EXPECT_EQ(c2ms_sess_recv(play.get(), &byte, 1, 50), code);
+    EXPECT_EQ(play.get()->auth_state, 0);
   }
 }
 
 TEST_F(Reporting, ClosedBeforeTheFirstCheck) {
   const auto begin = clock::now();
-  { const Film film(library, server, id); }
+  { const Film play(*library, *server, id); }
   EXPECT_LT(seconds_since(begin), 1.0);
   EXPECT_TRUE(eventually([&] { return service.messages().size() == 5; }));
   EXPECT_EQ(service.story(report_channel::agent), "ping, play_begin, play_end");
@@ -253,11 +249,11 @@ TEST_F(Reporting, ClosedBeforeTheFirstCheck) {
 TEST_F(Reporting, FailedOpensReportWithoutWaiting) {
   service.set_agent({.delay_ms = 200});
   int32_t error = 0;
-  EXPECT_EQ(c2ms_sess_open(library.get(), "http://127.0.0.1/film", &error), nullptr);
+  EXPECT_EQ(c2ms_sess_open(library->get(), "http://127.0.0.1/play", &error), nullptr);
   EXPECT_EQ(error, C2MS_UNSUPPORTED_SCHEME);
-  server.kill_all();
+  server->kill_all();
   const auto begin = clock::now();
-  EXPECT_EQ(c2ms_sess_open(library.get(), server.url(id).c_str(), &error), nullptr);
+  EXPECT_EQ(c2ms_sess_open(library->get(), server->url(id).c_str(), &error), nullptr);
   EXPECT_EQ(error, C2MS_ENTRY_UNAVAILABLE);
   EXPECT_EQ(count(report_channel::agent, 258), 0u);  // a reply to that needs 600 ms
   EXPECT_LT(seconds_since(begin), 5.0);
@@ -276,12 +272,12 @@ TEST_F(Reporting, ClosedDuringEachWait) {
     service.clear();
     service.set_agent({.delay_ms = 100});
     service.set_report({.delay_ms = 100});
-    Film film(library, server, id);
-    begin_check(film.get());
-    begin_check(film.get());  // one is enough
+    Film play(*library, *server, id);
+    begin_check(play.get());
+    begin_check(play.get());  // one is enough
     std::this_thread::sleep_for(std::chrono::milliseconds(after_ms));
     const auto begin = clock::now();
-    film.close();
+    play.close();
     EXPECT_LT(seconds_since(begin), 2.0);
     for (const auto channel : {report_channel::agent, report_channel::performance}) {
       EXPECT_TRUE(eventually([&] { return count(channel, 258) == 1; }));
@@ -291,47 +287,24 @@ TEST_F(Reporting, ClosedDuringEachWait) {
   for (const int after_ms : {0, 100, 400, 700, 800, 1000}) {  // connected, -500; ping; -400
     service.set_agent({.silent = after_ms > 500});
     service.set_report({.silent = true});
-    Film film(library, server, id);
-    begin_check(film.get());
+    Film play(*library, *server, id);
+    begin_check(play.get());
     std::this_thread::sleep_for(std::chrono::milliseconds(after_ms));
     const auto begin = clock::now();
-    film.close();
+    play.close();
     EXPECT_LT(seconds_since(begin), 0.6 + 0.3 + 0.6 + 0.6 + 1.0);
-  }
-}
-
-// Every server is silent, a reader waits: a close takes the waits of what it has to report, and no
-// more.
-TEST_F(Reporting, ClosedWithEveryServerSilent) {
-  service.set_agent({.silent = true});
-  service.set_report({.silent = true});
-  for (const bool checked : {false, true}) {
-    Film film(library, server, id);
-    ASSERT_GE(film.prepare(65536), 65536);
-    for (int node = 0; node < 2; ++node)
-      server.set_fault(node, {.kind = refserver::fault_kind::mute});
-    std::thread reader([&] { c2ms_sess_read(film.get(), nullptr, 1 << 20, 0); });
-    if (checked) begin_check(film.get());
-    std::this_thread::sleep_for(100ms);
-    const auto begin = clock::now();
-    film.close();
-    // A begin's reply of a check under way; then an agent's ping.
-    EXPECT_LT(seconds_since(begin), (checked ? 0.5 : 0.0) + 0.3 + 0.2 * slack);
-    reader.join();
-    for (int node = 0; node < 2; ++node) server.clear_faults(node);
   }
 }
 
 // Cleaning up waits for the running wait alone, whatever else is queued.
 TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
-  service.set_agent({.silent = true});
-  service.set_report({.silent = true});
+  silence();
   for (const bool closing : {false, true}) {
     Library other;
     point(other, {1000, 1000, 1000, 1000});
     std::vector<std::unique_ptr<Film>> films;
-    for (int i = 0; i < 4; ++i) films.push_back(std::make_unique<Film>(other, server, id));
-    for (const auto &film : films) begin_check(film->get());
+    for (int i = 0; i < 4; ++i) films.push_back(std::make_unique<Film>(other, *server, id));
+    for (const auto &play : films) begin_check(play->get());
     std::this_thread::sleep_for(100ms);
     std::thread closer([&] {
       if (closing) films[0]->close();
@@ -343,7 +316,7 @@ TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
     EXPECT_LT(seconds_since(begin), 2.0);
     closer.join();
     EXPECT_EQ(service.messages().size(), before);
-    for (const auto &film : films) film->forget();
+    for (const auto &play : films) play->forget();
   }
 }
 
@@ -352,22 +325,20 @@ TEST_F(Reporting, SilenceDoesNotDisturbPlaying) {
   refserver::media_server four({.nodes = 4});
   const auto film_id = four.add_generated("film.mp4", 50'000'001);
   ASSERT_TRUE(four.start());
-  point(library, {});
-  library.get()->sess_check_time = 1;
-  service.set_agent({.silent = true});
-  service.set_report({.silent = true});
-  Film film(library, four, film_id);
-  ASSERT_GE(film.prepare(65536), 65536);
+  point(*library, {});
+  library->get()->sess_check_time = 1;
+  silence();
+  Film play(*library, four, film_id, 65536);
   std::vector<uint8_t> first(65536);
-  ASSERT_EQ(c2ms_sess_read(film.get(), first.data(), 65536, 0), 65536);  // playing has begun
+  ASSERT_EQ(c2ms_sess_read(play.get(), first.data(), 65536, 0), 65536);  // playing has begun
   const auto paced = [](c2ms_sess *sess, void *buf, int32_t len) {
     std::this_thread::sleep_for(15ms);
     return c2ms_sess_read(sess, buf, len, 0);
   };
-  EXPECT_TRUE(film.play(65536, film.size(), 65536, paced));
-  EXPECT_LT(film.longest_wait, 0.1);
+  EXPECT_TRUE(play.play(65536, play.size(), 65536, paced));
+  EXPECT_LT(play.longest_wait, 0.1);
   EXPECT_EQ(service.story(), "performance play_begin, agent ping");
-  EXPECT_EQ(film.get()->auth_state, 255);
+  EXPECT_EQ(play.get()->auth_state, 255);
 }
 
 // Where the agent is unless told otherwise.

@@ -1,35 +1,20 @@
 // What the reporting channels put on the wire, byte by byte, and that the reference side reads the
 // same.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <vector>
-
-#include "c2ms.h"
 #include "c2ms/c2ms_auth.h"
 #include "c2ms/c2ms_perf.h"
-#include "c2ms/c2ms_sess_obj.h"
+#include "local.h"
 #include "testing/report_wire.h"
 
 namespace {
 
 using namespace c2ms;
 
-class ReportWire : public ::testing::Test {
+class ReportWire : public Local {
  protected:
-  void SetUp() override {
-    c2ms_set_diag(nullptr, nullptr);
-    g_vendorid = 7;
-    uint8_t hid[20];
-    for (uint8_t i = 0; i < 20; ++i) hid[i] = static_cast<uint8_t>(0xf0 + i);
-    mgmt = c2ms_mgmt_init(nullptr, 0x55667788, 0x11223344, hid, 0);
+  ReportWire() {
+    mgmt->vendorid = 7;
     mgmt->build_time = 0x4e942a37;
-    std::strcpy(mgmt->local_ip_text, "10.1.1.200");
-    sess = c2ms_sess_fetch(mgmt);
-    for (uint8_t i = 0; i < 16; ++i) sess->fid[i] = static_cast<uint8_t>(i + 1);
     for (uint8_t i = 0; i < 8; ++i) sess->token[i] = static_cast<uint8_t>(0xa1 + i);
-    sess->keyid = 9;
-    sess->stamp = 0x80000001;
     sess->open_time = 1'600'000'000;
     sess->close_time = 1'600'000'100;
     std::strcpy(sess->media_name, "film.mp4");
@@ -42,13 +27,6 @@ class ReportWire : public ::testing::Test {
     sess->recv_time = 4'500'000;
     sess->realtime_speed = 1234.9;
   }
-  void TearDown() override {
-    c2ms_mgmt_clean(mgmt);
-    g_vendorid = 0;
-    c2ms_set_diag(nullptr, nullptr);
-  }
-  c2ms_mgmt *mgmt = nullptr;
-  c2ms_sess *sess = nullptr;
 };
 
 struct golden {
@@ -57,44 +35,31 @@ struct golden {
   const char *hex;
 };
 
+using enum report_kind;
+using enum report_body;
+
+// An alive differs from the end before it in its header alone.
 constexpr golden messages[] = {
-    {report_kind::ping, report_body::clear, "00000012000000010000000100026553f100"},
-    {report_kind::play_begin, report_body::clear,
-     "00000084000001010000000200020000000100000066000000070000001e4e942a37f0f1f2f3f4f5f6f7f8f9fafbf"
-     "cfd"
-     "feff00010203112233445566778800000001a1a2a3a4a5a6a7a80102030405060708090a0b0c0d0e0f100a0101c80"
-     "000"
-     "00098000000100000007000000012a05f200000000005f5e1000000866696c6d2e6d7034"},
-    {report_kind::play_end, report_body::clear,
-     "0000007e000001020000000300026553f100f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff0001020311223344556677880"
-     "000"
-     "0001a1a2a3a4a5a6a7a80102030405060708090a0b0c0d0e0f10000000030000000218711a00000000000044aa200"
-     "000"
-     "04d2000000005f5e1000000000005f5e10640000000000000000001e8480"},
-    {report_kind::play_alive, report_body::clear,
-     "0000007e0000010300000004000200000001f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff0001020311223344556677880"
-     "000"
-     "0001a1a2a3a4a5a6a7a80102030405060708090a0b0c0d0e0f10000000030000000218711a00000000000044aa200"
-     "000"
-     "04d2000000005f5e1000000000005f5e10640000000000000000001e8480"},
-    {report_kind::play_begin, report_body::enciphered,
-     "0000008a0000010100000005000200000001c6462bf031948c351a7d45ee076844643e59f0bcaf3aa202dd633f9b2"
-     "d05"
-     "7df01fd1a50d50c46066f213e3c80b946d40ebffbf141a1db00e905ecd0ebe234bc4ae896c20dfa276e864753a8b9"
-     "975"
-     "66073a6030281acb0f8e89077c6ca0359faab3ed6834b7faa93b8db7704ddd9de96ed07904dc043351de"},
-    {report_kind::play_end, report_body::enciphered,
-     "00000082000001020000000600026553f1003e59f0bcaf3aa202dd633f9b2d057df01fd1a50d50c46066f213e3c80"
-     "b94"
-     "6d40ebffbf141a1db00e905ecd0ebe234bc4ae896c20dfa276e8aa9e6d9f1bc849d5c40bb3397fc621f5c897e9123"
-     "a7e"
-     "1f4fb3ed6834b7faa93b0b87e6a056ed0fec7b9327c4de2ef7e0f2e08c72507c6581"},
-    {report_kind::play_alive, report_body::enciphered,
-     "0000008200000103000000070002000000013e59f0bcaf3aa202dd633f9b2d057df01fd1a50d50c46066f213e3c80"
-     "b94"
-     "6d40ebffbf141a1db00e905ecd0ebe234bc4ae896c20dfa276e8aa9e6d9f1bc849d5c40bb3397fc621f5c897e9123"
-     "a7e"
-     "1f4fb3ed6834b7faa93b0b87e6a056ed0fec7b9327c4de2ef7e0f2e08c72507c6581"},
+    {ping, clear, "00000012000000010000000100026553f100"},
+    {play_begin, clear,
+     "00000084000001010000000200020000000100000066000000070000001e4e942a37f0f1f2f3f4f5f6f7f8f9fa"
+     "fbfcfdfeff00010203112233445566778800000001a1a2a3a4a5a6a7a80102030405060708090a0b0c0d0e0f10"
+     "0a0101c8000000098000000100000007000000012a05f200000000005f5e1000000866696c6d2e6d7034"},
+    {play_end, clear,
+     "0000007e000001020000000300026553f100f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff0001020311223344556677"
+     "8800000001a1a2a3a4a5a6a7a80102030405060708090a0b0c0d0e0f10000000030000000218711a0000000000"
+     "0044aa20000004d2000000005f5e1000000000005f5e10640000000000000000001e8480"},
+    {play_alive, clear, nullptr},
+    {play_begin, enciphered,
+     "0000008a0000010100000005000200000001c6462bf031948c351a7d45ee076844643e59f0bcaf3aa202dd633f"
+     "9b2d057df01fd1a50d50c46066f213e3c80b946d40ebffbf141a1db00e905ecd0ebe234bc4ae896c20dfa276e8"
+     "64753a8b997566073a6030281acb0f8e89077c6ca0359faab3ed6834b7faa93b8db7704ddd9de96ed07904dc04"
+     "3351de"},
+    {play_end, enciphered,
+     "00000082000001020000000600026553f1003e59f0bcaf3aa202dd633f9b2d057df01fd1a50d50c46066f213e3"
+     "c80b946d40ebffbf141a1db00e905ecd0ebe234bc4ae896c20dfa276e8aa9e6d9f1bc849d5c40bb3397fc621f5"
+     "c897e9123a7e1f4fb3ed6834b7faa93b0b87e6a056ed0fec7b9327c4de2ef7e0f2e08c72507c6581"},
+    {play_alive, enciphered, nullptr},
 };
 
 constexpr char begin_json[] =
@@ -122,13 +87,18 @@ std::string expected_json(const golden &g, int sequence) {
 
 TEST_F(ReportWire, EveryMessageByteByByte) {
   const report_facts facts = report_facts_of(sess);
+  std::string body_text;
   int sequence = 0;
   for (const golden &g : messages) {
     uint8_t buf[report_buffer_bytes];
     const int n = encode_report(facts, g.kind, g.body, 1'700'000'000, buf, sizeof buf);
     ASSERT_GT(n, 0);
     const std::span<const uint8_t> whole(buf, static_cast<size_t>(n));
-    EXPECT_EQ(refserver::hex(whole), g.hex);
+    const std::string text = to_hex(buf, whole.size());
+    if (g.hex != nullptr) body_text = g.hex;
+    EXPECT_EQ(text.substr(36), body_text.substr(36));
+    EXPECT_TRUE(g.hex == nullptr || text == g.hex) << text;
+    EXPECT_EQ(encode_report(facts, g.kind, g.body, 1'700'000'000, buf, n - 1), -100);
     const auto channel = g.body == report_body::clear ? refserver::report_channel::agent
                                                       : refserver::report_channel::performance;
     refserver::report_message message;
@@ -138,50 +108,12 @@ TEST_F(ReportWire, EveryMessageByteByByte) {
   }
 }
 
-// Each encoder writes its kind, refuses what it must, and takes a number for each message alone.
-TEST_F(ReportWire, Encoders) {
-  struct encoder {
-    int (*encode)(c2ms_sess *, void *, int);
-    refserver::report_channel channel;
-    uint32_t type;
-  };
-  using refserver::report_channel;
-  constexpr encoder encoders[] = {
-      {c2ms_auth_ping_encode, report_channel::agent, 1},
-      {c2ms_auth_playbgn_encode, report_channel::agent, 257},
-      {c2ms_auth_playend_encode, report_channel::agent, 258},
-      {c2ms_auth_playalive_encode, report_channel::agent, 259},
-      {c2ms_perf_playbgn_encode, report_channel::performance, 257},
-      {c2ms_perf_playend_encode, report_channel::performance, 258},
-      {c2ms_perf_playalive_encode, report_channel::performance, 259},
-  };
-  uint32_t sequence = 1;
-  for (const encoder &e : encoders) {
-    uint8_t buf[report_buffer_bytes];
-    EXPECT_EQ(e.encode(nullptr, buf, sizeof buf), -1);
-    EXPECT_EQ(e.encode(sess, nullptr, sizeof buf), -2);
-    EXPECT_EQ(e.encode(sess, buf, 0), -2);
-    sess->mgmt = nullptr;
-    EXPECT_EQ(e.encode(sess, buf, sizeof buf), -3);
-    sess->mgmt = mgmt;
-    const int n = e.encode(sess, buf, sizeof buf);
-    ASSERT_GT(n, 0);
-    EXPECT_EQ(e.encode(sess, buf, n - 1), -100);
-    refserver::report_message message;
-    std::string why;
-    ASSERT_TRUE(refserver::parse_report(e.channel, {buf, static_cast<size_t>(n)}, &message, &why))
-        << why;
-    EXPECT_EQ(message.type, e.type);
-    EXPECT_EQ(message.sequence, sequence++);
-  }
-}
-
 TEST_F(ReportWire, PaddingAtEveryLength) {
   for (size_t length = 0; length <= 36; ++length) {
     std::memset(sess->media_name, 0, sizeof sess->media_name);
     std::memset(sess->media_name, 'x', length);
-    uint8_t clear[report_buffer_bytes], coded[report_buffer_bytes];
-    const int plain = c2ms_auth_playbgn_encode(sess, clear, sizeof clear) - report_header_bytes;
+    uint8_t open[report_buffer_bytes], coded[report_buffer_bytes];
+    const int plain = c2ms_auth_playbgn_encode(sess, open, sizeof open) - report_header_bytes;
     const int n = c2ms_perf_playbgn_encode(sess, coded, sizeof coded);
     ASSERT_EQ(n, report_header_bytes + (plain / 8 + 1) * 8);
     refserver::report_message message;
@@ -190,36 +122,8 @@ TEST_F(ReportWire, PaddingAtEveryLength) {
                                         {coded, static_cast<size_t>(n)}, &message, &why))
         << why;
     EXPECT_EQ(message["media_name"], std::string(length, 'x'));
-    EXPECT_TRUE(std::equal(message.body.begin(), message.body.end(), clear + report_header_bytes));
+    EXPECT_TRUE(std::equal(message.body.begin(), message.body.end(), open + report_header_bytes));
     EXPECT_EQ(message.body.size(), static_cast<size_t>(plain));
-  }
-}
-
-TEST(ReportReplies, Decoders) {
-  struct decoder {
-    int (*decode)(const void *, int);
-    uint32_t type;
-  };
-  constexpr decoder decoders[] = {{c2ms_auth_ping_decode, 1},
-                                  {c2ms_auth_playbgn_decode, 257},
-                                  {c2ms_auth_playend_decode, 258},
-                                  {c2ms_perf_playbgn_decode, 257}};
-  for (const decoder &d : decoders) {
-    const refserver::report_message request{.type = d.type, .sequence = 5};
-    refserver::bytes reply = refserver::encode_reply(request, 30);
-    const auto result = [&] { return d.decode(reply.data(), static_cast<int>(reply.size())); };
-    EXPECT_EQ(result(), 30);
-    reply.push_back(0);  // more than the result is for others
-    EXPECT_EQ(result(), 30);
-    reply.resize(21);
-    EXPECT_EQ(result(), -100);
-    reply.clear();
-    EXPECT_EQ(d.decode(nullptr, 22), -100);
-    for (const uint32_t type : {d.type - 1, d.type + 1, d.type | 0x80000000}) {
-      reply = refserver::encode_reply({.type = type}, 0);
-      if (type >> 31 != 0) reply[4] = 0;  // the request itself comes back
-      EXPECT_EQ(result(), -100) << type;
-    }
   }
 }
 

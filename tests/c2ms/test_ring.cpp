@@ -1,17 +1,13 @@
 // The ring of packs against a plain model: which media packs it holds after any seek, which keep
 // their data, which idle pack is next, how much is buffered.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
-#include <vector>
 
-#include "c2ms.h"
 #include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_pack.h"
-#include "c2ms/c2ms_sess_obj.h"
-#include "c2ms/c2ms_sess_sched.h"
 #include "c2ms/c2ms_unit.h"
+#include "local.h"
 
 namespace {
 
@@ -66,19 +62,9 @@ class Model {
   std::vector<held> slots;
 };
 
-class Ring : public ::testing::Test {
+class Ring : public Local {
  protected:
-  void SetUp() override {
-    c2ms_set_diag(nullptr, nullptr);
-    mgmt = c2ms_mgmt_init(nullptr, 0, 0, nullptr, 0);
-    sess = c2ms_sess_fetch(mgmt);
-    cache = c2ms_cache_init(sess);
-  }
-  void TearDown() override {
-    c2ms_cache_clean(cache);
-    c2ms_sess_close(sess);
-    c2ms_mgmt_clean(mgmt);
-  }
+  ~Ring() override { c2ms_cache_clean(cache); }
   c2ms_pack *slot(int32_t i) { return static_cast<c2ms_pack *>(sk_value(cache->packs, i)); }
   void make_ready(int32_t index) {
     c2ms_pack *const pack = slot(index % cache->packnum);
@@ -86,9 +72,7 @@ class Ring : public ::testing::Test {
     pack->size = pack->len = packsize;
     c2ms_pack_state_to(pack, pack_ready);
   }
-  c2ms_mgmt *mgmt = nullptr;
-  c2ms_sess *sess = nullptr;
-  c2ms_cache *cache = nullptr;
+  c2ms_cache *const cache = c2ms_cache_init(sess);
 };
 
 TEST_F(Ring, FollowsEverySeekLikeThePlainModel) {

@@ -12,221 +12,13 @@ namespace {
 
 using refserver::fault_kind;
 
-c2ms_stats stats_of(const Film &film) {
-  c2ms_stats stats;
-  EXPECT_EQ(c2ms_sess_stats(film.get(), &stats, sizeof stats), 0);
-  return stats;
-}
-
-::testing::AssertionResult adds_up(const c2ms_stats &s) {
-  uint64_t received = s.gone.bytes_received, requests = s.gone.requests, failures = s.gone.failures;
-  uint64_t completed = s.gone.completed, given_up = s.gone.given_up;
-  double share = s.gone.share;
-  for (uint32_t i = 0; i < s.nodes; ++i) {
-    received += s.node[i].bytes_received;
-    requests += s.node[i].requests;
-    completed += s.node[i].completed;
-    given_up += s.node[i].given_up;
-    failures += s.node[i].failures;
-    share += s.node[i].share;
-  }
-  const bool same = received == s.bytes_received && requests == s.requests &&
-                    completed == s.completed && given_up == s.given_up && failures == s.failures;
-  if (!same) return ::testing::AssertionFailure() << "the nodes' sums are not the totals";
-  if (received > 0 && (share < 0.999 || share > 1.001))
-    return ::testing::AssertionFailure() << "shares of " << share;
-  if (s.bytes_received != s.bytes_kept + s.bytes_discarded || s.bytes_kept > s.bytes_received)
-    return ::testing::AssertionFailure()
-           << s.bytes_received << " = " << s.bytes_kept << " + " << s.bytes_discarded;
-  if (s.requests != s.completed + s.given_up + s.in_flight || s.in_flight > s.nodes)
-    return ::testing::AssertionFailure()
-           << s.requests << " = " << s.completed << " + " << s.given_up << " + " << s.in_flight;
-  if (s.won > s.redundant || s.wasted > s.completed)
-    return ::testing::AssertionFailure() << "more redundant requests won than were sent";
-  return ::testing::AssertionSuccess();
-}
-
 // Nothing is under way any more: the ring is full.
 bool at_rest(const Film &film) {
   const c2ms_stats s = stats_of(film);
   return s.in_flight == 0 && s.units_queued == 0 && s.buffered_ahead == s.ring_end - s.position;
 }
 
-class Statistics : public ::testing::Test {
- protected:
-  void start(uint64_t size) {
-    id = server.add_generated("film.mp4", size);
-    ASSERT_TRUE(server.start()) << server.error();
-  }
-  refserver::media_server server{{.nodes = 4}};
-  refserver::file_id id{};
-  Library library;
-};
-
-// Nodes that fail in several ways and a player that seeks: a second thread never sees figures that
-// contradict each other, and in the end they are the server's.
-TEST_F(Statistics, AddUpAtEveryMomentAndAgreeWithTheServer) {
-  start(60'000'001);
-  server.set_fault(0, {.kind = fault_kind::close_at, .value = 30'000, .from = 3, .count = 4});
-  server.set_fault(1, {.kind = fault_kind::payload_shorter, .value = 9000, .from = 2, .count = 2});
-  server.set_fault(
-      2, {.kind = fault_kind::stall_at, .value = 20'000, .ms = 4000, .from = 4, .count = 1});
-  server.set_rate(3, 3e6);
-  Film film(library, server, id);
-  ASSERT_GE(film.prepare(65536), 65536);
-  std::atomic<bool> done{false};
-  std::thread watcher([&] {
-    c2ms_stats last{};
-    while (!done && !HasFailure()) {
-      const c2ms_stats now = stats_of(film);
-      EXPECT_TRUE(adds_up(now));
-      EXPECT_GE(now.bytes_received, last.bytes_received);
-      EXPECT_GE(now.requests, last.requests);
-      EXPECT_LE(now.buffered_ahead, now.buffered_bytes);
-      last = now;
-      std::this_thread::sleep_for(1ms);
-    }
-  });
-  std::mt19937 random(7);
-  EXPECT_TRUE(film.play(0, 6'000'000, 50'000, Film::blocking));
-  for (int i = 0; i < 25; ++i) {
-    const uint64_t pos = random() % (film.size() - 400'000);
-    ASSERT_EQ(c2ms_sess_seek(film.get(), pos), 0);
-    EXPECT_TRUE(film.play(pos, pos + 300'000, 40'000, Film::blocking));
-  }
-  EXPECT_TRUE(eventually([&] { return at_rest(film); }, 30s));
-  done = true;
-  watcher.join();
-  const c2ms_stats s = stats_of(film);
-  EXPECT_EQ(s.bytes_delivered, 6'000'000u + 25 * 300'000u);
-  EXPECT_EQ(s.seeks, 25u);
-  EXPECT_GT(s.bytes_discarded, 0u);
-  EXPECT_GT(s.given_up, 0u);
-  EXPECT_GT(s.redundant, 0u);
-  EXPECT_GT(s.failures, 0u);
-  uint64_t media = 0, payload = 0, sent = 0;
-  std::map<uint32_t, uint64_t> of_port;
-  for (const auto &request : server.log()) {
-    sent += request.bytes_sent;
-    if (request.command != 3) continue;
-    ++media;
-    payload += request.payload_sent;
-    of_port[server.port(request.node)] += request.payload_sent;
-  }
-  EXPECT_EQ(s.requests, media);
-  EXPECT_EQ(s.bytes_received, payload);
-  EXPECT_EQ(s.bytes_received + s.bytes_overhead, sent);
-  for (uint32_t i = 0; i < s.nodes; ++i)
-    EXPECT_LE(s.node[i].bytes_received, of_port[s.node[i].port]) << s.node[i].port;
-}
-
-// Played once from end to end, what is kept is the film.
-TEST_F(Statistics, OfAPlainPlay) {
-  start(20'000'001);
-  Film film(library, server, id);
-  const auto pack = static_cast<uint64_t>(film.prepare(65536));
-  ASSERT_GE(pack, 65536u);
-  ASSERT_TRUE(film.play(0, 5'000'000, 50'000, Film::blocking));
-  ASSERT_TRUE(eventually([&] { return at_rest(film); }));
-  c2ms_stats s = stats_of(film);
-  c2ms_byte_range ranges[2] = {};
-  ASSERT_EQ(c2ms_sess_ranges(film.get(), ranges, 2), 1);
-  EXPECT_EQ(ranges[0].begin, s.ring_begin);
-  EXPECT_EQ(ranges[0].end, s.ring_end);
-  EXPECT_EQ(s.buffered_bytes, s.ring_end - s.ring_begin);
-  EXPECT_EQ(s.bytes_kept, s.ring_end);
-  EXPECT_EQ(s.position, 5'000'000u);
-  EXPECT_LE(s.ring_begin, s.position - s.memory_bytes / 8 + 2 * pack);
-  EXPECT_LE(s.memory_bytes, s.memory_cap_bytes);
-  ASSERT_TRUE(film.play(5'000'000, film.size(), 50'000, Film::blocking));
-  s = stats_of(film);
-  EXPECT_EQ(s.bytes_kept, film.size());
-  EXPECT_EQ(s.bytes_delivered, film.size());
-  EXPECT_EQ(s.completed - s.wasted, (film.size() + pack - 1) / pack);  // at once: it was read
-  ASSERT_GE(s.nodes, 1u);
-  EXPECT_STREQ(s.node[0].address, "127.0.0.1");
-  EXPECT_GT(s.node[0].average_speed, 0);
-  EXPECT_EQ(s.wait_no_node.count + s.wait_cancelled.count, 0u);
-  // What is told to be there can be read without waiting.
-  ASSERT_EQ(c2ms_sess_seek(film.get(), 1'000'000), 0);
-  std::vector<uint8_t> buf(20'000'001);
-  for (int i = 0; i < 200; ++i) {
-    s = stats_of(film);
-    const int n = c2ms_sess_read(film.get(), buf.data(), static_cast<int32_t>(buf.size()), 1);
-    if (s.position == film.size()) break;
-    EXPECT_GE(n, static_cast<int>(s.buffered_ahead));
-    ASSERT_TRUE(film.right(s.position, buf.data(), n));
-  }
-}
-
-TEST_F(Statistics, WaitsByTheirCause) {
-  start(60'000'001);
-  const auto all = [&](auto change) {
-    for (int node = 0; node < 4; ++node) change(node);
-  };
-  all([&](int node) { server.set_delay(node, 150); });
-  Film film(library, server, id);
-  ASSERT_GE(film.prepare(262'144), 262'144);
-  const auto read = [&](uint64_t pos, int32_t len, int32_t budget_ms) {
-    c2ms_sess_seek(film.get(), pos);
-    c2ms_sess_recv(film.get(), nullptr, len, budget_ms);
-  };
-  read(0, 1000, 10'000);
-  EXPECT_EQ(stats_of(film).wait_seek.count, 1u);
-  read(30'000'000, 1000, 10'000);
-  EXPECT_EQ(stats_of(film).wait_seek.count, 2u);
-  EXPECT_GE(stats_of(film).wait_seek.longest_us, 100'000u);
-  ASSERT_TRUE(eventually([&] { return at_rest(film); }));
-  EXPECT_EQ(stats_of(film).wait_late.count, 0u);
-  // More than the ring holds, in one call.
-  c2ms_sess_recv(film.get(), nullptr, 10'000'000, 20'000);
-  EXPECT_GE(stats_of(film).wait_late.count, 1u);
-  EXPECT_EQ(stats_of(film).wait_seek.count, 2u);
-  std::thread canceller([&] {
-    std::this_thread::sleep_for(60ms);
-    c2ms_sess_cancel(film.get(), 1);
-  });
-  all([&](int node) { server.set_fault(node, {.kind = fault_kind::mute}); });
-  read(50'000'000, 1000, 10'000);
-  canceller.join();
-  EXPECT_EQ(stats_of(film).wait_cancelled.count, 1u);
-  EXPECT_GE(stats_of(film).wait_cancelled.total_us, 20'000u);
-  c2ms_sess_cancel(film.get(), 0);
-  server.kill_all();
-  ASSERT_TRUE(eventually([&] { return stats_of(film).nodes_usable == 0; }));
-  read(1'000'000, 1000, 300);
-  EXPECT_EQ(stats_of(film).wait_no_node.count, 1u);
-  EXPECT_GE(stats_of(film).wait_no_node.longest_us, 290'000u);
-  EXPECT_GT(stats_of(film).failures, 0u);
-  EXPECT_TRUE(adds_up(stats_of(film)));
-}
-
-// A player that was compiled with another c2ms_stats than the library.
-TEST_F(Statistics, OfAnOlderOrNewerPlayer) {
-  start(1'000'001);
-  Film film(library, server, id);
-  EXPECT_EQ(c2ms_sess_ranges(film.get(), nullptr, 0), -2);
-  ASSERT_GE(film.prepare(65536), 65536);
-  ASSERT_TRUE(film.play(0, film.size(), 65536, Film::blocking));
-  const c2ms_stats whole = stats_of(film);
-  EXPECT_EQ(whole.struct_size, sizeof whole);
-  std::vector<uint8_t> room(sizeof whole + 100);
-  for (const size_t size : {size_t{0}, size_t{1}, size_t{4}, offsetof(c2ms_stats, bytes_kept) + 3,
-                            sizeof whole, sizeof whole + 64}) {
-    std::fill(room.begin(), room.end(), 0xaa);
-    ASSERT_EQ(c2ms_sess_stats(film.get(), reinterpret_cast<c2ms_stats *>(room.data()), size), 0);
-    const size_t filled = std::min(size, sizeof whole);
-    const size_t same = std::min(filled, offsetof(c2ms_stats, speed));
-    EXPECT_TRUE(same <= 4 || std::memcmp(&room[4], &whole.status, same - 4) == 0) << size;
-    EXPECT_EQ(std::count(&room[0] + filled, &room[0] + size, 0),
-              static_cast<ptrdiff_t>(size - filled));
-    EXPECT_EQ(std::count(room.begin() + static_cast<ptrdiff_t>(size), room.end(), 0xaa),
-              static_cast<ptrdiff_t>(room.size() - size));
-  }
-  EXPECT_EQ(c2ms_sess_stats(nullptr, nullptr, 0), -1);
-  EXPECT_EQ(c2ms_sess_stats(film.get(), nullptr, 0), -2);
-  EXPECT_EQ(c2ms_sess_ranges(nullptr, nullptr, 0), -1);
-}
+class Statistics : public Served {};
 
 std::vector<c2ms_trace_event> recorded(const Film &film, uint64_t *lost = nullptr) {
   std::vector<c2ms_trace_event> events(100'000);
@@ -236,20 +28,176 @@ std::vector<c2ms_trace_event> recorded(const Film &film, uint64_t *lost = nullpt
   return events;
 }
 
+// Nodes that fail in several ways and a player that seeks: a second thread never sees figures that
+// contradict each other, and in the end they are the server's.
+TEST_F(Statistics, AddUpAtEveryMomentAndAgreeWithTheServer) {
+  start(60'000'001, {}, 0);
+  server->set_fault(0, {.kind = fault_kind::close_at, .value = 30'000, .from = 3, .count = 4});
+  server->set_fault(1, {.kind = fault_kind::payload_shorter, .value = 9000, .from = 2, .count = 2});
+  server->set_fault(
+      2, {.kind = fault_kind::stall_at, .value = 20'000, .ms = 4000, .from = 4, .count = 1});
+  server->set_rate(3, 3e6);
+  film = std::make_unique<Film>(*library, *server, id, 65536);
+  std::atomic<bool> done{false};
+  std::thread watcher([&] {
+    c2ms_stats last{};
+    while (!done && !HasFailure()) {
+      const c2ms_stats now = stats_of(*film);
+      EXPECT_GE(now.bytes_received, last.bytes_received);
+      EXPECT_GE(now.requests, last.requests);
+      EXPECT_LE(now.buffered_ahead, now.buffered_bytes);
+      last = now;
+      std::this_thread::sleep_for(1ms);
+    }
+  });
+  std::mt19937 random(7);
+  EXPECT_TRUE(film->play(0, 6'000'000, 50'000, Film::blocking));
+  for (int i = 0; i < 25; ++i) {
+    const uint64_t pos = random() % (film->size() - 400'000);
+    EXPECT_TRUE(film->play_from(pos, pos + 300'000, 40'000));
+  }
+  EXPECT_TRUE(eventually([&] { return at_rest(*film); }, 30s));
+  done = true;
+  watcher.join();
+  const c2ms_stats s = stats_of(*film);
+  EXPECT_EQ(s.bytes_delivered, 6'000'000u + 25 * 300'000u);
+  EXPECT_EQ(s.seeks, 25u);
+  EXPECT_GT(s.bytes_discarded, 0u);
+  EXPECT_GT(s.given_up, 0u);
+  EXPECT_GT(s.redundant, 0u);
+  EXPECT_GT(s.failures, 0u);
+  uint64_t media = 0, payload = 0, sent = 0;
+  std::map<uint32_t, uint64_t> of_port;
+  for (const auto &request : server->log()) {
+    sent += request.bytes_sent;
+    if (request.command != 3) continue;
+    ++media;
+    payload += request.payload_sent;
+    of_port[server->port(request.node)] += request.payload_sent;
+  }
+  EXPECT_EQ(s.requests, media);
+  EXPECT_EQ(s.bytes_received, payload);
+  EXPECT_EQ(s.bytes_received + s.bytes_overhead, sent);
+  for (uint32_t i = 0; i < s.nodes; ++i)
+    EXPECT_LE(s.node[i].bytes_received, of_port[s.node[i].port]) << s.node[i].port;
+}
+
+// Played once from end to end, what is kept is the film->
+TEST_F(Statistics, OfAPlainPlay) {
+  start(20'000'001, {}, 0);
+  film = std::make_unique<Film>(*library, *server, id);
+  const auto pack = static_cast<uint64_t>(film->prepare(65536));
+  ASSERT_GE(pack, 65536u);
+  ASSERT_TRUE(film->play(0, 5'000'000, 50'000, Film::blocking));
+  ASSERT_TRUE(eventually([&] { return at_rest(*film); }));
+  c2ms_stats s = stats_of(*film);
+  c2ms_byte_range ranges[2] = {};
+  ASSERT_EQ(c2ms_sess_ranges(film->get(), ranges, 2), 1);
+  EXPECT_EQ(ranges[0].begin, s.ring_begin);
+  EXPECT_EQ(ranges[0].end, s.ring_end);
+  EXPECT_EQ(s.buffered_bytes, s.ring_end - s.ring_begin);
+  EXPECT_EQ(s.bytes_kept, s.ring_end);
+  EXPECT_EQ(s.position, 5'000'000u);
+  EXPECT_LE(s.ring_begin, s.position - s.memory_bytes / 8 + 2 * pack);
+  EXPECT_LE(s.memory_bytes, s.memory_cap_bytes);
+  ASSERT_TRUE(film->play(5'000'000, film->size(), 50'000, Film::blocking));
+  s = stats_of(*film);
+  EXPECT_EQ(s.bytes_kept, film->size());
+  EXPECT_EQ(s.bytes_delivered, film->size());
+  EXPECT_EQ(s.completed - s.wasted, (film->size() + pack - 1) / pack);  // at once: it was read
+  ASSERT_GE(s.nodes, 1u);
+  EXPECT_STREQ(s.node[0].address, "127.0.0.1");
+  EXPECT_GT(s.node[0].average_speed, 0);
+  EXPECT_EQ(s.wait_no_node.count + s.wait_cancelled.count, 0u);
+  // What is told to be there can be read without waiting.
+  ASSERT_EQ(c2ms_sess_seek(film->get(), 1'000'000), 0);
+  std::vector<uint8_t> buf(20'000'001);
+  for (int i = 0; i < 200; ++i) {
+    s = stats_of(*film);
+    const int n = c2ms_sess_read(film->get(), buf.data(), static_cast<int32_t>(buf.size()), 1);
+    if (s.position == film->size()) break;
+    EXPECT_GE(n, static_cast<int>(s.buffered_ahead));
+    ASSERT_TRUE(film->right(s.position, buf.data(), n));
+  }
+}
+
+TEST_F(Statistics, WaitsByTheirCause) {
+  start(60'000'001, {}, 0);
+  on_all([&](int node) { server->set_delay(node, 150); });
+  film = std::make_unique<Film>(*library, *server, id, 262'144);
+  const auto read = [&](uint64_t pos, int32_t len, int32_t budget_ms) {
+    c2ms_sess_seek(film->get(), pos);
+    c2ms_sess_recv(film->get(), nullptr, len, budget_ms);
+  };
+  read(0, 1000, 10'000);
+  EXPECT_EQ(stats_of(*film).wait_seek.count, 1u);
+  read(30'000'000, 1000, 10'000);
+  EXPECT_EQ(stats_of(*film).wait_seek.count, 2u);
+  EXPECT_GE(stats_of(*film).wait_seek.longest_us, 100'000u);
+  ASSERT_TRUE(eventually([&] { return at_rest(*film); }));
+  EXPECT_EQ(stats_of(*film).wait_late.count, 0u);
+  // More than the ring holds, in one call.
+  c2ms_sess_recv(film->get(), nullptr, 10'000'000, 20'000);
+  EXPECT_GE(stats_of(*film).wait_late.count, 1u);
+  EXPECT_EQ(stats_of(*film).wait_seek.count, 2u);
+  std::thread canceller([&] {
+    std::this_thread::sleep_for(60ms);
+    c2ms_sess_cancel(film->get(), 1);
+  });
+  on_all([&](int node) { server->set_fault(node, {.kind = fault_kind::mute}); });
+  read(50'000'000, 1000, 10'000);
+  canceller.join();
+  EXPECT_EQ(stats_of(*film).wait_cancelled.count, 1u);
+  EXPECT_GE(stats_of(*film).wait_cancelled.total_us, 20'000u);
+  c2ms_sess_cancel(film->get(), 0);
+  server->kill_all();
+  ASSERT_TRUE(eventually([&] { return stats_of(*film).nodes_usable == 0; }));
+  read(1'000'000, 1000, 300);
+  EXPECT_EQ(stats_of(*film).wait_no_node.count, 1u);
+  EXPECT_GE(stats_of(*film).wait_no_node.longest_us, 290'000u);
+  EXPECT_GT(stats_of(*film).failures, 0u);
+}
+
+// A player that was compiled with another c2ms_stats than the library.
+TEST_F(Statistics, OfAnOlderOrNewerPlayer) {
+  start(1'000'001, {}, 0);
+  film = std::make_unique<Film>(*library, *server, id);
+  EXPECT_EQ(c2ms_sess_ranges(film->get(), nullptr, 0), -2);
+  ASSERT_GE(film->prepare(65536), 65536);
+  ASSERT_TRUE(film->play(0, film->size(), 65536, Film::blocking));
+  const c2ms_stats whole = stats_of(*film);
+  EXPECT_EQ(whole.struct_size, sizeof whole);
+  std::vector<uint8_t> room(sizeof whole + 100);
+  for (const size_t bytes : {size_t{0}, size_t{1}, size_t{4}, offsetof(c2ms_stats, bytes_kept) + 3,
+                             sizeof whole, sizeof whole + 64}) {
+    std::fill(room.begin(), room.end(), 0xaa);
+    ASSERT_EQ(c2ms_sess_stats(film->get(), reinterpret_cast<c2ms_stats *>(room.data()), bytes), 0);
+    const size_t filled = std::min(bytes, sizeof whole);
+    const size_t same = std::min(filled, offsetof(c2ms_stats, speed));
+    EXPECT_TRUE(same <= 4 || std::memcmp(&room[4], &whole.status, same - 4) == 0) << bytes;
+    EXPECT_EQ(std::count(&room[0] + filled, &room[0] + bytes, 0),
+              static_cast<ptrdiff_t>(bytes - filled));
+    EXPECT_EQ(std::count(room.begin() + static_cast<ptrdiff_t>(bytes), room.end(), 0xaa),
+              static_cast<ptrdiff_t>(room.size() - bytes));
+  }
+  EXPECT_EQ(c2ms_sess_stats(nullptr, nullptr, 0), -1);
+  EXPECT_EQ(c2ms_sess_stats(film->get(), nullptr, 0), -2);
+  EXPECT_EQ(c2ms_sess_ranges(nullptr, nullptr, 0), -1);
+}
+
 // What is recorded is what was counted; the oldest events give way; nothing is recorded while off.
 TEST_F(Statistics, RecordedEventsAreThoseCounted) {
-  start(20'000'001);
-  server.set_fault(0, {.kind = fault_kind::close_at, .value = 30'000, .from = 3, .count = 4});
-  Film film(library, server, id);
-  ASSERT_EQ(c2ms_sess_trace(film.get(), 100'000), 0);
-  ASSERT_GE(film.prepare(65536), 65536);
-  ASSERT_TRUE(film.play(0, 5'000'000, 50'000, Film::blocking));
-  ASSERT_EQ(c2ms_sess_seek(film.get(), 12'000'000), 0);
-  ASSERT_TRUE(film.play(12'000'000, film.size(), 50'000, Film::blocking));
-  ASSERT_TRUE(eventually([&] { return stats_of(film).in_flight == 0; }));
-  const c2ms_stats s = stats_of(film);
+  start(20'000'001, {}, 0);
+  server->set_fault(0, {.kind = fault_kind::close_at, .value = 30'000, .from = 3, .count = 4});
+  film = std::make_unique<Film>(*library, *server, id);
+  ASSERT_EQ(c2ms_sess_trace(film->get(), 100'000), 0);
+  ASSERT_GE(film->prepare(65536), 65536);
+  ASSERT_TRUE(film->play(0, 5'000'000, 50'000, Film::blocking));
+  ASSERT_TRUE(film->play_from(12'000'000, film->size(), 50'000));
+  ASSERT_TRUE(eventually([&] { return stats_of(*film).in_flight == 0; }));
+  const c2ms_stats s = stats_of(*film);
   uint64_t lost = 1, ended[3] = {}, seeks = 0, waits = 0, wait_us = 0, last_us = 0, last_place = 0;
-  for (const c2ms_trace_event &event : recorded(film, &lost)) {
+  for (const c2ms_trace_event &event : recorded(*film, &lost)) {
     const auto end_us = static_cast<uint64_t>(event.time_us + event.duration_us);
     last_us = std::max(last_us, end_us);
     if (event.kind == C2MS_TRACE_REQUEST && event.detail < 3) ++ended[event.detail];
@@ -257,7 +205,7 @@ TEST_F(Statistics, RecordedEventsAreThoseCounted) {
     if (event.kind == C2MS_TRACE_PLACE) {
       last_place = event.pos;
       EXPECT_GE(event.pos, event.begin);
-      EXPECT_LE(event.begin + event.bytes, film.size());
+      EXPECT_LE(event.begin + event.bytes, film->size());
     }
     if (event.kind != C2MS_TRACE_WAIT) continue;
     ++waits;
@@ -269,23 +217,23 @@ TEST_F(Statistics, RecordedEventsAreThoseCounted) {
   EXPECT_EQ(ended[2], s.given_up);
   EXPECT_GT(ended[2], 0u);
   EXPECT_EQ(seeks, 1u);
-  EXPECT_GE(last_place, film.size() - 65536);
+  EXPECT_GE(last_place, film->size() - 65536);
   EXPECT_EQ(waits, s.wait_no_node.count + s.wait_late.count + s.wait_seek.count);
   EXPECT_EQ(wait_us, s.wait_no_node.total_us + s.wait_late.total_us + s.wait_seek.total_us);
   EXPECT_LT(last_us, 60'000'000u);
-  ASSERT_EQ(c2ms_sess_trace(film.get(), 8), 0);
-  for (uint64_t i = 1; i <= 20; ++i) c2ms_sess_seek(film.get(), i);
-  const auto few = recorded(film, &lost);
+  ASSERT_EQ(c2ms_sess_trace(film->get(), 8), 0);
+  for (uint64_t i = 1; i <= 20; ++i) c2ms_sess_seek(film->get(), i);
+  const auto few = recorded(*film, &lost);
   EXPECT_EQ(few.size(), 8u);
   EXPECT_GE(lost, 12u);
-  ASSERT_EQ(c2ms_sess_trace(film.get(), 0), 0);
-  c2ms_sess_seek(film.get(), 5'000'000);
-  EXPECT_TRUE(recorded(film).empty());
+  ASSERT_EQ(c2ms_sess_trace(film->get(), 0), 0);
+  c2ms_sess_seek(film->get(), 5'000'000);
+  EXPECT_TRUE(recorded(*film).empty());
   c2ms_trace_event event;
   EXPECT_EQ(c2ms_sess_trace(nullptr, 1), -1);
   EXPECT_EQ(c2ms_sess_trace_read(nullptr, &event, 1, nullptr), -1);
-  EXPECT_EQ(c2ms_sess_trace_read(film.get(), nullptr, 1, nullptr), -2);
-  EXPECT_EQ(c2ms_sess_trace(film.get(), INT32_MAX),
+  EXPECT_EQ(c2ms_sess_trace_read(film->get(), nullptr, 1, nullptr), -2);
+  EXPECT_EQ(c2ms_sess_trace(film->get(), INT32_MAX),
             0);  // as much as it may take; the close frees it
 }
 

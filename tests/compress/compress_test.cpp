@@ -214,13 +214,10 @@ TEST(Buffer7z, RefusesMissingArguments) {
   const size_t n = packed.size();
   for (const int result :
        {buffer_7z(nullptr, &room, src, 1, 5, kDict), buffer_7z(out, nullptr, src, 1, 5, kDict),
-        buffer_7z(out, &room, nullptr, 0, 5, kDict), buffer_un7z_size(nullptr, n, &size),
-        buffer_un7z_size(src, n, nullptr), buffer_un7z_size(src, 0, &size),
-        buffer_un7z(nullptr, &room, src, n), buffer_un7z(out, nullptr, src, n),
-        buffer_un7z(out, &room, nullptr, n), buffer_un7z(out, &room, src, 0)})
+        buffer_un7z_size(nullptr, n, &size), buffer_un7z_size(src, 0, &size),
+        buffer_un7z(nullptr, &room, src, n), buffer_un7z(out, &room, src, 0)})
     EXPECT_EQ(result, 5);
-  EXPECT_EQ(buffer_un7z_auto(nullptr, src, n), nullptr);
-  EXPECT_TRUE(!buffer_un7z_auto(&room, nullptr, n) && !buffer_un7z_auto(&room, src, 0));
+  EXPECT_TRUE(!buffer_un7z_auto(nullptr, src, n) && !buffer_un7z_auto(&room, nullptr, n));
   EXPECT_EQ(room, sizeof out);
 }
 

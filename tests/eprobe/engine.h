@@ -1,8 +1,6 @@
 // What the engine's tests share: a running instance and a recorder of its events.
 #pragma once
 
-#include <dirent.h>
-
 #include <array>
 #include <atomic>
 
@@ -53,11 +51,3 @@ struct Listener {
   uint16_t port = port_of(fd);
   ~Listener() { close(fd); }
 };
-
-inline int open_descriptors() {
-  int n = 0;
-  DIR *dir = opendir("/proc/self/fd");
-  while (readdir(dir) != nullptr) ++n;
-  closedir(dir);
-  return n;
-}

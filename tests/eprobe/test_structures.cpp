@@ -75,26 +75,6 @@ INSTANTIATE_TEST_SUITE_P(
         TreeCase{"unsigned", rac_rbtree_insert_value, (int64_t{1} << 31) - 50000, 1}),
     [](const auto &tree_case) { return tree_case.param.name; });
 
-TEST(Tree, CheckerSeesDamage) {
-  std::vector<rac_rbtree_node> nodes(20);
-  rac_rbtree tree;
-  rac_rbtree_node sentinel;
-  rac_rbtree_init(&tree, &sentinel, rac_rbtree_insert_timer_value);
-  for (size_t i = 0; i < nodes.size(); ++i) {
-    nodes[i].key = static_cast<uint32_t>(i + 1);
-    rac_rbtree_insert(&tree, &nodes[i]);
-  }
-  ASSERT_EQ(rac_rbtree_check(&tree), 20);
-  nodes[3].key = 18;
-  EXPECT_EQ(rac_rbtree_check(&tree), -1) << "order";
-  nodes[3].key = 4;
-  tree.root->color = RAC_RED;
-  EXPECT_EQ(rac_rbtree_check(&tree), -1) << "red root";
-  tree.root->color = RAC_BLACK;
-  nodes[0].color ^= 1;
-  EXPECT_EQ(rac_rbtree_check(&tree), -1) << "black height";
-}
-
 struct Entry {
   rac_queue link;  // first: the address is the entry's
   int key;

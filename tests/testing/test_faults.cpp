@@ -132,27 +132,6 @@ TEST(Faults, ChangeTheOrderedResponseOnly) {
     EXPECT_TRUE(seen.contains(info.kind)) << info.name << " is not tested";
 }
 
-TEST(Faults, OfCiphersSpoilPlainServersToo) {
-  fixture f;
-  raw_client client(f.server, 0);
-  const bytes plain = f.ask(description, client);
-  f.server.set_fault(0, {.kind = fault_kind::cipher_length});
-  f.server.add_fault(0, {.kind = fault_kind::cipher_garbage});  // the first one goes first
-  const bytes cut = f.ask(description, client);
-  EXPECT_EQ(get32(&cut[14]), 1U);
-  EXPECT_EQ(cut.size(), 18U + 72 - 3);
-  f.server.set_fault(0, {.kind = fault_kind::cipher_garbage});
-  const bytes garbage = f.ask(description, client);
-  EXPECT_EQ(get32(&garbage[14]), 1U);
-  const auto sum = [&f](int i) { return static_cast<uint8_t>(0x40 + i + f.film[i]); };
-  const des_key key = {77 + 106, 10, 200, sum(0), sum(1), 0x88, f.film[7], f.film[8]};
-  bytes body;
-  EXPECT_FALSE(decipher(key, std::span(garbage).subspan(18), &body)) << "a padding count above 8";
-  EXPECT_EQ(hex(body), hex(plain).substr(36) + "000009");
-  EXPECT_EQ(f.server.injected(0, fault_kind::cipher_garbage), 1U);
-  EXPECT_EQ(f.server.injected(0, fault_kind::cipher_length), 1U);
-}
-
 TEST(Faults, TimesAreNeverShort) {
   fixture f;
   const struct {
@@ -179,44 +158,6 @@ TEST(Faults, TimesAreNeverShort) {
     EXPECT_EQ(client.receive(rest).size(), rest);
     EXPECT_GE(ms_since(start), row.least_ms);
   }
-}
-
-// A peer that goes away while the server waits for something is forgotten.
-TEST(Faults, StalledConnectionsEndWithTheirPeer) {
-  fixture f;
-  for (const fault &order : {fault{.kind = fault_kind::mute}, fault{.kind = fault_kind::stall_at},
-                             fault{.kind = fault_kind::drip, .ms = 1000}}) {
-    f.server.set_fault(0, order);
-    const uint64_t before = f.server.totals(0).requests;
-    {
-      raw_client client(f.server, 0);
-      client.send(f.request(media));
-      EXPECT_TRUE(eventually([&] { return f.server.totals(0).requests > before; }));
-    }
-    EXPECT_TRUE(eventually([&] { return f.server.totals(0).open == 0; }));
-  }
-}
-
-TEST(Ports, KillAndReviveKeepTheirNumbers) {
-  fixture f;
-  const uint16_t port = f.server.port(0);
-  for (const bool reset : {false, true}) {
-    raw_client client(f.server, 0), other(f.server, 1);
-    EXPECT_EQ(f.ask(media, client).size(), 537U);
-    f.server.kill_node(0, reset);
-    EXPECT_EQ(client.ending("closed"), reset ? "reset" : "closed");
-    EXPECT_EQ(f.connect_result(0), ECONNREFUSED);
-    EXPECT_EQ(f.ask(media, other).size(), 537U) << "the other node does not notice";
-    f.server.revive_node(0);
-    EXPECT_EQ(f.server.port(0), port);
-    raw_client again(f.server, 0);
-    EXPECT_EQ(f.ask(media, again).size(), 537U);
-  }
-  f.server.kill_all();
-  for (int i = entry_server; i < 2; ++i) EXPECT_EQ(f.connect_result(i), ECONNREFUSED);
-  EXPECT_EQ(f.server.totals().open, 0U);
-  f.server.revive_all();
-  for (int i = entry_server; i < 2; ++i) EXPECT_EQ(f.connect_result(i), 0);
 }
 
 TEST(Ports, RefuseDropAndGoDown) {
@@ -265,10 +206,8 @@ TEST(Faults, AreReadFromText) {
       fault_parse("close_at:3,value=0x20,ms=5,from=2,on=media,on=desc,node=1", &node, &error);
   ASSERT_TRUE(order) << error;
   EXPECT_EQ(order->kind, fault_kind::close_at);
-  const uint64_t numbers[] = {order->count, order->value, static_cast<uint64_t>(order->ms),
-                              order->from, order->on};
-  const uint64_t expected[] = {3, 32, 5, 2, on_media | on_desc};
-  EXPECT_TRUE(std::ranges::equal(numbers, expected));
+  EXPECT_TRUE(order->count == 3 && order->value == 32 && order->ms == 5 && order->from == 2);
+  EXPECT_EQ(order->on, on_media | on_desc);
   EXPECT_EQ(node, 1);
   EXPECT_TRUE(fault_parse("mute", &node, &error) && node == every_node);
   EXPECT_TRUE(fault_parse("mute,node=entry", &node, &error) && node == entry_server);

@@ -46,60 +46,6 @@ TEST(Rate, IsSharedEvenlyAndNeverExceeded) {
   EXPECT_EQ(client.receive(each - 63).size(), each - 63);
 }
 
-// Sixteen clients fetch while others kill, revive, slow down and disturb the nodes: whatever
-// arrives is right, and in the end nothing is left over.
-TEST(Service, StaysRightUnderManyClientsAndCallers) {
-  media_server server({.nodes = 3, .check_auth = false});
-  const file_id film = server.add_generated("film.mp4", uint64_t{1} << 40);
-  ASSERT_TRUE(server.start()) << server.error();
-  std::atomic<bool> over{false};
-  std::atomic<uint64_t> good{0}, wrong{0};
-  const auto fetch = [&](int number) {
-    uint64_t position = static_cast<uint64_t>(number) << 33;
-    while (!over) {
-      raw_client client(server, number % 3);
-      for (int i = 0; i < 20 && client.connect_errno() == 0 && !over; ++i, position += 65536) {
-        client.send(make_request(3, 1, film, position, 30'000));
-        const bytes got = client.receive_response();
-        if (got.size() != 30'037) break;
-        ++(content_mismatch(film, position, &got[37], 30'000) == 30'000 ? good : wrong);
-      }
-    }
-  };
-  const auto disturb = [&](int number) {
-    for (int i = 0; i < 60; ++i) {
-      const int node = (number + i) % 3;
-      server.set_fault(node,
-                       {.kind = fault_kind::reset_at, .value = 10'000, .from = 5, .count = 2});
-      server.kill_node(node, i % 2 == 0);
-      server.set_rate(node, i % 3 == 0 ? 50e6 : 0);
-      pause_ms(3);
-      server.revive_node(node);
-      EXPECT_LE(server.log(node).size(), server.log().size());
-    }
-  };
-  std::vector<std::thread> callers, clients;
-  for (int i = 0; i < 16; ++i) clients.emplace_back(fetch, i);
-  for (int i = 0; i < 2; ++i) callers.emplace_back(disturb, i);
-  for (std::thread &caller : callers) caller.join();
-  for (int i = 0; i < 3; ++i) {
-    server.clear_faults(i);
-    server.set_rate(i, 0);
-  }
-  const uint64_t before = good;
-  EXPECT_TRUE(eventually([&] { return good >= before + 100; })) << "undisturbed, they all get on";
-  over = true;
-  for (std::thread &client : clients) client.join();
-  EXPECT_EQ(wrong, 0U);
-  // One sample decides: the last connections may be accepted after their clients have left.
-  bool none_open = false;
-  EXPECT_TRUE(eventually([&] { return none_open |= server.totals().open == 0; }));
-  const node_totals totals = server.totals();
-  EXPECT_EQ(totals.bad_requests, 0U);
-  server.stop();
-  EXPECT_EQ(server.totals().requests, totals.requests) << "can be read after the end";
-}
-
 TEST(Service, SpreadAddressesShareOnePort) {
   media_server server({.nodes = 3, .spread_addresses = true, .check_auth = false});
   const file_id film = server.add_generated("film.mp4", 100);
