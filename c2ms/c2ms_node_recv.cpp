@@ -123,16 +123,15 @@ int recv_control(c2ms_node *node, c2ms_unit *unit, bool list) {
 }
 
 // A transfer that takes longer than three round trips is late.
-int64_t patience_us([[maybe_unused]] const c2ms_sess *sess, const c2ms_node *node)
-    REQUIRES(sess->list_lock) {
-  return 3 * std::max(node->perf.AvgRTT, min_rtt_us);
+int64_t patience_us(const c2ms_node_perf &perf) {
+  return 3 * std::max(perf.AvgRTT, min_rtt_us);
 }
 
 // How fast it was before counts for nothing while its answer is late: a server that answers at full
 // speed and then falls silent would drive the others out and leave the session with nobody. For the
 // same reason a few answers, which a server's shaper may let pass at once, prove nothing yet.
-bool is_late(const c2ms_sess *sess, const c2ms_node *node, int64_t now) REQUIRES(sess->list_lock) {
-  return node->asked_us != 0 && now - node->asked_us > patience_us(sess, node);
+bool is_late(const c2ms_node *node, int64_t now) {
+  return node->asked_us != 0 && now - node->asked_us > patience_us(node->perf);
 }
 
 // True when a node that has just finished a download should leave the session to faster ones.
@@ -148,7 +147,7 @@ bool to_be_pruned(c2ms_node *node) {
     if (other->state < C2MS_NODE_READY) continue;
     ++usable;
     if (other == node) passed = true;
-    if (is_late(session, other, node->last_active_us)) continue;
+    if (is_late(other, node->last_active_us)) continue;
     if (best == nullptr && other->perf.TN > prune_after_transfers) best = other;
     if (!passed) ++place;
   }
@@ -231,11 +230,10 @@ void account_stalled(c2ms_node *node) {
 
 // The pack of a transfer that takes longer than three round trips, or NULL.
 c2ms_pack *late_pack(c2ms_node *node, int64_t now) {
-  c2ms_sess *const sess = node->session;
   int64_t patience;
   {
-    const adif::Guard list(sess->list_lock);
-    patience = patience_us(sess, node);
+    const adif::Guard list(node->session->list_lock);
+    patience = patience_us(node->perf);
   }
   const adif::Guard lock(node->download_lock);
   c2ms_unit *const unit = node->download_unit;
@@ -367,7 +365,7 @@ c2ms::usable_nodes c2ms::find_usable(c2ms_sess *sess) {
     if (node->state < C2MS_NODE_READY) continue;
     ++found.count;
     if (first == nullptr) first = node;
-    if (found.best == nullptr && !is_late(sess, node, now)) found.best = node;
+    if (found.best == nullptr && !is_late(node, now)) found.best = node;
   }
   if (found.best == nullptr) found.best = first;
   return found;

@@ -104,6 +104,7 @@ void run_pair(World &world, Tally &tally, uint64_t seed, milliseconds storm) {
 
 Episode run_episode(uint64_t seed, Tally &tally) {
   const Holdings before = holdings_now();
+  const auto begin = clock::now();
   Episode episode;
   Findings left;
   {
@@ -116,6 +117,7 @@ Episode run_episode(uint64_t seed, Tally &tally) {
     } else {
       run_viewers(world, tally, seed, layout == 1, storm);
     }
+    world.books.audit(world.findings, world.server, world.nodes, seconds_since(begin));
     episode.injected = world.injected();
     episode.findings = world.findings.lines();
   }

@@ -66,6 +66,7 @@ bool Pair::open() {
 void Pair::close() {
   c2ms_sess *const sess = sess_.exchange(nullptr);
   if (sess == nullptr) return;
+  world_.books.enter(world_.findings, sess);
   const int result =
       timed(world_.findings, other_call, "close", 3, [&] { return c2ms_sess_close(sess); });
   if (result != 0) world_.findings.add("close gave %d", result);

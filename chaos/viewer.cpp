@@ -1,6 +1,7 @@
 #include "viewer.h"
 
 #include <cstring>
+#include <ctime>
 #include <thread>
 
 namespace chaos {
@@ -13,6 +14,25 @@ constexpr double until_recovered = 45.0;  // a lost session asks its entry serve
 
 // Opens that wait for servers which are down give up after a second.
 thread_local const World *opening_in = nullptr;
+
+// A process whose players wait for servers that are silent does next to nothing.
+class Idleness {
+ public:
+  explicit Idleness(Findings &findings) : findings_(findings) {}
+  ~Idleness() {
+    const double waited = seconds_since(begin_);
+    const double cost = static_cast<double>(std::clock() - cost_) / CLOCKS_PER_SEC;
+    if (waited > 5 && cost > (0.02 * waited + 0.3) * slack)
+      findings_.add("%.2f processor seconds in %.1f s of waiting", cost, waited);
+  }
+  Idleness(const Idleness &) = delete;
+  Idleness &operator=(const Idleness &) = delete;
+
+ private:
+  Findings &findings_;
+  const clock::time_point begin_ = clock::now();
+  const std::clock_t cost_ = std::clock();
+};
 
 int32_t give_up_in_a_storm() {
   return opening_in->calm ? 0 : -1;
@@ -28,6 +48,7 @@ c2ms_sess *open_session(World &world, c2ms_mgmt *mgmt, Tally &tally, current_cal
     return c2ms_sess_open1(mgmt, url.c_str(), &error, give_up_in_a_storm);
   });
   ++tally.opens;
+  world.books.opened();
   if (sess != nullptr) {
     if (error != 0) world.findings.add("open gave a session and %d", error);
     return sess;
@@ -70,6 +91,7 @@ bool Viewer::open() {
 
 void Viewer::close() {
   if (sess_ == nullptr) return;
+  world_.books.enter(world_.findings, sess_);
   const int result =
       timed(world_.findings, current, "close", 3, [&] { return c2ms_sess_close(sess_); });
   if (result != 0) world_.findings.add("close gave %d", result);
@@ -292,6 +314,7 @@ void Viewer::finish() {
   static thread_local uint8_t buffer[buffer_bytes];
   while (pos_ < length_ && !world_.findings.any()) {
     const int32_t len = 1 + static_cast<int32_t>(dice_.below(buffer_bytes));
+    const Idleness idleness(world_.findings);
     const int n = timed(world_.findings, current, "last read", patience(),
                         [&] { return c2ms_sess_read(sess_, buffer, len, 0); });
     take("last read", n, buffer, len);

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "books.h"
 #include "findings.h"
 #include "testing/media_server.h"
 
@@ -27,6 +28,7 @@ struct World {
   bool leaves_stuck;  ///< connections that a fault has silenced stay so after the storm
   const int nodes;
   Findings findings;
+  Books books;
   refserver::media_server server;
   uint64_t size;
   refserver::file_id film{}, index{};
