@@ -1,6 +1,7 @@
 // Probe instances and their worker threads.
 #include "eprobe/probe.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -151,6 +152,11 @@ void close_devices(rac_core *core) {
   }
 }
 
+/// Nobody repeats this wake-up later: the worker that would do so stops itself.
+void wake_to_stop(rac_base *base) {
+  while (base->notify_send_fd != -1 && rac_base_notify(base) != 0) poll(nullptr, 0, 1);
+}
+
 /// Asks the base for the end of a turn that begins after this; the number to wait for.
 uint32_t ask_for_turn(rac_base *base) {
   const uint32_t turn = base->barrier_asked.fetch_add(1, std::memory_order_acq_rel) + 1;
@@ -202,7 +208,7 @@ int StopProbe(rac_core *core) {
   if (core == nullptr) return -1;
   if (core->stop.exchange(1, std::memory_order_acq_rel) != 0) return 0;
   core->exiting.store(1, std::memory_order_release);
-  for (uint32_t i = 0; i < core->nbases; ++i) rac_base_notify(&core->bases[i]);
+  for (uint32_t i = 0; i < core->nbases; ++i) wake_to_stop(&core->bases[i]);
   if (core->nowait.load(std::memory_order_acquire) != 0 && !on_worker_of(core)) join_workers(core);
   core->started.store(0, std::memory_order_release);
   return 0;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <new>
 
 #include "adif/check.h"
@@ -16,11 +17,13 @@ namespace {
 
 constexpr const char *SOURCE = "eprobe/rac_connection";
 
-/// Inode of an open socket, 0 for anything else.
-uint64_t socket_inode(int fd) {
+/// Inode of an open socket, 0 for anything else; false when it can't be told.
+bool find_inode(int fd, uint64_t *inode) {
   struct stat status {};
-  if (fstat(fd, &status) != 0 || !S_ISSOCK(status.st_mode)) return 0;
-  return status.st_ino;
+  *inode = 0;
+  if (fstat(fd, &status) != 0) return errno == EBADF;
+  if (S_ISSOCK(status.st_mode)) *inode = status.st_ino;
+  return true;
 }
 
 /// Whether the connection has to stay with its base.
@@ -180,7 +183,7 @@ void rac_unpause(rac_base *base, rac_connection *listener) {
 void rac_own_fd(rac_connection *c, int fd) {
   rac_core *core = c->core;
   c->fd.store(fd, std::memory_order_relaxed);
-  c->inode = socket_inode(fd);
+  c->inode_known = find_inode(fd, &c->inode);
   uint32_t previous = 0;
   {
     rac_guard guard(core->connection_mutex);
@@ -200,7 +203,10 @@ bool rac_owns_fd(const rac_connection *c) {
 }
 
 bool rac_has_socket(const rac_connection *c) {
-  return rac_owns_fd(c) && socket_inode(c->fd.load(std::memory_order_relaxed)) == c->inode;
+  if (!rac_owns_fd(c)) return false;
+  uint64_t inode = 0;
+  const bool told = find_inode(c->fd.load(std::memory_order_relaxed), &inode);
+  return !told || !c->inode_known || inode == c->inode;
 }
 
 void rac_disown_fd(rac_connection *c) {

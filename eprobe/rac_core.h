@@ -104,6 +104,7 @@ struct rac_connection {
   std::atomic<uint32_t> pending;  ///< requests queued and not yet carried out
   bool accept_paused;             ///< a listener in its base's `paused_listeners`, linked by `data`
   uint64_t inode;  ///< of the socket behind `fd`, to tell it from a later file of that number
+  bool inode_known;
   const void *group_next;  ///< ring of the handles of one UDP listener; NULL: alone
   rac_operate removal;     ///< the request to close, so that a removal never lacks one
 };
@@ -178,6 +179,7 @@ struct rac_core {
   std::atomic<int32_t> timer_rr;
   std::atomic<uint32_t> stop;
   std::atomic<uint32_t> exiting;
+  std::atomic<bool> wake_owed;  ///< a wake-up byte could not be sent: a worker sends it later
 
   rac_connection *free_connections GUARDED_BY(connection_mutex);
   std::atomic<uint32_t> free_connection_n;  ///< written under the mutex, as free_timer_n

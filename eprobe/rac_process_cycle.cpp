@@ -22,7 +22,8 @@ constinit thread_local rac_base *rac_this_base = nullptr;
 namespace {
 
 constexpr const char *SOURCE = "eprobe/rac_process_cycle";
-constexpr int BRAKE_MS = 10;  ///< between two waits that fail, or without a wake-up socket
+constexpr int BRAKE_MS = 10;    ///< between two waits that fail, or without a wake-up socket
+constexpr int WATCH_MS = 3000;  ///< how long the first worker waits at most
 
 int open_notify_pair(rac_base *base) {
   int pair[2];
@@ -96,8 +97,15 @@ int32_t find_wait(rac_base *base, bool waited_for) {
   if (waited_for) return 0;
   int32_t wait = rac_event_find_timer(base);
   const bool deaf = !base->notify_connection->read->active.load(std::memory_order_relaxed);
-  if (deaf && (wait < 0 || wait > BRAKE_MS)) wait = BRAKE_MS;
-  return wait;
+  const int32_t longest = deaf ? BRAKE_MS : (base->index == 0 ? WATCH_MS : -1);
+  return longest > 0 && (wait < 0 || wait > longest) ? longest : wait;
+}
+
+/// Wake-ups that could not be sent when they were due (no memory, say) would leave their workers
+/// asleep: who is awake sends them, and the first worker wakes for that by itself.
+void send_owed_wakeups(rac_core *core) {
+  if (!core->wake_owed.load(std::memory_order_relaxed) || !core->wake_owed.exchange(false)) return;
+  for (uint32_t i = 0; i < core->nbases; ++i) rac_base_notify(&core->bases[i]);
 }
 
 void end_turn(rac_base *base, uint32_t turn) {
@@ -162,6 +170,7 @@ void rac_process_events_and_timers(rac_base *base) {
   const bool waited_for = turn != base->turn_served;
   drain_requests(base);
   if (base->repair_due.load(std::memory_order_acquire)) rac_select_repair_fd_sets(base);
+  send_owed_wakeups(base->core);
   probe_resume_listeners(base);
 
   const int32_t wait = find_wait(base, waited_for);
@@ -181,8 +190,13 @@ int rac_base_notify(rac_base *base) {
   if (base == rac_this_base) return 0;
   if (base->wake_pending.exchange(true, std::memory_order_acq_rel)) return 0;
   const char byte = 0;
-  if (send(base->notify_send_fd, &byte, 1, MSG_NOSIGNAL) == 1 || errno == EAGAIN) return 0;
+  for (;;) {
+    // (EAGAIN: so many bytes are on their way that none more is needed.)
+    if (send(base->notify_send_fd, &byte, 1, MSG_NOSIGNAL) == 1 || errno == EAGAIN) return 0;
+    if (errno != EINTR) break;
+  }
   base->wake_pending.store(false, std::memory_order_release);
+  base->core->wake_owed.store(true, std::memory_order_release);
   return -1;
 }
 
