@@ -9,8 +9,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "adif/tsock.h"
 
@@ -32,33 +30,38 @@ struct interface_query {
   bool ask(unsigned long what) { return ioctl(fd, what, &request) == 0; }
 };
 
-/// One name per line before the colon, after two lines of headings.
-std::vector<std::string> names_from_proc() {
-  std::vector<std::string> names;
+/// Calls act(name) for one name per line before the colon, after two lines of headings, until it
+/// says no; how many names there were.
+template <class Act>
+int names_from_proc(Act act) {
   std::FILE *file = std::fopen("/proc/net/dev", "re");
-  if (file == nullptr) return names;
+  if (file == nullptr) return 0;
   char line[512];
+  int names = 0;
   while (std::fgets(line, sizeof line, file) != nullptr) {
-    const char *colon = std::strchr(line, ':');
+    char *const colon = std::strchr(line, ':');
     if (colon == nullptr) continue;
-    const char *begin = line + std::strspn(line, " \t");
-    names.emplace_back(begin, colon);
+    *colon = '\0';
+    ++names;
+    if (!act(line + std::strspn(line, " \t"))) break;
   }
   std::fclose(file);
   return names;
 }
 
-std::vector<std::string> names_from_kernel(int fd) {
-  std::vector<ifreq> entries(64);
+template <class Act>
+void names_from_kernel(int fd, Act act) {
+  ifreq entries[64];
   ifconf list{};
-  list.ifc_len = static_cast<int>(entries.size() * sizeof(ifreq));
-  list.ifc_req = entries.data();
-  if (ioctl(fd, SIOCGIFCONF, &list) != 0) return {};
-  entries.resize(static_cast<size_t>(list.ifc_len) / sizeof(ifreq));
-  std::vector<std::string> names;
-  for (const ifreq &entry : entries)
-    names.emplace_back(entry.ifr_name, strnlen(entry.ifr_name, sizeof entry.ifr_name));
-  return names;
+  list.ifc_len = sizeof entries;
+  list.ifc_req = entries;
+  if (ioctl(fd, SIOCGIFCONF, &list) != 0) return;
+  const size_t count = static_cast<size_t>(list.ifc_len) / sizeof(ifreq);
+  for (size_t i = 0; i < count; ++i) {
+    char name[sizeof entries[i].ifr_name + 1] = {};
+    std::memcpy(name, entries[i].ifr_name, sizeof entries[i].ifr_name);
+    if (!act(name)) return;
+  }
 }
 
 int link_of(int hardware_type, bool wireless) {
@@ -80,10 +83,11 @@ int link_of(int hardware_type, bool wireless) {
 }
 
 /// Fills one entry; false for the loopback and for an interface without an IPv4 address.
-bool describe(int fd, const std::string &name, sock_interface *entry) {
+bool describe(int fd, const char *name, sock_interface *entry) {
   *entry = {};
-  if (name.empty() || name.size() >= sizeof entry->name) return false;
-  std::memcpy(entry->name, name.c_str(), name.size() + 1);
+  const size_t length = std::strlen(name);
+  if (length == 0 || length >= sizeof entry->name) return false;
+  std::memcpy(entry->name, name, length + 1);
 
   interface_query address(fd, entry->name);
   if (!address.ask(SIOCGIFADDR)) return false;
@@ -110,13 +114,12 @@ int get_selfaddr(sock_interface *table, int capacity) {
   if (table == nullptr) return 0;
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return 0;
-  std::vector<std::string> names = names_from_proc();
-  if (names.empty()) names = names_from_kernel(fd);
   int filled = 0;
-  for (const std::string &name : names) {
-    if (filled >= capacity) break;
-    if (describe(fd, name, &table[filled])) ++filled;
-  }
+  const auto add = [&](const char *name) {
+    if (filled < capacity && describe(fd, name, &table[filled])) ++filled;
+    return filled < capacity;
+  };
+  if (names_from_proc(add) == 0) names_from_kernel(fd, add);
   close(fd);
   return filled;
 }

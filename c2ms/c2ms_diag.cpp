@@ -2,10 +2,11 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
-#include <string>
-#include <vector>
+#include <utility>
 
+#include "adif/kalloc.h"
 #include "c2ms.h"
 
 namespace c2ms {
@@ -23,7 +24,17 @@ std::mutex target_lock;
 diag_fn target = to_stdout;
 void *target_arg = nullptr;
 
-thread_local std::vector<std::string> waiting;
+struct waiting_line {
+  waiting_line *next;
+  char text[];
+};
+
+// Nothing here has a destructor: a thread's first one needs memory, and the C library ends the
+// process when there is none. Every thread delivers what it has said.
+struct waiting_lines {
+  waiting_line *first, *last;
+};
+constinit thread_local waiting_lines waiting{};
 
 bool silent() {
   const std::lock_guard lock(target_lock);
@@ -39,14 +50,21 @@ void diag(const char *format, ...) {
   va_start(arguments, format);
   std::vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
-  waiting.emplace_back(line);
+  const size_t size = std::strlen(line) + 1;
+  auto *const kept =
+      static_cast<waiting_line *>(kalloc_dbg(static_cast<int64_t>(sizeof(waiting_line) + size)));
+  if (kept == nullptr) return;  // without memory it is not said
+  kept->next = nullptr;
+  std::memcpy(kept->text, line, size);
+  (waiting.first == nullptr ? waiting.first : waiting.last->next) = kept;
+  waiting.last = kept;
 }
 
 void diag_deliver() {
-  if (waiting.empty()) return;
+  if (waiting.first == nullptr) return;
   // Taken whole first: the player's function may lead back here.
-  const std::vector<std::string> lines = std::move(waiting);
-  waiting.clear();
+  waiting_line *line = waiting.first;
+  waiting = {};
   diag_fn fn;
   void *arg;
   {
@@ -54,8 +72,10 @@ void diag_deliver() {
     fn = target;
     arg = target_arg;
   }
-  if (fn == nullptr) return;
-  for (const std::string &line : lines) fn(arg, line.c_str());
+  while (line != nullptr) {
+    if (fn != nullptr) fn(arg, line->text);
+    kfree_dbg(std::exchange(line, line->next));
+  }
 }
 
 }  // namespace c2ms

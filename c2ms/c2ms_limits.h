@@ -31,6 +31,8 @@ inline constexpr int32_t max_failed_attempts = 3;  // of a node that is no media
 inline constexpr int max_media_nodes = 8;          // of one session
 inline constexpr int wanted_media_nodes = 4;       // a session grows towards this many
 inline constexpr int max_list_entries = 4;         // of one server list
+// More than a session may hold at one time: growth, list and replacement together stay below.
+inline constexpr int snapshot_nodes = 32;
 inline constexpr uint32_t max_level = 4;
 inline constexpr uint32_t first_backoff_ms = 250;
 inline constexpr int64_t settled_us = 10'000'000;  // ready that long: the backoff starts anew

@@ -3,10 +3,9 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
-#include <memory>
 #include <thread>
-#include <vector>
 
 #include "adif/fileutil.h"
 #include "adif/kalloc.h"
@@ -59,7 +58,7 @@ int on_record(void *unit) {
   return Fn(static_cast<Record *>(unit));
 }
 
-void make_pools(c2ms_mgmt *mgmt) {
+bool make_pools(c2ms_mgmt *mgmt) {
   mgmt->unit_pool =
       make_pool(on_record<c2ms_unit, c2ms_unit_init>, on_record<c2ms_unit, c2ms_unit_free>,
                 sizeof(c2ms_unit), 8, unit_rest);
@@ -72,6 +71,8 @@ void make_pools(c2ms_mgmt *mgmt) {
   mgmt->pack_pool =
       make_pool(on_record<c2ms_pack, c2ms_pack_init>, on_record<c2ms_pack, c2ms_pack_free>,
                 sizeof(c2ms_pack), 16, pack_rest);
+  return mgmt->unit_pool != nullptr && mgmt->node_pool != nullptr && mgmt->sess_pool != nullptr &&
+         mgmt->pack_pool != nullptr;
 }
 
 void drop_pool(block_pool **pool) {
@@ -85,13 +86,15 @@ void destroy(c2ms_mgmt *mgmt) {
   kfree_dbg(mgmt);
 }
 
-void make_registries(c2ms_mgmt *mgmt) {
+bool make_registries(c2ms_mgmt *mgmt) {
   {
     const adif::Guard lock(mgmt->node_lock);
     mgmt->nodes = sk_new(nullptr);
+    if (mgmt->nodes == nullptr) return false;
   }
   const adif::Guard lock(mgmt->sess_lock);
   mgmt->sessions = sk_new(nullptr);
+  return mgmt->sessions != nullptr;
 }
 
 void free_registries(c2ms_mgmt *mgmt) {
@@ -118,23 +121,41 @@ void drop_configuration(c2ms_mgmt *mgmt) {
   conf_mgmt_cleanup(mgmt->conf);
 }
 
+c2ms_sess *first_session_after(c2ms_mgmt *mgmt, uint32_t id) {
+  const adif::Guard lock(mgmt->sess_lock);
+  for (int i = 0; i < sk_num(mgmt->sessions); ++i) {
+    auto *const sess = static_cast<c2ms_sess *>(sk_value(mgmt->sessions, i));
+    if (sess->sess_id > id) return sess;
+  }
+  return nullptr;
+}
+
 // Closing sessions refuse new calls; the waiting ones are woken and return.
 void drain_callers(c2ms_mgmt *mgmt) {
   mgmt->closing.store(true);
-  std::vector<c2ms_sess *> open;
-  {
-    const adif::Guard lock(mgmt->sess_lock);
-    for (int i = 0; i < sk_num(mgmt->sessions); ++i) {
-      open.push_back(static_cast<c2ms_sess *>(sk_value(mgmt->sessions, i)));
-    }
-  }
-  for (c2ms_sess *sess : open) {
+  uint32_t last = 0;
+  while (c2ms_sess *const sess = first_session_after(mgmt, last)) {
+    last = sess->sess_id;
     c2ms_life live = c2ms_life::live;
     sess->life.compare_exchange_strong(live, c2ms_life::closing);
     wake_waiters(sess);
     wait_idle(sess);
   }
   while (mgmt->calls.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+// Everything of a context whose engine has stopped, or has never been started.
+void free_context(c2ms_mgmt *mgmt) {
+  drop_pool(&mgmt->pack_pool);
+  drop_pool(&mgmt->unit_pool);
+  drop_pool(&mgmt->node_pool);
+  while (c2ms_sess *sess = any_session(mgmt)) c2ms_sess_free(sess);
+  while (c2ms_node *node = any_node(mgmt)) c2ms_node_free(node);
+  drop_pool(&mgmt->sess_pool);
+  free_registries(mgmt);
+  probe_cleanup(mgmt->probe);
+  drop_configuration(mgmt);
+  destroy(mgmt);
 }
 
 }  // namespace
@@ -169,8 +190,10 @@ c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_
   c2ms_mgmt_readhid(mgmt);
   if (hid != nullptr) std::memcpy(mgmt->hid, hid, 20);
 
-  make_registries(mgmt);
-  make_pools(mgmt);
+  if (!make_registries(mgmt) || !make_pools(mgmt)) {
+    free_context(mgmt);
+    return nullptr;
+  }
   for (const int number : {SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE, SIGTTIN}) signal(number, SIG_IGN);
   StartProbe(mgmt->probe, 1);
   diag_deliver();
@@ -183,17 +206,7 @@ int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
   mgmt->resolver.stop();
   mgmt->reporter.stop();
   StopProbe(mgmt->probe);
-  drop_pool(&mgmt->pack_pool);
-  drop_pool(&mgmt->unit_pool);
-  drop_pool(&mgmt->node_pool);
-  // The engine has stopped and the callers have left: nobody else is here any more.
-  while (c2ms_sess *sess = any_session(mgmt)) c2ms_sess_free(sess);
-  while (c2ms_node *node = any_node(mgmt)) c2ms_node_free(node);
-  drop_pool(&mgmt->sess_pool);
-  free_registries(mgmt);
-  probe_cleanup(mgmt->probe);
-  drop_configuration(mgmt);
-  destroy(mgmt);
+  free_context(mgmt);  // the callers have left, too: nobody else is here any more
   diag_deliver();
   return 0;
 }
@@ -206,7 +219,9 @@ int c2ms_mgmt_readconf(c2ms_mgmt *mgmt) {
     mgmt->conf = conf_mgmt_init(mgmt->conf_path);
   }
   const char *const server = conf_get_string(mgmt->conf, section, "Entry Server");
-  mgmt->entry_server = server != nullptr && *server != '\0' ? server : g_entry_server;
+  const bool configured = server != nullptr && *server != '\0';
+  std::snprintf(mgmt->entry_server.text, sizeof mgmt->entry_server.text, "%s",
+                configured ? server : g_entry_server);
   const auto seconds = [mgmt](const char *key, int32_t fallback) REQUIRES(mgmt->conf_lock) {
     return configured_seconds(mgmt->conf, key, fallback);
   };
@@ -247,7 +262,7 @@ int32_t c2ms_mem_avail(c2ms_mgmt *mgmt) {
   return static_cast<int32_t>(mem_unit_availsize(mgmt->mem));
 }
 
-std::string c2ms::entry_server(c2ms_mgmt *mgmt) {
+c2ms::host_name c2ms::entry_server(c2ms_mgmt *mgmt) {
   const adif::Guard lock(mgmt->conf_lock);
   return mgmt->entry_server;
 }

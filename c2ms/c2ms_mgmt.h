@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 #include "c2ms.h"
 #include "c2ms/c2ms_records.h"
@@ -37,7 +36,7 @@ uint32_t c2ms_unitid(c2ms_mgmt *mgmt);
 namespace c2ms {
 
 /// A copy of the configured entry server's name.
-std::string entry_server(c2ms_mgmt *mgmt);
+host_name entry_server(c2ms_mgmt *mgmt);
 
 /// What requests carry of this device. Asks the interfaces again (at most once a second) while no
 /// local address is known.

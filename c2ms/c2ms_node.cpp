@@ -154,7 +154,10 @@ c2ms_node *c2ms_node_open(c2ms_sess *session, const char *host, uint32_t ip, uin
   } else {
     inet_ntop(AF_INET, &ip, node->host, sizeof node->host);
   }
-  c2ms_sess_node_add(session, node);
+  if (c2ms_sess_node_add(session, node) != 0) {
+    c2ms_node_recycle(node);
+    return nullptr;
+  }
   c2ms_sess_server_add(session, node->host, ip, port, type);
   c2ms_node_state_to(node, C2MS_NODE_DISCONNECTED);
   return c2ms_node_connect(node) == 0 ? node : nullptr;

@@ -69,6 +69,14 @@ void reset_fields(c2ms_node *node) {
   node->download_unit = nullptr;
 }
 
+void give_back(c2ms_mgmt *mgmt, c2ms_node *node) {
+  if (mgmt->node_pool == nullptr) {
+    c2ms_node_free(node);
+  } else {
+    recycleUnit(mgmt->node_pool, node);
+  }
+}
+
 }  // namespace
 
 int c2ms_node_init(c2ms_node *node) {
@@ -93,8 +101,9 @@ c2ms_node *c2ms_node_fetch(c2ms_sess *session) {
   node->session = session;
   node->library = mgmt;
   node->node_id = c2ms_nodeid(mgmt);
-  c2ms_node_add(mgmt, node);
-  return node;
+  if (c2ms_node_add(mgmt, node) == 0) return node;
+  give_back(mgmt, node);
+  return nullptr;
 }
 
 int c2ms_node_recycle(c2ms_node *node) {
@@ -112,8 +121,7 @@ int c2ms_node_recycle(c2ms_node *node) {
   if (session->desc_count == 0) c2ms::wake_opener(session);  // was it the last one?
   node->session = nullptr;
   node->library = nullptr;
-  if (mgmt->node_pool == nullptr) return c2ms_node_free(node);
-  recycleUnit(mgmt->node_pool, node);
+  give_back(mgmt, node);
   return 0;
 }
 

@@ -3,9 +3,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 #include "c2ms/c2ms_mgmt.h"
 #include "c2ms/c2ms_node.h"
@@ -68,15 +68,16 @@ int open_body(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, control_body
 
 // Media nodes that never became ready make room for what a new list names.
 void replace_unready(c2ms_sess *session) {
-  std::vector<c2ms_node *> unready;
+  std::array<c2ms_node *, snapshot_nodes> unready;
+  size_t count = 0;
   {
     const adif::Guard lock(session->list_lock);
-    for (int i = 0; i < sk_num(session->node_list); ++i) {
+    for (int i = 0; i < sk_num(session->node_list) && count < unready.size(); ++i) {
       auto *const node = static_cast<c2ms_node *>(sk_value(session->node_list, i));
-      if (node->state < C2MS_NODE_READY) unready.push_back(node);
+      if (node->state < C2MS_NODE_READY) unready[count++] = node;
     }
   }
-  for (c2ms_node *node : unready) c2ms_node_recycle(node);
+  for (size_t i = 0; i < count; ++i) c2ms_node_recycle(unready[i]);
 }
 
 void open_listed(c2ms_sess *session, const c2ms_node *sender, const list_entry &entry) {

@@ -14,7 +14,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <string>
 
 #include "adif/bmempool.h"
 #include "adif/confile.h"
@@ -54,6 +53,11 @@ enum rank : uint8_t {
   rank_trace,
   rank_registry,
   rank_memory,
+};
+
+/// As long as a host's name can be (RFC 1035).
+struct host_name {
+  char text[256];
 };
 
 /// First member of each pooled record: tells a record whose locks exist from fresh zeroed memory.
@@ -484,7 +488,7 @@ struct c2ms_sess {
 struct c2ms_mgmt {
   // Configuration; the periods are words of their own that any thread may read.
   adif::Mutex conf_lock{c2ms::rank_registry};
-  std::string entry_server GUARDED_BY(conf_lock);
+  c2ms::host_name entry_server GUARDED_BY(conf_lock){};
   std::atomic<int32_t> build_tcp_max_time{c2ms::build_tcp_max_time_s};
   std::atomic<int32_t> conn_check_time{c2ms::conn_check_time_s};
   std::atomic<int32_t> sess_check_time{c2ms::sess_check_time_s};

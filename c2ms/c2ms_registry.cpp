@@ -34,8 +34,7 @@ int c2ms_sess_add(c2ms_mgmt *mgmt, c2ms_sess *sess) {
   if (mgmt == nullptr) return -1;
   if (sess == nullptr) return -2;
   const adif::Guard lock(mgmt->sess_lock);
-  sk_sort_insert_by(mgmt->sessions, sess, c2ms_sess_cmp_sess);
-  return 0;
+  return sk_sort_insert_by(mgmt->sessions, sess, c2ms_sess_cmp_sess) > 0 ? 0 : -3;
 }
 
 c2ms_sess *c2ms_sess_get(c2ms_mgmt *mgmt, uint32_t id) {
@@ -60,8 +59,7 @@ int c2ms_node_add(c2ms_mgmt *mgmt, c2ms_node *node) {
   if (mgmt == nullptr) return -1;
   if (node == nullptr) return -2;
   const adif::Guard lock(mgmt->node_lock);
-  sk_sort_insert_by(mgmt->nodes, node, c2ms_node_cmp_node);
-  return 0;
+  return sk_sort_insert_by(mgmt->nodes, node, c2ms_node_cmp_node) > 0 ? 0 : -3;
 }
 
 c2ms_node *c2ms_node_get(c2ms_mgmt *mgmt, uint32_t id) {

@@ -4,7 +4,6 @@
 #include <strings.h>
 
 #include <cstring>
-#include <string>
 
 #include "adif/tsock.h"
 #include "c2ms/c2ms_diag.h"
@@ -260,7 +259,7 @@ void c2ms_sess_start_check_timer(c2ms_sess *sess) {
 uint32_t c2ms::resolve_entry(c2ms_sess *sess) {
   const uint32_t address = sock_get_hostip(sess->host);
   if (address == SOCK_NO_ADDRESS) return 0;
-  return address != 0 ? address : lookup(entry_server(sess->mgmt).c_str());
+  return address != 0 ? address : lookup(entry_server(sess->mgmt).text);
 }
 
 int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
@@ -282,9 +281,11 @@ void c2ms::reopen_later(c2ms_sess *sess) {
   if (sess->lookup_pending) return;
   c2ms_mgmt *const mgmt = sess->mgmt;
   const uint32_t id = sess->sess_id;
-  sess->lookup_pending = mgmt->resolver.post([mgmt, id, host = std::string(sess->host)] {
-    uint32_t found = sock_get_hostip(host.c_str());
-    if (found == 0) found = lookup(entry_server(mgmt).c_str());
+  host_name host{};
+  std::memcpy(host.text, sess->host, sizeof sess->host);
+  sess->lookup_pending = mgmt->resolver.post([mgmt, id, host] {
+    uint32_t found = sock_get_hostip(host.text);
+    if (found == 0) found = lookup(entry_server(mgmt).text);
     c2ms_sess *const again = c2ms_sess_get(mgmt, id);
     if (again == nullptr) return;
     const StrandGuard strand(again);

@@ -164,16 +164,25 @@ void set_hid_text(c2ms_sess *sess, const uint8_t (&hid)[20]) {
   }
 }
 
-}  // namespace
+int give_back(c2ms_mgmt *mgmt, c2ms_sess *sess) {
+  return mgmt->sess_pool == nullptr ? c2ms_sess_free(sess) : recycleUnit(mgmt->sess_pool, sess);
+}
 
-c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt) {
-  if (mgmt == nullptr) return nullptr;
+c2ms_sess *take_record(c2ms_mgmt *mgmt) {
   int status = 0;
   auto *sess = static_cast<c2ms_sess *>(blockFetchUnit(mgmt->sess_pool, &status));
   if (sess == nullptr) {
     sess = static_cast<c2ms_sess *>(kzalloc_dbg(sizeof(c2ms_sess)));
-    if (c2ms_sess_init(sess) != 0) return nullptr;
+    if (sess == nullptr) return nullptr;
   }
+  // The pool hands a record out whatever its init function has said: it is asked here.
+  if (c2ms_sess_init(sess) == 0) return sess;
+  give_back(mgmt, sess);
+  return nullptr;
+}
+
+// False without memory for its place in the registry.
+bool bring_to_life(c2ms_mgmt *mgmt, c2ms_sess *sess) {
   const StrandGuard strand(sess);
   sess->mgmt = mgmt;
   sess->probe = mgmt->probe;
@@ -184,8 +193,19 @@ c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt) {
   c2ms_sess_random(sess, digest);
   std::memcpy(sess->token, digest, sizeof sess->token);
   sess->life = c2ms_life::live;
-  c2ms_sess_add(mgmt, sess);
-  return sess;
+  if (c2ms_sess_add(mgmt, sess) == 0) return true;
+  sess->life = c2ms_life::pooled;
+  return false;
+}
+
+}  // namespace
+
+c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt) {
+  if (mgmt == nullptr) return nullptr;
+  c2ms_sess *const sess = take_record(mgmt);
+  if (sess == nullptr || bring_to_life(mgmt, sess)) return sess;
+  give_back(mgmt, sess);
+  return nullptr;
 }
 
 int c2ms_sess_init(c2ms_sess *sess) {
@@ -226,8 +246,7 @@ int c2ms::recycle_session(c2ms_sess *sess, last_report report) {
     if (!unregister(sess)) return 0;
     sess->life = c2ms_life::pooled;
   }
-  if (mgmt->sess_pool == nullptr) return c2ms_sess_free(sess);
-  recycleUnit(mgmt->sess_pool, sess);
+  give_back(mgmt, sess);
   return 0;
 }
 

@@ -45,9 +45,9 @@ bool c2ms_sess_server_lists(c2ms_sess *sess, uint32_t addr, uint32_t port);
 int c2ms_sess_cmp_sess(const void *a, const void *b);
 int c2ms_sess_cmp_sessid(const void *sess, const void *key);
 
-// Registries, ordered by id. Add: 0, -1, -2. Get and delete: the object, or NULL. Any thread; what
-// is found may be gone a moment later: see "the door" in c2ms_strand.h. Deletion compares id and
-// pointer, so that an old handle never removes a record's new owner.
+// Registries, ordered by id. Add: 0, -1, -2, -3 without memory. Get and delete: the object, or
+// NULL. Any thread; what is found may be gone a moment later: see "the door" in c2ms_strand.h.
+// Deletion compares id and pointer, so that an old handle never removes a record's new owner.
 int c2ms_sess_add(c2ms_mgmt *mgmt, c2ms_sess *sess);
 c2ms_sess *c2ms_sess_get(c2ms_mgmt *mgmt, uint32_t id);
 c2ms_sess *c2ms_sess_del_by(c2ms_mgmt *mgmt, uint32_t id);

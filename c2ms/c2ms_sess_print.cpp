@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 #include <string>
 
 #include "adif/strutil.h"
@@ -30,7 +31,10 @@ __attribute__((format(printf, 2, 3))) void add(std::string *text, const char *fo
   va_start(arguments, format);
   std::vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
-  *text += line;
+  try {
+    *text += line;
+  } catch (const std::bad_alloc &) {  // without memory the dump is shorter
+  }
 }
 
 unsigned long printable(uint64_t value) {
@@ -125,15 +129,16 @@ void c2ms_sess_print(c2ms_sess *sess, FILE *out) {
   if (sess == nullptr) return;
   const CallGuard call(sess);
   if (!call) return;
-  std::string text = rule;
+  std::string text;
   {
     const StrandGuard strand(sess);
+    add(&text, "%s", rule);
     add_media(&text, sess);
     add(&text, "FastTime: %ld\n\n", static_cast<long>(c2ms_sess_fasttime(sess)));
     add_units(&text, sess);
     add_nodes(&text, sess);
   }
-  text += rule;
+  add(&text, "%s", rule);
   FILE *const stream = out != nullptr ? out : stdout;
   std::fputs(text.c_str(), stream);
   std::fflush(stream);

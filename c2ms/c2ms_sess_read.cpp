@@ -38,6 +38,8 @@ int32_t usable_buffer_size(int32_t free_bytes, int32_t pack_size) {
   return free_bytes / pack_size * pack_size;
 }
 
+constexpr int no_memory_for_packs = -5;  // as c2ms_cache_setbuf
+
 int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
   const GateGuard gate(sess, no_limit, sess->cache.load());
   // The old buffer goes back before the free size is taken.
@@ -48,6 +50,7 @@ int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
   c2ms_cache *cache = sess->cache.load();
   if (cache == nullptr) {
     cache = c2ms_cache_init(sess);
+    if (cache == nullptr) return no_memory_for_packs;
     sess->cache = cache;
   }
   const int result = c2ms_cache_setbuf(cache, static_cast<uint8_t *>(sess->cache_buf),

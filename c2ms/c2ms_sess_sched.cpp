@@ -16,9 +16,6 @@ namespace {
 
 using namespace c2ms;
 
-// More than a session may hold at one time: growth, list and replacement together stay below.
-constexpr int snapshot_nodes = 32;
-
 void sort_nodes(c2ms_sess *sess) REQUIRES(sess->list_lock) {
   if (sk_num(sess->node_list) > 1) sk_sort_by(sess->node_list, c2ms_node_cmp_node_by_perf);
 }
@@ -62,9 +59,10 @@ int c2ms_sess_node_add(c2ms_sess *sess, c2ms_node *node) {
   if (sess == nullptr) return -1;
   if (node == nullptr) return -2;
   const adif::Guard lock(sess->list_lock);
-  sk_sort_insert_by(sess->node_index, node, c2ms_node_cmp_node_by_iport);
-  if ((node->type & node_serves_media) != 0) sk_push(sess->node_list, node);
-  return 0;
+  if (sk_sort_insert_by(sess->node_index, node, c2ms_node_cmp_node_by_iport) < 1) return -3;
+  if ((node->type & node_serves_media) == 0 || sk_push(sess->node_list, node) > 0) return 0;
+  sk_delete_ptr(sess->node_index, node);
+  return -3;
 }
 
 int c2ms_sess_node_del(c2ms_sess *sess, c2ms_node *node) {

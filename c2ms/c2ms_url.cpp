@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "adif/strutil.h"
 #include "c2ms/c2ms_mgmt.h"
@@ -80,8 +79,9 @@ void hex_parameter(const c2ms_sess *sess, const char *key, uint8_t (&out)[17]) {
 uint32_t decimal_parameter(const c2ms_sess *sess, const char *key) {
   const value found = lookup(sess, key);
   if (found.text == nullptr) return 0;
-  const std::string text(found.text, static_cast<size_t>(found.length));
-  const unsigned long long number = std::strtoull(text.c_str(), nullptr, 10);
+  char text[sizeof sess->url] = {};  // a part of it
+  std::memcpy(text, found.text, std::min(static_cast<size_t>(found.length), sizeof text - 1));
+  const unsigned long long number = std::strtoull(text, nullptr, 10);
   return static_cast<uint32_t>(std::min<unsigned long long>(number, UINT32_MAX));
 }
 
@@ -112,8 +112,8 @@ int c2ms_sess_para_parse(c2ms_sess *sess) {
   if (sess->mgmt == nullptr) return -2;
   c2ms_sess_url_parse(sess);
   if (sess->host[0] == '\0') {
-    const std::string server = c2ms::entry_server(sess->mgmt);
-    set_host(sess, server.data(), server.data() + server.size());
+    const c2ms::host_name server = c2ms::entry_server(sess->mgmt);
+    set_host(sess, server.text, server.text + std::strlen(server.text));
   }
   if (sess->port == 0) sess->port = c2ms::default_port;
   hex_parameter(sess, "fid", sess->fid);

@@ -3,7 +3,8 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <system_error>
+#include <exception>
+#include <memory>
 
 namespace c2ms {
 
@@ -25,21 +26,34 @@ class BlockedSignals {
 
 }  // namespace
 
-bool Worker::post(std::function<void()> job) {
-  const std::lock_guard lock(mutex_);
-  if (stopped_) return false;
-  if (!thread_.joinable()) {
-    const BlockedSignals blocked;
-    try {
-      thread_ = std::thread([this] { run(); });
-    } catch (const std::system_error &) {
-      return false;
-    }
-    pthread_setname_np(thread_.native_handle(), name_);
+// With the lock held.
+bool Worker::has_thread() {
+  if (thread_.joinable()) return true;
+  const BlockedSignals blocked;
+  try {
+    thread_ = std::thread([this] { run(); });
+  } catch (const std::exception &) {  // no thread, or no memory for one
+    return false;
   }
-  jobs_.push_back(std::move(job));
+  pthread_setname_np(thread_.native_handle(), name_);
+  return true;
+}
+
+bool Worker::push(Job *job) {
+  std::unique_ptr<Job> refused(job);
+  const std::lock_guard lock(mutex_);
+  if (job == nullptr || stopped_ || !has_thread()) return false;
+  (first_ == nullptr ? first_ : last_->next) = job;
+  last_ = refused.release();
   changed_.notify_one();
   return true;
+}
+
+// With the lock held.
+Worker::Job *Worker::take_first() {
+  Job *const job = first_;
+  if (job != nullptr) first_ = job->next;
+  return job;
 }
 
 void Worker::stop() {
@@ -47,7 +61,7 @@ void Worker::stop() {
   {
     const std::lock_guard lock(mutex_);
     stopped_ = true;
-    jobs_.clear();
+    while (Job *const job = take_first()) delete job;
     ending.swap(thread_);
     changed_.notify_one();
   }
@@ -57,12 +71,11 @@ void Worker::stop() {
 void Worker::run() {
   std::unique_lock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return stopped_ || !jobs_.empty(); });
+    changed_.wait(lock, [this] { return stopped_ || first_ != nullptr; });
     if (stopped_) return;
-    const std::function<void()> job = std::move(jobs_.front());
-    jobs_.pop_front();
+    const std::unique_ptr<Job> job(take_first());
     lock.unlock();
-    job();
+    job->run();
     lock.lock();
   }
 }

@@ -3,10 +3,10 @@
 #pragma once
 
 #include <condition_variable>
-#include <deque>
-#include <functional>
 #include <mutex>
+#include <new>
 #include <thread>
+#include <utility>
 
 namespace c2ms {
 
@@ -17,20 +17,39 @@ class Worker {
   Worker(const Worker &) = delete;
   Worker &operator=(const Worker &) = delete;
 
-  /// Queues a job; jobs run one after another. False: stopped, or no thread could be started. Any
-  /// thread.
-  bool post(std::function<void()> job);
+  /// Queues a job; jobs run one after another. False: stopped, or memory or a thread can't be had.
+  /// Any thread. A job's copy must not throw.
+  template <class Work>
+  bool post(Work work) {
+    return push(new (std::nothrow) JobOf<Work>(std::move(work)));
+  }
 
   /// Waits for the running job, drops the others and ends the thread. Later posts are refused.
   void stop();
 
  private:
+  struct Job {
+    virtual ~Job() = default;
+    virtual void run() = 0;
+    Job *next = nullptr;
+  };
+  template <class Work>
+  struct JobOf : Job {
+    explicit JobOf(Work &&given) : work(std::move(given)) {}
+    void run() override { work(); }
+    Work work;
+  };
+
+  bool push(Job *job);
+  bool has_thread();
+  Job *take_first();
   void run();
 
   const char *const name_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<std::function<void()>> jobs_;
+  Job *first_ = nullptr;
+  Job *last_ = nullptr;
   std::thread thread_;
   bool stopped_ = false;
 };

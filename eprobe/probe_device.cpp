@@ -5,8 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
-#include <vector>
 
 #include "adif/check.h"
 #include "adif/tsock.h"
@@ -63,10 +63,14 @@ rac_connection *hand_over(rac_core *core, rac_connection *c, rac_op op, int *res
   return handle;
 }
 
+struct udp_group {
+  std::array<rac_connection *, PROBE_MAX_THREADS> members;
+  uint32_t count = 0;
+};
+
 /// One device per base, each on a descriptor of its own for the one socket: descriptor and slot
-/// then go together as everywhere else. Empty, with all given back, if one cannot be made.
-std::vector<rac_connection *> make_udp_group(rac_core *core, int fd, const owner &who) {
-  std::vector<rac_connection *> group;
+/// then go together as everywhere else. False, with all given back, if one cannot be made.
+bool make_udp_group(rac_core *core, int fd, const owner &who, udp_group *group) {
   for (uint32_t i = 0; i < core->nbases; ++i) {
     const bool last = i + 1 == core->nbases;
     const int member_fd = last ? fd : fcntl(fd, F_DUPFD_CLOEXEC, 1);
@@ -74,15 +78,16 @@ std::vector<rac_connection *> make_udp_group(rac_core *core, int fd, const owner
         member_fd < 0 ? nullptr : make_device(core, member_fd, PROBE_UDP_SERVER, who);
     if (c == nullptr) {
       if (!last) close(fd);
-      for (rac_connection *member : group) rac_close_connection(core, member);
-      return {};
+      for (uint32_t made = 0; made < group->count; ++made)
+        rac_close_connection(core, group->members[made]);
+      return false;
     }
     c->read->handler = process_read_event;
-    group.push_back(c);
+    group->members[group->count++] = c;
   }
-  for (size_t i = 0; i < group.size(); ++i)
-    group[i]->group_next = rac_handle_of(group[(i + 1) % group.size()]);
-  return group;
+  for (uint32_t i = 0; i < group->count; ++i)
+    group->members[i]->group_next = rac_handle_of(group->members[(i + 1) % group->count]);
+  return true;
 }
 
 /// A connection under way that no base has yet.
@@ -158,16 +163,17 @@ rac_connection *ListenUDP3(rac_core *core, const void *address, uint16_t port, u
   const int fd = udp_server_create(address != nullptr ? &local : nullptr, port);
   if (fd == -1) return nullptr;
   set_socket_nonblocking(fd);
-  const auto group = make_udp_group(core, fd, {para, handler, arg});
-  if (group.empty()) return nullptr;
+  udp_group group;
+  if (!make_udp_group(core, fd, {para, handler, arg}, &group)) return nullptr;
   core->nconn_active.fetch_add(core->nbases, std::memory_order_relaxed);
 
-  rac_connection *handle = rac_handle_of(group.back());
-  for (size_t i = 0; i < group.size(); ++i) {
-    if (rac_dispatch_to(&core->bases[i], group[i], RAC_OP_ADD_READ) == 0) continue;
+  const auto &members = group.members;
+  rac_connection *handle = rac_handle_of(members[group.count - 1]);
+  for (uint32_t i = 0; i < group.count; ++i) {
+    if (rac_dispatch_to(&core->bases[i], members[i], RAC_OP_ADD_READ) == 0) continue;
     // Those that a base has are removed by it, the others are still ours alone.
-    for (size_t own = i; own < group.size(); ++own) rac_close_connection(core, group[own]);
-    for (size_t given = 0; given < i; ++given) RemoveDevice(rac_handle_of(group[given]));
+    for (uint32_t own = i; own < group.count; ++own) rac_close_connection(core, members[own]);
+    for (uint32_t given = 0; given < i; ++given) RemoveDevice(rac_handle_of(members[given]));
     return nullptr;
   }
   set_result(result, 0);

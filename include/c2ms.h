@@ -176,8 +176,9 @@ C2MS_API int32_t c2ms_sess_pack_size(c2ms_sess *sess, int32_t wanted);
  * packs of pack_size bytes (raised to 4096). To share the memory between sessions, give the first a
  * pack size that leaves a rest. May be called again; a former cache is given back first. No file is
  * selected afterwards: c2ms_sess_range or c2ms_sess_set_media does that. Waits for a read in
- * progress to end. 0; -1 NULL; -2 no memory is left; -3, -4 less than one pack is left;
- * C2MS_CLOSED. */
+ * progress to end. 0; -1 NULL; -2 no memory is left; -3, -4 less than one pack is left; -5 no heap
+ * memory for what describes the packs; C2MS_CLOSED. After -5 there is no pack; the call may be
+ * repeated. */
 C2MS_API int c2ms_sess_cache_init(c2ms_sess *sess, int32_t pack_size);
 
 /* Selects what reads deliver: which 0 the media, any other value its index file; size bytes from
