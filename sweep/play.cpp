@@ -1,0 +1,283 @@
+#include "play.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "aftermath.h"
+#include "c2ms/c2ms_mgmt.h"
+#include "c2ms/c2ms_records.h"
+
+namespace sweep {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr double slack = 4;
+#else
+constexpr double slack = 1;
+#endif
+constexpr double failing_s = 0.7;         // failures "for good" end so long after the first
+constexpr double recovery_s = 8 * slack;  // within which reads must go on then
+constexpr int32_t wanted_pack = 8192;
+
+/// Ends failures that go on: as a device recovers while calls wait in the library.
+class Referee {
+ public:
+  Referee() : thread_([this] { run(); }) {}
+  ~Referee() {
+    over_ = true;
+    thread_.join();
+  }
+  Referee(const Referee &) = delete;
+  Referee &operator=(const Referee &) = delete;
+
+ private:
+  void run() {
+    while (!over_) {
+      if (plan::active() && plan::since_first() > failing_s) plan::stop();
+      std::this_thread::sleep_for(milliseconds(5));
+    }
+  }
+  std::atomic<bool> over_{false};
+  std::thread thread_;
+};
+
+/// Results that a step may give while something fails.
+struct Errors {
+  int32_t codes[8];
+  bool has(int32_t code) const {
+    return std::find(std::begin(codes), std::end(codes), code) != std::end(codes);
+  }
+};
+constexpr Errors no_errors{};
+constexpr Errors open_errors{{C2MS_NO_MEMORY, C2MS_ENTRY_UNAVAILABLE, C2MS_OPEN_TIMEOUT}};
+constexpr Errors cache_errors{{-2, -5}};
+constexpr Errors index_errors{{-200, -201, -350, C2MS_NO_MEMORY}};
+
+class Play {
+ public:
+  Play(Report &report, const Media &media, script which)
+      : report_(report), media_(media), which_(which) {}
+  ~Play() { stop(); }
+  Play(const Play &) = delete;
+  Play &operator=(const Play &) = delete;
+
+  void run();
+
+ private:
+  template <class Act>
+  int in_library(const char *name, Act act);
+  template <class Act>
+  bool step(const char *name, const Errors &allowed, Act act);
+  bool start();
+  bool open();
+  bool set_up();
+  bool open_index();
+  bool open_index_in_steps();
+  bool read(uint64_t from, uint64_t to, bool waits);
+  void close();
+  void stop();
+  bool failures_possible() const { return plan::injected() > 0; }
+
+  Report &report_;
+  const Media &media_;
+  const script which_;
+  c2ms_mgmt *mgmt_ = nullptr;
+  c2ms_sess *sess_ = nullptr;
+  chaos::Idle idle_;
+};
+
+template <class Act>
+int Play::in_library(const char *name, Act act) {
+  report_.doing = name;
+  const plan::Exempt counted(false);
+  return act();
+}
+
+/// An error that the step may give while something fails ends the failures; then it must succeed.
+template <class Act>
+bool Play::step(const char *name, const Errors &allowed, Act act) {
+  int result = in_library(name, act);
+  if (result >= 0) return true;
+  const bool excused = failures_possible() && allowed.has(result);
+  report_.said(name, result);
+  plan::stop();
+  if (!excused) report_.find("%s gave %d", name, result);
+  result = in_library(name, act);
+  if (result < 0) report_.find("%s gave %d when nothing failed any more", name, result);
+  return excused && result >= 0;
+}
+
+bool Play::start() {
+  // Without a library: no memory.
+  const bool started = step("start", Errors{{-1}}, [this] {
+    mgmt_ = c2ms_mgmt_init(configuration(), 1, 0, nullptr, 0);
+    return mgmt_ != nullptr ? 0 : -1;
+  });
+  if (!started) return false;
+  shorten_periods(mgmt_);
+  idle_ = chaos::idle_of(mgmt_);
+  return true;
+}
+
+bool Play::open() {
+  const std::string url = which_ == script::play ? named(media_.url) : media_.url;
+  return step("open", open_errors, [&] {
+    int32_t error = 0;
+    sess_ = c2ms_sess_open(mgmt_, url.c_str(), &error);
+    return sess_ != nullptr ? 0 : error;
+  });
+}
+
+bool Play::set_up() {
+  uint64_t size = 0;
+  c2ms_sess_attr(sess_, nullptr, nullptr, &size, nullptr);
+  if (size != media_.bytes.size()) report_.find("the size is wrong");
+  return step("cache", cache_errors,
+              [this] {
+                return c2ms_sess_cache_init(sess_, c2ms_sess_pack_size(sess_, wanted_pack));
+              }) &&
+         step("range", no_errors,
+              [this] { return c2ms_sess_range(sess_, 0, media_.bytes.size()); });
+}
+
+bool Play::open_index_in_steps() {
+  const auto begin = clock::now();
+  for (;;) {
+    const int result =
+        in_library("index", [this] { return c2ms_sess_idx_open_asyn(sess_, nullptr); });
+    if (result >= 0) return true;
+    if (result != C2MS_CACHING) {
+      report_.said("index", result);
+      plan::stop();
+      if (!failures_possible() || !index_errors.has(result)) {
+        report_.find("index gave %d", result);
+        return false;
+      }
+    }
+    if (std::chrono::duration<double>(clock::now() - begin).count() > failing_s + recovery_s) {
+      report_.find("the index does not come");
+      return false;
+    }
+    std::this_thread::sleep_for(milliseconds(2));
+  }
+}
+
+bool Play::open_index() {
+  if (which_ == script::play) return true;
+  const bool opened =
+      which_ == script::steps
+          ? open_index_in_steps()
+          : step("index", index_errors, [this] { return c2ms_sess_idx_open(sess_, nullptr); });
+  if (!opened) return false;
+  const uint64_t length = media_.bytes.size() - media_.moov_at;
+  uint64_t offset = 0;
+  c2ms_sess_idx_offset(sess_, &offset);
+  if (offset != media_.moov_at || c2ms_sess_idx_size(sess_) != length)
+    report_.find("the index lies elsewhere");
+  return true;
+}
+
+/// Exact bytes from `from` to `to`, in the time that a recovery may take.
+bool Play::read(uint64_t from, uint64_t to, bool waits) {
+  static uint8_t buffer[50'000];
+  if (in_library("seek", [&] { return c2ms_sess_seek(sess_, from); }) != 0) {
+    report_.find("a seek failed");
+    return false;
+  }
+  const auto begin = clock::now();
+  for (uint64_t at = from; at < to;) {
+    mgmt_->sess_check_time = 1;  // the first attempt to report makes it longer
+    const auto length = static_cast<int32_t>(std::min<uint64_t>(sizeof buffer, to - at));
+    const int n = in_library("read", [&] {
+      return waits ? c2ms_sess_read(sess_, buffer, length, 0)
+                   : c2ms_sess_recv(sess_, buffer, length, 50);
+    });
+    if (n < 0 || n > length || (waits && n == 0)) {
+      report_.find("a read of %d at %llu gave %d", length, static_cast<unsigned long long>(at), n);
+      return false;
+    }
+    if (std::memcmp(buffer, media_.bytes.data() + at, static_cast<size_t>(n)) != 0) {
+      report_.find("wrong bytes at %llu", static_cast<unsigned long long>(at));
+      return false;
+    }
+    at += static_cast<uint64_t>(n);
+    const double took = std::chrono::duration<double>(clock::now() - begin).count();
+    if (took > 2 + failing_s + recovery_s) {
+      report_.find("no bytes at %llu", static_cast<unsigned long long>(at));
+      return false;
+    }
+  }
+  return true;
+}
+
+void Play::close() {
+  if (sess_ == nullptr) return;
+  const int result = in_library("close", [this] { return c2ms_sess_close(sess_); });
+  if (result != 0) report_.find("close gave %d", result);
+  sess_ = nullptr;
+}
+
+void Play::stop() {
+  close();
+  if (mgmt_ == nullptr) return;
+  report_.doing = "aftermath";
+  chaos::Findings findings;
+  chaos::check_idle(findings, mgmt_, idle_);
+  for (const std::string &line : findings.lines()) report_.find("%s", line.c_str());
+  in_library("stop", [this] { return c2ms_mgmt_clean(mgmt_); });
+  mgmt_ = nullptr;
+}
+
+void Play::run() {
+  if (!start() || !open() || !set_up() || !open_index()) return;
+  const uint64_t size = media_.bytes.size();
+  const uint64_t middle = size * 2 / 5;
+  if (!read(0, middle, true) || !read(size * 3 / 5, size, false) || !read(middle, size / 2, true))
+    return;
+  close();
+}
+
+}  // namespace
+
+void shorten_periods(c2ms_mgmt *mgmt) {
+  mgmt->build_tcp_max_time = 1;
+  mgmt->conn_check_time = 1;
+  mgmt->sess_check_time = 1;
+  mgmt->report_waits = {.ping_ms = 50, .reply_ms = 50, .connect_ms = 50, .send_ms = 50};
+  // Nobody is there; and who is on the loopback's first address is not ours.
+  mgmt->agent_ip = mgmt->perf_server_ip = inet_addr("127.66.66.66");
+}
+
+double run_play(Report &report, World &world, script which, const std::function<void()> &arm) {
+  if (!world.start()) report.find("no server");
+  const Media &media = which == script::play ? world.film : world.movie;
+  const chaos::Holdings before = chaos::holdings_now();
+  double took = 0;
+  {
+    const Referee referee;
+    arm();
+    const auto begin = clock::now();
+    Play(report, media, which).run();
+    took = std::chrono::duration<double>(clock::now() - begin).count();
+  }
+  plan::stop();
+  report.take_counts();
+  report.doing = "the play after";
+  Play(report, media, which).run();
+  chaos::Findings findings;
+  chaos::check_gone(findings, before);
+  for (const std::string &line : findings.lines()) report.find("%s", line.c_str());
+  world.server.stop();
+  return took;
+}
+
+}  // namespace sweep
