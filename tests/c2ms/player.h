@@ -177,6 +177,11 @@ inline c2ms_stats stats_of(const Film &film) {
   return s;
 }
 
+/// A reader of the film is about to sleep, or sleeps, for bytes that are not there.
+inline bool reader_waits(const Film &film) {
+  return eventually([&] { return film.get()->cache_record.need_index >= 0; });
+}
+
 /// Nothing is left over of the library's sessions but pooled memory.
 inline void expect_pools_at_rest(c2ms_mgmt *mgmt) {
   for (block_pool *pool : {mgmt->sess_pool, mgmt->node_pool, mgmt->unit_pool, mgmt->pack_pool}) {

@@ -531,43 +531,12 @@ TEST(Index, OpenEndsWithoutServers) {
     ASSERT_EQ(c2ms_sess_cancel(movie.sess, 0), 0);
     EXPECT_EQ(c2ms_sess_idx_open_asyn(movie.sess, nullptr), C2MS_CACHING);
     std::thread waiting([&] { EXPECT_EQ(c2ms_sess_idx_open(movie.sess, nullptr), C2MS_CLOSED); });
-    std::this_thread::sleep_for(200ms);
+    EXPECT_TRUE(reader_waits(*movie.film));
     const auto ending = clock::now();
     close ? movie.film->close() : static_cast<void>(c2ms_sess_cancel(movie.sess, 1));
     waiting.join();
     EXPECT_LT(seconds_since(ending), 2.0);
   }
-}
-
-TEST(Index, OtherThreadsLookAndSeekMeanwhile) {
-  Movie movie(ftyp() + box("mdat", noise(300'000)) + moov(90'000));
-  movie.open_indexed();
-  std::atomic<bool> done{false};
-  std::thread other([&] {
-    std::mt19937 random(1);
-    while (!done) {
-      int32_t ratio;
-      c2ms_sess_bufratio(movie.sess, &ratio);
-      c2ms_sess_seek(movie.sess, random() % 390'000);
-      c2ms_sess_is_in_idx(movie.sess, 350'000);
-      c2ms_sess_idx_read(movie.sess, &ratio, 4, 0);
-      std::this_thread::sleep_for(1ms);
-    }
-  });
-  std::vector<char> buf(50'000);
-  for (int i = 0; i < 30; ++i) {
-    if (i % 2 == 0) {
-      c2ms_sess_idx_open(movie.sess, nullptr);  // whatever it gives: the seeks disturb it
-    } else {
-      for (int k = 0; k < 20; ++k) c2ms_sess_idx_open_asyn(movie.sess, nullptr);
-    }
-    for (int k = 0; k < 5; ++k) c2ms_sess_recv(movie.sess, buf.data(), 50'000, 20);
-    c2ms_sess_idx_close(movie.sess);
-  }
-  done = true;
-  other.join();
-  ASSERT_EQ(c2ms_sess_idx_open(movie.sess, nullptr), 0);
-  EXPECT_TRUE(movie.play(0, 10'000, false));
 }
 
 }  // namespace

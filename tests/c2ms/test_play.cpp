@@ -139,7 +139,11 @@ TEST_F(Playing, IdlePlayersAreCheap) {
   int32_t ratio = 0;
   ASSERT_TRUE(
       eventually([&] { return c2ms_sess_bufratio(film->get(), &ratio) == 0 && ratio == 100; }));
-  std::this_thread::sleep_for(200ms);  // the rest of the ring fills
+  const auto full = [&] {
+    const c2ms_stats s = stats_of(*film);
+    return s.buffered_bytes == s.ring_end - s.ring_begin;
+  };
+  ASSERT_TRUE(eventually(full));
   double before = processor_seconds();
   std::this_thread::sleep_for(3s);
   EXPECT_LT(processor_seconds() - before, 0.02 * 3 * slack) << "paused";

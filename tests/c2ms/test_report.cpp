@@ -220,11 +220,11 @@ TEST_F(Reporting, AgentsRefusalEndsReading) {
     std::atomic<int> waited{0};
     std::thread reader(
         [&] { waited = c2ms_sess_read(play.get(), nullptr, static_cast<int32_t>(size), 0); });
-    std::this_thread::sleep_for(100ms);  // the reader waits
+    EXPECT_TRUE(reader_waits(play));
     check(play.get());
     const auto refused = clock::now();
     reader.join();
-    EXPECT_LT(seconds_since(refused), 1.0);
+    EXPECT_LT(seconds_since(refused), 1.0 * slack);
     EXPECT_EQ(waited, code);
     const auto before = server->totals().payload_sent;
     for (int node = 0; node < 2; ++node) server->set_rate(node, 0);
@@ -240,7 +240,7 @@ TEST_F(Reporting, AgentsRefusalEndsReading) {
 TEST_F(Reporting, ClosedBeforeTheFirstCheck) {
   const auto begin = clock::now();
   { const Film play(*library, *server, id); }
-  EXPECT_LT(seconds_since(begin), 1.0);
+  EXPECT_LT(seconds_since(begin), 1.0 * slack);
   EXPECT_TRUE(eventually([&] { return service.messages().size() == 5; }));
   EXPECT_EQ(service.story(report_channel::agent), "ping, play_begin, play_end");
   EXPECT_EQ(service.story(report_channel::performance), "play_begin, play_end");
@@ -278,7 +278,7 @@ TEST_F(Reporting, ClosedDuringEachWait) {
     std::this_thread::sleep_for(std::chrono::milliseconds(after_ms));
     const auto begin = clock::now();
     play.close();
-    EXPECT_LT(seconds_since(begin), 2.0);
+    EXPECT_LT(seconds_since(begin), 2.0 * slack);
     for (const auto channel : {report_channel::agent, report_channel::performance}) {
       EXPECT_TRUE(eventually([&] { return count(channel, 258) == 1; }));
       EXPECT_EQ(count(channel, 257), 1u);
@@ -313,7 +313,7 @@ TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
     const auto begin = clock::now();
     const size_t before = service.messages().size();
     other.clean();
-    EXPECT_LT(seconds_since(begin), 2.0);
+    EXPECT_LT(seconds_since(begin), 2.0 * slack);
     closer.join();
     EXPECT_EQ(service.messages().size(), before);
     for (const auto &play : films) play->forget();
@@ -322,21 +322,18 @@ TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
 
 // With agent and report server both silent for all of their time, the player notices nothing.
 TEST_F(Reporting, SilenceDoesNotDisturbPlaying) {
-  refserver::media_server four({.nodes = 4});
-  const auto film_id = four.add_generated("film.mp4", 50'000'001);
-  ASSERT_TRUE(four.start());
   point(*library, {});
   library->get()->sess_check_time = 1;
   silence();
-  Film play(*library, four, film_id, 65536);
+  Film play(*library, *server, id, 65536);
   std::vector<uint8_t> first(65536);
   ASSERT_EQ(c2ms_sess_read(play.get(), first.data(), 65536, 0), 65536);  // playing has begun
   const auto paced = [](c2ms_sess *sess, void *buf, int32_t len) {
-    std::this_thread::sleep_for(15ms);
+    std::this_thread::sleep_for(25ms);
     return c2ms_sess_read(sess, buf, len, 0);
   };
   EXPECT_TRUE(play.play(65536, play.size(), 65536, paced));
-  EXPECT_LT(play.longest_wait, 0.1);
+  EXPECT_LT(play.longest_wait, 1.0) << "the shortest wait for an answer is 2 s";
   EXPECT_EQ(service.story(), "performance play_begin, agent ping");
   EXPECT_EQ(play.get()->auth_state, 255);
 }

@@ -123,7 +123,7 @@ TEST_F(Statistics, OfAPlainPlay) {
 
 TEST_F(Statistics, WaitsByTheirCause) {
   start(60'000'001, {}, 0);
-  on_all([&](int node) { server->set_delay(node, 150); });
+  on_all([&](int node) { server->set_delay(node, 300); });
   film = std::make_unique<Film>(*library, *server, id, 262'144);
   const auto read = [&](uint64_t pos, int32_t len, int32_t budget_ms) {
     c2ms_sess_seek(film->get(), pos);
@@ -140,11 +140,12 @@ TEST_F(Statistics, WaitsByTheirCause) {
   c2ms_sess_recv(film->get(), nullptr, 10'000'000, 20'000);
   EXPECT_GE(stats_of(*film).wait_late.count, 1u);
   EXPECT_EQ(stats_of(*film).wait_seek.count, 2u);
+  on_all([&](int node) { server->set_fault(node, {.kind = fault_kind::mute}); });
   std::thread canceller([&] {
+    EXPECT_TRUE(reader_waits(*film));
     std::this_thread::sleep_for(60ms);
     c2ms_sess_cancel(film->get(), 1);
   });
-  on_all([&](int node) { server->set_fault(node, {.kind = fault_kind::mute}); });
   read(50'000'000, 1000, 10'000);
   canceller.join();
   EXPECT_EQ(stats_of(*film).wait_cancelled.count, 1u);

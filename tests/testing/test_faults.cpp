@@ -125,7 +125,7 @@ TEST(Faults, ChangeTheOrderedResponseOnly) {
     EXPECT_EQ(f.ask(row.command, third), plain);
     EXPECT_EQ(f.server.injected(entry_server, order.kind), before + 1);
   }
-  // The rest is a matter of connections, of time or of ciphers and has tests below.
+  // The rest is a matter of connections (below), or of ciphers, which the library is played on.
   seen.insert({fault_kind::refuse, fault_kind::drop_accepted, fault_kind::down,
                fault_kind::cipher_garbage, fault_kind::cipher_length});
   for (const fault_info &info : fault_table())
