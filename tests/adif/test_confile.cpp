@@ -8,7 +8,6 @@
 
 #include "../support.h"
 #include "adif/confile.h"
-#include "adif/kalloc.h"
 #include "adif/profile.h"
 
 namespace {
@@ -186,14 +185,6 @@ TEST_F(Confile, WithoutAProfileEverythingIsMissing) {
   EXPECT_EQ(conf_mgmt_save(c, path_.c_str()), -1);
   EXPECT_EQ(conf_mgmt_read(c, nullptr) + conf_mgmt_read(nullptr, path_.c_str()), -2);
   EXPECT_EQ(conf_mgmt_read(c, (folder_ / "missing").c_str()) + conf_mgmt_cleanup(nullptr), 0);
-}
-
-TEST(ProfileDeathTest, WithoutMemoryTheProcessEnds) {
-  const auto parse_without_memory = [] {
-    adif::fail_allocations(3);
-    parse("a=1\n");
-  };
-  EXPECT_EXIT(parse_without_memory(), testing::ExitedWithCode(1), "");
 }
 
 }  // namespace

@@ -45,6 +45,22 @@ TEST_F(Life, CyclesLeaveNothingBehind) {
   EXPECT_TRUE(eventually([&] { return core->free_timer_n == core->timer_n; }));
 }
 
+TEST_F(Life, ManyLibrariesOneAfterAnother) {
+  const auto run = [&](int i) {
+    library = std::make_unique<Library>();
+    film = std::make_unique<Film>(*library, *server, id, 8192);
+    ASSERT_TRUE(film->play(0, 100'000, 10'000, Film::blocking));
+    if (i % 2 == 0) film->close();  // otherwise the library goes with its session open
+    library->clean();
+    film->forget();
+    EXPECT_TRUE(eventually([&] { return server->totals().open == 0; }));
+  };
+  run(0);
+  const int descriptors = open_descriptors();
+  for (int i = 0; i < 20 && !HasFatalFailure(); ++i) run(i);
+  EXPECT_LE(open_descriptors(), descriptors);
+}
+
 // A reader that waits for bytes that will not come.
 class Blocked : public Life {
  protected:

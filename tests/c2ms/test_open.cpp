@@ -85,6 +85,18 @@ TEST(Opening, UrlsAreTakenApart) {
   EXPECT_EQ(sess->port, 3528u);
 }
 
+TEST(Opening, EntryServersThatCannotBeReached) {
+  const Library library;
+  const int listener = tcp_server_create("127.0.0.1", 0);
+  const std::string port = std::to_string(port_of(listener));
+  close(listener);  // a port that refuses
+  for (const std::string &host : {"127.0.0.1:" + port, std::string("300.1.1.1")}) {
+    const auto begin = clock::now();
+    EXPECT_EQ(open_error(library.get(), "kesp://" + host + "/film?fid=01"), C2MS_ENTRY_UNAVAILABLE);
+    EXPECT_LT(seconds_since(begin), 1.5) << host;
+  }
+}
+
 TEST(Opening, RefusalsAndListsHaveTheirCodes) {
   using enum refserver::fault_kind;
   const struct {
