@@ -89,11 +89,16 @@ TEST(Life, StopFromACallbackEndsAWaitingStart) {
     Counter timer, again;
     timer.core = probe_create(2);
     StartTimer2(timer.core, 20, 0, 0, Counter::stop_probe, &timer);
-    std::thread second;
-    if (nowait == 0) second = std::thread([&] { StartProbe(timer.core, 0); });
+    std::atomic<bool> back{false};
+    std::thread second([&] {
+      if (nowait == 0) StartProbe(timer.core, 0);
+      back = true;
+    });
     EXPECT_EQ(StartProbe(timer.core, nowait), 0);
     EXPECT_TRUE(eventually([&] { return timer.calls == 1; }));
-    if (second.joinable()) second.join();
+    // Does nothing, unless the second start came after the callback's stop and began another run.
+    EXPECT_TRUE(eventually([&] { return StopProbe(timer.core) == 0 && back; }));
+    second.join();
     EXPECT_EQ(timer.result, -2) << "a callback cannot wait for itself";
     StartProbe(timer.core, 1);
     StartTimer2(timer.core, 1, 0, 0, Counter::count_timer, &again);
