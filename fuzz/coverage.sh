@@ -30,10 +30,10 @@ llvm-cov report "${objects[@]:1}" -instr-profile="$build/fuzz.profdata" -show-br
     index(parsers, " " $1 " ") {
       branches += $(NF - 2)
       missed += $(NF - 1)
-      printf "%-28s lines %7s  branches %7s of %4d\n", $1, $10, $NF, $(NF - 2)
+      printf "%-30s lines %7s  branches %7s of %4d\n", $1, $10, $NF, $(NF - 2)
     }
     END {
       reached = 100 * (1 - missed / branches)
-      printf "%-28s %32.2f%% of %4d\n", "all", reached, branches
+      printf "%-30s %32.2f%% of %4d\n", "all", reached, branches
       exit reached < least
     }'
