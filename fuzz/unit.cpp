@@ -160,12 +160,11 @@ class play {
   void issue() {
     c2ms_cache *const cache = w_.cache();
     const auto size = static_cast<uint64_t>(w_.size);
-    const uint64_t whole = scene_ & empty_pack ? 0 : size;
     c2ms_cache_setfile(cache, w_.sess->fid, 0, size * 10 + 1, 0, true);
     pack_ = static_cast<c2ms_pack *>(sk_value(cache->packs, 0));
     require(c2ms_cache_download_pack(cache, pack_) == 0);
     unit_ = take_unit(w_);
-    if (whole == 0) {  // as the last pack of a file whose size the packs divide
+    if (scene_ & empty_pack) {  // as the last pack of a file whose size the packs divide
       const adif::Guard lock(pack_->lock);
       pack_->size = 0;
       unit_->range_length = 0;
