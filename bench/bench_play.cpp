@@ -30,6 +30,7 @@ constexpr section sections[] = {
     {"rest", bench::bench_rest},
     {"memory", bench::bench_memory},
     {"index", bench::bench_index},
+    {"places", bench::bench_places},
 };
 
 int usage() {
@@ -75,5 +76,6 @@ int main(int argc, char **argv) {
     if (wanted(names, s.name)) s.run(e, found);
   }
   if (!json.empty() && !found.write_json(json)) return 1;
-  return svg.empty() || found.write_svg(svg) ? 0 : 1;
+  if (!svg.empty() && !found.write_svg(svg)) return 1;
+  return found.failed() ? 1 : 0;
 }

@@ -43,7 +43,6 @@ figures run_play(const play_options &options) {
   play p(options.file->url(), options.ring_bytes);
   std::vector<char> out(static_cast<size_t>(options.read_bytes));
   p.cache(options.pack_bytes, options.nodes);
-  c2ms_sess_trace(p.session(), options.trace_events);
   const auto start = steady::now();
   const double cpu = cpu_seconds();
   p.select_media();

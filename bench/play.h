@@ -36,7 +36,6 @@ struct play_options {
   int pack_bytes;
   int ring_bytes;
   int read_bytes;
-  int trace_events = 0;  ///< room of the recorder; 0: off
 };
 
 /// Reads the whole file in pieces of read_bytes. Figures: seconds, cpu, bytes.

@@ -46,6 +46,11 @@ void results::note(const std::string &text) {
   notes_.push_back(text);
 }
 
+void results::fail(const std::string &text) {
+  failed_ = true;
+  note("WRONG: " + text);
+}
+
 bool results::write_json(const std::string &path) const {
   const file out = open_file(path);
   if (out == nullptr) return false;

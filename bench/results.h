@@ -26,12 +26,16 @@ class results {
   void add(const finding &f);  ///< prints its line too
   /// Lines of text that belong to no ratio.
   void note(const std::string &text);
+  /// Something that is wrong on any machine, however slow.
+  void fail(const std::string &text);
+  bool failed() const { return failed_; }
   bool write_json(const std::string &path) const;
   bool write_svg(const std::string &path) const;
 
  private:
   std::vector<finding> all_;
   std::vector<std::string> notes_;
+  bool failed_ = false;
 };
 
 }  // namespace bench

@@ -35,5 +35,7 @@ void bench_rest(const effort &e, results &out);
 void bench_memory(const effort &e, results &out);
 /// Until libavformat has found all streams, with and without the index.
 void bench_index(const effort &e, results &out);
+/// A film whose streams come in long blocks, read at two places in turn.
+void bench_places(const effort &e, results &out);
 
 }  // namespace bench

@@ -91,7 +91,8 @@ struct recorder {
   std::atomic<bool> on{false};
   adif::Mutex lock{rank_trace};
   c2ms_trace_event *events GUARDED_BY(lock) = nullptr;  // a ring; NULL while off
-  uint32_t size GUARDED_BY(lock) = 0, first GUARDED_BY(lock) = 0, count GUARDED_BY(lock) = 0;
+  uint32_t size GUARDED_BY(lock) = 0, count GUARDED_BY(lock) = 0;
+  uint32_t next GUARDED_BY(lock) = 0;  // where the next event goes
   uint64_t lost GUARDED_BY(lock) = 0;
   int64_t start_us GUARDED_BY(lock) = 0;
 };
@@ -246,6 +247,7 @@ struct c2ms_cache {
   int32_t last_pack_len GUARDED_BY(lock) = 0;
   uint64_t read_pos GUARDED_BY(lock) = 0;
   int32_t read_index GUARDED_BY(lock) = 0;
+  int32_t traced_index GUARDED_BY(lock) = 0;  // of the last place that was recorded
   int32_t max_first GUARDED_BY(lock) = 0;
   int32_t buffering_size GUARDED_BY(lock) = 0;
   int32_t buffering_packs GUARDED_BY(lock) = 0;

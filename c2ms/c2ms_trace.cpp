@@ -10,17 +10,21 @@ namespace c2ms {
 
 namespace {
 
-// `event.time_us` is when it happened, on the session core's clock.
-void record(c2ms_sess *sess, c2ms_trace_event event) {
+// Records an event that ended at `ended_us` on the session core's clock; `fill` writes the rest.
+template <class Fill>
+void record(c2ms_sess *sess, uint32_t kind, int64_t ended_us, Fill fill) {
   recorder &trace = sess->trace;
   const adif::Guard lock(trace.lock);
   if (trace.events == nullptr) return;  // switched off meanwhile
-  event.time_us = std::max<int64_t>(event.time_us - trace.start_us, 0);
-  trace.events[(trace.first + trace.count) % trace.size] = event;
+  c2ms_trace_event &event = trace.events[trace.next];
+  event = {};
+  event.kind = kind;
+  fill(event);
+  event.time_us = std::max<int64_t>(ended_us - event.duration_us - trace.start_us, 0);
+  if (++trace.next == trace.size) trace.next = 0;
   if (trace.count < trace.size) {
     ++trace.count;
   } else {
-    trace.first = (trace.first + 1) % trace.size;
     ++trace.lost;
   }
 }
@@ -32,57 +36,48 @@ void set_node(const c2ms_node *node, c2ms_trace_event *event) {
   event->port = node->port;
 }
 
-c2ms_trace_event begin(uint32_t kind, uint32_t detail = 0) {
-  c2ms_trace_event event{};
-  event.kind = kind;
-  event.detail = detail;
-  event.time_us = now_us();
-  return event;
+// Small packs: not each of them is a place of its own.
+int32_t places_apart(const c2ms_cache *cache) {
+  return std::max(cache->packnum.load() / 64, 1);
 }
 
 }  // namespace
 
 void trace_unit(const c2ms_unit &unit, uint32_t outcome) {
   if (!tracing(unit.session)) return;
-  c2ms_trace_event event = begin(C2MS_TRACE_REQUEST, outcome);
-  event.duration_us = std::max<int64_t>(event.time_us - to_us(unit.sent_time), 0);
-  event.time_us -= event.duration_us;
-  event.pos = unit.range_offset;
-  event.bytes = static_cast<uint64_t>(std::max(unit.received.load(), 0));
-  set_node(unit.node, &event);
-  record(unit.session, event);
-}
-
-void trace_pack(const c2ms_unit &unit) {
-  if (!tracing(unit.session)) return;
-  c2ms_trace_event event = begin(C2MS_TRACE_PACK);
-  event.pos = unit.range_offset;
-  event.bytes = unit.range_length;
-  set_node(unit.node, &event);
-  record(unit.session, event);
+  const int64_t ended_us = is_set(unit.end_time) ? to_us(unit.end_time) : now_us();
+  record(unit.session, C2MS_TRACE_REQUEST, ended_us, [&](c2ms_trace_event &event) {
+    event.detail = outcome;
+    event.duration_us = std::max<int64_t>(ended_us - to_us(unit.sent_time), 0);
+    event.pos = unit.range_offset;
+    event.bytes = static_cast<uint64_t>(std::max(unit.received.load(), 0));
+    set_node(unit.node, &event);
+  });
 }
 
 void trace_node(const c2ms_node *node, uint32_t state) {
   if (!tracing(node->session)) return;
-  c2ms_trace_event event = begin(C2MS_TRACE_NODE, state);
-  set_node(node, &event);
-  record(node->session, event);
+  record(node->session, C2MS_TRACE_NODE, now_us(), [&](c2ms_trace_event &event) {
+    event.detail = state;
+    set_node(node, &event);
+  });
 }
 
 void trace_wait(c2ms_cache *cache, wait_cause cause, int64_t waited_us) {
   if (!tracing(cache->session)) return;
-  c2ms_trace_event event = begin(C2MS_TRACE_WAIT, static_cast<uint32_t>(cause));
-  event.duration_us = waited_us;
-  event.time_us -= waited_us;
-  event.pos = cache->base_offset + cache->read_pos;
-  record(cache->session, event);
+  const uint64_t pos = cache->base_offset + cache->read_pos;
+  record(cache->session, C2MS_TRACE_WAIT, now_us(), [&](c2ms_trace_event &event) {
+    event.detail = static_cast<uint32_t>(cause);
+    event.duration_us = waited_us;
+    event.pos = pos;
+  });
 }
 
 void trace_seek(c2ms_cache *cache) {
   if (!tracing(cache->session)) return;
-  c2ms_trace_event event = begin(C2MS_TRACE_SEEK);
-  event.pos = cache->base_offset + cache->read_pos;
-  record(cache->session, event);
+  const uint64_t pos = cache->base_offset + cache->read_pos;
+  record(cache->session, C2MS_TRACE_SEEK, now_us(),
+         [&](c2ms_trace_event &event) { event.pos = pos; });
 }
 
 void trace_place(c2ms_cache *cache) {
@@ -90,11 +85,21 @@ void trace_place(c2ms_cache *cache) {
   const auto packsize = static_cast<uint64_t>(cache->packsize.load());
   const uint64_t ring_begin = static_cast<uint64_t>(cache->first_index.load()) * packsize;
   const uint64_t ring_bytes = static_cast<uint64_t>(cache->packnum.load()) * packsize;
-  c2ms_trace_event event = begin(C2MS_TRACE_PLACE);
-  event.pos = cache->base_offset + cache->read_pos;
-  event.begin = cache->base_offset + ring_begin;
-  event.bytes = std::min(ring_begin + ring_bytes, cache->media_size) - ring_begin;
-  record(cache->session, event);
+  const uint64_t base = cache->base_offset, pos = base + cache->read_pos;
+  const uint64_t bytes = std::min(ring_begin + ring_bytes, cache->media_size) - ring_begin;
+  cache->traced_index = cache->read_index;
+  record(cache->session, C2MS_TRACE_PLACE, now_us(), [&](c2ms_trace_event &event) {
+    event.pos = pos;
+    event.begin = base + ring_begin;
+    event.bytes = bytes;
+  });
+}
+
+void trace_move(c2ms_cache *cache) {
+  if (!tracing(cache->session)) return;
+  const bool near = std::abs(cache->read_index - cache->traced_index) < places_apart(cache);
+  if (near && cache->read_pos < cache->media_size) return;
+  trace_place(cache);
 }
 
 void trace_stop(c2ms_sess *sess) {
@@ -102,7 +107,7 @@ void trace_stop(c2ms_sess *sess) {
   const adif::Guard lock(sess->trace.lock);
   std::free(sess->trace.events);
   sess->trace.events = nullptr;
-  sess->trace.first = sess->trace.count = sess->trace.size = 0;
+  sess->trace.next = sess->trace.count = sess->trace.size = 0;
 }
 
 }  // namespace c2ms
@@ -121,7 +126,7 @@ int c2ms_sess_trace(c2ms_sess *sess, int events) {
   std::free(sess->trace.events);  // of a start by another thread
   sess->trace.events = ring;
   sess->trace.size = static_cast<uint32_t>(size);
-  sess->trace.first = sess->trace.count = 0;
+  sess->trace.next = sess->trace.count = 0;
   sess->trace.lost = 0;
   sess->trace.start_us = now_us();
   sess->trace.on = true;
@@ -138,9 +143,9 @@ int c2ms_sess_trace_read(c2ms_sess *sess, c2ms_trace_event *events, int max, uin
   const adif::Guard lock(trace.lock);
   if (lost != nullptr) *lost = trace.lost;
   const int count = std::clamp(max, 0, static_cast<int>(trace.count));
+  const uint32_t behind = trace.size - trace.count;  // slots that hold nothing, before the oldest
   for (int i = 0; i < count; ++i) {
-    events[i] = trace.events[trace.first];
-    trace.first = (trace.first + 1) % trace.size;
+    events[i] = trace.events[(trace.next + behind + static_cast<uint32_t>(i)) % trace.size];
   }
   trace.count -= static_cast<uint32_t>(count);
   return count;

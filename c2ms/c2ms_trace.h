@@ -15,11 +15,12 @@ inline bool tracing(const c2ms_sess *sess) {
 
 /// Records. Any thread, under any lock of a lower rank than the recorder's; does nothing when off.
 void trace_unit(const c2ms_unit &unit, uint32_t outcome);
-void trace_pack(const c2ms_unit &unit);
 void trace_node(const c2ms_node *node, uint32_t state);
 void trace_wait(c2ms_cache *cache, wait_cause cause, int64_t waited_us) REQUIRES(cache->lock);
 void trace_seek(c2ms_cache *cache) REQUIRES(cache->lock);
 void trace_place(c2ms_cache *cache) REQUIRES(cache->lock);
+/// The same, unless the position is still near the place that was recorded last.
+void trace_move(c2ms_cache *cache) REQUIRES(cache->lock);
 
 /// Ends recording and gives the ring's memory back.
 void trace_stop(c2ms_sess *sess);

@@ -15,7 +15,6 @@
 #include "c2ms/c2ms_sess_sched.h"
 #include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_time.h"
-#include "c2ms/c2ms_trace.h"
 #include "c2ms/c2ms_unit.h"
 
 namespace {
@@ -85,14 +84,14 @@ int receive_pdu(c2ms_unit *unit, int fd) {
 }
 
 void finish(c2ms_unit *unit) {
-  unit->end_time = now_tv();
+  if (!unit->filled_pack) unit->end_time = now_tv();  // else it is set
   unit->state = UNIT_END;
 }
 
 // The pack has all that it asked for: it is ready, and other units on it discard what they get.
 void complete_pack(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
   unit->filled_pack = true;
-  trace_pack(*unit);
+  unit->end_time = now_tv();
   count_completed(*unit);
   pack->flag = unit->response.payload_flag;
   c2ms_pack_state_to(pack, pack_ready);

@@ -412,15 +412,17 @@ C2MS_API int c2ms_sess_ranges(c2ms_sess *sess, c2ms_byte_range *ranges, int max)
  * is 0. Positions count in the media. */
 enum {
   C2MS_TRACE_REQUEST = 1, /* a request has ended: pos, bytes that came, duration, node; detail 0 it
-                           * filled its pack, 1 it was in vain, 2 it was given up */
-  C2MS_TRACE_PACK = 2,    /* a pack is complete: pos, bytes, node */
-  C2MS_TRACE_SEEK = 3,    /* the player has moved the position: pos */
-  C2MS_TRACE_WAIT = 4,    /* a reader has waited: pos, duration; detail 0 no node, 1 late, 2 after a
+                           * filled its pack, which is complete at that moment and was not before,
+                           * 1 it was in vain, 2 it was given up */
+  C2MS_TRACE_SEEK = 2,    /* the player has moved the position: pos */
+  C2MS_TRACE_WAIT = 3,    /* a reader has waited: pos, duration; detail 0 no node, 1 late, 2 after a
                            * seek, 3 cancelled */
-  C2MS_TRACE_NODE = 5, /* detail: the new state as in c2ms_node_stats, 0 gone; not the steps between
+  C2MS_TRACE_NODE = 4, /* detail: the new state as in c2ms_node_stats, 0 gone; not the steps between
                         * 6 and 7 */
-  C2MS_TRACE_PLACE = 6 /* the position has come to another pack: pos; the cache is placed for bytes
-                        * from begin on */
+  C2MS_TRACE_PLACE =
+      5 /* the position has come to another pack, small packs: moved by a 64th of the
+         * cache, or come to the end: pos; the cache is placed for bytes from begin on
+         */
 };
 typedef struct c2ms_trace_event {
   int64_t time_us;     /* when it began, since the recording did */

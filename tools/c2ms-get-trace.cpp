@@ -52,14 +52,25 @@ int64_t end_of(const c2ms_trace_event &event) {
   return event.time_us + event.duration_us;
 }
 
+// The end of such a request is the moment at which its pack is complete.
+bool fills_pack(const c2ms_trace_event &event) {
+  return event.kind == C2MS_TRACE_REQUEST && event.detail == 0;
+}
+
+void write_moment(FILE *out, const char *name) {
+  std::fprintf(out, "\"name\": \"%s\", \"ph\": \"i\", \"s\": \"t\"", name);
+}
+
+void write_bytes(FILE *out, const c2ms_trace_event &event) {
+  std::fprintf(out, ", \"args\": {\"pos\": %" PRIu64 ", \"bytes\": %" PRIu64 "}", event.pos,
+               event.bytes);
+}
+
 // The members of an event that depend on its kind: name, phase, arguments.
 void write_kind(FILE *out, const c2ms_trace_event &event) {
   const auto complete = [&](const char *name) {
     std::fprintf(out, "\"name\": \"%s\", \"ph\": \"X\", \"dur\": %" PRId64, name,
                  event.duration_us);
-  };
-  const auto moment = [&](const char *name) {
-    std::fprintf(out, "\"name\": \"%s\", \"ph\": \"i\", \"s\": \"t\"", name);
   };
   switch (event.kind) {
     case C2MS_TRACE_REQUEST:
@@ -68,14 +79,11 @@ void write_kind(FILE *out, const c2ms_trace_event &event) {
     case C2MS_TRACE_WAIT:
       complete((std::string("wait: ") + named(kCause, event.detail)).c_str());
       break;
-    case C2MS_TRACE_PACK:
-      moment("pack");
-      break;
     case C2MS_TRACE_SEEK:
-      moment("seek");
+      write_moment(out, "seek");
       break;
     case C2MS_TRACE_NODE:
-      moment(named(kState, event.detail));
+      write_moment(out, named(kState, event.detail));
       break;
     default:
       std::fprintf(out,
@@ -84,8 +92,7 @@ void write_kind(FILE *out, const c2ms_trace_event &event) {
                    event.pos, event.begin, event.begin + event.bytes);
       return;
   }
-  std::fprintf(out, ", \"args\": {\"pos\": %" PRIu64 ", \"bytes\": %" PRIu64 "}", event.pos,
-               event.bytes);
+  write_bytes(out, event);
 }
 
 void write_json(FILE *out, const std::vector<c2ms_trace_event> &events) {
@@ -100,10 +107,18 @@ void write_json(FILE *out, const std::vector<c2ms_trace_event> &events) {
                  ", \"args\": {\"name\": \"%s\"}}",
                  lane.node, lane.name.c_str());
   }
-  for (const c2ms_trace_event &event : events) {
+  const auto begin = [out](const c2ms_trace_event &event, int64_t at_us) {
     std::fprintf(out, ",\n{\"pid\": 1, \"tid\": %" PRIu32 ", \"ts\": %" PRId64 ", ", event.node,
-                 event.time_us);
+                 at_us);
+  };
+  for (const c2ms_trace_event &event : events) {
+    begin(event, event.time_us);
     write_kind(out, event);
+    std::fputc('}', out);
+    if (!fills_pack(event)) continue;
+    begin(event, end_of(event));
+    write_moment(out, "pack");
+    write_bytes(out, event);
     std::fputc('}', out);
   }
   std::fputs("\n]}\n", out);
@@ -167,8 +182,8 @@ void draw_play(FILE *out, const Scale &scale, const std::vector<c2ms_trace_event
   band(static_cast<int64_t>(scale.end_us));
   for (const c2ms_trace_event &event : events) {
     const double x = scale.x(event.time_us);
-    if (event.kind == C2MS_TRACE_PACK)
-      rectangle(out, x - 1, scale.y(event.pos + event.bytes), 2,
+    if (fills_pack(event))
+      rectangle(out, scale.x(end_of(event)) - 1, scale.y(event.pos + event.bytes), 2,
                 std::max(scale.y(event.pos) - scale.y(event.pos + event.bytes), 1.0),
                 "fill=\"#57a773\"");
     if (event.kind == C2MS_TRACE_SEEK) rectangle(out, x, kTop, 1, kHeight, "fill=\"#8e5bd0\"");
