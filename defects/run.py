@@ -120,7 +120,9 @@ def build(preset, targets):
 
 def test_command(preset, program, pattern):
     command = [f"build/{preset}/bin/{program}"]
-    if pattern:
+    if program == "sweep":
+        command.append(pattern or "--quick")
+    elif pattern:
         command += [f"--gtest_filter={pattern}", "--gtest_brief=0", "--gtest_fail_fast"]
     elif program.startswith("fuzz_"):
         command.append(f"fuzz/corpus/{program[5:]}")

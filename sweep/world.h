@@ -16,7 +16,7 @@ struct Media {
 /// Made before a case's process is, started in it.
 class World {
  public:
-  explicit World(refserver::server_options options = {.nodes = 2, .keep_log = false});
+  explicit World(refserver::server_options options = {.nodes = 4, .keep_log = false});
   bool start();
   refserver::media_server server;
   Media film, movie;
