@@ -160,7 +160,10 @@ int __wrap_poll(pollfd *items, nfds_t count, int wait) {
 
 int __wrap_getaddrinfo(const char *host, const char *service, const addrinfo *hints,
                        addrinfo **out) {
-  if (const int ms = plan::slow_names.load(); ms > 0) usleep(static_cast<useconds_t>(ms) * 1000);
+  if (const int ms = plan::slow_names.load(); ms > 0) {
+    plan::looking_up = true;
+    usleep(static_cast<useconds_t>(ms) * 1000);
+  }
   if (plan::fails(call::resolve)) return errno;
   // Without memory the C library's resolver crashes or waits for itself: not ours to mend.
   const plan::Exempt exempt;

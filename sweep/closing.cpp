@@ -71,6 +71,12 @@ void mute_nodes(World &world, uint8_t on) {
     world.server.set_fault(node, {.kind = fault_kind::mute, .on = on});
 }
 
+/// One of them has kept silent: which one is asked first is open.
+bool nodes_muted(World &world) {
+  return world.server.injected(0, fault_kind::mute) + world.server.injected(1, fault_kind::mute) >
+         0;
+}
+
 /// What an opening meets so that it stays in its phase, and the sign that it is there.
 struct Phase {
   const char *name;
@@ -80,7 +86,7 @@ struct Phase {
 
 const Phase phases[] = {
     {"resolving", [](World &, const Hole &) { plan::slow_names = look_up_ms; },
-     [](World &) { return true; }},
+     [](World &) { return plan::looking_up.load(); }},
     {"entry-connecting", [](World &, const Hole &hole) { lead_into(hole, 0); },
      [](World &) { return plan::straight.load() < 0; }},
     {"asked",
@@ -91,9 +97,9 @@ const Phase phases[] = {
     {"nodes-connecting", [](World &, const Hole &hole) { lead_into(hole, 1); },
      [](World &) { return plan::straight.load() < 0; }},
     {"listing", [](World &world, const Hole &) { mute_nodes(world, refserver::on_srvlist); },
-     [](World &world) { return world.server.injected(0, fault_kind::mute) > 0; }},
+     [](World &world) { return nodes_muted(world); }},
     {"describing", [](World &world, const Hole &) { mute_nodes(world, refserver::on_desc); },
-     [](World &world) { return world.server.injected(0, fault_kind::mute) > 0; }},
+     [](World &world) { return nodes_muted(world); }},
 };
 
 refserver::server_options options_for(const Phase &phase) {
@@ -214,8 +220,7 @@ void end_waiting(Report &report, end_by how, waiting_call call) {
     if (const int result = call(sess); result != C2MS_CLOSED)
       report.find("the waiting call gave %d", result);
   });
-  stage.await(
-      {"", nullptr, [](World &world) { return world.server.injected(0, fault_kind::mute) > 0; }});
+  stage.await({"", nullptr, [](World &world) { return nodes_muted(world); }});
   if (how == end_by::cancel) {
     stage.timed("cancel", longest_ms, [&] { return c2ms_sess_cancel(sess, 1); });
     stage.timed("the cancelled call", longest_ms, [&] { return waiter.join(), 0; });

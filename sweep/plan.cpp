@@ -84,6 +84,7 @@ std::atomic<bool> brim{false};
 std::atomic<int64_t> clock_ahead{0};
 std::atomic<bool> broken_mutex{false};
 std::atomic<int> slow_names{0};
+std::atomic<bool> looking_up{false};
 std::atomic<int> hole{0}, straight{0};
 
 void arm(call which, uint32_t nth, bool for_good) {

@@ -66,6 +66,8 @@ extern std::atomic<int64_t> clock_ahead;
 extern std::atomic<bool> broken_mutex;
 /// Name look-ups take this long, in ms.
 extern std::atomic<int> slow_names;
+/// A slow one has begun.
+extern std::atomic<bool> looking_up;
 /// Connections after the first `straight` lead to this port, 0: to their own. (Not those of
 /// reports.)
 extern std::atomic<int> hole, straight;
