@@ -116,7 +116,18 @@ bool c2ms_cache_need(c2ms_cache *cache, int32_t first, int32_t last, int32_t len
 /// It needs nothing any more.
 void c2ms_cache_need_nothing(c2ms_cache *cache);
 /// Tells that pack `index` has got bytes or changed its state: wakes the reader when that was the
-/// last thing that it lacked. Hold neither the cache's lock nor a pack's.
-void c2ms_cache_tell_reader(c2ms_cache *cache, int32_t index);
+/// last thing that it lacked. Hold neither the cache's lock nor a pack's. `complete`: its node will
+/// ask for another pack at once; inside a ReaderLast the reader is woken after that.
+void c2ms_cache_tell_reader(c2ms_cache *cache, int32_t index, bool complete = false);
+/// While it lives, a reader that this thread would wake for a complete pack waits for its end, when
+/// no lock may be held: a woken reader that takes the receiver's processor would copy before the
+/// node's next request is out. An urgent need is met at once.
+class ReaderLast {
+ public:
+  ReaderLast();
+  ~ReaderLast();
+  ReaderLast(const ReaderLast &) = delete;
+  ReaderLast &operator=(const ReaderLast &) = delete;
+};
 /// Tells that a pack has become idle outside a move of the range. Hold no pack's lock.
 void c2ms_cache_note_idle(c2ms_cache *cache, int32_t index);

@@ -7,6 +7,7 @@
 #include <sched.h>
 
 #include <atomic>
+#include <utility>
 
 #include "c2ms/c2ms_cache.h"
 #include "c2ms/c2ms_pack.h"
@@ -16,6 +17,9 @@ namespace {
 
 // This thread has woken a reader that is in a hurry.
 thread_local bool yield_due = false;
+// Inside a ReaderLast, and whose reader is to be woken at its end.
+thread_local bool reader_last = false;
+thread_local c2ms_cache *held_back = nullptr;
 
 enum class look { missing, there, odd };
 
@@ -59,7 +63,7 @@ void c2ms_cache_need_nothing(c2ms_cache *cache) {
   cache->need_index.store(-1);
 }
 
-void c2ms_cache_tell_reader(c2ms_cache *cache, int32_t index) {
+void c2ms_cache_tell_reader(c2ms_cache *cache, int32_t index, bool complete) {
   if (cache == nullptr || index < 0) return;
   if (cache->need_index.load() != index) return;
   bool due;
@@ -68,8 +72,23 @@ void c2ms_cache_tell_reader(c2ms_cache *cache, int32_t index) {
     due = cache->need_index.load() == index && follow(cache);
   }
   if (!due) return;
+  const bool urgent = cache->need_urgent.load(std::memory_order_relaxed);
+  if (complete && reader_last && !urgent) {
+    held_back = cache;
+    return;
+  }
   c2ms_cache_wake(cache);
-  yield_due = yield_due || cache->need_urgent.load(std::memory_order_relaxed);
+  yield_due = yield_due || urgent;
+}
+
+ReaderLast::ReaderLast() {
+  reader_last = true;
+}
+
+// (A cache's memory stays until the context is cleaned: at worst nobody waits there any more.)
+ReaderLast::~ReaderLast() {
+  reader_last = false;
+  c2ms_cache_wake(std::exchange(held_back, nullptr));
 }
 
 void c2ms_cache_wake(c2ms_cache *cache) {

@@ -78,6 +78,7 @@ int on_read(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
     drop_stale(device);
     return -20;
   }
+  const ReaderLast after_strand;
   StrandGuard strand(ref.sess);
   if (!still_there(mgmt, ref) || ref.node->device != device) {
     drop_stale(device);

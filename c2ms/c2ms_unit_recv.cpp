@@ -111,12 +111,12 @@ enum class slice { more, nothing, done, lost_pack, failed };
 // What others must hear of once the pack's lock is left.
 struct pack_news {
   int32_t index = -1;
-  bool idle = false;
+  bool idle = false, complete = false;
 };
 
 void tell(c2ms_cache *cache, const pack_news &news) {
   if (news.idle) c2ms_cache_note_idle(cache, news.index);
-  c2ms_cache_tell_reader(cache, news.index);
+  c2ms_cache_tell_reader(cache, news.index, news.complete);
 }
 
 // Accounts payload bytes that now lie in the pack behind those of earlier pieces. True: all is
@@ -136,6 +136,7 @@ bool take_payload(c2ms_unit *unit, c2ms_pack *pack, int got, pack_news *news) RE
   if (unit->received < payload) return false;
   if (payload >= pack->size && payload > 0) {
     complete_pack(unit, pack);
+    news->complete = true;
   } else {
     if (pack->size == 0) pack->not_before_us = now_us() + empty_pack_pause_us;
     complete_short(unit, pack);
