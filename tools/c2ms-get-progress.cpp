@@ -20,15 +20,6 @@ constexpr auto kAskEvery = 1s;
 constexpr auto kSpeedWindow = 3s;
 constexpr int kBarMin = 10, kBarMax = 40;
 
-[[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...) {
-  char text[160];
-  va_list arguments;
-  va_start(arguments, pattern);
-  std::vsnprintf(text, sizeof text, pattern, arguments);
-  va_end(arguments);
-  return text;
-}
-
 std::string text_of_time(double seconds) {
   if (seconds < 0 || seconds > 359'999) return "-:--";
   const int whole = static_cast<int>(seconds + 0.5);
@@ -43,6 +34,15 @@ int terminal_width() {
 }
 
 }  // namespace
+
+std::string format(const char *pattern, ...) {
+  char text[256];
+  va_list arguments;
+  va_start(arguments, pattern);
+  std::vsnprintf(text, sizeof text, pattern, arguments);
+  va_end(arguments);
+  return text;
+}
 
 std::string text_of_bytes(double bytes) {
   static constexpr const char *units[] = {"KiB", "MiB", "GiB", "TiB"};

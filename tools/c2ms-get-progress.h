@@ -23,6 +23,9 @@ struct Figures {
   double seconds_left = -1;  // negative: unknown
 };
 
+/// A text of at most 255 characters by printf's rules.
+[[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...);
+
 /// Bytes as a short text: "517 B", "1.50 MiB".
 std::string text_of_bytes(double bytes);
 

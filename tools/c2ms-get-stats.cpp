@@ -2,21 +2,11 @@
 #include "tools/c2ms-get-stats.h"
 
 #include <cinttypes>
-#include <cstdarg>
 
 #include "tools/c2ms-get-progress.h"
 
 namespace get {
 namespace {
-
-[[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...) {
-  char text[256];
-  va_list arguments;
-  va_start(arguments, pattern);
-  std::vsnprintf(text, sizeof text, pattern, arguments);
-  va_end(arguments);
-  return text;
-}
 
 std::string bytes(uint64_t count) {
   return text_of_bytes(static_cast<double>(count));
