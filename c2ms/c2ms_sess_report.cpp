@@ -3,6 +3,7 @@
 #include "c2ms/c2ms_auth.h"
 #include "c2ms/c2ms_perf.h"
 #include "c2ms/c2ms_sess.h"
+#include "c2ms/c2ms_strand.h"
 #include "c2ms/c2ms_time.h"
 
 namespace c2ms {
@@ -11,10 +12,6 @@ namespace {
 
 // States of a channel.
 constexpr uint8_t not_begun = 0, begun = 1, agent_absent = 255;
-
-bool playing(const c2ms_sess *sess) {
-  return is_live(sess);
-}
 
 // Counts a check; true for the first of each period.
 bool alive_due(int32_t *count, int32_t check_s) {
@@ -41,17 +38,17 @@ int greet_agent(const report_facts &facts, std::atomic<uint8_t> *state, GoOn go_
 
 void check_perf(c2ms_sess *sess) {
   if (sess->perf_state == not_begun && c2ms_perf_playbgn(sess) == 0) sess->perf_state = begun;
-  if (sess->perf_state != begun || !playing(sess)) return;
+  if (sess->perf_state != begun || !is_live(sess)) return;
   if (alive_due(&sess->perf_alive_count, sess->mgmt->sess_check_time)) c2ms_perf_playalive(sess);
 }
 
 void check_auth(c2ms_sess *sess) {
   if (sess->auth_state == not_begun) {
-    const auto go_on = [sess] { return playing(sess); };
+    const auto go_on = [sess] { return is_live(sess); };
     const int result = greet_agent(report_facts_of(sess), &sess->auth_state, go_on);
     if (is_refusal(result)) c2ms_sess_refuse(sess, result);
   }
-  if (sess->auth_state != begun || !playing(sess)) return;
+  if (sess->auth_state != begun || !is_live(sess)) return;
   if (alive_due(&sess->auth_alive_count, sess->mgmt->sess_check_time)) c2ms_auth_playalive(sess);
 }
 
@@ -60,8 +57,8 @@ void check_auth(c2ms_sess *sess) {
 void run_check(c2ms_sess *sess) {
   report_job job = report_job::queued;
   if (!sess->report_job.compare_exchange_strong(job, report_job::running)) return;  // cancelled
-  if (playing(sess)) check_perf(sess);
-  if (playing(sess)) check_auth(sess);
+  if (is_live(sess)) check_perf(sess);
+  if (is_live(sess)) check_auth(sess);
   sess->report_job = report_job::none;
   SetEventAll(sess->report_event, 1);
 }
