@@ -84,7 +84,7 @@ figures run_with_recorder(const served_file &file, int pack_bytes, uint64_t slic
   for (int four = 0; four < fours; ++four) {
     double cpu[2] = {};
     for (const int on : {0, 1, 1, 0}) {
-      p.session()->trace.on = on != 0;
+      p.session()->tracing = on != 0;
       cpu[on] += read_bytes_for(p, piece, slice_bytes);
     }
     if (cpu[0] <= 0) return {};

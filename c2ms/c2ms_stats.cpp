@@ -58,8 +58,8 @@ void count_sent(c2ms_node *node, const c2ms_unit &unit) {
 }
 
 void count_completed(const c2ms_unit &unit) {
-  trace_unit(unit, unit.filled_pack ? 0 : 1);
   const adif::Guard lock(unit.session->speed_lock);
+  trace_unit(unit, unit.filled_pack ? 0 : 1);
   tally &counts = counts_of(unit);
   ++counts.completed;
   counts.won += unit.redundant && unit.filled_pack ? 1 : 0;
@@ -67,11 +67,9 @@ void count_completed(const c2ms_unit &unit) {
 }
 
 void count_given_up(c2ms_node *node, const c2ms_unit &unit) {
-  {
-    const adif::Guard lock(node->session->speed_lock);
-    if (in_flight(node->counts) == 0) return;
-    ++node->counts.given_up;
-  }
+  const adif::Guard lock(unit.session->speed_lock);
+  if (in_flight(node->counts) == 0) return;
+  ++node->counts.given_up;
   trace_unit(unit, 2);
 }
 

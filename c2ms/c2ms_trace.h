@@ -10,11 +10,11 @@
 namespace c2ms {
 
 inline bool tracing(const c2ms_sess *sess) {
-  return sess->trace.on.load(std::memory_order_relaxed);
+  return sess->tracing.load(std::memory_order_relaxed);
 }
 
-/// Records. Any thread, under any lock of a lower rank than the recorder's; does nothing when off.
-void trace_unit(const c2ms_unit &unit, uint32_t outcome);
+/// Records; nothing when off. Any thread, under any lock of a lower rank than the speed lock's.
+void trace_unit(const c2ms_unit &unit, uint32_t outcome) REQUIRES(unit.session->speed_lock);
 void trace_node(const c2ms_node *node, uint32_t state);
 void trace_wait(c2ms_cache *cache, wait_cause cause, int64_t waited_us) REQUIRES(cache->lock);
 void trace_seek(c2ms_cache *cache) REQUIRES(cache->lock);
