@@ -36,6 +36,14 @@ inline double seconds_since(clock::time_point start) {
   return std::chrono::duration<double>(clock::now() - start).count();
 }
 
+/// How many seconds `work` takes.
+template <typename Work>
+double took(Work work) {
+  const auto begin = clock::now();
+  work();
+  return seconds_since(begin);
+}
+
 /// Processor time of this process so far, user and system.
 inline double processor_seconds() {
   return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
@@ -177,20 +185,15 @@ inline c2ms_stats stats_of(const Film &film) {
   return s;
 }
 
+/// All that the ring can hold is there.
+inline bool ring_is_full(const Film &film) {
+  const c2ms_stats s = stats_of(film);
+  return s.buffered_bytes == s.ring_end - s.ring_begin;
+}
+
 /// A reader of the film is about to sleep, or sleeps, for bytes that are not there.
 inline bool reader_waits(const Film &film) {
   return eventually([&] { return film.get()->cache_record.need_index >= 0; });
-}
-
-/// Nothing is left over of the library's sessions but pooled memory.
-inline void expect_pools_at_rest(c2ms_mgmt *mgmt) {
-  for (block_pool *pool : {mgmt->sess_pool, mgmt->node_pool, mgmt->unit_pool, mgmt->pack_pool}) {
-    int allocated = 0, free = 0, in_use = 0;
-    getProfile(pool, &allocated, &free, &in_use);
-    EXPECT_EQ(in_use, 0);
-    EXPECT_EQ(allocated, free);
-    EXPECT_TRUE(adif::pool_invariant(pool));
-  }
 }
 
 /// A service of one generated film, the library and the film: what most tests begin with.
