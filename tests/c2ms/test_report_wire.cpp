@@ -91,22 +91,18 @@ TEST_F(ReportWire, EveryMessageByteByByte) {
   }
 }
 
-TEST_F(ReportWire, PaddingAtEveryLength) {
+TEST_F(ReportWire, NamesOfEveryLength) {
   for (size_t length = 0; length <= 36; ++length) {
     std::memset(sess->media_name, 0, sizeof sess->media_name);
     std::memset(sess->media_name, 'x', length);
-    uint8_t open[report_buffer_bytes], coded[report_buffer_bytes];
-    const int plain = c2ms_auth_playbgn_encode(sess, open, sizeof open) - report_header_bytes;
-    const int n = c2ms_perf_playbgn_encode(sess, coded, sizeof coded);
-    ASSERT_EQ(n, report_header_bytes + (plain / 8 + 1) * 8);
+    uint8_t coded[report_buffer_bytes];
+    const auto n = static_cast<size_t>(c2ms_perf_playbgn_encode(sess, coded, sizeof coded));
     refserver::report_message message;
     std::string why;
-    ASSERT_TRUE(refserver::parse_report(refserver::report_channel::performance,
-                                        {coded, static_cast<size_t>(n)}, &message, &why))
+    ASSERT_TRUE(
+        refserver::parse_report(refserver::report_channel::performance, {coded, n}, &message, &why))
         << why;
     EXPECT_EQ(message["media_name"], std::string(length, 'x'));
-    EXPECT_TRUE(std::equal(message.body.begin(), message.body.end(), open + report_header_bytes));
-    EXPECT_EQ(message.body.size(), static_cast<size_t>(plain));
   }
 }
 

@@ -43,6 +43,14 @@ class Unit : public Local {
     std::fill(memory.begin(), memory.end(), uint8_t{0});
     c2ms_cache_setfile(cache, sess->fid, 0, packsize * 10 + 1, 0);
     c2ms_sess_unit_clear(sess);
+    return take();
+  }
+  // A second request for it.
+  c2ms_unit *another() {
+    EXPECT_EQ(c2ms_pack_redownload(pack(0), 1, 0), 0);
+    return take();
+  }
+  c2ms_unit *take() {
     c2ms_unit *const unit = c2ms_sess_unit_get(sess);
     unit->state = UNIT_SENT;
     return unit;
@@ -97,6 +105,7 @@ TEST_F(Unit, AnswersCutAtEveryByte) {
     uint8_t state;  // of the pack afterwards
   } rows[] = {
       {"whole", 37, 64, 0, 0, pack_ready},
+      {"a longer PDU", 57, 64, 0, 0, pack_ready},
       {"one longer than the payload", 120, 64, 0, 0, pack_ready},
       {"short", 37, 40, 0, 0, pack_idle},
       {"refused", 37, 0, 10, 0, pack_requested},
@@ -131,9 +140,7 @@ TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
   first = begin();
   auto bytes = answer(first, 37, 64, 30);  // the rest is late
   ASSERT_EQ(feed(first, bytes, 0), 0);
-  ASSERT_EQ(c2ms_pack_redownload(pack(0), 1, 0), 0);
-  c2ms_unit *const second = c2ms_sess_unit_get(sess);
-  second->state = UNIT_SENT;
+  c2ms_unit *const second = another();
   payload.assign(payload.size(), 0x77);
   bytes = answer(second, 37, 64, 64);
   put32(&bytes, 8, second->request.sequence_id + 1);
@@ -142,6 +149,10 @@ TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
   EXPECT_TRUE(holds_payload(30));
   EXPECT_EQ(c2ms_pack_len(pack(0)), 30);
   c2ms_unit_recycle(second);
+  c2ms_unit *const slower = another();
+  ASSERT_EQ(feed(slower, answer(slower, 37, 64, 10), 0), 0);
+  EXPECT_EQ(c2ms_pack_len(pack(0)), 30) << "it has brought less so far";
+  c2ms_unit_recycle(slower);
   c2ms_unit_recycle(first);
 }
 
