@@ -30,3 +30,24 @@ start_service() {
   cat "$scratch/server.out"
   exit 1
 }
+
+failed=0
+fail() {
+  echo "FAILED: $1"
+  sed 's/^/    /' err
+  failed=1
+}
+
+# expect STATUS TEXT ARGUMENT...: runs `tool`; TEXT is an extended regular expression for the whole of a line
+# on standard error, "" for none at all. Standard output is left in `out`.
+expect() {
+  local status=$1 text=$2 got=0
+  shift 2
+  timeout 60 "$tool" "$@" > out 2> err || got=$?
+  [[ $got == "$status" ]] || fail "status $got instead of $status: $*"
+  if [[ -z $text ]]; then
+    [[ ! -s err ]] || fail "says something: $*"
+  else
+    grep -qxE "${tool##*/}: $text" err || fail "does not say '$text': $*"
+  fi
+}

@@ -14,9 +14,7 @@ constexpr uint32_t list = 1, description = 2, media = 3;
 constexpr uint64_t offset = 1000;
 constexpr uint32_t length = 500;
 
-std::chrono::steady_clock::time_point now() {
-  return std::chrono::steady_clock::now();
-}
+using steady = std::chrono::steady_clock;
 
 /// One entry and two nodes that serve a film.
 struct fixture {
@@ -62,18 +60,14 @@ std::vector<content_case> content_cases(const fixture &f) {
   return {
       {{mute}, description, {{0, all, ""}}},
       {{close_at, 0}, list, {{0, all, ""}}, "closed"},
-      {{close_at, 20}, media, {{20, all, ""}}, "closed"},
       {{close_at, 137}, media, {{137, all, ""}}, "closed"},
       {{close_at, 537}, media, {}, "closed"},
       {{reset_at, 0}, description, {{0, all, ""}}, "reset"},
-      {{reset_at, 13}, list, {{13, all, ""}}, "reset"},
       {{reset_at, 300}, media, {{300, all, ""}}, "reset"},
       {{stall_at, 100}, media, {{100, all, ""}}},
       {{drip}, description, {}},
-      {{twice}, list, {{end, 0, plain_list}}},
       {{twice}, media, {{end, 0, plain_media}}},
       {{unsolicited}, media, {{end, 0, nobodys}}},
-      {{unsolicited, 5}, description, {{end, 0, nobodys.substr(0, 10)}}},
       {{wrong_command}, list, {{7, 1, "11"}}},
       {{wrong_sequence}, media, {{8, 4, "0000004e"}}},
       {{wrong_version}, description, {{12, 2, "fdfc"}}},
@@ -142,7 +136,6 @@ TEST(Faults, TimesAreNeverShort) {
   } timed[] = {
       {{}, 120, 0, 120},
       {{.kind = fault_kind::stall_at, .value = 100, .ms = 150}, 0, 100, 150},
-      {{.kind = fault_kind::stall_at, .value = 0, .ms = 100}, 50, 0, 150},
       {{.kind = fault_kind::drip, .value = 20, .ms = 5}, 0, 20, 100},
       {{.kind = fault_kind::unsolicited, .ms = 100}, 0, 537, 100},
   };
@@ -151,7 +144,7 @@ TEST(Faults, TimesAreNeverShort) {
     f.server.set_fault(1, row.order);
     f.server.set_delay(1, row.delay_ms);
     raw_client client(f.server, 1);
-    const auto start = now();
+    const auto start = steady::now();
     client.send(f.request(media));
     EXPECT_EQ(client.receive(row.first_part).size(), row.first_part);
     const size_t rest = 537 - row.first_part + (row.first_part == 537 ? 37 : 0);
@@ -171,7 +164,7 @@ TEST(Ports, RefuseDropAndGoDown) {
   f.server.clear_faults(0);
   EXPECT_EQ(f.connect_result(0), 0);
 
-  auto start = now();
+  auto start = steady::now();
   f.server.set_fault(0, {.kind = fault_kind::refuse, .ms = 100});
   EXPECT_TRUE(comes_back());
   EXPECT_GE(ms_since(start), 100);
@@ -184,7 +177,7 @@ TEST(Ports, RefuseDropAndGoDown) {
 
   f.server.set_fault(0, {.kind = fault_kind::down, .ms = 150, .count = 1, .on = on_media});
   EXPECT_EQ(f.ask(list, old).size(), 40U);
-  start = now();
+  start = steady::now();
   EXPECT_TRUE(f.ask(media, old).empty());
   EXPECT_TRUE(comes_back());
   EXPECT_GE(ms_since(start), 150);
