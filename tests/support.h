@@ -15,6 +15,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 /// Random numbers whose seed is printed when a test fails; C2MS_SEED=n in the environment repeats.
 class Random {
@@ -64,6 +65,24 @@ int in_child(Work work) {
 inline void pause_ms(int ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
+
+/// So many threads that do `work(i)` at once, joined at the latest when this goes.
+class Threads {
+ public:
+  template <class Work>
+  Threads(int n, Work work) {
+    for (int i = 0; i < n; ++i) all_.emplace_back(work, i);
+  }
+  ~Threads() { join(); }
+  Threads(const Threads &) = delete;
+  Threads &operator=(const Threads &) = delete;
+  void join() {
+    for (; !all_.empty(); all_.pop_back()) all_.back().join();
+  }
+
+ private:
+  std::vector<std::thread> all_;
+};
 
 /// Waits until `holds()`; false if it never did.
 template <typename Predicate>
