@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "../support.h"
 #include "adif/tsock.h"
@@ -27,6 +26,13 @@ struct Pair {
   }
 };
 
+int option(int fd, int level, int name) {
+  int value = 0;
+  socklen_t size = sizeof value;
+  getsockopt(fd, level, name, &value, &size);
+  return value;
+}
+
 TEST(Hostip, Table) {
   const std::pair<const char *, const char *> table[] = {
       {"10.1.2.3", "10.1.2.3"}, {"127.1", "127.0.0.1"},       {"localhost", "127.0.0.1"},
@@ -44,14 +50,10 @@ TEST(Connect, RefusalIsSeenLaterAndOptionsAreSet) {
   {
     Pair pair;
     dead_port = port_of(pair.server);
-    for (const auto &[level, option] :
+    for (const auto &[level, name] :
          {std::pair{SOL_SOCKET, SO_KEEPALIVE}, std::pair{SOL_SOCKET, SO_REUSEADDR},
-          std::pair<int, int>{IPPROTO_TCP, TCP_NODELAY}}) {
-      int value = 0;
-      socklen_t size = sizeof value;
-      getsockopt(pair.client, level, option, &value, &size);
-      EXPECT_NE(value, 0) << level << " " << option;
-    }
+          std::pair<int, int>{IPPROTO_TCP, TCP_NODELAY}})
+      EXPECT_NE(option(pair.client, level, name), 0) << level << " " << name;
     EXPECT_NE(fcntl(pair.client, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_NE(fcntl(pair.client, F_GETFD) & FD_CLOEXEC, 0);
     sock_set_blocking(pair.client);
@@ -59,12 +61,9 @@ TEST(Connect, RefusalIsSeenLaterAndOptionsAreSet) {
   }
   int error = 7;
   const int fd = tcp_nb_connect("127.0.0.1", dead_port, 0, 0, &error);
-  ASSERT_GE(fd, 1);
-  EXPECT_EQ(error, 0);
+  ASSERT_TRUE(fd >= 1 && error == 0) << fd << " " << error;
   EXPECT_EQ(sock_write_ready(fd, 5000), 1);
-  socklen_t size = sizeof error;
-  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-  EXPECT_EQ(error, ECONNREFUSED);
+  EXPECT_EQ(option(fd, SOL_SOCKET, SO_ERROR), ECONNREFUSED);
   close(fd);
   EXPECT_EQ(tcp_nb_connect("no-such.invalid", 1, 0, 0, &error), -1);
   EXPECT_EQ(error, -1);
@@ -77,8 +76,7 @@ TEST(Send, ATimeOutTellsWhatWentOut) {
   const auto n = static_cast<int>(much.size());
   int sent = 0;
   EXPECT_EQ(tcp_send(pair[0], much.data(), n, 100, &sent), 0);
-  EXPECT_GT(sent, 0);
-  EXPECT_LT(sent, n);
+  EXPECT_TRUE(sent > 0 && sent < n) << sent;
   while (tcp_nb_send(pair[0], "x", 1) == 1) {
   }
   for (const bool blocking : {true, false}) {
@@ -104,17 +102,12 @@ TEST(Send, WithoutLimitWaitsForASlowReader) {
   std::string got(bytes.size(), '\0');
   std::thread reader([&] {
     pause_ms(300);
-    for (int at = 0; at < n;) {
-      const int part = std::min(n - at, 700001);
-      EXPECT_EQ(tcp_receive(pair.peer, &got[static_cast<size_t>(at)], part, 0, nullptr), part);
-      at += part;
-    }
+    EXPECT_EQ(tcp_receive(pair.peer, got.data(), n, 0, nullptr), n);
   });
   int sent = 0;
   EXPECT_EQ(tcp_send(pair.client, bytes.data(), n, 0, &sent), n);
-  EXPECT_EQ(sent, n);
   reader.join();
-  EXPECT_TRUE(got == bytes);
+  EXPECT_TRUE(sent == n && got == bytes);
 }
 
 TEST(Receive, CountsWhatCameBeforeTimeOutAndClose) {
@@ -150,10 +143,7 @@ TEST(Receive, CountsWhatCameBeforeTimeOutAndClose) {
 TEST(Receive, ATrickleDoesNotMoveTheDeadline) {
   Pair pair;
   std::thread peer([&] {
-    for (int i = 0; i < 30; ++i) {
-      tcp_nb_send(pair.peer, "x", 1);
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    for (int i = 0; i < 30; ++i, pause_ms(50)) tcp_nb_send(pair.peer, "x", 1);
   });
   char buffer[100];
   int received = 0;
@@ -178,24 +168,21 @@ TEST(Arguments, BadOnesFail) {
     EXPECT_EQ(moved[0] + moved[1] + moved[2], 0);
   }
   EXPECT_EQ(sock_read_ready(-1, 0), 0) << "and at once, although 0 is no limit";
-  EXPECT_EQ(sock_is_valid(pair.client), 1);
-  EXPECT_EQ(sock_is_valid(-1), 0);
   const int file = open("/dev/null", O_RDONLY);
-  EXPECT_EQ(sock_is_valid(file), 0);
+  EXPECT_EQ(sock_is_valid(pair.client), 1);
+  EXPECT_EQ(sock_is_valid(-1) + sock_is_valid(file), 0);
   close(file);
   EXPECT_EQ(tcp_server_create("127.0.0.1", port_of(pair.server)), -1) << "in use";
-  EXPECT_EQ(tcp_server_create("not dotted", 0), -1);
-  EXPECT_EQ(udp_server_create(nullptr, 70000), -1);
+  EXPECT_EQ(tcp_server_create("not dotted", 0) + udp_server_create(nullptr, 70000), -2);
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_DEATH(tcp_nb_connect2(0, 65536, nullptr), "dstport >= 0 && dstport <= 65535");
   EXPECT_DEATH(tcp_server_create(nullptr, -1), "port >= 0 && port <= 65535");
 }
 
 TEST(Ready, DescriptorsAboveSelectsReachAreServed) {
-  rlimit limit{}, raised{};
+  rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
-  raised = limit;
-  raised.rlim_cur = std::min<rlim_t>(4096, limit.rlim_max);
+  const rlimit raised{std::min<rlim_t>(4096, limit.rlim_max), limit.rlim_max};
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
   Pair pair;
   const int high = fcntl(pair.client, F_DUPFD_CLOEXEC, 2000);
@@ -213,9 +200,7 @@ TEST(Unix, ServerReplacesAStaleFileAndTalks) {
   const std::string path = folder / "socket";
   close(usock_create(path.c_str()));  // leaves its file
   const int server = usock_create(path.c_str());
-  ASSERT_GE(server, 0);
   const int client = usock_connect(path.c_str());
-  ASSERT_GE(client, 0);
   const int peer = usock_accept(server);
   char buffer[3];
   EXPECT_EQ(tcp_send(client, "abc", 3, 1000, nullptr), 3);
@@ -225,8 +210,7 @@ TEST(Unix, ServerReplacesAStaleFileAndTalks) {
   write_file(path, "x");
   EXPECT_EQ(usock_create(path.c_str()), -1) << "a file that is no socket is left alone";
   EXPECT_EQ(access(path.c_str(), F_OK), 0);
-  EXPECT_EQ(usock_connect(std::string(200, 'x').c_str()), -1);
-  EXPECT_EQ(usock_connect(nullptr), -1);
+  EXPECT_EQ(usock_connect(std::string(200, 'x').c_str()) + usock_connect(nullptr), -2);
 }
 
 TEST(Selfaddr, ListsRealInterfacesWithinTheTable) {
@@ -242,9 +226,7 @@ TEST(Selfaddr, ListsRealInterfacesWithinTheTable) {
     EXPECT_GE(fd, 0) << table[i].name;
     close(fd);
   }
-  if (n > 1) {
-    EXPECT_EQ(get_selfaddr(table, 1), 1);
-  }
+  EXPECT_EQ(get_selfaddr(table, 1), std::min(n, 1));
   const Folder empty;
   const auto without_proc = [&] {  // the kernel's list knows the same interfaces
     sock_interface again[16];
