@@ -28,6 +28,13 @@ struct Recorder {
   std::atomic<bool> removes{true};  ///< a device whose read fails
 
   int of(probe_event event) const { return count[event].load(); }
+  /// Waits until so many have come.
+  bool gets(probe_event event, int n) const {
+    return eventually([&] { return of(event) == n; });
+  }
+  bool reads(int n) const {
+    return eventually([&] { return bytes == n; });
+  }
 
   static int on_event(void *arg, void *handle, int event, int) {
     auto *self = static_cast<Recorder *>(arg);
