@@ -159,7 +159,6 @@ c2ms_window c2ms_cache_window(c2ms_cache *cache) {
 }
 
 c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
-  const int64_t now = c2ms::now_us();
   const adif::Guard lock(cache->lock);
   if (cache->demand_only) return nullptr;
   const c2ms_window window = c2ms_cache_window(cache);
@@ -172,7 +171,7 @@ c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
     const adif::Guard pack_lock(pack->lock);
     if (pack->state != pack_idle) continue;
     if (!paused) cache->idle_from = i;
-    if (pack->not_before_us <= now) return pack;
+    if (!c2ms_pack_is_paused(pack)) return pack;
     paused = true;
   }
   if (!paused) cache->idle_from = std::max(end, cache->wanted_from);
@@ -184,7 +183,7 @@ bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out) {
   const adif::Guard pack_lock(pack->lock);
   if (pack->cache != cache || pack->index < 0 || pack->index >= cache->total_packs) return false;
   if (pack->state == pack_idle) {
-    if (pack->not_before_us > c2ms::now_us()) return false;
+    if (c2ms_pack_is_paused(pack)) return false;
     pack->size = pack_length(cache, pack->index);
     c2ms::count_forgotten(cache->session, pack->len);
     pack->len = 0;

@@ -30,7 +30,7 @@ look look_at(c2ms_cache *cache, int32_t index, int32_t len) REQUIRES(cache->lock
   const adif::Guard lock(pack->lock);
   if (pack->index != index) return look::odd;
   if (pack->state == pack_ready || pack->len >= len) return look::there;
-  const bool to_be_asked_for = pack->state == pack_idle && pack->not_before_us <= c2ms::now_us();
+  const bool to_be_asked_for = pack->state == pack_idle && !c2ms_pack_is_paused(pack);
   return to_be_asked_for ? look::odd : look::missing;
 }
 

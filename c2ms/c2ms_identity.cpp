@@ -38,6 +38,12 @@ void read_interfaces(c2ms_mgmt *mgmt) {
   }
 }
 
+void ask_system(c2ms_mgmt *mgmt) REQUIRES(mgmt->identity_lock) {
+  mgmt->identity_asked_us = c2ms::now_us();
+  if (std::any_of(mgmt->hid, mgmt->hid + 6, [](uint8_t byte) { return byte != 0; })) return;
+  read_interfaces(mgmt);
+}
+
 int hex_digit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -45,9 +51,9 @@ int hex_digit(char c) {
   return -1;
 }
 
-uint32_t next_id(uint32_t *counter) {
-  if (*counter == 0) *counter = 1;  // 0 names nobody, after a wrap too
-  return (*counter)++;
+uint32_t next_id(std::atomic<uint32_t> *counter) {
+  const uint32_t id = counter->fetch_add(1);
+  return id != 0 ? id : counter->fetch_add(1);  // 0 names nobody, after a wrap too
 }
 
 }  // namespace
@@ -55,9 +61,7 @@ uint32_t next_id(uint32_t *counter) {
 void c2ms_mgmt_readhid(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return;
   const adif::Guard lock(mgmt->identity_lock);
-  mgmt->identity_asked_us = c2ms::now_us();
-  if (std::any_of(mgmt->hid, mgmt->hid + 6, [](uint8_t byte) { return byte != 0; })) return;
-  read_interfaces(mgmt);
+  ask_system(mgmt);
 }
 
 void parse_hwaddr(uint8_t *out, int out_len, const char *text, int text_len) {
@@ -83,30 +87,23 @@ void parse_hwaddr(uint8_t *out, int out_len, const char *text, int text_len) {
 
 uint32_t c2ms_nodeid(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return 0;
-  const adif::Guard lock(mgmt->node_lock);
   return next_id(&mgmt->next_node_id);
 }
 
 uint32_t c2ms_sessid(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return 0;
-  const adif::Guard lock(mgmt->sess_lock);
   return next_id(&mgmt->next_sess_id);
 }
 
 uint32_t c2ms_unitid(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return 0;
-  const adif::Guard lock(mgmt->unit_lock);
   return next_id(&mgmt->next_unit_id);
 }
 
 c2ms::identity c2ms::current_identity(c2ms_mgmt *mgmt) {
-  bool ask = false;
-  {
-    const adif::Guard lock(mgmt->identity_lock);
-    ask = std::strlen(mgmt->local_ip_text) < 2 && now_us() - mgmt->identity_asked_us > ask_again_us;
-  }
-  if (ask) c2ms_mgmt_readhid(mgmt);
   const adif::Guard lock(mgmt->identity_lock);
+  const bool known = std::strlen(mgmt->local_ip_text) > 1;
+  if (!known && now_us() - mgmt->identity_asked_us > ask_again_us) ask_system(mgmt);
   identity who;
   std::memcpy(who.local_ip, mgmt->local_ip_text, sizeof who.local_ip);
   std::memcpy(who.hid, mgmt->hid, sizeof who.hid);

@@ -99,8 +99,8 @@ void count_usable(c2ms_sess *sess, const weight &before, const weight &after)
   }
 }
 
-// Microseconds of downloading to account, when a download ends.
-int64_t count_downloading(c2ms_sess *sess, const weight &before, const weight &after)
+// Accounts the time spent downloading when a download ends.
+void count_downloading(c2ms_sess *sess, const weight &before, const weight &after)
     REQUIRES(sess->counter_lock) {
   if (after.downloading && !before.downloading) {
     if (sess->download_num < 1) sess->download_start_us = now_us();
@@ -110,29 +110,18 @@ int64_t count_downloading(c2ms_sess *sess, const weight &before, const weight &a
     const int64_t spent = now - sess->download_start_us;
     sess->download_start_us = now;
     sess->download_num = std::max(sess->download_num - 1, 0);
-    return spent;
+    if (spent > 0) sess->recv_time += static_cast<uint64_t>(spent);
   }
-  return 0;
 }
 
 // True when the last usable node went: who waits for bytes must look at the status.
-bool count_states(c2ms_sess *sess, uint32_t from, uint32_t to) {
+bool count_states(c2ms_sess *sess, uint32_t from, uint32_t to) REQUIRES(sess->counter_lock) {
   const weight before(from), after(to);
-  int64_t spent;
-  bool lost_last;
-  {
-    const adif::Guard lock(sess->counter_lock);
-    const bool had = sess->has_active != 0;
-    count_ready(sess, before, after);
-    count_usable(sess, before, after);
-    spent = count_downloading(sess, before, after);
-    lost_last = had && sess->has_active == 0;
-  }
-  if (spent > 0) {
-    const adif::Guard lock(sess->speed_lock);
-    sess->recv_time += static_cast<uint64_t>(spent);
-  }
-  return lost_last;
+  const bool had = sess->has_active != 0;
+  count_ready(sess, before, after);
+  count_usable(sess, before, after);
+  count_downloading(sess, before, after);
+  return had && sess->has_active == 0;
 }
 
 }  // namespace
@@ -303,22 +292,22 @@ int c2ms_node_download_end(c2ms_node *node) {
 
 int c2ms_node_state_to(c2ms_node *node, uint32_t state) {
   if (node == nullptr) return -1;
+  c2ms_sess *const sess = node->session;
+  if (sess == nullptr) return -2;
   bool lost_last = false;
   uint32_t before;
   {
-    const adif::Guard lock(node->state_lock);
+    const adif::Guard lock(sess->counter_lock);
     before = node->state;
     if (before == state) return 0;
-    if (is_media(node) && node->session != nullptr) {
-      lost_last = count_states(node->session, before, state);
-    }
+    if (is_media(node)) lost_last = count_states(sess, before, state);
     if (state == C2MS_NODE_READY && before < C2MS_NODE_READY) node->ready_since_us = now_us();
     node->state = state;
   }
-  if (lost_last) c2ms_cache_wake(node->session->cache.load());
+  if (lost_last) c2ms_cache_wake(sess->cache.load());
   // (Between ready and downloading: the requests tell it.)
   const bool told = before >= C2MS_NODE_READY && state >= C2MS_NODE_READY;
-  if (!told && node->session != nullptr) trace_node(node, state);
+  if (!told) trace_node(node, state);
   return 0;
 }
 

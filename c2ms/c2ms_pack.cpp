@@ -7,6 +7,7 @@
 #include "c2ms/c2ms_sess_sched.h"
 #include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_strand.h"
+#include "c2ms/c2ms_time.h"
 
 namespace {
 
@@ -68,6 +69,10 @@ int c2ms_pack_free(c2ms_pack *pack) {
   pack->~c2ms_pack();
   kfree_dbg(pack);
   return 0;
+}
+
+bool c2ms_pack_is_paused(const c2ms_pack *pack) {
+  return pack->not_before_us != 0 && pack->not_before_us > c2ms::now_us();
 }
 
 void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) {

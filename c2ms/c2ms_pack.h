@@ -21,6 +21,9 @@ int c2ms_pack_free(c2ms_pack *pack);
 /// Stores the state.
 void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) REQUIRES(pack->lock);
 
+/// True while an idle pack is not to be asked for again yet.
+bool c2ms_pack_is_paused(const c2ms_pack *pack) REQUIRES(pack->lock);
+
 /// Wakes the reader if it waits for this pack to change. Hold no lock.
 void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index);
 

@@ -42,14 +42,12 @@ enum rank : uint8_t {
   rank_read_gate = 1,
   rank_strand,
   rank_download,
-  rank_node_state,
   rank_counters,
   rank_node_list,
   rank_unit_queue,
   rank_cache,
   rank_pack,
   rank_speed,
-  rank_pdu_id,
   rank_registry,
   rank_memory,
 };
@@ -317,8 +315,7 @@ struct c2ms_node {
   uint16_t load = 0;
   uint8_t type = 0;
   uint32_t node_id = 0;
-  adif::Mutex state_lock{c2ms::rank_node_state};
-  std::atomic<uint32_t> state{C2MS_NODE_NULL};  // written under state_lock
+  std::atomic<uint32_t> state{C2MS_NODE_NULL};  // written under the session's counter_lock
   uint32_t ip = 0;                              // network order
   uint32_t port = 0;
   char host[64]{};
@@ -395,9 +392,8 @@ struct c2ms_sess {
   adif::Mutex speed_lock{c2ms::rank_speed};
   std::atomic<bool> tracing{false};
   c2ms::recorder trace GUARDED_BY(speed_lock);
-  uint64_t total_bytes GUARDED_BY(speed_lock) = 0;
-  uint64_t recv_time GUARDED_BY(speed_lock) = 0;
-  uint64_t window_bytes GUARDED_BY(speed_lock) = 0;
+  std::atomic<uint64_t> total_bytes{0}, window_bytes{0};  // received; since the last count
+  std::atomic<uint64_t> recv_time{0};                     // microseconds
   int64_t stats_us GUARDED_BY(speed_lock) = 0;
   int64_t window_us GUARDED_BY(speed_lock) = 0;
   double realtime_speed GUARDED_BY(speed_lock) = 0;
@@ -407,8 +403,7 @@ struct c2ms_sess {
   uint64_t cache_limit = 0;
   rac_timer *speed_timer = nullptr;
 
-  adif::Mutex pdu_lock{c2ms::rank_pdu_id};
-  uint32_t next_pdu_id GUARDED_BY(pdu_lock) = 1;
+  std::atomic<uint32_t> next_pdu_id{1};
 
   // Units waiting for a node, by offset.
   adif::Mutex unit_lock{c2ms::rank_unit_queue};
@@ -511,13 +506,10 @@ struct c2ms_mgmt {
   int64_t identity_asked_us GUARDED_BY(identity_lock) = 0;
 
   adif::Mutex node_lock{c2ms::rank_registry};
-  uint32_t next_node_id GUARDED_BY(node_lock) = 1;
   pointer_stack *nodes GUARDED_BY(node_lock) = nullptr;
   adif::Mutex sess_lock{c2ms::rank_registry};
-  uint32_t next_sess_id GUARDED_BY(sess_lock) = 1;
   pointer_stack *sessions GUARDED_BY(sess_lock) = nullptr;
-  adif::Mutex unit_lock{c2ms::rank_registry};
-  uint32_t next_unit_id GUARDED_BY(unit_lock) = 1;
+  std::atomic<uint32_t> next_node_id{1}, next_sess_id{1}, next_unit_id{1};
 
   block_pool *sess_pool = nullptr, *node_pool = nullptr, *unit_pool = nullptr, *pack_pool = nullptr;
   adif::Mutex mem_lock{c2ms::rank_memory};

@@ -141,7 +141,6 @@ report_facts report_facts_of(c2ms_sess *sess) {
   facts.realtime_speed = bytes_per_ms(c2ms_sess_realtime_recvspeed(sess));
   facts.average_speed = bytes_per_ms(c2ms_sess_average_recvspeed(sess));
   facts.read_pos = c2ms_cache_readpos(sess->cache.load());
-  const adif::Guard lock(sess->speed_lock);
   facts.total_bytes = sess->total_bytes;
   facts.recv_time = sess->recv_time;
   return facts;

@@ -90,13 +90,12 @@ void reset_counters(c2ms_sess *sess) {
   sess->answers = sess->answers_seen = 0;
   sess->fruitless_us = 0;
   sess->dispatch_due = false;
+  sess->total_bytes = sess->recv_time = sess->window_bytes = 0;
   {
     const adif::Guard lock(sess->speed_lock);
-    sess->total_bytes = sess->recv_time = sess->window_bytes = 0;
     sess->stats_us = sess->window_us = 0;
     sess->realtime_speed = 0;
   }
-  const adif::Guard lock(sess->pdu_lock);
   sess->next_pdu_id = 1;
 }
 
@@ -284,8 +283,7 @@ void c2ms_sess_random(c2ms_sess *sess, uint8_t *out) {
 
 uint32_t c2ms_sess_pduid(c2ms_sess *sess) {
   if (sess == nullptr) return 0;
-  const adif::Guard lock(sess->pdu_lock);
-  return sess->next_pdu_id++;
+  return sess->next_pdu_id.fetch_add(1);
 }
 
 namespace {

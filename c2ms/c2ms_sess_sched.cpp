@@ -209,7 +209,6 @@ int c2ms_sess_dispatch(c2ms_sess *sess) {
 
 int c2ms_sess_recv_byte(c2ms_sess *sess, int64_t n) {
   if (sess == nullptr) return -1;
-  const adif::Guard lock(sess->speed_lock);
   sess->window_bytes += static_cast<uint64_t>(n);
   sess->total_bytes += static_cast<uint64_t>(n);
   return 0;
@@ -222,10 +221,9 @@ int c2ms_sess_recvspeed_count(c2ms_sess *sess) {
     const adif::Guard lock(sess->speed_lock);
     const int64_t now = now_us();
     const double elapsed_ms = static_cast<double>(now - sess->window_us) / 1000.0;
-    sess->realtime_speed =
-        elapsed_ms > 0 ? static_cast<double>(sess->window_bytes) / elapsed_ms : 0;
+    const auto bytes = static_cast<double>(sess->window_bytes.exchange(0));
+    sess->realtime_speed = elapsed_ms > 0 ? bytes / elapsed_ms : 0;
     sess->window_us = now;
-    sess->window_bytes = 0;
   }
   c2ms_sess_start_speed_timer(sess);
   return 0;
@@ -239,9 +237,9 @@ double c2ms_sess_realtime_recvspeed(c2ms_sess *sess) {
 
 double c2ms_sess_average_recvspeed(c2ms_sess *sess) {
   if (sess == nullptr) return -1.0;
-  const adif::Guard lock(sess->speed_lock);
-  if (sess->recv_time == 0) return 0;
-  return static_cast<double>(sess->total_bytes) / (static_cast<double>(sess->recv_time) / 1000.0);
+  const uint64_t time_us = sess->recv_time;
+  if (time_us == 0) return 0;
+  return static_cast<double>(sess->total_bytes) / (static_cast<double>(time_us) / 1000.0);
 }
 
 int32_t c2ms_sess_fasttime(c2ms_sess *sess) {

@@ -67,6 +67,7 @@ void count_completed(const c2ms_unit &unit) {
 }
 
 void count_given_up(c2ms_node *node, const c2ms_unit &unit) {
+  if (unit.filled_pack) return;  // it was counted as completed
   const adif::Guard lock(unit.session->speed_lock);
   if (in_flight(node->counts) == 0) return;
   ++node->counts.given_up;

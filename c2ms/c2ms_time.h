@@ -15,12 +15,15 @@ using steady = std::chrono::steady_clock;
 int64_t now_us();
 
 /// The same as seconds and microseconds.
-inline timeval now_tv() {
-  const int64_t now = now_us();
+inline timeval to_tv(int64_t us) {
   timeval tv{};
-  tv.tv_sec = static_cast<time_t>(now / 1'000'000);
-  tv.tv_usec = static_cast<suseconds_t>(now % 1'000'000);
+  tv.tv_sec = static_cast<time_t>(us / 1'000'000);
+  tv.tv_usec = static_cast<suseconds_t>(us % 1'000'000);
   return tv;
+}
+
+inline timeval now_tv() {
+  return to_tv(now_us());
 }
 
 inline int64_t to_us(const timeval &tv) {

@@ -11,7 +11,7 @@ namespace c2ms {
 namespace {
 
 // The media that flows by has driven the ring out of the nearest cache, and the unlock waits for
-// the stores before it: without this an event costs two to three times as much.
+// the stores before it: without this an event costs twice as much.
 void fetch_ahead(c2ms_trace_event *event) {
   constexpr int to_write = 1;
   __builtin_prefetch(event, to_write);

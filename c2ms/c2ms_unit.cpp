@@ -184,8 +184,9 @@ int c2ms_unit_send(c2ms_unit *unit, int fd) {
   if (length < 1 || tcp_nb_send(fd, unit->request_bytes, length) != length)
     return unit_socket_failed;
   unit->first_time = unit->end_time = {};
-  unit->sent_time = c2ms::now_tv();
-  unit->node->last_active_us = c2ms::now_us();
+  const int64_t now = c2ms::now_us();
+  unit->sent_time = c2ms::to_tv(now);
+  unit->node->last_active_us = now;
   unit->state = UNIT_SENT;
   return 0;
 }

@@ -158,10 +158,10 @@ slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd) {
     const int wanted = std::min<int>(std::min(payload, pack->size) - received, receive_slice_bytes);
     int got = 0;
     const int result = wanted > 0 ? tcp_nb_receive(fd, pack->buf + received, wanted, &got) : 0;
+    if (got > 0) c2ms_sess_recv_byte(unit->session, got);  // before it counts as payload
     if (!take_payload(unit, pack, got, &news)) {
       outcome = result < 0 ? slice::failed : (got < wanted ? slice::nothing : slice::more);
     }
-    if (got > 0) c2ms_sess_recv_byte(unit->session, got);
   }
   tell(unit->session->cache.load(), news);
   return outcome;
