@@ -255,7 +255,11 @@ bool read_pack(reading &call) {
       case step::go_on:
         return true;
       case step::stop:
-        if (call.expired()) ask_again_if_late(call, at);  // players with short budgets get it too
+        if (call.expired()) {
+          ask_again_if_late(call, at);  // players with short budgets get it too
+        } else if (call.copied == 0) {
+          wait(call, at);  // a pack of size 0: who calls again at once must not spin
+        }
         return false;
       case step::move_range:
         if (!move_range(call, at)) return false;
