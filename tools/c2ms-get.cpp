@@ -128,6 +128,7 @@ bool prepare(c2ms_sess *session, const get::Options &options, get::Report *repor
   int32_t pack_size = c2ms_sess_pack_size(session, options.pack_size);
   while (pack_size > 0 && report->length % static_cast<uint32_t>(pack_size) == 0) ++pack_size;
   int32_t result = c2ms_sess_cache_init(session, pack_size);
+  if (result == -2) get::fail(report, "the memory (--mem) has no room for a pack (--pack-size)");
   if (result >= 0 && options.index) open_index(session, pack_size, report);
   // An open of the index has selected the whole media.
   const bool selected = report->indexed && report->length == report->media_size;
