@@ -60,7 +60,8 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit);
 /// the node]
 int c2ms_node_lifecheck(c2ms_node *node);
 
-/// Moves to a state; the session counters of a media node follow. 0, -1 for NULL, -2 without session.
+/// Moves to a state; the session counters of a media node follow. 0, -1 for NULL, -2 without
+/// session.
 int c2ms_node_state_to(c2ms_node *node, uint32_t state);
 
 /// c2ms_node_recycle (c2ms_node_obj.h).

@@ -87,22 +87,25 @@ extern C2MS_API const char *g_build_time;   /* "Oct 11 2011 11:18:31" */
 /* Starts the library: memory, threads, configuration, identity.
  * conf_path: a configuration file (first 63 characters), or NULL or "" for none. Only a regular
  * file up to 1 MiB is read; a missing or malformed one leaves the defaults. Section "Communication
- * Option", keys "Entry Server", "Build TCP Max Time", "Cyclic Connection Check Time", "Session
- * Check Time" (seconds). uid_low, uid_high: the halves of the 64-bit user id. hid: 20 bytes of
+ * Option", keys "Entry Server" (a host without port), "Build TCP Max Time", "Cyclic Connection
+ * Check Time", "Session Check Time" (seconds; the last one holds until a play is reported, then it
+ * is 8). uid_low, uid_high: the halves of the 64-bit user id. hid: 20 bytes of
  * hardware id (copied), or NULL to take the first Ethernet interface's address. mem_size: bytes
  * from which the sessions' caches are cut, raised to 8 MiB when smaller. Looks up g_perf_server
  * (may block as long as the resolver does). The context, or NULL when memory or threads can't be
- * had. Ends the process with status 2 when a worker thread can't be started. */
+ * had. Ends the process with status 2 when a worker thread can't be started, with status 1 when
+ * there is no memory for what the file says. */
 C2MS_API c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
                                    const uint8_t *hid, int32_t mem_size);
 
 /* Stops and frees everything, sessions that are still open included: calls that wait on them return
- * C2MS_CLOSED first. No other call on the context may start once this one has. 0, or -1 for NULL.
- */
+ * C2MS_CLOSED first. Waits for an exchange of reporting and a name look-up under way to end (some 8
+ * seconds and the resolver's time at worst), and for each open session as its close does. No other
+ * call on the context may start once this one has. 0, or -1 for NULL. */
 C2MS_API int c2ms_mgmt_clean(c2ms_mgmt *mgmt);
 
 /* Reads the configuration file again; what it says holds for what starts afterwards. 0, or -1 for
- * NULL. */
+ * NULL. Ends the process with status 1 when there is no memory for what the file says. */
 C2MS_API int c2ms_mgmt_readconf(c2ms_mgmt *mgmt);
 
 /* Identity. Texts and bytes belong to the context (c2ms_natip: to the C library's static buffer).
@@ -126,14 +129,15 @@ C2MS_API void c2ms_set_diag(void (*fn)(void *arg, const char *line), void *arg);
 /* Opens a media: "kesp://" or "kedp://", then optional host[:port] (default: the configured entry
  * server, port 3528), a path and a query with the keys fid (32 hexadecimal digits: the media's id),
  * auth (32 hexadecimal digits), stamp and keyid (decimal). Values end at a blank, tab, comma or
- * semicolon. Example:
+ * semicolon. What is longer than 511 characters, or a host than 63, is cut off there, with the keys
+ * that come behind. Example:
  *     kesp://127.0.0.1:3528/film?fid=00112233445566778899aabbccddeeff;stamp=7;keyid=3
  * Blocks until a server has described the media, at most about 21 seconds (and a name look-up).
  * err: NULL, or receives 0 or a session code. The session, or NULL. */
 C2MS_API c2ms_sess *c2ms_sess_open(c2ms_mgmt *mgmt, const char *url, int32_t *err);
 
-/* The same; cb is called about once a second while the open waits, and a negative result ends the
- * open with C2MS_UNAUTHORIZED. */
+/* The same; cb is called about once a second while the open waits (not during the name look-up),
+ * and a negative result ends the open with C2MS_UNAUTHORIZED, as a server's refusal does. */
 C2MS_API c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err,
                                     int32_t (*cb)(void));
 
@@ -145,8 +149,9 @@ C2MS_API int c2ms_sess_reopen(c2ms_sess *sess);
 /* Closes the session: waiting calls on it return C2MS_CLOSED, its connections and memory are given
  * back, and agent and report server are told of the end. That takes milliseconds when they answer
  * or when nobody is there, and at worst 43 seconds when both keep each exchange waiting (each wait
- * has its bound: ping and connection 2 s, sending 1 s, a reply 8 s). The handle must not be used
- * afterwards (a second close does nothing). 0, or -1 for NULL. */
+ * has its bound: ping and connection 2 s, sending 1 s, a reply 8 s). Of two closes at one time the
+ * second does nothing; afterwards the handle must not be used at all, it may soon be another
+ * session's. 0, or -1 for NULL. */
 C2MS_API int c2ms_sess_close(c2ms_sess *sess);
 
 /* The text of a session code; "" for any other number. Constant. */
@@ -167,18 +172,18 @@ C2MS_API int c2ms_sess_idxfile(c2ms_sess *sess, char *idx_text, uint32_t *len);
 
 /* A pack size for c2ms_sess_cache_init: at or just above wanted, at least 4096, a multiple of 4096
  * where that is possible, such that neither the media's size nor its index's length is a multiple
- * of it. (The last pack of a file whose size is a multiple of the pack size is never delivered;
- * this call avoids it.) Small packs start and seek fast; big packs suit long delays. -1 for NULL.
- */
+ * of it. (The last pack of a file, or of a part that c2ms_sess_range selects, whose size is a
+ * multiple of the pack size is never delivered. This call avoids it for whole files; who selects
+ * a part adds 1 to a pack size that divides it.) Small packs start and seek fast; big packs suit
+ * long delays. -1 for NULL. */
 C2MS_API int32_t c2ms_sess_pack_size(c2ms_sess *sess, int32_t wanted);
 
 /* Gives the session its cache: all memory of the context that is free at this moment, cut into
- * packs of pack_size bytes (raised to 4096). To share the memory between sessions, give the first a
- * pack size that leaves a rest. May be called again; a former cache is given back first. No file is
- * selected afterwards: c2ms_sess_range or c2ms_sess_set_media does that. Waits for a read in
- * progress to end. 0; -1 NULL; -2 no memory is left; -3, -4 less than one pack is left; -5 no heap
- * memory for what describes the packs; C2MS_CLOSED. After -5 there is no pack; the call may be
- * repeated. */
+ * packs of pack_size bytes (raised to 4096); two sessions at a time need a context each. May be
+ * called again; a former cache is given back first. No file is selected afterwards (reads give -200
+ * until then): c2ms_sess_range or c2ms_sess_set_media does that. Waits for a read in progress to
+ * end. 0; -1 NULL; -2 less than one pack is left; -5 no heap memory for what describes the packs;
+ * C2MS_CLOSED. After -5 there is no pack; the call may be repeated. */
 C2MS_API int c2ms_sess_cache_init(c2ms_sess *sess, int32_t pack_size);
 
 /* Selects what reads deliver: which 0 the media, any other value its index file; size bytes from
@@ -198,11 +203,11 @@ C2MS_API int c2ms_sess_seek(c2ms_sess *sess, uint64_t pos);
  * nonblock 0: waits until len bytes, the end of the file or one of the ends below; otherwise takes
  * what is there, 0 included. Ends short: a seek or a file selection by another thread, a pack of
  * size 0 (see c2ms_sess_pack_size). While servers are unreachable it keeps waiting: they are asked
- * again. Bytes delivered; -200 at the end of the file; -1; -2 no cache; -201 the cache has no
- * packs; C2MS_CLOSED; C2MS_MEDIA_NOT_EXIST, C2MS_UNAUTHORIZED, C2MS_AUTH_FAILED, C2MS_IN_DEBT when
- * the servers refuse and no node is left that serves; the last three also, at once and until the
- * close, when the agent refuses the play. len below 1 gives 0. C2MS_CLOSED also while reading is
- * cancelled (c2ms_sess_cancel). */
+ * again. Bytes delivered; -200 at the end of the file, or when none is selected; -1; -2 no cache;
+ * -201 the cache has no packs; C2MS_CLOSED; C2MS_MEDIA_NOT_EXIST, C2MS_UNAUTHORIZED,
+ * C2MS_AUTH_FAILED, C2MS_IN_DEBT when the servers refuse and no node is left that serves; the last
+ * three also, at once and until the close, when the agent refuses the play. len below 1 gives 0.
+ * C2MS_CLOSED also while reading is cancelled (c2ms_sess_cancel). */
 C2MS_API int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock);
 
 /* The same with a budget: when timeout_ms milliseconds are used up, what is there is delivered (0
