@@ -29,6 +29,7 @@ inline constexpr uint8_t node_serves_media = 0x02;
 // Nodes.
 inline constexpr int32_t max_failed_attempts = 3;  // of a node that is no media node
 inline constexpr int max_media_nodes = 8;          // of one session
+inline constexpr int max_other_nodes = 16;         // the same, which only know others
 inline constexpr int wanted_media_nodes = 4;       // a session grows towards this many
 inline constexpr int max_list_entries = 4;         // of one server list
 // More than a session may hold at one time: growth, list and replacement together stay below.

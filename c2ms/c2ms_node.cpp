@@ -114,6 +114,14 @@ void count_downloading(c2ms_sess *sess, const weight &before, const weight &afte
   }
 }
 
+// Lists of lists must not take the connections of other sessions.
+bool has_room(c2ms_sess *sess, bool media) {
+  const adif::Guard lock(sess->list_lock);
+  const int media_nodes = sk_num(sess->node_list);
+  if (media) return media_nodes < max_media_nodes;
+  return sk_num(sess->node_index) - media_nodes < max_other_nodes;
+}
+
 // True when the last usable node went: who waits for bytes must look at the status.
 bool count_states(c2ms_sess *sess, uint32_t from, uint32_t to) REQUIRES(sess->counter_lock) {
   const weight before(from), after(to);
@@ -130,7 +138,7 @@ c2ms_node *c2ms_node_open(c2ms_sess *session, const char *host, uint32_t ip, uin
                           uint8_t type, uint16_t load, uint32_t level) {
   if (session == nullptr || ip == 0 || ip == SOCK_NO_ADDRESS) return nullptr;
   const bool media = (type & node_serves_media) != 0;
-  if (media && c2ms_sess_node_num(session) >= max_media_nodes) return nullptr;
+  if (!has_room(session, media)) return nullptr;
   c2ms_node *const node = c2ms_node_fetch(session);
   if (node == nullptr) return nullptr;
   node->ip = ip;

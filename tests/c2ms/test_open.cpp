@@ -1,6 +1,8 @@
 // Opening: what is accepted, which error each failure gives and how soon.
 #include "adif/tsock.h"
+#include "c2ms/c2ms_node.h"
 #include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/c2ms_strand.h"
 #include "c2ms/c2ms_url.h"
 #include "player.h"
 
@@ -128,6 +130,15 @@ TEST_F(Opening, RefusalsAndListsHaveTheirCodes) {
     EXPECT_LT(server->totals().accepted, 40u);
     EXPECT_LT(server->totals().lists, 40u);
   }
+}
+
+TEST_F(Opening, ServersThatOnlyKnowOthersAreFew) {
+  start(1'000'000);
+  const c2ms::StrandGuard strand(film->get());
+  int opened = 0;
+  for (uint32_t port = 1; port <= 40; ++port)
+    opened += c2ms_node_open(film->get(), nullptr, htonl(0x7f000001), port, 1, 0, 2) != nullptr;
+  EXPECT_EQ(opened, 16);
 }
 
 TEST_F(Opening, CallbackAndDeadline) {
