@@ -36,6 +36,27 @@ void give_back_packs(c2ms_cache *cache) REQUIRES(cache->lock) {
   }
 }
 
+void go_to_start(c2ms_cache *cache) REQUIRES(cache->lock) {
+  cache->read_index = 0;
+  cache->read_pos = 0;
+  cache->other_pos = c2ms::no_place;
+  cache->first_index = 0;
+  cache->wanted_from = 0;
+  cache->idle_from = 0;
+}
+
+// The lead that a player wants; no more than the ring can hold ahead.
+void set_lead(c2ms_cache *cache, int32_t bytes) REQUIRES(cache->lock) {
+  const int64_t packsize = cache->packsize;
+  const int32_t most = cache->packnum - cache->reserve;
+  cache->buffering_size = bytes;
+  cache->buffering_packs = static_cast<int32_t>((bytes + packsize - 1) / packsize);
+  if (cache->buffering_packs > most) {
+    cache->buffering_packs = most;
+    cache->buffering_size = static_cast<int32_t>(packsize * most);
+  }
+}
+
 }  // namespace
 
 c2ms_cache *c2ms_cache_init(c2ms_sess *session) {
@@ -57,7 +78,7 @@ c2ms_cache *c2ms_cache_init(c2ms_sess *session) {
   cache->read_pos = 0;
   cache->other_pos = c2ms::no_place;
   cache->wanted_from = 0;
-  cache->demand_only = false;
+  cache->use = c2ms::cache_use::play;
   cache->buffering_size = 0;
   cache->buffering_packs = 0;
   cache->read_calls = 0;
@@ -73,6 +94,8 @@ int c2ms_cache_clean(c2ms_cache *cache) {
   give_back_packs(cache);
   cache->media_size = 0;
   cache->total_packs = 0;
+  cache->max_first = 0;
+  go_to_start(cache);
   cache->buffer = nullptr;
   cache->buffer_size = 0;
   return 0;
@@ -105,11 +128,12 @@ int c2ms_cache_setbuf(c2ms_cache *cache, uint8_t *buffer, int32_t size, int32_t 
     }
   }
   cache->packnum = packnum;
+  set_lead(cache, cache->buffering_size);
   return 0;
 }
 
 int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset,
-                       uint64_t media_size, uint8_t flag, bool demand_only) {
+                       uint64_t media_size, uint8_t flag, c2ms::cache_use use) {
   if (cache == nullptr) return -1;
   const adif::Guard lock(cache->lock);
   const int32_t packnum = cache->packnum;
@@ -124,13 +148,8 @@ int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offs
   cache->total_packs = static_cast<int32_t>(total);
   cache->last_pack_len = static_cast<int32_t>(media_size % packsize);
   cache->max_first = std::max(static_cast<int32_t>(total) - packnum, 0);
-  cache->read_index = 0;
-  cache->read_pos = 0;
-  cache->other_pos = c2ms::no_place;
-  cache->first_index = 0;
-  cache->wanted_from = 0;
-  cache->idle_from = 0;
-  cache->demand_only = demand_only;
+  go_to_start(cache);
+  cache->use = use;
   // Units of the former file lose their packs here, and would not pass the generation either.
   cache->generation.fetch_add(1);
   cache->seek_count.fetch_add(1);
@@ -160,7 +179,7 @@ c2ms_window c2ms_cache_window(c2ms_cache *cache) {
 
 c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
   const adif::Guard lock(cache->lock);
-  if (cache->demand_only) return nullptr;
+  if (cache->use == c2ms::cache_use::box_headers) return nullptr;
   const c2ms_window window = c2ms_cache_window(cache);
   const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
   const auto end = static_cast<int32_t>(std::min<int64_t>(range_end, cache->total_packs));
@@ -230,11 +249,11 @@ int c2ms_cache_download_one(c2ms_cache *cache) {
   return pack != nullptr && c2ms_cache_download_pack(cache, pack) == 0 ? 1 : 0;
 }
 
-int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos) {
+int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos, c2ms::cache_use use) {
   if (cache == nullptr) return -1;
   {
     const adif::Guard lock(cache->lock);
-    if (cache->media_size == 0) return 0;
+    if (cache->media_size == 0 || cache->use != use) return 0;
     pos = std::min(pos, cache->media_size - 1);
     if (pos == cache->read_pos) return 0;
     cache->seek_count.fetch_add(1);
@@ -349,7 +368,9 @@ int c2ms_cache_place(c2ms_cache *cache, uint64_t pos) {
     cache->seek_count.fetch_add(1);
     moved = c2ms_cache_seek_to(cache, pos);
   }
-  if (moved) c2ms_sess_unit_purge(cache->session);
+  if (!moved) return 0;
+  c2ms_sess_unit_purge(cache->session);
+  c2ms_cache_download_all(cache);
   return 0;
 }
 
@@ -362,15 +383,7 @@ int c2ms_cache_buffering_size(c2ms_cache *cache, int32_t bytes) {
   if (cache == nullptr) return -1;
   const adif::Guard lock(cache->lock);
   bytes = std::max(bytes, 0);
-  if (bytes == cache->buffering_size) return 0;
-  const int64_t packsize = cache->packsize;
-  const int32_t most = cache->packnum - cache->reserve;
-  cache->buffering_size = bytes;
-  cache->buffering_packs = static_cast<int32_t>((bytes + packsize - 1) / packsize);
-  if (cache->buffering_packs > most) {
-    cache->buffering_packs = most;
-    cache->buffering_size = static_cast<int32_t>(packsize * most);
-  }
+  if (bytes != cache->buffering_size) set_lead(cache, bytes);
   return 0;
 }
 

@@ -48,11 +48,12 @@ int c2ms_cache_clean(c2ms_cache *cache);
 /// memory for packs.
 int c2ms_cache_setbuf(c2ms_cache *cache, uint8_t *buffer, int32_t size, int32_t packsize);
 
-/// Selects a file; drops what was there, position 0. With demand_only nothing is prefetched: only
+/// Selects a file; drops what was there, position 0. Of box headers nothing is prefetched: only
 /// what a reader waits for is asked for. Needs the read gate. 0; -1; -201 the cache has no pack;
 /// -202 more packs than an int32 counts.
 int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offset,
-                       uint64_t media_size, uint8_t flag, bool demand_only = false);
+                       uint64_t media_size, uint8_t flag,
+                       c2ms::cache_use use = c2ms::cache_use::play);
 
 /// The window of the index in memory; an empty one when the cache serves another file than the
 /// media.
@@ -74,8 +75,9 @@ int c2ms_cache_download_one(c2ms_cache *cache);
 /// The range that a pack stands for; false when the pack holds nothing.
 bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out);
 
-/// Moves the read position for the player and asks for what is missing. 0; -1.
-int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos);
+/// Moves the read position and asks for what is missing; nothing when the cache serves another use.
+/// 0; -1.
+int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos, c2ms::cache_use use = c2ms::cache_use::play);
 /// Moves position and range. Packs that stay inside keep their data. True when there are new packs
 /// to ask for.
 bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock);

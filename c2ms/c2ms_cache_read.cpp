@@ -243,6 +243,7 @@ bool read_pack(reading &call) {
     call.result = -201;
     return false;
   }
+  if (ended(call, false)) return false;
   if (take_from_index(call, at)) return advance(call);
   Waiting waiting(call);
   for (;;) {
@@ -276,7 +277,6 @@ bool read_pack(reading &call) {
 
 int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point deadline) {
   if (cache == nullptr) return -1;
-  if (const int32_t refusal = cache->session->refusal.load(); refusal != 0) return refusal;
   reading call{cache, static_cast<uint8_t *>(buf), len, deadline};
   {
     const adif::Guard lock(cache->lock);

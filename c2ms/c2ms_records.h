@@ -92,6 +92,10 @@ struct recorder {
   int64_t start_us = 0;
 };
 
+/// What a cache is for: a play; the packed file, while an index is being opened; the box headers of
+/// the media after that, of which nothing is prefetched. A player's seeks are for plays.
+enum class cache_use : uint8_t { play, packed_index, box_headers };
+
 /// Why a reader waited: no node could deliver, the pack came late, nothing had been asked for
 /// before the seek (or the choice of the file), or whatever it was until the call was cancelled.
 enum class wait_cause : uint8_t { no_node, late, seek, cancelled };
@@ -257,10 +261,10 @@ struct c2ms_cache {
   std::atomic<int32_t> total_packs{0};
   std::atomic<int32_t> first_index{0};
   uint64_t other_pos GUARDED_BY(lock) =
-      c2ms::no_place;                         // a second reading place (c2ms_cache_place)
-  int32_t wanted_from GUARDED_BY(lock) = 0;   // prefetching begins there (c2ms_cache_seek_to)
-  int32_t idle_from GUARDED_BY(lock) = 0;     // no wanted pack from wanted_from up to here is idle
-  bool demand_only GUARDED_BY(lock) = false;  // nothing is prefetched
+      c2ms::no_place;                        // a second reading place (c2ms_cache_place)
+  int32_t wanted_from GUARDED_BY(lock) = 0;  // prefetching begins there (c2ms_cache_seek_to)
+  int32_t idle_from GUARDED_BY(lock) = 0;    // no wanted pack from wanted_from up to here is idle
+  c2ms::cache_use use GUARDED_BY(lock) = c2ms::cache_use::play;
   std::atomic<uint32_t> generation{
       0};  // of file and buffer: a unit of another one delivers nothing
   std::atomic<uint32_t> seek_count{0};   // a reader that finds it changed ends with what it has
@@ -512,6 +516,8 @@ struct c2ms_mgmt {
   std::atomic<uint32_t> next_node_id{1}, next_sess_id{1}, next_unit_id{1};
 
   block_pool *sess_pool = nullptr, *node_pool = nullptr, *unit_pool = nullptr, *pack_pool = nullptr;
+  adif::Mutex cut_lock{
+      c2ms::rank_registry};  // one session at a time looks what is free and takes it
   adif::Mutex mem_lock{c2ms::rank_memory};
   mem_unit *mem = nullptr;
   int32_t mem_size = 0;

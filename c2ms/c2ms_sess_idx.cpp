@@ -62,8 +62,8 @@ bool is_opening(const c2ms_sess *sess, const c2ms_cache *cache) {
 }
 
 int point_at(c2ms_sess *sess, c2ms_cache *cache, const uint8_t *fid, uint64_t base, uint64_t size,
-             bool demand_only) {
-  const int result = c2ms_cache_setfile(cache, fid, base, size, 0, demand_only);
+             cache_use use) {
+  const int result = c2ms_cache_setfile(cache, fid, base, size, 0, use);
   // A media that can't be selected must not leave its index in the media's place.
   if (result < 0) c2ms_cache_setfile(cache, sess->fid, 0, 0, 0);
   sess->idx_opening.generation = cache->generation;
@@ -97,7 +97,7 @@ int begin_receiving(c2ms_sess *sess, c2ms_cache *cache, int no_memory) {
   if (sess->idx_len > max_index_bytes) return idx_no_memory;
   sess->idx_zbuf = static_cast<uint8_t *>(std::malloc(sess->idx_len));
   if (sess->idx_zbuf == nullptr) return no_memory;
-  point_at(sess, cache, sess->idx_fid, 0, sess->idx_len, false);
+  point_at(sess, cache, sess->idx_fid, 0, sess->idx_len, cache_use::packed_index);
   return 0;
 }
 
@@ -121,7 +121,7 @@ int finish(c2ms_sess *sess, c2ms_cache *cache, int result) {
   const c2ms_idx_opening &opening = sess->idx_opening;
   const uint64_t base = opening.range_base, size = opening.range_size;
   drop_opening(sess);
-  point_at(sess, cache, sess->fid, base, size, false);
+  point_at(sess, cache, sess->fid, base, size, cache_use::play);
   if (sess->moov_at_end != 0) diag("----moov at end----\n");
   return result;
 }
@@ -163,13 +163,13 @@ int unpack(c2ms_sess *sess, uint32_t *len) {
 void begin_walk(c2ms_sess *sess, c2ms_cache *cache) {
   sess->idx_opening.walk = {};
   sess->idx_opening.walk.media_size = sess->media_size;
-  point_at(sess, cache, sess->fid, 0, sess->media_size, true);
+  point_at(sess, cache, sess->fid, 0, sess->media_size, cache_use::box_headers);
 }
 
 // More of the header that the walk wants: C2MS_CACHING while it may still come.
 int receive_header(c2ms_cache *cache, c2ms_box_walk *walk, steady::time_point deadline) {
   constexpr int32_t size = sizeof walk->header;
-  if (walk->have == 0) c2ms_cache_seek(cache, walk->pos);
+  if (walk->have == 0) c2ms_cache_seek(cache, walk->pos, cache_use::box_headers);
   uint8_t *const to = walk->header + walk->have;
   const int32_t n = deadline == one_try
                         ? c2ms_cache_read(cache, to, size - walk->have, 1)

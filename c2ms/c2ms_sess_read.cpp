@@ -45,8 +45,11 @@ int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
   // The old buffer goes back before the free size is taken.
   c2ms_cache_clean(sess->cache.load());
   if (sess->cache_buf != nullptr) c2ms_mem_free(sess->mgmt, sess->cache_buf);
-  sess->cache_buf_size = usable_buffer_size(c2ms_mem_avail(sess->mgmt), pack_size);
-  sess->cache_buf = c2ms_mem_alloc(sess->mgmt, sess->cache_buf_size);
+  {
+    const adif::Guard lock(sess->mgmt->cut_lock);
+    sess->cache_buf_size = usable_buffer_size(c2ms_mem_avail(sess->mgmt), pack_size);
+    sess->cache_buf = c2ms_mem_alloc(sess->mgmt, sess->cache_buf_size);
+  }
   c2ms_cache *cache = sess->cache.load();
   if (cache == nullptr) {
     cache = c2ms_cache_init(sess);
@@ -105,14 +108,17 @@ int receive(c2ms_sess *sess, const uint64_t *pos, void *buf, int32_t len, int32_
   const GateGuard gate(sess, deadline);
   if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return 0;
+  if (const int32_t refusal = sess->refusal.load(); refusal != 0) return refusal;
   if (pos != nullptr) {
     if (c2ms_cache_packnum(cache) < 1) return -201;
     const int placed = c2ms_cache_place(cache, *pos);
     if (placed != 0) return placed;
   }
   const bool whole = pos == nullptr;
-  if (const int32_t n = read_index(sess, cache, buf, len, whole); n > 0)
+  if (const int32_t n = read_index(sess, cache, buf, len, whole); n > 0) {
+    dispatch_if_due(sess);
     return count_delivered(sess, n);
+  }
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now());
   const auto left_ms = static_cast<int32_t>(std::max<int64_t>(left.count(), 0));
   return count_delivered(sess, c2ms_cache_recv(cache, buf, len, left_ms));
@@ -220,6 +226,7 @@ int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock) {
   const GateGuard gate(sess, nonblock != 0 ? one_try : no_limit);
   if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return 0;
+  if (const int32_t refusal = sess->refusal.load(); refusal != 0) return refusal;
   if (const int32_t n = read_index(sess, cache, buf, len, false); n > 0)
     return count_delivered(sess, n);
   return count_delivered(sess, c2ms_cache_read(cache, buf, len, nonblock));

@@ -8,6 +8,7 @@
 #include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_sess_sched.h"
 #include "c2ms/c2ms_strand.h"
+#include "c2ms/c2ms_time.h"
 #include "c2ms/c2ms_trace.h"
 
 namespace c2ms {
@@ -40,6 +41,7 @@ tally &counts_of(const c2ms_unit &unit) REQUIRES(unit.session->speed_lock) {
 
 void count_payload(c2ms_unit *unit, int32_t got, int32_t grown) {
   const adif::Guard lock(unit->session->speed_lock);
+  c2ms_sess_recv_byte(unit->session, got);
   tally &counts = counts_of(*unit);
   counts.received += static_cast<uint64_t>(got);
   counts.grown += static_cast<uint64_t>(grown);
@@ -160,7 +162,8 @@ void take_cache(c2ms_cache *cache, c2ms_stats *out) {
   }
   const c2ms_sess *const sess = cache->session;
   const bool fetches_index =
-      sess->idx_len != 0 && (cache->demand_only || std::memcmp(cache->fid, sess->idx_fid, 16) == 0);
+      sess->idx_len != 0 &&
+      (cache->use == cache_use::box_headers || std::memcmp(cache->fid, sess->idx_fid, 16) == 0);
   out->index_state = sess->idx_len == 0 ? 0 : sess->idx_mem != 0 ? 3 : fetches_index ? 2 : 1;
   out->index_bytes = sess->idx_buf_len;
 }
@@ -199,8 +202,17 @@ void take_totals(const tally &sum, uint64_t forgotten, c2ms_stats *out) {
   out->failures = sum.failures;
 }
 
+// With the download under way, which recv_time gets at its end.
+uint64_t receiving_us(c2ms_sess *sess) {
+  const adif::Guard lock(sess->counter_lock);
+  const int64_t since = sess->download_start_us;
+  const int64_t now = sess->download_num > 0 ? std::max(now_us(), since) : since;
+  return sess->recv_time + static_cast<uint64_t>(now - since);
+}
+
 // All counts of transfers at one moment, so that they add up.
 void take_nodes(c2ms_sess *sess, c2ms_stats *out) {
+  out->receiving_us = receiving_us(sess);
   const adif::Guard list(sess->list_lock);
   const adif::Guard lock(sess->speed_lock);
   tally sum = sess->departed;
@@ -215,7 +227,6 @@ void take_nodes(c2ms_sess *sess, c2ms_stats *out) {
   }
   take_totals(sum, sess->forgotten, out);
   out->bytes_overhead = sess->total_bytes - sum.received;
-  out->receiving_us = sess->recv_time;
   const double received = static_cast<double>(std::max<uint64_t>(sum.received, 1));
   out->gone.share = static_cast<double>(out->gone.bytes_received) / received;
   for (int i = 0; i < count; ++i) {

@@ -158,7 +158,6 @@ slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd) {
     const int wanted = std::min<int>(std::min(payload, pack->size) - received, receive_slice_bytes);
     int got = 0;
     const int result = wanted > 0 ? tcp_nb_receive(fd, pack->buf + received, wanted, &got) : 0;
-    if (got > 0) c2ms_sess_recv_byte(unit->session, got);  // before it counts as payload
     if (!take_payload(unit, pack, got, &news)) {
       outcome = result < 0 ? slice::failed : (got < wanted ? slice::nothing : slice::more);
     }
@@ -188,8 +187,8 @@ bool read_beginning(c2ms_unit *unit, c2ms_pack *pack, int fd, int *in_pack) REQU
   message.msg_iovlen = std::size(pieces);
   const ssize_t n = recvmsg(fd, &message, MSG_DONTWAIT);
   if (n <= 0) return n < 0 && (errno == EAGAIN || errno == EINTR);
-  c2ms_sess_recv_byte(unit->session, n);
   const int in_head = static_cast<int>(std::min<ssize_t>(n, sizeof head));
+  c2ms_sess_recv_byte(unit->session, in_head);
   if (putnLastBytes(&unit->frame, head, in_head) != in_head) return false;
   *in_pack = static_cast<int>(n) - in_head;
   if (*in_pack == 0) return true;
@@ -197,6 +196,7 @@ bool read_beginning(c2ms_unit *unit, c2ms_pack *pack, int fd, int *in_pack) REQU
   const int64_t rest = int64_t{total_length_of(head)} - int64_t{sizeof head};
   const auto strayed = static_cast<int>(std::clamp<int64_t>(rest, 0, *in_pack));
   if (strayed == 0) return true;
+  c2ms_sess_recv_byte(unit->session, strayed);
   // (Of one that is too long, which is about to be refused, nothing is kept.) Without memory for it
   // the stream is lost.
   const bool acceptable = strayed <= static_cast<int>(max_pdu_bytes);
@@ -225,11 +225,12 @@ int receive_beginning(c2ms_unit *unit, int fd) {
       if (frameLength(unit->frame) == 0) return 0;
     }
     const int result = receive_pdu(unit, fd);
-    if (result <= 0 || unit->response.result != 0 || in_pack == 0) return result;
+    const bool answered = result > 0 && unit->response.result == 0;
     // Bytes behind the answer that nobody asked for.
-    if (in_pack > static_cast<int>(unit->response.payload_length)) {
-      return fail(unit, unit_bad_payload);
-    }
+    const bool too_many = answered && in_pack > static_cast<int>(unit->response.payload_length);
+    if (!answered || too_many) c2ms_sess_recv_byte(unit->session, in_pack);
+    if (too_many) return fail(unit, unit_bad_payload);
+    if (!answered || in_pack == 0) return result;
     whole = take_payload(unit, pack, in_pack, &news);
   }
   tell(unit->session->cache.load(), news);
@@ -247,10 +248,7 @@ slice discard(c2ms_unit *unit, int fd) {
     const int result = tcp_nb_receive(fd, nowhere, wanted, &got);
     unit->received += got;
     budget -= got;
-    if (got > 0) {
-      c2ms_sess_recv_byte(unit->session, got);
-      count_payload(unit, got, 0);
-    }
+    if (got > 0) count_payload(unit, got, 0);
     if (result < 0) return slice::failed;
     if (got < wanted) break;
   }

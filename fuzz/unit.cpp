@@ -160,7 +160,7 @@ class play {
   void issue() {
     c2ms_cache *const cache = w_.cache();
     const auto size = static_cast<uint64_t>(w_.size);
-    c2ms_cache_setfile(cache, w_.sess->fid, 0, size * 10 + 1, 0, true);
+    c2ms_cache_setfile(cache, w_.sess->fid, 0, size * 10 + 1, 0, c2ms::cache_use::box_headers);
     pack_ = static_cast<c2ms_pack *>(sk_value(cache->packs, 0));
     require(c2ms_cache_download_pack(cache, pack_) == 0);
     unit_ = take_unit(w_);

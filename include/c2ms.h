@@ -196,7 +196,8 @@ C2MS_API int c2ms_sess_set_media(c2ms_sess *sess, int which, uint64_t base_offse
 C2MS_API int c2ms_sess_range(c2ms_sess *sess, uint64_t base_offset, uint64_t size);
 
 /* Moves the read position; pos at or past the end becomes the last byte. Never waits for the
- * network; ends a waiting read, which returns what it has. 0; -1; -2 no cache; C2MS_CLOSED. */
+ * network; ends a waiting read, which returns what it has. While an index is being opened it does
+ * nothing: the open ends at position 0. 0; -1; -2 no cache; C2MS_CLOSED. */
 C2MS_API int c2ms_sess_seek(c2ms_sess *sess, uint64_t pos);
 
 /* Copies up to len bytes from the read position to buf (NULL: skips them) and moves the position.

@@ -472,6 +472,41 @@ TEST(Index, IncrementalOpenGivenUpOrDisturbed) {
   EXPECT_TRUE(movie.play(0, 10'000, false, 0, 100'001)) << "the range that was selected";
 }
 
+TEST(Index, SeeksDuringAnOpenDoNothing) {
+  for (const opener open : both_opens) {
+    Movie movie(ftyp() + moov(100'000) + box("mdat", noise(300'000)), "film.mp4",
+                {.nodes = 1, .node = {{.rate_bytes_per_s = 200'000}}});
+    movie.open_indexed();
+    std::atomic<bool> over{false};
+    std::thread seeker([&] {
+      for (uint64_t pos = 0; !over; pos += 7919) c2ms_sess_seek(movie.sess, pos % 400'000);
+    });
+    uint32_t len = 0;
+    EXPECT_GE(open(movie.sess, &len), 0);
+    over = true;
+    seeker.join();
+    ASSERT_EQ(c2ms_sess_seek(movie.sess, 0), 0);
+    EXPECT_TRUE(movie.play(0, 10'000, false));
+  }
+}
+
+TEST(Index, ReadAtInsideKeepsTheNodesAtWork) {
+  Movie movie(ftyp() + moov(200'001) + box("mdat", noise(12'000'000)));
+  movie.open_indexed(65536);
+  ASSERT_EQ(c2ms_sess_idx_open(movie.sess, nullptr), 0);
+  char buf[1000];
+  ASSERT_EQ(c2ms_sess_read_at(movie.sess, 11'900'000, buf, 1000, 5000), 1000);
+  ASSERT_TRUE(eventually([&] { return stats_of(*movie.film).in_flight == 0; }));
+  ASSERT_EQ(c2ms_sess_read_at(movie.sess, 1000, buf, 1000, 5000), 1000);
+  EXPECT_TRUE(movie.same(1000, buf, 1000));
+  const c2ms_stats s = stats_of(*movie.film);
+  EXPECT_GT(s.in_flight + s.buffered_ahead, 0u);
+  movie.sess->refusal = C2MS_UNAUTHORIZED;  // a refused play is not served from memory either
+  EXPECT_EQ(c2ms_sess_read_at(movie.sess, 1000, buf, 1000, 50), C2MS_UNAUTHORIZED);
+  EXPECT_EQ(c2ms_sess_read(movie.sess, buf, 1000, 0), C2MS_UNAUTHORIZED);
+  movie.sess->refusal = 0;
+}
+
 TEST(Index, WalkAsksForHeadersAlone) {
   Movie movie(ftyp() + box("mdat", noise(5'000'000)) + moov(60'000) + box("free", noise(5'000)));
   movie.server.add_index(movie.id);

@@ -133,8 +133,8 @@ TEST_F(Playing, RangesAndWindowsOfAFile) {
   ASSERT_EQ(c2ms_sess_read(film->get(), buf, 10, 0), 1);
   EXPECT_TRUE(film->right(123'456 + 10'000, buf, 1));
   EXPECT_EQ(c2ms_sess_range(film->get(), 0, uint64_t{1} << 50), -202);
-  // The last pack of a file that is a multiple of the pack size is not delivered; neither the server
-  // nor a processor is held by who asks again and again.
+  // The last pack of a file that is a multiple of the pack size is not delivered; neither the
+  // server nor a processor is held by who asks again and again.
   ASSERT_EQ(c2ms_sess_range(film->get(), 0, 8192), 0);
   ASSERT_EQ(c2ms_sess_read(film->get(), buf, 4096, 0), 4096);
   const auto before = server->totals().media;

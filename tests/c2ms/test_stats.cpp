@@ -118,6 +118,36 @@ TEST_F(Statistics, OfAPlainPlay) {
   }
 }
 
+TEST_F(Statistics, OfANewCache) {
+  start(20'000'001);
+  ASSERT_TRUE(film->play(0, 15'000'000, 50'000, Film::blocking));
+  ASSERT_EQ(c2ms_sess_buffering(film->get(), 7 << 20), 0);
+  auto other = std::make_unique<Film>(*library, *server, id);
+  for (int round = 0; round < 50; ++round) {  // two that set up at one time share the memory
+    std::atomic<int> there{0};
+    const auto set_up = [&](const Film &f) {
+      for (++there; there < 2;) {
+      }
+      c2ms_sess_cache_init(f.get(), 3 << 20);
+    };
+    std::thread first([&] { set_up(*film); });
+    set_up(*other);
+    first.join();
+    const c2ms_stats a = stats_of(*film), b = stats_of(*other);
+    ASSERT_LE(a.memory_bytes + b.memory_bytes, a.memory_cap_bytes);
+  }
+  other.reset();
+  EXPECT_EQ(c2ms_sess_cache_init(film->get(), 1 << 30), -2);
+  ASSERT_EQ(c2ms_sess_cache_init(film->get(), 2 << 20), 0);
+  const c2ms_stats s = stats_of(*film);
+  EXPECT_EQ(s.position, 0u);
+  EXPECT_EQ(s.ring_begin, s.ring_end);
+  ASSERT_EQ(c2ms_sess_range(film->get(), 0, film->size()), 0);
+  int32_t ratio = 0;  // the lead is cut to what the new packs can hold
+  EXPECT_TRUE(
+      eventually([&] { return c2ms_sess_bufratio(film->get(), &ratio) == 0 && ratio == 100; }));
+}
+
 TEST_F(Statistics, WaitsByTheirCause) {
   start(60'000'001, {}, 0);
   on_all([&](int node) { server->set_delay(node, 300); });
