@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 
 #include <limits>
+#include <numeric>
 
 #include "c2ms/c2ms_node.h"
 #include "c2ms/c2ms_node_obj.h"
@@ -67,13 +68,16 @@ TEST_F(Core, BodiesCutAtEveryByte) {
   EXPECT_EQ(entries[0].port, 80);
   EXPECT_EQ(entries[1].load, 256);
   c2ms::description media;
-  std::vector<uint8_t> body(69, 1);
+  std::vector<uint8_t> body(69);
+  std::iota(body.begin(), body.end(), uint8_t{1});
   for (int length = 0; length <= 69; ++length) {
     const std::vector<uint8_t> cut(body.begin(), body.begin() + length);
     EXPECT_EQ(c2ms::parse_description(cut.data(), length, &media), length >= 67);
   }
   EXPECT_EQ(std::strlen(media.name), 36u);
-  EXPECT_EQ(media.size, 0x0101010101010101u);
+  EXPECT_EQ(media.size, 0x25262728292a2b2cu);
+  EXPECT_TRUE(media.name[0] == 1 && media.type == 0x2d && media.idx_len == 0x2e2f3031);
+  EXPECT_TRUE(media.idx_fid[15] == 0x41 && media.load == 0x4243);
   body[36] = 0x80;  // no file is that long
   EXPECT_FALSE(c2ms::parse_description(body.data(), 69, &media));
 }

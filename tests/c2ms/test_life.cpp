@@ -90,6 +90,8 @@ TEST_F(Blocked, OthersDoNotWaitForTheGate) {
   EXPECT_LT(seconds_since(begin), 2.0 * slack);
   reader.join();
   EXPECT_EQ(result, 0);
+  // Nothing of it comes: a read that does not wait says so.
+  EXPECT_LT(took([&] { EXPECT_EQ(c2ms_sess_read(film->get(), &byte, 1, 1), 0); }), 0.5 * slack);
 }
 
 // Calls are cancelled at any moment of their waiting, every second time by a mere pulse: each ends,
