@@ -1,9 +1,10 @@
 // The end-to-end benches: the library over the reference server, each figure beside its limit.
 //
-//   bench_play [--once] [--json FILE] [--svg FILE] [SECTION ...]
+//   bench_play [--once] [--congestion NAME] [--json FILE] [--svg FILE] [SECTION ...]
 //
 // Without sections all are run, in some ten minutes; --once runs each for a second or two, to see
-// that all of it works: its figures mean nothing.
+// that all of it works: its figures mean nothing. --congestion: of the
+// server's connections, instead of one that does not pace; "" is the system's.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -34,7 +35,9 @@ constexpr section sections[] = {
 };
 
 int usage() {
-  std::fprintf(stderr, "usage: bench_play [--once] [--json FILE] [--svg FILE] [SECTION ...]\n");
+  std::fprintf(
+      stderr,
+      "usage: bench_play [--once] [--congestion NAME] [--json FILE] [--svg FILE] [SECTION ...]\n");
   for (const section &s : sections) std::fprintf(stderr, "  %s\n", s.name);
   return 2;
 }
@@ -61,6 +64,8 @@ int main(int argc, char **argv) {
     if (word == "--once") {
       e.runs = 1;
       e.scale = 0.02;
+    } else if (word == "--congestion" && i + 1 < argc) {
+      bench::set_congestion(argv[++i]);
     } else if (word == "--json" && i + 1 < argc) {
       json = argv[++i];
     } else if (word == "--svg" && i + 1 < argc) {

@@ -16,13 +16,6 @@ namespace {
 
 constexpr int ring_bytes = 8 << 20;
 
-refserver::server_options quiet_server() {
-  refserver::server_options options;
-  options.keep_log = false;
-  options.check_auth = false;
-  return options;
-}
-
 // How often the process's threads have gone to sleep so far.
 double sleeps() {
   double sum = 0;
@@ -62,7 +55,7 @@ double stripped_bytes(const std::string &library) {
 }  // namespace
 
 void bench_rest(const effort &e, results &out) {
-  const served_file file(0, 100'000'000, quiet_server());
+  const served_file file(0, 100'000'000, plain_server());
   const double seconds = e.quick() ? 1 : 30;
   figures f = in_child(any_cpu, [&] {
     play p(file.url(), ring_bytes);
@@ -83,7 +76,7 @@ void bench_rest(const effort &e, results &out) {
 }
 
 void bench_memory(const effort &e, results &out) {
-  const served_file file(0, 100'000'000, quiet_server());
+  const served_file file(0, 100'000'000, plain_server());
   constexpr int more = 8;
   figures f = in_child(any_cpu, [&] {
     const double at_first = resident_bytes();

@@ -17,6 +17,9 @@ namespace {
 
 constexpr size_t block_bytes = size_t{1} << 20;
 
+// Every Linux has it and lets everybody choose it.
+std::string congestion = "reno";
+
 void pin(int cpu) {
   if (cpu == any_cpu) return;
   cpu_set_t set;
@@ -102,6 +105,19 @@ figures medians(const std::vector<figures> &runs) {
     result[name] = *middle;
   }
   return result;
+}
+
+refserver::server_options plain_server(int nodes) {
+  refserver::server_options options;
+  options.nodes = nodes;
+  options.keep_log = false;
+  options.check_auth = false;
+  options.congestion = congestion;
+  return options;
+}
+
+void set_congestion(const std::string &name) {
+  congestion = name;
 }
 
 served_file::served_file(int cpu, uint64_t size, refserver::server_options options) : size_(size) {

@@ -34,6 +34,14 @@ figures in_child(int cpu, const std::function<figures()> &measure);
 /// The median of each figure over several runs; runs without figures are left out.
 figures medians(const std::vector<figures> &runs);
 
+/// What all servers of the benches have in common: they keep no log and ask for no authorisation.
+/// Their congestion control is one that does not pace: a pacing one (bbr) sends at the rate that it
+/// has seen, so that a run is fast or half as fast by chance.
+refserver::server_options plain_server(int nodes = 4);
+
+/// Another congestion control for those servers; empty: the system's.
+void set_congestion(const std::string &name);
+
 /// The reference server in a process of its own, pinned to `cpu`. It serves one file of `size`
 /// bytes and of type `type`, which repeats a block in memory: sending costs it no more than the
 /// copy into the kernel.

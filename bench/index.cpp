@@ -52,7 +52,7 @@ void bench_index(const effort &e, results &out) {
         std::to_string(e.times(7200)) + " '" + film + "'";
     if (std::system(command.c_str()) != 0) return out.note("no ffmpeg: nothing about the index");
   }
-  refserver::server_options options;
+  refserver::server_options options = plain_server();
   for (int node = 0; node < options.nodes; ++node)
     options.node.push_back({.rate_bytes_per_s = 1e6, .delay_ms = 40});
   options.entry.delay_ms = 40;

@@ -14,13 +14,10 @@ namespace {
 constexpr int ring_bytes = 8 << 20, read_bytes = 256 << 10, client_cpu = 1;
 
 refserver::server_options slow_nodes(const std::vector<double> &rates_mb, int delay_ms) {
-  refserver::server_options options;
-  options.nodes = static_cast<int>(rates_mb.size());
+  refserver::server_options options = plain_server(static_cast<int>(rates_mb.size()));
   for (const double rate : rates_mb) {
     options.node.push_back({.rate_bytes_per_s = rate * 1e6, .delay_ms = delay_ms});
   }
-  options.keep_log = false;
-  options.check_auth = false;
   return options;
 }
 

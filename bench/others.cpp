@@ -141,6 +141,13 @@ class http_server {
   bool works_ = false;
 };
 
+// nginx leaves the congestion control to the system; so does ours beside it.
+refserver::server_options server_like_theirs(int nodes) {
+  refserver::server_options options = plain_server(nodes);
+  options.congestion.clear();
+  return options;
+}
+
 #ifdef BENCH_LIBCURL
 size_t take(char *bytes, size_t size, size_t count, void *to) {
   auto *at = static_cast<char **>(to);
@@ -174,11 +181,7 @@ void beside_libcurl(const effort &e, const http_server &server, int cpu, results
   constexpr int pack_bytes = 8 << 10;
   const int packs = e.times(20'000);
   const auto bytes = static_cast<uint64_t>(packs) * pack_bytes;
-  refserver::server_options options;
-  options.nodes = 4;
-  options.keep_log = false;
-  options.check_auth = false;
-  const served_file file(0, bytes + 1, options);
+  const served_file file(0, bytes + 1, server_like_theirs(4));
   std::vector<figures> ours, theirs;
   for (int i = 0; i < e.runs; ++i) {
     theirs.push_back(in_child(cpu, [&] { return run_libcurl(server.url(), pack_bytes, packs); }));
@@ -201,12 +204,8 @@ struct rival {
 
 void beside(const effort &e, const http_server &server, uint64_t size, const rival &r,
             results &out) {
-  refserver::server_options options;
-  options.nodes = r.nodes;
-  options.keep_log = false;
-  options.check_auth = false;
   // (A size that is no multiple of the pack's: see c2ms_sess_pack_size.)
-  const served_file file(0, size + 1, options);
+  const served_file file(0, size + 1, server_like_theirs(r.nodes));
   std::vector<figures> ours, theirs;
   for (int i = 0; i < e.runs; ++i) {
     theirs.push_back(run_command(r.words));

@@ -43,7 +43,7 @@ void bench_places(const effort &e, results &out) {
       std::to_string(seconds) + " '" + film + "-source.mp4' && " + blocks + " remux '" + film +
       "-source.mp4' '" + film + ".mp4' 5";
   if (!runs(make)) return out.note("no ffmpeg: nothing about two places");
-  const served_file file(any_cpu, film + ".mp4", {});
+  const served_file file(any_cpu, film + ".mp4", plain_server());
   const played local = play_packets(blocks + " play '" + film + ".mp4'");
   const played places = play_packets(blocks + " play '" + file.url() + "'");
   const played seeks = play_packets(blocks + " play --seek '" + file.url() + "'");

@@ -18,11 +18,9 @@ constexpr int ring_bytes = 8 << 20;
 constexpr int client_cpu = 1;
 
 refserver::server_options with_delay(int delay_ms) {
-  refserver::server_options options;
+  refserver::server_options options = plain_server();
   for (int node = 0; node < options.nodes; ++node) options.node.push_back({.delay_ms = delay_ms});
   options.entry.delay_ms = delay_ms;
-  options.keep_log = false;
-  options.check_auth = false;
   return options;
 }
 

@@ -17,12 +17,8 @@ namespace {
 constexpr int ring_bytes = 8 << 20, read_bytes = 256 << 10;
 
 void compare(const effort &e, int cpu, int nodes, int pack_bytes, results &out) {
-  refserver::server_options options;
-  options.nodes = nodes;
-  options.keep_log = false;
-  options.check_auth = false;
   const double full = pack_bytes < (64 << 10) ? 300e6 : 1.5e9;
-  const served_file file(0, static_cast<uint64_t>(full * e.scale) + 12345, options);
+  const served_file file(0, static_cast<uint64_t>(full * e.scale) + 12345, plain_server(nodes));
   std::vector<figures> bare, through;
   for (int i = 0; i < e.runs; ++i) {
     bare.push_back(in_child(cpu, [&] {
@@ -96,15 +92,12 @@ figures run_with_recorder(const served_file &file, int pack_bytes, uint64_t slic
 }  // namespace
 
 void bench_trace(const effort &e, results &out) {
-  refserver::server_options options;
-  options.keep_log = false;
-  options.check_auth = false;
   for (const int pack_bytes : {8 << 10, 64 << 10, 256 << 10}) {
     if (e.skips(pack_bytes)) continue;
     const uint64_t slice_bytes = pack_bytes < (64 << 10) ? 16 << 20 : 64 << 20;
     const int fours = e.times(100);
     const uint64_t size = (4 * static_cast<uint64_t>(fours) + 1) * slice_bytes + (1 << 30);
-    const served_file file(0, size, options);
+    const served_file file(0, size, plain_server());
     std::vector<double> ratios;
     const figures found =
         in_child(1, [&] { return run_with_recorder(file, pack_bytes, slice_bytes, fours); });

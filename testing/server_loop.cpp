@@ -113,7 +113,11 @@ bool server_loop::update_listener(server_node &n) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.u64 = listener_tag + static_cast<uint64_t>(n.index + 1);
-  if (listen(fd, 1024) == 0 && epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0) {
+  const std::string &congestion = options.congestion;
+  const bool chosen =
+      congestion.empty() || setsockopt(fd, IPPROTO_TCP, TCP_CONGESTION, congestion.data(),
+                                       static_cast<socklen_t>(congestion.size())) == 0;
+  if (chosen && listen(fd, 1024) == 0 && epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0) {
     n.listener = fd;
     return true;
   }
