@@ -68,6 +68,8 @@ inline constexpr uint8_t media_type_mp4 = 7;
 // Units and packs.
 inline constexpr uint32_t pdu_header_bytes = 14;
 inline constexpr uint32_t max_pdu_bytes = 1024;
+inline constexpr uint32_t control_response_bytes = 18;  // header and result
+inline constexpr uint32_t media_response_bytes = 37;    // and the fixed part
 inline constexpr int request_buffer_bytes = 256;
 inline constexpr int unit_frame_bytes = 160;
 inline constexpr int max_units_per_pack = 5;
@@ -77,6 +79,9 @@ inline constexpr int32_t min_pack_bytes = 4096;
 inline constexpr int min_issue_limit = 10;
 inline constexpr int receive_slice_bytes = 256 * 1024;  // received under one hold of a pack's lock
 inline constexpr int slices_per_event = 4;  // then the other sockets of the thread have a turn
+// Ranges after which the next one is asked for before their bytes are copied (docs/performance.md).
+inline constexpr uint32_t least_ahead_bytes = 32 * 1024;
+inline constexpr uint32_t most_ahead_bytes = 128 * 1024;
 inline constexpr int64_t empty_pack_pause_us =
     1'000'000;                                         // between two requests for a pack of size 0
 inline constexpr int64_t no_memory_pause_us = 50'000;  // before a unit is tried for again

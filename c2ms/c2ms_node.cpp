@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "adif/tsock.h"
 #include "c2ms/c2ms_diag.h"
@@ -240,9 +241,36 @@ int c2ms_node_desc_media(c2ms_node *node) {
   return send_control(node, &node->descmedia_unit, C2MS_NODE_WAITING_DESCMEDIA_RESP);
 }
 
+namespace {
+
+int send_download(c2ms_node *node, c2ms_unit *unit) REQUIRES(node->download_lock) {
+  unit->node = node;
+  unit->node_id = node->node_id;
+  const int result = c2ms_unit_send(unit, GetDeviceFD(node->device));
+  if (result == 0) count_sent(node, unit);
+  return result;
+}
+
+}  // namespace
+
+bool c2ms::ask_ahead(c2ms_node *node) {
+  c2ms_unit *const unit = c2ms_sess_unit_get(node->session);
+  if (unit == nullptr) return true;
+  int result;
+  {
+    const adif::Guard lock(node->download_lock);
+    result = send_download(node, unit);
+    if (result == 0) node->next_unit = unit;
+  }
+  if (result != 0) c2ms_sess_unit_requeue(node->session, unit);
+  return result != unit_socket_failed;
+}
+
 int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
   if (node == nullptr) return -1;
   if (!is_media(node) || node->state != C2MS_NODE_READY) return 0;
+  if (node->asked_us != 0)
+    return c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);  // ahead
   c2ms_unit *const unit = c2ms_sess_unit_get(node->session);
   if (unit == nullptr) return -100;
   c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);
@@ -250,10 +278,7 @@ int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
   {
     const adif::Guard lock(node->download_lock);
     node->download_unit = unit;
-    unit->node = node;
-    unit->node_id = node->node_id;
-    result = c2ms_unit_send(unit, GetDeviceFD(node->device));
-    if (result == 0) count_sent(node, *unit);
+    result = send_download(node, unit);
   }
   if (result == 0) {
     node->asked_us = node->last_active_us;
@@ -272,13 +297,14 @@ int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
 
 namespace {
 
+// What was asked for ahead moves up.
 c2ms_unit *detach_download(c2ms_node *node) {
-  node->asked_us = 0;
   const adif::Guard lock(node->download_lock);
   c2ms_unit *const unit = node->download_unit;
-  node->download_unit = nullptr;
+  node->download_unit = std::exchange(node->next_unit, nullptr);
+  node->asked_us = node->download_unit == nullptr ? 0 : to_us(node->download_unit->sent_time);
   if (unit == nullptr) return nullptr;
-  count_given_up(node, *unit);  // unless it is complete, or was never sent
+  count_given_up(node, unit);  // unless it is complete, or was never sent
   unit->node = nullptr;
   unit->node_id = 0;
   return unit;
@@ -288,8 +314,11 @@ c2ms_unit *detach_download(c2ms_node *node) {
 
 int c2ms_node_download_exit(c2ms_node *node) {
   if (node == nullptr) return -1;
-  c2ms_unit *const unit = detach_download(node);
-  return unit == nullptr ? 0 : c2ms_sess_unit_requeue(node->session, unit);
+  int result = 0;
+  while (c2ms_unit *const unit = detach_download(node)) {
+    result = c2ms_sess_unit_requeue(node->session, unit);
+  }
+  return result;
 }
 
 int c2ms_node_download_end(c2ms_node *node) {

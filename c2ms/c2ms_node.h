@@ -42,7 +42,8 @@ int c2ms_node_desc_media(c2ms_node *node);
 /// or the failed send's result (the node then retries).
 int c2ms_node_download_start_dbg(c2ms_node *node,
                                  adif::source_place caller = adif::source_place::current());
-/// Gives the download unit back to the queue, or ends it. 0, -1 for NULL, -2 none (end only).
+/// Gives the node's units back to the queue, or ends the one that is received. 0, -1 for NULL, -2
+/// none (end only).
 int c2ms_node_download_exit(c2ms_node *node);
 int c2ms_node_download_end(c2ms_node *node);
 
@@ -72,6 +73,11 @@ namespace c2ms {
 inline bool is_media(const c2ms_node *node) {
   return (node->type & node_serves_media) != 0;
 }
+
+/// Sends the next request of a node whose answer lies in the socket as a whole: the acknowledgement
+/// of those bytes then travels with it. False when the connection has failed; nothing else may be
+/// sent on it.
+bool ask_ahead(c2ms_node *node);
 
 /// Arms the connect timer of a disconnected node that has none (no timer was free when it was due).
 void rearm_retry(c2ms_node *node);

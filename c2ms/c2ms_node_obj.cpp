@@ -67,6 +67,7 @@ void reset_fields(c2ms_node *node) {
   node->short_answers = 0;
   const adif::Guard lock(node->download_lock);
   node->download_unit = nullptr;
+  node->next_unit = nullptr;
 }
 
 void give_back(c2ms_mgmt *mgmt, c2ms_node *node) {
@@ -130,12 +131,14 @@ int c2ms_node_free(c2ms_node *node) {
   if (node->library != nullptr) c2ms_node_del(node->library, node);
   if (node->session != nullptr) c2ms_sess_node_del(node->session, node);
   drop_connection(node);
-  c2ms_unit *unit = nullptr;
+  c2ms_unit *unit = nullptr, *next = nullptr;
   {
     const adif::Guard lock(node->download_lock);
     std::swap(unit, node->download_unit);
+    std::swap(next, node->next_unit);
   }
-  if (unit != nullptr) c2ms_unit_recycle(unit);
+  c2ms_unit_recycle(unit);
+  c2ms_unit_recycle(next);
   deleteFrame(&node->srvlist_unit.frame);
   deleteFrame(&node->descmedia_unit.frame);
   node->~c2ms_node();

@@ -1,5 +1,6 @@
 // What arrives on a node's connection, and the life check. Part of c2ms_node.h.
 #include <arpa/inet.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -163,33 +164,53 @@ int next_download(c2ms_node *node) {
   return c2ms_node_download_start_dbg(node);
 }
 
+// An answer of which nothing has been read yet lies in the socket as a whole.
+bool answer_is_there(c2ms_node *node, int fd) {
+  uint32_t length;
+  {
+    const adif::Guard lock(node->download_lock);
+    const c2ms_unit *const unit = node->download_unit;
+    if (unit == nullptr || unit->state != UNIT_SENT) return false;
+    length = unit->range_length;
+  }
+  if (length < least_ahead_bytes || length > most_ahead_bytes) return false;
+  int there = 0;
+  return ioctl(fd, FIONREAD, &there) == 0 &&
+         there >= static_cast<int>(media_response_bytes + length);
+}
+
+struct reception {
+  c2ms_unit *unit;
+  int result;
+  bool complete;
+};
+
+// With the strand left. The unit is taken inside it, so that nobody detaches the unit in between;
+// its lock is held throughout, so that the session's other nodes receive at the same time. The
+// descriptor stays open: a device is closed by the thread that serves it, and that is this one.
+reception receive(c2ms_node *node, int fd, StrandGuard &strand) {
+  const adif::Guard lock(node->download_lock);
+  c2ms_unit *const unit = node->download_unit;
+  strand.pause();
+  const int result = c2ms_unit_recv(unit, fd);
+  return {unit, result, unit->state == UNIT_END};
+}
+
 int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
   c2ms_node *const node = ref.node;
   c2ms_mgmt *const mgmt = node->library;
   const int fd = GetDeviceFD(device);
-  c2ms_unit *unit;
-  int result;
-  bool complete;
-  {
-    // Taken inside the strand, so that nobody detaches the unit in between; held while the strand
-    // is left, so that the session's other nodes receive at the same time. The descriptor stays
-    // open: a device is closed by the thread that serves it, and that is this one.
-    const adif::Guard lock(node->download_lock);
-    unit = node->download_unit;
-    strand.pause();
-    result = c2ms_unit_recv(unit, fd);
-    complete = unit->state == UNIT_END;
-  }
-  if (result == 0 && !complete) return 0;
+  const bool broken = answer_is_there(node, fd) && !ask_ahead(node);
+  const reception got = receive(node, fd, strand);
+  if (got.result == 0 && !got.complete && !broken) return 0;
   strand.resume();
   // The node may have been given back meanwhile: the registry is asked before its record is read.
   if (!still_there(mgmt, ref) || node->device != device) return -120;
-  if (result < 0) {
-    c2ms_node_retry(node);
-    return result;
-  }
-  const int handled = c2ms_node_recv_getmedia(node, unit);
-  return handled < 0 ? handled : next_download(node);
+  const int handled = got.complete ? c2ms_node_recv_getmedia(node, got.unit) : got.result;
+  if (got.complete && handled < 0) return handled;
+  if (got.complete && !broken) return next_download(node);
+  c2ms_node_retry(node);
+  return handled < 0 ? handled : unit_socket_failed;
 }
 
 // Nothing was asked: silence is life, an end or an error is the end, a byte nobody asked for is a
@@ -200,11 +221,6 @@ int recv_idle(c2ms_node *node) {
   if (n < 0 && (errno == EAGAIN || errno == EINTR)) return c2ms_node_download_start_dbg(node);
   if (!is_media(node)) return c2ms_node_recycle(node);
   return c2ms_node_retry(node);
-}
-
-bool has_download(c2ms_node *node) {
-  const adif::Guard lock(node->download_lock);
-  return node->download_unit != nullptr;
 }
 
 void restart_life_timer(c2ms_node *node) {
@@ -256,7 +272,7 @@ int check_list_node(c2ms_node *node, int64_t now) {
 
 int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
   c2ms_node *const node = ref.node;
-  if (node->state == C2MS_NODE_WAITING_GETMEDIA_RESP && !has_download(node)) {
+  if (node->state == C2MS_NODE_WAITING_GETMEDIA_RESP && node->asked_us == 0) {
     c2ms_node_state_to(node, C2MS_NODE_READY);
   }
   node->last_active_us = now_us();
@@ -316,7 +332,7 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
     return -200;
   }
   c2ms_sess_set_status(node->session, 0);
-  if (!unit->filled_pack) count_completed(*unit);
+  if (!unit->filled_pack) count_completed(unit);
   c2ms_node_perf_statistic(node, unit);
   node->load = unit->response.media_word;
   const bool was_short = is_short_answer(*unit);

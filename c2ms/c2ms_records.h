@@ -197,6 +197,7 @@ struct c2ms_unit {
   std::atomic<c2ms_pack *> pack{nullptr};
   bool redundant = false;    // issued while another unit had the pack
   bool filled_pack = false;  // its answer completed the pack
+  bool is_out = false;       // counted as sent, not as ended; guarded by the session's speed lock
   timeval sent_time{}, first_time{}, end_time{};
   uint32_t node_id = 0;
   c2ms_node *node = nullptr;
@@ -332,6 +333,8 @@ struct c2ms_node {
   c2ms_unit srvlist_unit, descmedia_unit;
   adif::Mutex download_lock{c2ms::rank_download};
   c2ms_unit *download_unit GUARDED_BY(download_lock) = nullptr;
+  // Asked for while the answer of download_unit lay in the socket as a whole; comes after it.
+  c2ms_unit *next_unit GUARDED_BY(download_lock) = nullptr;
   int64_t asked_us = 0;  // when the range was asked for that is still to come; 0: none is
   c2ms_node_perf perf{};
   c2ms::tally counts;  // guarded by the session's speed lock

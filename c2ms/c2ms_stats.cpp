@@ -53,27 +53,29 @@ void count_forgotten(c2ms_sess *sess, int32_t bytes) {
   sess->forgotten += static_cast<uint64_t>(bytes);
 }
 
-void count_sent(c2ms_node *node, const c2ms_unit &unit) {
+void count_sent(c2ms_node *node, c2ms_unit *unit) {
   const adif::Guard lock(node->session->speed_lock);
   ++node->counts.sent;
-  node->counts.redundant += unit.redundant ? 1 : 0;
+  node->counts.redundant += unit->redundant ? 1 : 0;
+  unit->is_out = true;
 }
 
-void count_completed(const c2ms_unit &unit) {
-  const adif::Guard lock(unit.session->speed_lock);
-  trace_unit(unit, unit.filled_pack ? 0 : 1);
-  tally &counts = counts_of(unit);
+void count_completed(c2ms_unit *unit) {
+  const adif::Guard lock(unit->session->speed_lock);
+  trace_unit(*unit, unit->filled_pack ? 0 : 1);
+  tally &counts = counts_of(*unit);
   ++counts.completed;
-  counts.won += unit.redundant && unit.filled_pack ? 1 : 0;
-  counts.wasted += unit.filled_pack ? 0 : 1;
+  counts.won += unit->redundant && unit->filled_pack ? 1 : 0;
+  counts.wasted += unit->filled_pack ? 0 : 1;
+  unit->is_out = false;
 }
 
-void count_given_up(c2ms_node *node, const c2ms_unit &unit) {
-  if (unit.filled_pack) return;  // it was counted as completed
-  const adif::Guard lock(unit.session->speed_lock);
-  if (in_flight(node->counts) == 0) return;
+void count_given_up(c2ms_node *node, c2ms_unit *unit) {
+  const adif::Guard lock(unit->session->speed_lock);
+  if (!unit->is_out) return;
   ++node->counts.given_up;
-  trace_unit(unit, 2);
+  trace_unit(*unit, 2);
+  unit->is_out = false;
 }
 
 void count_failure(c2ms_node *node) {

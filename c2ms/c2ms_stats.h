@@ -22,12 +22,12 @@ void count_forgotten(c2ms_sess *sess, int32_t bytes);
 /// A request's answer was taken whole. One that filled its pack is counted before the pack's lock
 /// is left, so that who reads the pack finds it counted and recorded; any other in the strand. The
 /// unit's node keeps it.
-void count_completed(const c2ms_unit &unit);
+void count_completed(c2ms_unit *unit);
 
 /// A node's request is out; it was refused or given up (nothing when none is out). A failure of the
 /// connection. In the strand.
-void count_sent(c2ms_node *node, const c2ms_unit &unit);
-void count_given_up(c2ms_node *node, const c2ms_unit &unit);
+void count_sent(c2ms_node *node, c2ms_unit *unit);
+void count_given_up(c2ms_node *node, c2ms_unit *unit);
 void count_failure(c2ms_node *node);
 /// The node ends: the session keeps its counts.
 void count_departed(c2ms_node *node);

@@ -19,6 +19,7 @@ void clear_progress(c2ms_unit *unit) {
   unit->response = {};
   unit->received = 0;
   unit->filled_pack = false;
+  unit->is_out = false;
   unit->sent_time = unit->first_time = unit->end_time = {};
 }
 

@@ -21,9 +21,6 @@ namespace {
 
 using namespace c2ms;
 
-constexpr uint32_t control_response_bytes = 18;  // header and result
-constexpr uint32_t media_response_bytes = 37;    // and the fixed part
-
 int fail(c2ms_unit *unit, int result) {
   unit->state = UNIT_INIT;
   return result;
@@ -92,7 +89,7 @@ void finish(c2ms_unit *unit) {
 void complete_pack(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
   unit->filled_pack = true;
   unit->end_time = now_tv();
-  count_completed(*unit);
+  count_completed(unit);
   pack->flag = unit->response.payload_flag;
   c2ms_pack_state_to(pack, pack_ready);
   c2ms_pack_unbind_all(pack);

@@ -385,7 +385,7 @@ typedef struct c2ms_stats {
   uint32_t reads;           /* total, calls that reached the cache */
   uint32_t short_reads;     /* total, of these, that got fewer bytes than asked for */
   uint32_t buffered_ranges; /* instant, as c2ms_sess_ranges gives them */
-  uint32_t in_flight;       /* instant, requests */
+  uint32_t in_flight;       /* instant, requests; a node has two while it copies an answer */
   uint32_t units_queued;    /* instant, requests that wait for a node */
   uint32_t index_state;     /* instant: 0 the media has none, 1 not open, 2 being opened, 3 open */
   uint32_t index_bytes;     /* instant, of the open index; not part of memory_bytes */

@@ -26,7 +26,8 @@ constexpr double slack = 1;
 #endif
 constexpr double failing_s = 0.7;         // failures "for good" end so long after the first
 constexpr double recovery_s = 8 * slack;  // within which reads must go on then
-constexpr int32_t wanted_pack = 8192;
+// Of a play in steps: one that is asked for while the answer before it lies in the socket.
+constexpr int32_t small_pack = 8192, big_pack = 40'000;
 
 /// Ends failures that go on: as a device recovers while calls wait in the library.
 class Referee {
@@ -141,10 +142,9 @@ bool Play::set_up() {
   uint64_t size = 0;
   c2ms_sess_attr(sess_, nullptr, nullptr, &size, nullptr);
   if (size != media_.bytes.size()) report_.find("the size is wrong");
+  const int32_t pack = which_ == script::play ? small_pack : big_pack;
   return step("cache", cache_errors,
-              [this] {
-                return c2ms_sess_cache_init(sess_, c2ms_sess_pack_size(sess_, wanted_pack));
-              }) &&
+              [&] { return c2ms_sess_cache_init(sess_, c2ms_sess_pack_size(sess_, pack)); }) &&
          step("range", no_errors,
               [this] { return c2ms_sess_range(sess_, 0, media_.bytes.size()); });
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <map>
 
+#include "c2ms/c2ms_strand.h"
 #include "player.h"
 
 namespace player {
@@ -184,6 +185,57 @@ TEST_F(Statistics, WaitsByTheirCause) {
   EXPECT_EQ(stats_of(*film).wait_no_node.count, 1u);
   EXPECT_GE(stats_of(*film).wait_no_node.longest_us, 290'000u);
   EXPECT_GT(stats_of(*film).failures, 0u);
+}
+
+// Requests that left a node before the answer of the one before them had been taken.
+int asked_ahead(std::vector<c2ms_trace_event> events) {
+  std::map<uint32_t, int64_t> last_end;
+  std::stable_sort(events.begin(), events.end(), [](const auto &a, const auto &b) {
+    return a.time_us + a.duration_us < b.time_us + b.duration_us;
+  });
+  int ahead = 0;
+  for (const c2ms_trace_event &event : events) {
+    if (event.kind != C2MS_TRACE_REQUEST) continue;
+    const auto before = last_end.find(event.node);
+    if (before != last_end.end() && event.time_us < before->second) ++ahead;
+    last_end[event.node] = event.time_us + event.duration_us;
+  }
+  return ahead;
+}
+
+// A big answer that lies in the socket as a whole. On connections that end behind it, it is kept,
+// and what was asked for ahead is asked for elsewhere: also when the connection is gone before the
+// worker comes to look.
+TEST_F(Statistics, NextRequestLeavesBeforeABigAnswerIsCopied) {
+  start(12'000'001, {}, 0);
+  for (const int pack : {8192, 65536}) {
+    film = std::make_unique<Film>(*library, *server, id);
+    ASSERT_EQ(c2ms_sess_trace(film->get(), 100'000), 0);
+    ASSERT_GE(film->prepare(pack), pack);
+    ASSERT_TRUE(film->play(0, film->size(), 50'000, Film::blocking));
+    EXPECT_EQ(asked_ahead(recorded(*film)) > 0, pack == 65536) << pack;
+  }
+  for (const fault_kind end : {fault_kind::close_at, fault_kind::reset_at}) {
+    on_all([&](int node) { server->set_fault(node, {.kind = end, .value = 37 + 65536}); });
+    const uint64_t sent_before = server->totals().payload_sent;
+    film = std::make_unique<Film>(*library, *server, id);
+    ASSERT_GE(film->prepare(65536), 65536);
+    std::atomic<bool> over{false};
+    std::thread late([&] {
+      while (!over) {
+        const c2ms::StrandGuard strand(film->get());
+        std::this_thread::sleep_for(50ms);  // an acknowledgement is delayed by up to 40
+      }
+    });
+    EXPECT_TRUE(film->play(0, 600'000, 50'000, Film::blocking));
+    over = true;
+    late.join();
+    const c2ms_stats s = stats_of(*film);
+    EXPECT_EQ(s.bytes_discarded, 0u);
+    EXPECT_GE(s.failures, 8u);
+    EXPECT_LT(server->totals().payload_sent - sent_before, s.bytes_kept * 3 / 2);
+    film.reset();
+  }
 }
 
 // A player that was compiled with another c2ms_stats than the library.
