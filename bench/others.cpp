@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bench/limit.h"
 #include "bench/play.h"
 #include "bench/sections.h"
 
@@ -26,6 +27,7 @@ namespace bench {
 namespace {
 
 constexpr int client_cpu = 1;
+constexpr int ring_bytes = 8 << 20, read_bytes = 256 << 10;
 
 std::vector<char *> arguments(std::vector<std::string> &words) {
   std::vector<char *> list;
@@ -186,7 +188,7 @@ void beside_libcurl(const effort &e, const http_server &server, int cpu, results
   for (int i = 0; i < e.runs; ++i) {
     theirs.push_back(in_child(cpu, [&] { return run_libcurl(server.url(), pack_bytes, packs); }));
     ours.push_back(in_child(cpu, [&] {
-      return run_play({&file, 4, pack_bytes, 8 << 20, 256 << 10});
+      return run_play({&file, 4, pack_bytes, ring_bytes, read_bytes});
     }));
   }
   const double gib = static_cast<double>(bytes) / (1 << 30);
@@ -206,11 +208,14 @@ void beside(const effort &e, const http_server &server, uint64_t size, const riv
             results &out) {
   // (A size that is no multiple of the pack's: see c2ms_sess_pack_size.)
   const served_file file(0, size + 1, server_like_theirs(r.nodes));
-  std::vector<figures> ours, theirs;
+  std::vector<figures> ours, theirs, bare;
   for (int i = 0; i < e.runs; ++i) {
     theirs.push_back(run_command(r.words));
+    bare.push_back(in_child(client_cpu, [&] {
+      return run_limit({&file, r.nodes, r.pack_bytes, ring_bytes, read_bytes});
+    }));
     ours.push_back(in_child(client_cpu, [&] {
-      return run_play({&file, r.nodes, r.pack_bytes, 8 << 20, 256 << 10});
+      return run_play({&file, r.nodes, r.pack_bytes, ring_bytes, read_bytes});
     }));
     std::remove((server.folder() + "/out").c_str());
   }
@@ -221,6 +226,9 @@ void beside(const effort &e, const http_server &server, uint64_t size, const riv
       std::string(r.name) + ", ours at " + std::to_string(r.pack_bytes >> 10) + " KiB";
   out.add(
       {"beside others", what, "processor s/GiB", own["cpu"] / gib, other["cpu"] / gib, false, 1});
+  // What receiving so many ranges and copying them costs at least.
+  out.add({"beside others", what + ": the limit", "processor s/GiB", medians(bare)["cpu"] / gib,
+           other["cpu"] / gib, false, 0});
   out.add({"beside others", what, "MB/s", static_cast<double>(size) / 1e6 / own["seconds"],
            static_cast<double>(size) / 1e6 / other["seconds"], true, 0});
 }

@@ -26,7 +26,7 @@ enum c2ms_idx_result : int {
   idx_not_readable = -300,  // no container
   idx_empty = -301,
   idx_no_memory = -350,  // or more than the bound
-  idx_damaged = -400,
+  idx_damaged = -400,    // or the unpacking got no memory
   idx_no_moov = -401,
 };
 

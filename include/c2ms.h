@@ -259,8 +259,8 @@ C2MS_API int c2ms_sess_bufratio(c2ms_sess *sess, int32_t *ratio);
  * bytes once it is unpacked, else 0. 0, also at once when the media has no index file or the index
  * is open already; -1; -2 no cache; C2MS_CLOSED closed or cancelled; -200 five receives failed;
  * -201 not complete within 30 seconds; -300 no readable container; -301 empty; -350 no memory, or
- * more than 64 MiB, packed or not; -400 damaged; -401 an MP4 media without a `moov` among its first
- * 20 boxes. */
+ * more than 64 MiB, packed or not; -400 damaged, or no memory in the midst of unpacking; -401 an
+ * MP4 media without a `moov` among its first 20 boxes. */
 C2MS_API int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len);
 
 /* The same for players that poll: takes what has arrived and never waits. C2MS_CACHING: call again
@@ -419,7 +419,8 @@ C2MS_API int c2ms_sess_ranges(c2ms_sess *sess, c2ms_byte_range *ranges, int max)
 enum {
   C2MS_TRACE_REQUEST = 1, /* a request has ended: pos, bytes that came, duration, node; detail 0 it
                            * filled its pack, which is complete at that moment and was not before,
-                           * 1 it was in vain, 2 it was given up */
+                           * 1 it was in vain, 2 it was given up. Requests of one node overlap by
+                           * the time in which an answer is copied */
   C2MS_TRACE_SEEK = 2,    /* the player has moved the position: pos */
   C2MS_TRACE_WAIT = 3,    /* a reader has waited: pos, duration; detail 0 no node, 1 late, 2 after a
                            * seek, 3 cancelled */

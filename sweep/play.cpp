@@ -61,7 +61,7 @@ struct Errors {
 constexpr Errors no_errors{};
 constexpr Errors open_errors{{C2MS_NO_MEMORY, C2MS_ENTRY_UNAVAILABLE, C2MS_OPEN_TIMEOUT}};
 constexpr Errors cache_errors{{-2, -5}};
-constexpr Errors index_errors{{-200, -201, -350, C2MS_NO_MEMORY}};
+constexpr Errors index_errors{{-200, -201, -350, -400, C2MS_NO_MEMORY}};
 
 class Play {
  public:

@@ -279,10 +279,22 @@ void Trace::collect(c2ms_sess *sess) {
   for (;;) {
     const int count =
         c2ms_sess_trace_read(sess, some.data(), static_cast<int>(some.size()), nullptr);
-    if (count > 0 && events_.size() < kMost)
-      events_.insert(events_.end(), some.begin(), some.begin() + count);
+    for (int i = 0; i < count && events_.size() < kMost; ++i)
+      events_.push_back(in_its_lane(some[static_cast<size_t>(i)]));
     if (count < static_cast<int>(some.size())) return;
   }
+}
+
+// A node is asked anew while the answer before is copied: in its lane that request begins where the
+// former one ends.
+c2ms_trace_event Trace::in_its_lane(c2ms_trace_event event) {
+  if (event.kind != C2MS_TRACE_REQUEST) return event;
+  int64_t &taken = lane_taken_us_[event.node];
+  const int64_t end_us = end_of(event);
+  event.time_us = std::min(std::max(event.time_us, taken), end_us);
+  event.duration_us = end_us - event.time_us;
+  taken = end_us;
+  return event;
 }
 
 std::string Trace::write(uint64_t media_size) const {

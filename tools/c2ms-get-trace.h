@@ -4,6 +4,7 @@
 
 #include <c2ms.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,10 +21,12 @@ class Trace {
   std::string write(uint64_t media_size) const;
 
  private:
+  c2ms_trace_event in_its_lane(c2ms_trace_event event);
   bool wanted() const { return !json_.empty() || !svg_.empty(); }
 
   const std::string json_, svg_;
   std::vector<c2ms_trace_event> events_;
+  std::map<uint32_t, int64_t> lane_taken_us_;  // by node: up to the end of its last request
 };
 
 }  // namespace get
