@@ -164,13 +164,14 @@ int next_download(c2ms_node *node) {
   return c2ms_node_download_start_dbg(node);
 }
 
-// An answer of which nothing has been read yet lies in the socket as a whole.
-bool answer_is_there(c2ms_node *node, int fd) {
+// An answer of which nothing has been read yet lies in the socket as a whole, and the next one has
+// not been asked for. (It has when a receive that was due found nothing.)
+bool may_ask_ahead(c2ms_node *node, int fd) {
   uint32_t length;
   {
     const adif::Guard lock(node->download_lock);
     const c2ms_unit *const unit = node->download_unit;
-    if (unit == nullptr || unit->state != UNIT_SENT) return false;
+    if (unit == nullptr || unit->state != UNIT_SENT || node->next_unit != nullptr) return false;
     length = unit->range_length;
   }
   if (length < least_ahead_bytes || length > most_ahead_bytes) return false;
@@ -200,7 +201,7 @@ int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &stra
   c2ms_node *const node = ref.node;
   c2ms_mgmt *const mgmt = node->library;
   const int fd = GetDeviceFD(device);
-  const bool broken = answer_is_there(node, fd) && !ask_ahead(node);
+  const bool broken = may_ask_ahead(node, fd) && !ask_ahead(node);
   const reception got = receive(node, fd, strand);
   if (got.result == 0 && !got.complete && !broken) return 0;
   strand.resume();

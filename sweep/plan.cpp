@@ -21,7 +21,7 @@ constexpr kind_info kinds[calls] = {
     {"connect", {ENETUNREACH, ECONNREFUSED}},
     {"send", {ECONNRESET, ENOBUFS}},
     {"recv", {ECONNRESET, ENOMEM}},
-    {"recvmsg", {ECONNRESET, ENOMEM}},
+    {"recvmsg", {ECONNRESET, EAGAIN}},
     {"select", {ENOMEM, EBADF}},
     {"poll", {ENOMEM, EFAULT}},
     {"getsockopt", {ENOBUFS, EBADF}},
