@@ -3,8 +3,8 @@
 //   bench_play [--once] [--congestion NAME] [--json FILE] [--svg FILE] [SECTION ...]
 //
 // Without sections all are run, in some ten minutes; --once runs each for a second or two, to see
-// that all of it works: its figures mean nothing. --congestion: of the
-// server's connections, instead of one that does not pace; "" is the system's.
+// that all of it works: its figures mean nothing. --congestion names the congestion control of the
+// servers' connections, which is else one that does not pace; "" is the system's.
 #include <cstdio>
 #include <cstring>
 #include <string>

@@ -269,8 +269,8 @@ bool c2ms::ask_ahead(c2ms_node *node) {
 int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
   if (node == nullptr) return -1;
   if (!is_media(node) || node->state != C2MS_NODE_READY) return 0;
-  if (node->asked_us != 0)
-    return c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);  // ahead
+  const bool asked_ahead = node->asked_us != 0;  // its request is out
+  if (asked_ahead) return c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);
   c2ms_unit *const unit = c2ms_sess_unit_get(node->session);
   if (unit == nullptr) return -100;
   c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);

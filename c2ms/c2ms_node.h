@@ -38,8 +38,9 @@ int c2ms_node_get_connected(c2ms_node *node);
 int c2ms_node_get_srvlist(c2ms_node *node);
 int c2ms_node_desc_media(c2ms_node *node);
 
-/// A ready media node takes a unit and sends it. 0 when it did or is not ready; -100 nothing to do;
-/// or the failed send's result (the node then retries).
+/// A ready media node takes a unit and sends it, or goes on with the one that it was asked for
+/// ahead. 0 when it did or is not ready; -100 nothing to do; or the failed send's result (the node
+/// then retries).
 int c2ms_node_download_start_dbg(c2ms_node *node,
                                  adif::source_place caller = adif::source_place::current());
 /// Gives the node's units back to the queue, or ends the one that is received. 0, -1 for NULL, -2

@@ -186,8 +186,8 @@ struct reception {
   bool complete;
 };
 
-// With the strand left. The unit is taken inside it, so that nobody detaches the unit in between;
-// its lock is held throughout, so that the session's other nodes receive at the same time. The
+// Receives with the strand left, so that nobody waits for it while bytes are copied. The unit is
+// taken inside, and the node's lock held throughout, so that nobody detaches it in between. The
 // descriptor stays open: a device is closed by the thread that serves it, and that is this one.
 reception receive(c2ms_node *node, int fd, StrandGuard &strand) {
   const adif::Guard lock(node->download_lock);

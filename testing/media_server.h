@@ -50,8 +50,7 @@ struct server_options {
   int32_t stamp = 1700000000;
   uint32_t keyid = 7;
   bool keep_log = true;
-  std::string
-      congestion{};  ///< congestion control of the connections (tcp(7)); empty: the system's
+  std::string congestion{};  ///< control of the connections, as in tcp(7); empty: the system's
 };
 
 /// One request as it came (its fields: testing/wire.h) and what became of it.
