@@ -177,76 +177,200 @@ c2ms_window c2ms_cache_window(c2ms_cache *cache) {
   return window;
 }
 
-c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
-  const adif::Guard lock(cache->lock);
-  if (cache->use == c2ms::cache_use::box_headers) return nullptr;
+ahead_packs c2ms_cache_ahead(c2ms_cache *cache) {
+  const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
+  auto end = static_cast<int32_t>(std::min<int64_t>(range_end, cache->total_packs));
+  // Of a walk over the boxes only the header at the position is asked for.
+  if (cache->use == c2ms::cache_use::box_headers) {
+    const uint64_t last = cache->read_pos + c2ms::box_header_bytes - 1;
+    const uint64_t header_end = last / static_cast<uint64_t>(cache->packsize.load()) + 1;
+    end = static_cast<int32_t>(std::min<uint64_t>(header_end, static_cast<uint64_t>(end)));
+  }
+  return {std::max(cache->wanted_from, cache->idle_from), end};
+}
+
+bool c2ms_cache_may_ask(c2ms_cache *cache, int32_t index) {
+  c2ms_pack *const pack = pack_at(cache, index);
+  if (pack->state != pack_idle || c2ms_pack_is_paused(pack)) return false;
+  return cache->use == c2ms::cache_use::box_headers || !in_window(cache, c2ms_cache_window(cache), index);
+}
+
+int64_t c2ms_cache_lead(c2ms_cache *cache) {
+  if (cache->packnum < 1) return 0;
+  const auto packsize = static_cast<uint64_t>(cache->packsize.load());
   const c2ms_window window = c2ms_cache_window(cache);
   const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
   const auto end = static_cast<int32_t>(std::min<int64_t>(range_end, cache->total_packs));
-  bool paused = false;  // an idle pack was passed over: the next search begins at it again
-  for (int32_t i = std::max(cache->wanted_from, cache->idle_from); i < end; ++i) {
-    if (in_window(cache, window, i)) continue;
-    c2ms_pack *const pack = pack_at(cache, i);
-    const adif::Guard pack_lock(pack->lock);
-    if (pack->state != pack_idle) continue;
-    if (!paused) cache->idle_from = i;
-    if (!c2ms_pack_is_paused(pack)) return pack;
-    paused = true;
-  }
-  if (!paused) cache->idle_from = std::max(end, cache->wanted_from);
-  return nullptr;
+  int32_t i = cache->read_index;
+  if (i < cache->first_index) return 0;
+  while (i < end && (pack_at(cache, i)->state == pack_ready || in_window(cache, window, i))) ++i;
+  const uint64_t there = std::min(static_cast<uint64_t>(i) * packsize, cache->media_size);
+  return there > cache->read_pos ? static_cast<int64_t>(there - cache->read_pos) : 0;
 }
 
-bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out) {
+c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
+  if (cache == nullptr || cache->packnum < 1) return nullptr;
   const adif::Guard lock(cache->lock);
-  const adif::Guard pack_lock(pack->lock);
-  if (pack->cache != cache || pack->index < 0 || pack->index >= cache->total_packs) return false;
-  if (pack->state == pack_idle) {
-    if (c2ms_pack_is_paused(pack)) return false;
-    pack->size = pack_length(cache, pack->index);
-    c2ms::count_forgotten(cache->session, pack->len);
-    pack->len = 0;
+  const ahead_packs ahead = c2ms_cache_ahead(cache);
+  bool paused = false;  // an idle pack was passed over: the next search begins at it again
+  for (int32_t i = ahead.first; i < ahead.end; ++i) {
+    c2ms_pack *const pack = pack_at(cache, i);
+    if (c2ms_cache_may_ask(cache, i)) {
+      if (!paused) cache->idle_from = i;
+      return pack;
+    }
+    if (pack->state != pack_idle || paused || !c2ms_pack_is_paused(pack)) continue;
+    cache->idle_from = i;
+    paused = true;
   }
-  std::memcpy(out->fid, cache->fid, sizeof out->fid);
-  out->offset = static_cast<uint64_t>(pack->index) * static_cast<uint64_t>(cache->packsize.load()) +
-                cache->base_offset;
-  out->length = static_cast<uint32_t>(pack->size);
-  out->flag = cache->range_flag;
-  out->index = pack->index;
-  out->generation = cache->generation;
-  out->redundant = pack->state != pack_idle;
-  return true;
+  if (!paused) cache->idle_from = std::max(ahead.end, cache->wanted_from);
+  return nullptr;
 }
 
 int c2ms_cache_download_pack(c2ms_cache *cache, c2ms_pack *pack) {
   if (cache == nullptr) return -1;
-  if (cache->session == nullptr) return -2;
-  c2ms_range want;
-  if (!c2ms_cache_range_of(cache, pack, &want) || want.redundant) return -100;
-  const int result = c2ms_sess_unit_issue(cache->session, want, pack);
-  if (result == -100) {
+  if (pack == nullptr) return -2;
+  int32_t index;
+  {
     const adif::Guard lock(pack->lock);
-    pack->not_before_us = c2ms::now_us() + c2ms::no_memory_pause_us;
+    index = pack->index;
   }
-  return result;
+  c2ms_unit *const unit = c2ms_sess_unit_issue(cache->session, index, 1);
+  return unit == nullptr ? -100 : c2ms_sess_unit_put(cache->session, unit);
 }
 
 int c2ms_cache_download_all(c2ms_cache *cache) {
   if (cache == nullptr || cache->session == nullptr) return 0;
-  const int queued = c2ms_sess_unit_num(cache->session);
-  const int limit = std::max(2 * c2ms_sess_node_num(cache->session), c2ms::min_issue_limit);
-  int issued = 0;
-  while (issued + queued < limit && issued < cache->packnum && issued < cache->total_packs) {
-    if (c2ms_cache_download_one(cache) < 1) break;
-    ++issued;
-  }
-  return issued;
+  if (c2ms_cache_get_idle_pack(cache) == nullptr) return 0;
+  c2ms::mark_dispatch_due(cache->session);
+  return 1;
 }
 
-int c2ms_cache_download_one(c2ms_cache *cache) {
-  if (cache == nullptr) return 0;
-  c2ms_pack *const pack = c2ms_cache_get_idle_pack(cache);
-  return pack != nullptr && c2ms_cache_download_pack(cache, pack) == 0 ? 1 : 0;
+namespace {
+
+// What every unit of a cache knows of it.
+void describe(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t skip) REQUIRES(cache->lock) {
+  std::memcpy(unit->fid, cache->fid, sizeof unit->fid);
+  unit->pack_bytes = cache->packsize;
+  unit->first_index = unit->pack_index = first;
+  unit->skip = skip;
+  unit->range_offset = cache->base_offset + static_cast<uint64_t>(skip) +
+                       static_cast<uint64_t>(first) * static_cast<uint64_t>(unit->pack_bytes);
+  unit->range_flag = cache->range_flag;
+  unit->generation = cache->generation;
+}
+
+// Binds one more pack of a run; false ends the run before it.
+bool bind_next(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count, uint64_t *bytes)
+    REQUIRES(cache->lock) {
+  const int32_t index = first + count;
+  if (index >= cache->total_packs) return false;
+  c2ms_pack *const pack = pack_at(cache, index);
+  const adif::Guard lock(pack->lock);
+  if (pack->index != index || pack->state != pack_idle || c2ms_pack_is_paused(pack)) return false;
+  const int32_t size = pack_length(cache, index);
+  // A pack that holds something begins a run of its own, an empty one is one.
+  if (count > 0 && (pack->len > 0 || size == 0)) return false;
+  if (*bytes + static_cast<uint64_t>(size) > INT32_MAX) return false;
+  if (c2ms_pack_bind_unit(pack, unit) != 0) return false;
+  c2ms_pack_state_to(pack, pack_requested);
+  pack->size = size;
+  if (count == 0) {
+    describe(cache, unit, first, pack->len);
+    unit->pack.store(pack);
+  }
+  *bytes += static_cast<uint64_t>(size - pack->len);
+  return true;
+}
+
+bool is_bound(const c2ms_pack *pack, const c2ms_unit *unit) REQUIRES(pack->lock) {
+  const auto end = pack->units + pack->unit_count;
+  return std::find(pack->units, end, unit) != end;
+}
+
+// A pack of a unit's run that still wants something of it, or NULL.
+c2ms_pack *bound_pack(c2ms_cache *cache, const c2ms_unit *unit, int32_t index) REQUIRES(cache->lock) {
+  if (unit->generation != cache->generation.load()) return nullptr;
+  c2ms_pack *const pack = pack_at(cache, index);
+  if (pack == nullptr) return nullptr;
+  const adif::Guard lock(pack->lock);
+  return pack->index == index && is_bound(pack, unit) ? pack : nullptr;
+}
+
+}  // namespace
+
+int32_t c2ms_cache_bind(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count) {
+  const adif::Guard lock(cache->lock);
+  if (first < 0 || cache->packnum < 1) return 0;
+  unit->state = UNIT_INIT;
+  uint64_t bytes = 0;
+  int32_t bound = 0;
+  while (bound < count && bind_next(cache, unit, first, bound, &bytes)) {
+    ++bound;
+    if (bytes == 0) break;
+  }
+  unit->run_packs = bound;
+  unit->range_length = static_cast<uint32_t>(bytes);
+  return bound;
+}
+
+bool c2ms_cache_bind_again(c2ms_cache *cache, c2ms_unit *unit, int32_t index) {
+  const adif::Guard lock(cache->lock);
+  if (index < 0 || cache->packnum < 1) return false;
+  c2ms_pack *const pack = pack_at(cache, index);
+  const adif::Guard pack_lock(pack->lock);
+  const bool in_flight = pack->state == pack_requested || pack->state == pack_receiving;
+  if (pack->index != index || !in_flight || pack->len >= pack->size) return false;
+  if (std::any_of(pack->units, pack->units + pack->unit_count,
+                  [](const c2ms_unit *other) { return other->state == UNIT_INIT; }))
+    return false;
+  unit->state = UNIT_INIT;
+  if (c2ms_pack_bind_unit(pack, unit) != 0) return false;
+  describe(cache, unit, index, pack->len);
+  unit->pack.store(pack);
+  unit->run_packs = 1;
+  unit->range_flag = pack->flag;
+  unit->range_length = static_cast<uint32_t>(pack->size - pack->len);
+  unit->redundant = true;
+  return true;
+}
+
+void c2ms_cache_go_on(c2ms_cache *cache, c2ms_unit *unit) {
+  const adif::Guard lock(cache->lock);
+  if (unit->pack_index >= unit->first_index + unit->run_packs) {
+    unit->pack.store(nullptr);
+    return;
+  }
+  if (unit->generation != cache->generation.load()) return unit->pack.store(nullptr);
+  c2ms_pack *const pack = pack_at(cache, unit->pack_index);
+  if (pack == nullptr) return unit->pack.store(nullptr);
+  const adif::Guard pack_lock(pack->lock);
+  const bool wants = pack->index == unit->pack_index && is_bound(pack, unit);
+  unit->pack.store(wants ? pack : nullptr);
+}
+
+bool c2ms_cache_unbind(c2ms_cache *cache, c2ms_unit *unit, int32_t index) {
+  const adif::Guard lock(cache->lock);
+  c2ms_pack *const pack = pack_at(cache, index);
+  if (pack == nullptr) return false;
+  const adif::Guard pack_lock(pack->lock);
+  if (c2ms_pack_unbind_unit(pack, unit) == 0) return false;
+  if (pack->unit_count > 0 || pack->state == pack_ready) return false;
+  c2ms_pack_state_to(pack, pack_idle);
+  cache->idle_from = std::min(cache->idle_from, index);
+  return true;
+}
+
+int64_t c2ms_cache_wanted(c2ms_cache *cache, const c2ms_unit *unit) {
+  const adif::Guard lock(cache->lock);
+  int64_t sum = 0;
+  for (int32_t i = unit->pack_index; i < unit->first_index + unit->run_packs; ++i) {
+    c2ms_pack *const pack = bound_pack(cache, unit, i);
+    if (pack == nullptr) continue;
+    const adif::Guard pack_lock(pack->lock);
+    sum += pack->size - pack->len;
+  }
+  return sum;
 }
 
 int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos, c2ms::cache_use use) {

@@ -10,17 +10,6 @@
 
 #include "c2ms/c2ms_records.h"
 
-/// What a download asks for, taken together under the locks of cache and pack. A unit is bound only
-/// while the pack still holds that index of that file.
-struct c2ms_range {
-  uint8_t fid[16];
-  uint64_t offset;  // in the file on the server, base offset included
-  uint32_t length;
-  uint8_t flag;
-  int32_t index;
-  uint32_t generation;
-  bool redundant;  // the pack is being fetched already
-};
 
 /// The part of the selected file that an index in memory holds, in positions of reads. While the
 /// position lies in it the range is placed for `target` instead: behind the window, or at the
@@ -61,19 +50,39 @@ c2ms_window c2ms_cache_window(c2ms_cache *cache) REQUIRES(cache->lock);
 /// The window has changed: places the range for the read position again.
 void c2ms_cache_window_changed(c2ms_cache *cache) REQUIRES(cache->lock);
 
+/// Binds a unit to neighbouring idle packs, as many of `count` from `first` on as are still idle, and
+/// tells it what to ask for. Bytes that the first one holds are not asked for again. The number of
+/// packs, 0 when the first is not idle any more.
+int32_t c2ms_cache_bind(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count);
+/// Binds a unit to a pack that others are fetching, for what it lacks. False when nothing is lacking, the
+/// pack is idle, has five units, or one that has not been sent.
+bool c2ms_cache_bind_again(c2ms_cache *cache, c2ms_unit *unit, int32_t index);
+/// The unit's answer goes on in pack `pack_index` of its run: finds out whether the pack wants it.
+void c2ms_cache_go_on(c2ms_cache *cache, c2ms_unit *unit);
+/// Takes a unit away from a pack; true when that is idle now.
+bool c2ms_cache_unbind(c2ms_cache *cache, c2ms_unit *unit, int32_t index);
+/// Bytes of what a unit still has to receive that some pack wants.
+int64_t c2ms_cache_wanted(c2ms_cache *cache, const c2ms_unit *unit);
+
+/// The packs from which a session asks ahead: from the reader's position (the range's first pack while the range is
+/// placed elsewhere) to the end of range or file.
+struct ahead_packs {
+  int32_t first, end;
+};
+ahead_packs c2ms_cache_ahead(c2ms_cache *cache) REQUIRES(cache->lock);
+/// True when a pack is idle and may be asked for now.
+bool c2ms_cache_may_ask(c2ms_cache *cache, int32_t index) REQUIRES(cache->lock);
+/// Bytes ahead of the reader without a hole.
+int64_t c2ms_cache_lead(c2ms_cache *cache) REQUIRES(cache->lock);
+
 /// The first idle pack at or above the read position (above the range's first pack while the range
 /// is placed elsewhere) that may be asked for now, or NULL.
 c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache);
-/// Issues an idle pack. 0; -1, -2 missing cache or session; -100 it is not idle (any more); or the
-/// issue's result.
-int c2ms_cache_download_pack(c2ms_cache *cache, c2ms_pack *pack);
-/// Issues idle packs up to twice the number of nodes, at least 10, queued units included: packs
-/// issued.
+/// Has idle packs asked for as soon as a node can take them: 1 when there are some, else 0. What asks
+/// is the dispatch (c2ms_sess_sched.h).
 int c2ms_cache_download_all(c2ms_cache *cache);
-/// Issues one idle pack: 1, or 0 when there is none.
-int c2ms_cache_download_one(c2ms_cache *cache);
-/// The range that a pack stands for; false when the pack holds nothing.
-bool c2ms_cache_range_of(c2ms_cache *cache, c2ms_pack *pack, c2ms_range *out);
+/// Queues a unit for one idle pack. 0; -1, -2 missing cache or pack; or the issue's result.
+int c2ms_cache_download_pack(c2ms_cache *cache, c2ms_pack *pack);
 
 /// Moves the read position and asks for what is missing; nothing when the cache serves another use.
 /// 0; -1.

@@ -16,7 +16,6 @@ using c2ms::steady;
 constexpr std::chrono::milliseconds longest_wait{1000};
 constexpr std::chrono::milliseconds paused_wait{50};
 constexpr int32_t longest_take = 256 * 1024;  // what a reader sleeps for at a time
-constexpr int32_t unhurried_us = 1'000'000;   // an expected time below this is taken ten times
 
 enum class step { go_on, stop, wait, move_range, request };
 
@@ -40,6 +39,7 @@ struct reading {
   uint64_t media_size = 0;
   uint32_t seek_count = 0;
   bool after_seek = false;  // nothing has been delivered since the last one
+  int64_t waited_us = 0;
   c2ms_window window{};     // changes under the read gate alone
 
   bool expired() const {
@@ -132,24 +132,6 @@ bool advance(const reading &call) {
   return c2ms_cache_advance(call.cache, call.pos, call.seek_count);
 }
 
-// A pack that keeps its reader waiting for longer than the best node should need is asked for
-// again.
-void ask_again_if_late(reading &call, const place &at) {
-  int64_t allowed = c2ms_sess_fasttime(call.cache->session);
-  if (allowed < unhurried_us) allowed *= 10;
-  const int64_t now = c2ms::now_us();
-  {
-    const adif::Guard lock(at.pack->lock);
-    const bool under_way = at.pack->state == pack_requested || at.pack->state == pack_receiving;
-    if (at.pack->index != at.index || !under_way) return;
-    if (at.pack->late_since_us == 0) at.pack->late_since_us = now;
-    if (now - at.pack->late_since_us <= allowed) return;
-    at.pack->late_since_us = now;
-  }
-  c2ms_pack_redownload(at.pack, 1, now);
-  c2ms::dispatch_if_due(call.cache->session);
-}
-
 // Publishes what the call lacks, from the pack at its position on: all that it can take in one go.
 // True: it need not sleep.
 bool publish_need(const reading &call, const place &at) {
@@ -182,17 +164,18 @@ void wait(reading &call, const place &at) {
     WaitEventUntil(cache->event, until, [&] { return cache->wake_count.load() != seen; });
   }
   c2ms_cache_need_nothing(cache);
-  ask_again_if_late(call, at);
 }
 
 // Counts the time for which a call waits for one pack, when the scope ends.
 class Waiting {
  public:
-  explicit Waiting(const reading &call) : call_(call) {}
+  explicit Waiting(reading &call) : call_(call) {}
   ~Waiting() {
     if (since_us_ == 0) return;
+    const int64_t waited = c2ms::now_us() - since_us_;
+    call_.waited_us += waited;
     const adif::Guard lock(call_.cache->lock);
-    c2ms::count_wait(call_.cache, cause(), c2ms::now_us() - since_us_);
+    c2ms::count_wait(call_.cache, cause(), waited);
   }
   Waiting(const Waiting &) = delete;
   Waiting &operator=(const Waiting &) = delete;
@@ -210,7 +193,7 @@ class Waiting {
     if (no_node_) return c2ms::wait_cause::no_node;
     return for_seek_ ? c2ms::wait_cause::seek : c2ms::wait_cause::late;
   }
-  const reading &call_;
+  reading &call_;
   int64_t since_us_ = 0;
   bool no_node_ = false, for_seek_ = false;
 };
@@ -231,7 +214,14 @@ bool move_range(reading &call, const place &at) {
 // An idle pack is asked for. When that can't be done now (no memory for a unit, say) the pack is
 // paused and the wait that follows ends in time for the next attempt.
 step request(reading &call, const place &at) {
-  c2ms_cache_download_pack(call.cache, at.pack);
+  bool ahead;
+  {
+    const adif::Guard lock(call.cache->lock);
+    ahead = at.index >= call.cache->wanted_from;
+    call.cache->idle_from = std::min(call.cache->idle_from, at.index);
+  }
+  if (!ahead) c2ms_cache_download_pack(call.cache, at.pack);
+  c2ms::mark_dispatch_due(call.cache->session);
   c2ms::dispatch_if_due(call.cache->session);
   return call.expired() ? step::stop : step::wait;
 }
@@ -256,11 +246,8 @@ bool read_pack(reading &call) {
       case step::go_on:
         return true;
       case step::stop:
-        if (call.expired()) {
-          ask_again_if_late(call, at);  // players with short budgets get it too
-        } else if (call.copied == 0) {
-          wait(call, at);  // a pack of size 0: who calls again at once must not spin
-        }
+        // A pack of size 0: who calls again at once must not spin.
+        if (!call.expired() && call.copied == 0) wait(call, at);
         return false;
       case step::move_range:
         if (!move_range(call, at)) return false;
@@ -286,6 +273,9 @@ int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point dea
     call.seek_count = cache->seek_count;
     call.after_seek = cache->served_seek != call.seek_count;
     call.window = c2ms_cache_window(cache);
+    const int32_t packsize = cache->packsize;
+    const uint64_t end = call.pos + static_cast<uint64_t>(std::max(std::min(len, longest_take), 0));
+    cache->urgent_end = call.after_seek ? static_cast<int32_t>((end + static_cast<uint64_t>(packsize) - 1) / static_cast<uint64_t>(packsize)) : 0;
   }
   if (cache->packnum < 1) return -201;
   if (call.pos >= call.media_size) return -200;
@@ -300,6 +290,7 @@ int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point dea
     const adif::Guard lock(cache->lock);
     if (call.copied < len) ++cache->short_reads;
     if (call.copied > 0) cache->served_seek = call.seek_count;
+    cache->pace.delivered(c2ms::now_us(), call.copied, call.waited_us);
   }
   c2ms_cache_download_all(cache);
   c2ms::dispatch_if_due(cache->session);

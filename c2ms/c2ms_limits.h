@@ -21,6 +21,8 @@ inline constexpr uint32_t timer_node_connect = 7550;
 inline constexpr uint32_t timer_node_life = 7551;
 inline constexpr uint32_t timer_sess_check = 7563;
 inline constexpr uint32_t timer_speed_count = 7564;
+inline constexpr uint32_t timer_sess_watch = 7565;
+inline constexpr uint32_t watch_period_ms = 20;  // while a reader waits, or soon will
 
 // Node types (bits).
 inline constexpr uint8_t node_serves_list = 0x01;
@@ -41,8 +43,6 @@ inline constexpr int64_t stalled_us =
     10'000'000;  // a transfer without a byte for that long is dropped
 inline constexpr int64_t min_rtt_us = 200'000;
 inline constexpr int max_short_answers = 3;
-inline constexpr double prune_factor = 5.0;
-inline constexpr int32_t prune_after_transfers = 10;
 
 // Sessions.
 inline constexpr int open_timeouts = 20;  // one-second waits of an open
@@ -61,6 +61,7 @@ inline constexpr int64_t index_open_ms = 30'000;
 inline constexpr int32_t index_receive_ms = 10'000;
 inline constexpr int max_index_failures = 5;
 inline constexpr int max_boxes = 20;
+inline constexpr int box_header_bytes = 16;
 inline constexpr int32_t moov_end_slack =
     1000;  // bytes behind a `moov` that still counts as the end
 inline constexpr uint8_t media_type_mp4 = 7;
@@ -77,11 +78,8 @@ inline constexpr uint64_t no_place = UINT64_MAX;  // of a position
 inline constexpr int32_t default_pack_bytes = 8192;
 inline constexpr int32_t min_pack_bytes = 4096;
 inline constexpr int min_issue_limit = 10;
-inline constexpr int receive_slice_bytes = 256 * 1024;  // received under one hold of a pack's lock
-inline constexpr int slices_per_event = 4;  // then the other sockets of the thread have a turn
-// Ranges after which the next one is asked for before their bytes are copied (docs/performance.md).
-inline constexpr uint32_t least_ahead_bytes = 32 * 1024;
-inline constexpr uint32_t most_ahead_bytes = 128 * 1024;
+inline constexpr int32_t receive_slice_bytes = 256 * 1024;  // received under one hold of a pack's lock
+inline constexpr int32_t receive_event_bytes = 1024 * 1024;  // then the thread's other sockets have a turn
 inline constexpr int64_t empty_pack_pause_us =
     1'000'000;                                         // between two requests for a pack of size 0
 inline constexpr int64_t no_memory_pause_us = 50'000;  // before a unit is tried for again

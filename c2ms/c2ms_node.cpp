@@ -13,6 +13,7 @@
 #include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_pump.h"
 #include "c2ms/c2ms_sess.h"
+#include "c2ms/c2ms_sess_choice.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_sess_sched.h"
 #include "c2ms/c2ms_stats.h"
@@ -192,13 +193,33 @@ int c2ms_node_disconnect_dbg(c2ms_node *node, adif::source_place) {
   return 0;
 }
 
+namespace {
+
+// A connection that fails with a request ahead of its answer may have failed for that: its server is not asked ahead
+// again.
+void note_ahead_failure(c2ms_node *node) {
+  const adif::Guard lock(node->download_lock);
+  const c2ms_unit *const unit = node->download_unit;
+  const bool unanswered = unit != nullptr && unit->ahead && unit->state <= UNIT_GETHDR;
+  if (node->next_unit != nullptr || unanswered) node->takes_ahead = false;
+}
+
+}  // namespace
+
 int c2ms_node_retry(c2ms_node *node) {
   if (node == nullptr) return -1;
   ++node->times;
   count_failure(node);
+  note_ahead_failure(node);
   c2ms_node_disconnect_dbg(node);
   node->connect_timer = start_timer(node, next_delay_ms(node), timer_node_connect);
   return 0;
+}
+
+int c2ms::connect_anew(c2ms_node *node) {
+  node->anew_us = now_us();
+  c2ms_node_disconnect_dbg(node);
+  return c2ms_node_connect(node);
 }
 
 void c2ms::rearm_retry(c2ms_node *node) {
@@ -253,12 +274,24 @@ int send_download(c2ms_node *node, c2ms_unit *unit) REQUIRES(node->download_lock
 
 }  // namespace
 
+bool c2ms::may_ask_ahead(c2ms_node *node) {
+  if (!node->takes_ahead || node->state != C2MS_NODE_WAITING_GETMEDIA_RESP) return false;
+  {
+    const adif::Guard lock(node->download_lock);
+    if (node->download_unit == nullptr || node->next_unit != nullptr) return false;
+  }
+  const session_lanes known = lanes_of(node->session);
+  const size_t who = known.find(node);
+  return who < known.count && asks_ahead(known.all(), who);
+}
+
 bool c2ms::ask_ahead(c2ms_node *node) {
-  c2ms_unit *const unit = c2ms_sess_unit_get(node->session);
+  c2ms_unit *const unit = c2ms_sess_unit_get(node->session, node);
   if (unit == nullptr) return true;
   int result;
   {
     const adif::Guard lock(node->download_lock);
+    unit->ahead = true;
     result = send_download(node, unit);
     if (result == 0) node->next_unit = unit;
   }
@@ -271,7 +304,7 @@ int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
   if (!is_media(node) || node->state != C2MS_NODE_READY) return 0;
   const bool asked_ahead = node->asked_us != 0;  // its request is out
   if (asked_ahead) return c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);
-  c2ms_unit *const unit = c2ms_sess_unit_get(node->session);
+  c2ms_unit *const unit = c2ms_sess_unit_get(node->session, node);
   if (unit == nullptr) return -100;
   c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);
   int result;
@@ -314,6 +347,10 @@ c2ms_unit *detach_download(c2ms_node *node) {
 
 int c2ms_node_download_exit(c2ms_node *node) {
   if (node == nullptr) return -1;
+  if (node->session != nullptr) {
+    const adif::Guard lock(node->session->speed_lock);
+    node->estimate.disconnected();
+  }
   int result = 0;
   while (c2ms_unit *const unit = detach_download(node)) {
     result = c2ms_sess_unit_requeue(node->session, unit);

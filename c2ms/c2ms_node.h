@@ -75,10 +75,17 @@ inline bool is_media(const c2ms_node *node) {
   return (node->type & node_serves_media) != 0;
 }
 
-/// Sends the next request of a node whose answer lies in the socket as a whole: the acknowledgement
-/// of those bytes then travels with it. False when the connection has failed; nothing else may be
+/// True when a node that is receiving should send its next request now: it will reach the server before the answer
+/// ends, and no request is ahead already.
+bool may_ask_ahead(c2ms_node *node);
+
+/// Sends the next request of a node whose answer is still coming. False when the connection has failed; nothing else may be
 /// sent on it.
 bool ask_ahead(c2ms_node *node);
+
+/// Drops a connection whose answer nobody wants any more, and connects again at once. Not a failure. As
+/// c2ms_node_connect.
+int connect_anew(c2ms_node *node);
 
 /// Arms the connect timer of a disconnected node that has none (no timer was free when it was due).
 void rearm_retry(c2ms_node *node);

@@ -56,6 +56,10 @@ void reset_fields(c2ms_node *node) {
   node->life_timer = nullptr;
   node->last_active_us = 0;
   node->asked_us = 0;
+  node->takes_ahead = true;
+  node->probed_us = 0;
+  node->anew_us = 0;
+  node->estimate = {};
   node->perf = {};
   node->counts = {};
   node->session_id = 0;

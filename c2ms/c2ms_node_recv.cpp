@@ -1,6 +1,5 @@
 // What arrives on a node's connection, and the life check. Part of c2ms_node.h.
 #include <arpa/inet.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -17,6 +16,7 @@
 #include "c2ms/c2ms_sess.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_sess_watch.h"
 #include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_time.h"
 #include "c2ms/c2ms_unit.h"
@@ -136,48 +136,11 @@ bool is_late(const c2ms_node *node, int64_t now) {
   return node->asked_us != 0 && now - node->asked_us > patience_us(node->perf);
 }
 
-// True when a node that has just finished a download should leave the session to faster ones.
-bool to_be_pruned(c2ms_node *node) {
-  c2ms_sess *const session = node->session;
-  const adif::Guard lock(session->list_lock);
-  sk_sort_by(session->node_list, c2ms_node_cmp_node_by_perf);
-  const c2ms_node *best = nullptr;
-  int usable = 0, place = 0;
-  bool passed = false;
-  for (int i = 0; i < sk_num(session->node_list); ++i) {
-    const auto *const other = static_cast<const c2ms_node *>(sk_value(session->node_list, i));
-    if (other->state < C2MS_NODE_READY) continue;
-    ++usable;
-    if (other == node) passed = true;
-    if (is_late(other, node->last_active_us)) continue;
-    if (best == nullptr && other->perf.TN > prune_after_transfers) best = other;
-    if (!passed) ++place;
-  }
-  if (usable > wanted_media_nodes) return place >= wanted_media_nodes;
-  return best != nullptr && best != node && node->perf.TN > prune_after_transfers &&
-         best->perf.AvgSpeed > prune_factor * node->perf.AvgSpeed;
-}
-
 int next_download(c2ms_node *node) {
   if (node->state != C2MS_NODE_READY || !is_media(node)) return 0;
-  if (to_be_pruned(node)) return c2ms_node_close(node);
-  return c2ms_node_download_start_dbg(node);
-}
-
-// An answer of which nothing has been read yet lies in the socket as a whole, and the next one has
-// not been asked for. (It has when a receive that was due found nothing.)
-bool may_ask_ahead(c2ms_node *node, int fd) {
-  uint32_t length;
-  {
-    const adif::Guard lock(node->download_lock);
-    const c2ms_unit *const unit = node->download_unit;
-    if (unit == nullptr || unit->state != UNIT_SENT || node->next_unit != nullptr) return false;
-    length = unit->range_length;
-  }
-  if (length < least_ahead_bytes || length > most_ahead_bytes) return false;
-  int there = 0;
-  return ioctl(fd, FIONREAD, &there) == 0 &&
-         there >= static_cast<int>(media_response_bytes + length);
+  const int result = c2ms_node_download_start_dbg(node);
+  start_watch(node->session);
+  return result;
 }
 
 struct reception {
@@ -201,7 +164,7 @@ int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &stra
   c2ms_node *const node = ref.node;
   c2ms_mgmt *const mgmt = node->library;
   const int fd = GetDeviceFD(device);
-  const bool broken = may_ask_ahead(node, fd) && !ask_ahead(node);
+  const bool broken = may_ask_ahead(node) && !ask_ahead(node);
   const reception got = receive(node, fd, strand);
   if (got.result == 0 && !got.complete && !broken) return 0;
   strand.resume();
@@ -244,21 +207,6 @@ void account_stalled(c2ms_node *node) {
   const adif::Guard lock(node->download_lock);
   if (node->download_unit == nullptr) return;
   c2ms_node_perf_statistic(node, node->download_unit);
-}
-
-// The pack of a transfer that takes longer than three round trips, or NULL.
-c2ms_pack *late_pack(c2ms_node *node, int64_t now) {
-  int64_t patience;
-  {
-    const adif::Guard list(node->session->list_lock);
-    patience = patience_us(node->perf);
-  }
-  const adif::Guard lock(node->download_lock);
-  c2ms_unit *const unit = node->download_unit;
-  if (unit == nullptr || node->state != C2MS_NODE_WAITING_GETMEDIA_RESP) return nullptr;
-  if (!is_set(unit->sent_time) || is_set(unit->end_time)) return nullptr;
-  if (now - to_us(unit->sent_time) <= patience) return nullptr;
-  return c2ms_unit_verify(unit) != 0 ? unit->pack.load() : nullptr;
 }
 
 int check_list_node(c2ms_node *node, int64_t now) {
@@ -333,7 +281,7 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
     return -200;
   }
   c2ms_sess_set_status(node->session, 0);
-  if (!unit->filled_pack) count_completed(unit);
+  count_completed(unit);
   c2ms_node_perf_statistic(node, unit);
   node->load = unit->response.media_word;
   const bool was_short = is_short_answer(*unit);
@@ -367,8 +315,6 @@ int c2ms_node_lifecheck(c2ms_node *node) {
     node->backoff_ms = 0;
     node->retried = false;
   }
-  c2ms_pack *const late = late_pack(node, now);
-  if (late != nullptr) c2ms_pack_redownload(late, 2, now);
   return 0;
 }
 

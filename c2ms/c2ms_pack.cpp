@@ -17,14 +17,7 @@ void reset(c2ms_pack *pack) REQUIRES(pack->lock) {
   pack->state = pack_idle;
   pack->flag = 0;
   pack->len = 0;
-  pack->late_since_us = 0;
   pack->not_before_us = 0;
-}
-
-// A unit that still waits for a node will be the help that is asked for.
-bool has_unsent_unit(const c2ms_pack *pack) REQUIRES(pack->lock) {
-  return std::any_of(pack->units, pack->units + pack->unit_count,
-                     [](const c2ms_unit *unit) { return unit->state == UNIT_INIT; });
 }
 
 }  // namespace
@@ -72,7 +65,8 @@ int c2ms_pack_free(c2ms_pack *pack) {
 }
 
 bool c2ms_pack_is_paused(const c2ms_pack *pack) {
-  return pack->not_before_us != 0 && pack->not_before_us > c2ms::now_us();
+  const int64_t until = pack->not_before_us.load(std::memory_order_relaxed);
+  return until != 0 && until > c2ms::now_us();
 }
 
 void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) {
@@ -101,7 +95,10 @@ int c2ms_pack_unbind_unit(c2ms_pack *pack, c2ms_unit *unit) {
 }
 
 void c2ms_pack_unbind_all(c2ms_pack *pack) {
-  for (int32_t i = 0; i < pack->unit_count; ++i) pack->units[i]->pack.store(nullptr);
+  for (int32_t i = 0; i < pack->unit_count; ++i) {
+    c2ms_pack *this_one = pack;  // a unit that fills another pack of its run goes on there
+    pack->units[i]->pack.compare_exchange_strong(this_one, nullptr);
+  }
   pack->unit_count = 0;
 }
 
@@ -114,40 +111,31 @@ void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index) {
 }
 
 void c2ms_pack_release_unit(c2ms_unit *unit) {
-  c2ms_pack *const pack = unit->pack.load();
-  if (pack == nullptr) return;
+  if (unit->session == nullptr || unit->run_packs < 1) return;
+  c2ms_cache *const cache = &unit->session->cache_record;
+  const int32_t end = unit->first_index + unit->run_packs;
+  bool idle = false;
+  for (int32_t index = unit->pack_index; index < end; ++index) {
+    if (!c2ms_cache_unbind(cache, unit, index)) continue;
+    idle = true;
+    c2ms_cache_tell_reader(cache, index);
+  }
+  unit->pack.store(nullptr);
+  if (idle) c2ms::mark_dispatch_due(cache->session);
+}
+
+int c2ms_pack_redownload(c2ms_pack *pack) {
+  if (pack == nullptr) return -1;
   c2ms_cache *cache;
   int32_t index;
   {
     const adif::Guard lock(pack->lock);
-    if (unit->pack.load() != pack) return;  // the cache was faster
-    unit->pack.store(nullptr);
-    c2ms_pack_unbind_unit(pack, unit);
-    if (pack->unit_count > 0 || pack->state == pack_ready) return;
-    c2ms_pack_state_to(pack, pack_idle);
     cache = pack->cache;
     index = pack->index;
   }
-  c2ms_cache_note_idle(cache, index);
-  c2ms_cache_tell_reader(cache, index);
-  c2ms::mark_dispatch_due(cache->session);
-}
-
-int c2ms_pack_redownload(c2ms_pack *pack, int, int64_t) {
-  if (pack == nullptr) return -1;
-  c2ms_cache *cache;
-  uint8_t flag;
-  {
-    const adif::Guard lock(pack->lock);
-    if (pack->state == pack_ready || pack->state == pack_idle) return 0;
-    if (pack->unit_count >= c2ms::max_units_per_pack || has_unsent_unit(pack)) return 0;
-    cache = pack->cache;
-    flag = pack->flag;
-  }
-  c2ms_range want;
-  if (!c2ms_cache_range_of(cache, pack, &want) || !want.redundant) return 0;
-  want.flag = flag;
-  return c2ms_sess_unit_issue(cache->session, want, pack);
+  if (cache == nullptr) return 0;
+  c2ms_unit *const unit = c2ms_sess_unit_issue_again(cache->session, index);
+  return unit == nullptr ? 0 : c2ms_sess_unit_put(cache->session, unit);
 }
 
 uint8_t *c2ms_pack_buf(c2ms_pack *pack) {

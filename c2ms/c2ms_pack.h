@@ -22,7 +22,7 @@ int c2ms_pack_free(c2ms_pack *pack);
 void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) REQUIRES(pack->lock);
 
 /// True while an idle pack is not to be asked for again yet.
-bool c2ms_pack_is_paused(const c2ms_pack *pack) REQUIRES(pack->lock);
+bool c2ms_pack_is_paused(const c2ms_pack *pack);
 
 /// Wakes the reader if it waits for this pack to change. Hold no lock.
 void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index);
@@ -38,14 +38,14 @@ void c2ms_pack_unbind_all(c2ms_pack *pack) REQUIRES(pack->lock);
 /// next.
 void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index);
 
-/// Takes a unit away from its pack, if it has one. A pack that is not ready and loses its last unit
-/// is idle again: its reader is woken and the session looks for work. Hold no pack's lock.
+/// Takes a unit away from what is left of its run. A pack that is not ready and loses its last unit
+/// is idle again: its reader is woken and the session looks for work. Hold neither the cache's lock
+/// nor a pack's.
 void c2ms_pack_release_unit(c2ms_unit *unit);
 
-/// Asks for the pack a second time, through another unit, unless it is ready or 5 units have it.
-/// Reason (1 a waiting reader, 2 the life check) and time are for diagnosis. 0; -1 for NULL; the
-/// issue's result.
-int c2ms_pack_redownload(c2ms_pack *pack, int reason, int64_t now_us);
+/// Asks for what a pack still lacks a second time, through another unit, unless it is ready, 5 units
+/// have it, or one of them has not been sent. 0; -1 for NULL; the result.
+int c2ms_pack_redownload(c2ms_pack *pack);
 
 /// The pack's bytes, its size and how many of them are there; NULL or 0 for NULL.
 uint8_t *c2ms_pack_buf(c2ms_pack *pack);

@@ -6,6 +6,7 @@
 #include "c2ms/c2ms_sess.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/c2ms_sess_watch.h"
 #include "c2ms/c2ms_strand.h"
 
 namespace {
@@ -129,6 +130,13 @@ int on_sess_timer(c2ms_mgmt *mgmt, rac_timer *timer, uint32_t command, uintptr_t
     c2ms_sess_check(sess);
     return 0;
   }
+  if (command == timer_sess_watch) {
+    if (sess->watch_timer != timer) return 0;
+    StopTimer(timer);
+    sess->watch_timer = nullptr;
+    watch_session(sess);
+    return 0;
+  }
   if (sess->speed_timer != timer) return 0;
   StopTimer(timer);
   sess->speed_timer = nullptr;
@@ -159,7 +167,7 @@ int on_life_timer(c2ms_node *node, rac_timer *timer) {
 int on_timer(c2ms_mgmt *mgmt, rac_timer *timer) {
   const uint32_t command = GetTimeoutCmd(timer);
   const uintptr_t id = GetTimeoutPara(timer);
-  if (command == timer_sess_check || command == timer_speed_count) {
+  if (command == timer_sess_check || command == timer_speed_count || command == timer_sess_watch) {
     return on_sess_timer(mgmt, timer, command, id);
   }
   node_ref ref;

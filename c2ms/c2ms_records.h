@@ -25,6 +25,8 @@
 #include "c2ms/c2ms_limits.h"
 #include "c2ms/c2ms_strand.h"
 #include "c2ms/c2ms_worker.h"
+#include "c2ms/fetch/estimate.h"
+#include "c2ms/fetch/pace.h"
 #include "eprobe/probe.h"
 
 struct c2ms_mgmt;
@@ -174,7 +176,8 @@ struct c2ms_pdu {
 };
 
 /// One request and its response on a node: control exchanges (embedded in nodes) and range
-/// downloads. A unit belongs to the queue (unit lock), to a node (its download lock) or to the
+/// downloads. A download asks for a run of neighbouring packs, which its answer fills one after the
+/// other; it is bound to each of them. A unit belongs to the queue (unit lock), to a node (its download lock) or to the
 /// strand; `pack` alone is also written by the cache, under that pack's lock, and is compared again
 /// under it before use.
 struct c2ms_unit {
@@ -186,7 +189,11 @@ struct c2ms_unit {
   uint64_t range_offset = 0;
   uint32_t range_length = 0;
   uint8_t range_flag = 0;
-  int32_t pack_index = -1;
+  int32_t pack_index = -1;   // the pack that the answer's next byte belongs to
+  int32_t first_index = -1;  // of the run
+  int32_t run_packs = 0;
+  int32_t pack_bytes = 0;    // of each pack but the file's last
+  int32_t skip = 0;          // bytes of the first pack that were there and are not asked for
   uint32_t generation = 0;  // of the cache when the unit was issued
   c2ms_pdu request{};
   uint8_t request_bytes[c2ms::request_buffer_bytes]{};
@@ -194,9 +201,10 @@ struct c2ms_unit {
   c2ms_pdu response{};
   frame_t *frame = nullptr;
   std::atomic<int32_t> received{0};
-  std::atomic<c2ms_pack *> pack{nullptr};
+  std::atomic<c2ms_pack *> pack{nullptr};  // of pack_index; NULL: it wants nothing of this unit
   bool redundant = false;    // issued while another unit had the pack
-  bool filled_pack = false;  // its answer completed the pack
+  bool filled_pack = false;  // its answer completed a pack
+  bool ahead = false;        // sent before the answer to the request before it had ended
   bool is_out = false;       // counted as sent, not as ended; guarded by the session's speed lock
   timeval sent_time{}, first_time{}, end_time{};
   uint32_t node_id = 0;
@@ -219,12 +227,10 @@ struct c2ms_pack {
   c2ms_unit *units[8] GUARDED_BY(lock) = {};
   int32_t unit_count GUARDED_BY(lock) = 0;
   int32_t index GUARDED_BY(lock) = -1;
-  uint8_t state GUARDED_BY(lock) = pack_idle;
+  std::atomic<uint8_t> state{pack_idle};  // written under lock
   uint8_t flag GUARDED_BY(lock) = 0;
   int32_t len GUARDED_BY(lock) = 0;
-  int64_t late_since_us GUARDED_BY(lock) =
-      0;  // a reader has waited since then without progress; 0: none
-  int64_t not_before_us GUARDED_BY(lock) = 0;  // an idle pack is not asked for again before this
+  std::atomic<int64_t> not_before_us{0};  // an idle pack is not asked for again before this
 };
 
 /// A session's ring of packs; embedded in the session record.
@@ -255,6 +261,8 @@ struct c2ms_cache {
   int32_t short_reads GUARDED_BY(lock) = 0;
   c2ms::wait_count waits[c2ms::wait_causes] GUARDED_BY(lock);
   uint32_t served_seek GUARDED_BY(lock) = 0;  // seek_count of the last bytes that were delivered
+  c2ms::Pace pace GUARDED_BY(lock);           // at which the reader takes bytes
+  int32_t urgent_end GUARDED_BY(lock) = 0;    // packs before it are what the first read after a seek needs
   // Written under lock; read without it where a second look under a pack's lock follows.
   uint64_t media_size = 0;
   std::atomic<int32_t> packsize{c2ms::default_pack_bytes};
@@ -336,6 +344,10 @@ struct c2ms_node {
   // Asked for while the answer of download_unit lay in the socket as a whole; comes after it.
   c2ms_unit *next_unit GUARDED_BY(download_lock) = nullptr;
   int64_t asked_us = 0;  // when the range was asked for that is still to come; 0: none is
+  bool takes_ahead = true;     // its server has answered every request that was sent ahead
+  int64_t probed_us = 0;       // when it was last asked for anything
+  int64_t anew_us = 0;         // when a hopeless answer was last given up
+  c2ms::Estimate estimate;     // guarded by the session's speed lock
   c2ms_node_perf perf{};
   c2ms::tally counts;  // guarded by the session's speed lock
   uint32_t session_id = 0;
@@ -430,6 +442,7 @@ struct c2ms_sess {
   int32_t download_num GUARDED_BY(counter_lock) = 0;
   int64_t download_start_us GUARDED_BY(counter_lock) = 0;
   int64_t reopened_us = 0;
+  int64_t asked_twice = 0;    // bytes asked for a second time
   uint32_t answers = 0;       // ranges that came in full
   uint32_t answers_seen = 0;  // by the last check
   int64_t fruitless_us = 0;   // since when checks have seen requests out and no answer; 0: not so
@@ -459,6 +472,7 @@ struct c2ms_sess {
   std::atomic<uint8_t> idx_mem{0};
 
   rac_timer *check_timer = nullptr;
+  rac_timer *watch_timer = nullptr;  // while a deadline is near (c2ms_sess_watch.h)
   int64_t open_time = 0;               // seconds
   std::atomic<int64_t> close_time{0};  // the same; 0 until the session closes
   uint8_t token[8]{};

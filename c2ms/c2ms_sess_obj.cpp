@@ -87,6 +87,7 @@ void reset_counters(c2ms_sess *sess) {
   }
   sess->active_us = 0;
   sess->reopened_us = 0;
+  sess->asked_twice = 0;
   sess->answers = sess->answers_seen = 0;
   sess->fruitless_us = 0;
   sess->dispatch_due = false;
@@ -121,6 +122,7 @@ void release_cache(c2ms_sess *sess) {
 void release_contents(c2ms_sess *sess, int (*end_node)(c2ms_node *)) {
   stop_timer(&sess->speed_timer);
   stop_timer(&sess->check_timer);
+  stop_timer(&sess->watch_timer);
   RemoveHookOf(sess->probe, sess);
   sess->hook_registered = 0;
   sess->open_pending = 0;

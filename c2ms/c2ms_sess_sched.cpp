@@ -7,6 +7,8 @@
 #include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_pack.h"
 #include "c2ms/c2ms_sess.h"
+#include "c2ms/c2ms_sess_choice.h"
+#include "c2ms/c2ms_sess_watch.h"
 #include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_strand.h"
 #include "c2ms/c2ms_time.h"
@@ -25,32 +27,6 @@ c2ms_unit *pop_unit(c2ms_sess *sess) {
   auto *const unit = static_cast<c2ms_unit *>(sk_shift(sess->units));
   sess->unit_num = std::max(sk_num(sess->units), 0);
   return unit;
-}
-
-bool bind(const c2ms_range &want, c2ms_unit *unit, c2ms_pack *pack) {
-  const adif::Guard lock(pack->lock);
-  const bool in_flight = pack->state == pack_requested || pack->state == pack_receiving;
-  if (pack->cache->generation != want.generation || pack->index != want.index) return false;
-  if (want.redundant ? !in_flight : pack->state != pack_idle) return false;
-  if (c2ms_pack_bind_unit(pack, unit) != 0) return false;
-  if (pack->state == pack_idle) c2ms_pack_state_to(pack, pack_requested);
-  return true;
-}
-
-// With other units still receiving, length and state are theirs.
-void forget_progress(c2ms_unit *unit) {
-  c2ms_pack *const pack = unit->pack.load();
-  if (pack == nullptr) return;
-  const adif::Guard lock(pack->lock);
-  if (unit->pack.load() != pack || pack->state == pack_ready) return;
-  const auto end = pack->units + pack->unit_count;
-  const bool others = std::any_of(pack->units, end, [unit](const c2ms_unit *other) {
-    return other != unit && other->state > UNIT_INIT;
-  });
-  if (others) return;
-  c2ms_pack_state_to(pack, pack_requested);
-  count_forgotten(unit->session, pack->len);
-  pack->len = 0;
 }
 
 }  // namespace
@@ -98,21 +74,26 @@ int c2ms_sess_node_sort(c2ms_sess *sess) {
   return 0;
 }
 
-int c2ms_sess_unit_issue(c2ms_sess *sess, const c2ms_range &want, c2ms_pack *pack) {
-  if (sess == nullptr) return -1;
-  if (pack == nullptr) return -2;
+c2ms_unit *c2ms_sess_unit_issue(c2ms_sess *sess, int32_t first, int32_t count) {
   c2ms_unit *const unit = c2ms_unit_fetch(sess);
-  if (unit == nullptr) return -100;
-  c2ms_unit_init_download(sess, unit, want.fid, want.index, want.offset, want.length, want.flag,
-                          pack);
-  unit->generation = want.generation;
-  unit->redundant = want.redundant;
-  if (!bind(want, unit, pack)) {
-    unit->pack = nullptr;  // never bound: the pack is not to be told
+  if (unit == nullptr) return nullptr;
+  if (c2ms_cache_bind(&sess->cache_record, unit, first, count) < 1) {
     c2ms_unit_recycle(unit);
-    return -200;
+    return nullptr;
   }
-  return c2ms_sess_unit_put(sess, unit);
+  c2ms_unit_init_download(sess, unit);
+  return unit;
+}
+
+c2ms_unit *c2ms_sess_unit_issue_again(c2ms_sess *sess, int32_t index) {
+  c2ms_unit *const unit = c2ms_unit_fetch(sess);
+  if (unit == nullptr) return nullptr;
+  if (!c2ms_cache_bind_again(&sess->cache_record, unit, index)) {
+    c2ms_unit_recycle(unit);
+    return nullptr;
+  }
+  c2ms_unit_init_download(sess, unit);
+  return unit;
 }
 
 int c2ms_sess_unit_put(c2ms_sess *sess, c2ms_unit *unit) {
@@ -133,25 +114,22 @@ int c2ms_sess_unit_put(c2ms_sess *sess, c2ms_unit *unit) {
 int c2ms_sess_unit_requeue(c2ms_sess *sess, c2ms_unit *unit) {
   if (sess == nullptr) return -1;
   if (unit == nullptr) return -2;
-  unit->node = nullptr;
-  unit->node_id = 0;
-  if (c2ms_unit_verify(unit) == 0) return c2ms_unit_recycle(unit);
-  c2ms_unit_restart(unit);
-  forget_progress(unit);
-  return c2ms_sess_unit_put(sess, unit);
+  // What its packs lack is chosen anew: it may go to several nodes now.
+  const int result = c2ms_unit_recycle(unit);
+  mark_dispatch_due(sess);
+  return result;
 }
 
-c2ms_unit *c2ms_sess_unit_get(c2ms_sess *sess) {
+c2ms_unit *c2ms_sess_unit_get(c2ms_sess *sess, c2ms_node *node) {
   if (sess == nullptr) return nullptr;
-  c2ms_cache *const cache = sess->cache.load();
-  if (sess->unit_num == 0) c2ms_cache_download_one(cache);
   c2ms_unit *unit = pop_unit(sess);
-  while (unit != nullptr && (unit->pack == nullptr || c2ms_unit_verify(unit) == 0)) {
+  while (unit != nullptr && c2ms_unit_verify(unit) == 0) {
     c2ms_unit_recycle(unit);
     unit = pop_unit(sess);
   }
-  if (sess->unit_num == 0) c2ms_cache_download_all(cache);
-  return unit;
+  if (unit != nullptr) return unit;
+  const run want = choose_work(sess, node);
+  return want.count < 1 ? nullptr : c2ms_sess_unit_issue(sess, want.first, want.count);
 }
 
 int c2ms_sess_unit_clear(c2ms_sess *sess) {
@@ -183,7 +161,8 @@ int c2ms_sess_unit_num(c2ms_sess *sess) {
 
 int c2ms_sess_dispatch_check(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
-  if (sess->unit_num.load() < 1) return -100;
+  c2ms_cache *const cache = sess->cache.load();
+  if (sess->unit_num.load() < 1 && c2ms_cache_get_idle_pack(cache) == nullptr) return -100;
   const int ready = sess->ready_num.load();
   return ready < 1 ? -200 : ready;
 }
@@ -204,6 +183,7 @@ int c2ms_sess_dispatch(c2ms_sess *sess) {
   }
   // Nobody recycles a node while we are in the strand, except a start that fails, and then its own.
   for (size_t i = 0; i < count; ++i) c2ms_node_download_start_dbg(ready[i]);
+  start_watch(sess);
   return 0;
 }
 

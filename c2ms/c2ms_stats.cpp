@@ -42,6 +42,7 @@ tally &counts_of(const c2ms_unit &unit) REQUIRES(unit.session->speed_lock) {
 void count_payload(c2ms_unit *unit, int32_t got, int32_t grown) {
   const adif::Guard lock(unit->session->speed_lock);
   c2ms_sess_recv_byte(unit->session, got);
+  if (unit->node != nullptr) unit->node->estimate.received(now_us(), got);
   tally &counts = counts_of(*unit);
   counts.received += static_cast<uint64_t>(got);
   counts.grown += static_cast<uint64_t>(grown);
@@ -56,13 +57,17 @@ void count_forgotten(c2ms_sess *sess, int32_t bytes) {
 void count_sent(c2ms_node *node, c2ms_unit *unit) {
   const adif::Guard lock(node->session->speed_lock);
   ++node->counts.sent;
+  node->estimate.asked(to_us(unit->sent_time), unit->range_length);
   node->counts.redundant += unit->redundant ? 1 : 0;
   unit->is_out = true;
 }
 
 void count_completed(c2ms_unit *unit) {
   const adif::Guard lock(unit->session->speed_lock);
+  if (!unit->is_out) return;
   trace_unit(*unit, unit->filled_pack ? 0 : 1);
+  const int64_t short_by = int64_t{unit->range_length} - unit->received;
+  if (unit->node != nullptr && short_by > 0) unit->node->estimate.let_off(short_by);
   tally &counts = counts_of(*unit);
   ++counts.completed;
   counts.won += unit->redundant && unit->filled_pack ? 1 : 0;

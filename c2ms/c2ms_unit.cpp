@@ -70,8 +70,11 @@ int c2ms_unit_init(c2ms_unit *unit) {
   unit->range_offset = 0;
   unit->range_length = 0;
   unit->range_flag = 0;
-  unit->pack_index = -1;
+  unit->pack_index = unit->first_index = -1;
+  unit->run_packs = unit->pack_bytes = unit->skip = 0;
   unit->generation = 0;
+  unit->redundant = false;
+  unit->ahead = false;
   unit->request_length = 0;
   unit->pack = nullptr;
   unit->node_id = 0;
@@ -103,6 +106,7 @@ int c2ms_unit_recycle(c2ms_unit *unit) {
   unit->state = UNIT_NULL;
   c2ms_pack_release_unit(unit);
   unit->pack_index = -1;
+  unit->run_packs = 0;
   c2ms_mgmt *const mgmt = unit->library;
   if (mgmt == nullptr || mgmt->unit_pool == nullptr) return c2ms_unit_free(unit);
   return recycleUnit(mgmt->unit_pool, unit);
@@ -124,33 +128,16 @@ int c2ms_unit_init_descmedia(c2ms_node *node, c2ms_unit *unit) {
   return build_control(node, unit, C2MS_DESC_MEDIA_REQ);
 }
 
-int c2ms_unit_init_download(c2ms_sess *session, c2ms_unit *unit, const uint8_t *fid,
-                            int32_t pack_index, uint64_t offset, uint32_t length, uint8_t flag,
-                            c2ms_pack *pack) {
+int c2ms_unit_init_download(c2ms_sess *session, c2ms_unit *unit) {
   if (session == nullptr) return -1;
   if (unit == nullptr) return -2;
   unit->is_download = 1;
-  std::memcpy(unit->fid, fid != nullptr ? fid : session->fid, sizeof unit->fid);
-  unit->range_offset = offset;
-  unit->range_length = length;
-  unit->range_flag = flag;
-  unit->redundant = false;
-  unit->pack_index = pack_index;
-  unit->session = session;
-  unit->session_id = session->sess_id;
   build_download_request(unit);
-  unit->pack = pack;
   clear_progress(unit);
   unit->state = UNIT_INIT;
   unit->node = nullptr;
   unit->node_id = 0;
   return 0;
-}
-
-void c2ms_unit_restart(c2ms_unit *unit) {
-  clear_progress(unit);
-  if (unit->is_download != 0) build_download_request(unit);
-  unit->state = UNIT_INIT;
 }
 
 int c2ms_unit_verify(c2ms_unit *unit) {

@@ -33,16 +33,11 @@ int c2ms_unit_recycle(c2ms_unit *unit);
 /// Pool free function. 0, -1 for NULL.
 int c2ms_unit_free(c2ms_unit *unit);
 
-/// Prepare a control request (server list, description) or a range download. 0, or -1, -2, -3 for
-/// the first missing argument or link.
+/// Prepare a control request (server list, description), or the request of a download that has been
+/// bound to its packs (c2ms_cache_bind). 0, or -1, -2, -3 for the first missing argument or link.
 int c2ms_unit_init_srvlist(c2ms_node *node, c2ms_unit *unit);
 int c2ms_unit_init_descmedia(c2ms_node *node, c2ms_unit *unit);
-int c2ms_unit_init_download(c2ms_sess *session, c2ms_unit *unit, const uint8_t *fid,
-                            int32_t pack_index, uint64_t offset, uint32_t length, uint8_t flag,
-                            c2ms_pack *pack);
-
-/// Makes an unfinished unit ready to be sent again: UNIT_INIT, nothing received, a new sequence id.
-void c2ms_unit_restart(c2ms_unit *unit);
+int c2ms_unit_init_download(c2ms_sess *session, c2ms_unit *unit);
 
 /// 1 when the unit may still deliver into its pack (control units always), else 0. The second form
 /// is for holders of the pack's lock.

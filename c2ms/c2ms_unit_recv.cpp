@@ -81,15 +81,28 @@ int receive_pdu(c2ms_unit *unit, int fd) {
 }
 
 void finish(c2ms_unit *unit) {
-  if (!unit->filled_pack) unit->end_time = now_tv();  // else it is set
+  if (!is_set(unit->end_time)) unit->end_time = now_tv();
   unit->state = UNIT_END;
 }
 
-// The pack has all that it asked for: it is ready, and other units on it discard what they get.
+// Where in the pack of the moment the answer's next byte belongs.
+int32_t place_in_pack(const c2ms_unit *unit) {
+  const int64_t before = int64_t{unit->pack_index - unit->first_index} * unit->pack_bytes;
+  return static_cast<int32_t>(int64_t{unit->skip} + unit->received - before);
+}
+
+int32_t missing_payload(const c2ms_unit *unit) {
+  return static_cast<int32_t>(unit->response.payload_length) - unit->received;
+}
+
+// The pack has all that it asked for: it is ready, and other units on it discard what they get. An answer that ends
+// with it is counted before the pack can be read.
 void complete_pack(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
   unit->filled_pack = true;
-  unit->end_time = now_tv();
-  count_completed(unit);
+  if (missing_payload(unit) == 0) {
+    unit->end_time = now_tv();
+    count_completed(unit);
+  }
   pack->flag = unit->response.payload_flag;
   c2ms_pack_state_to(pack, pack_ready);
   c2ms_pack_unbind_all(pack);
@@ -103,7 +116,7 @@ void complete_short(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
   c2ms_pack_state_to(pack, pack_idle);
 }
 
-enum class slice { more, nothing, done, lost_pack, failed };
+enum class slice { more, nothing, lost_pack, failed };
 
 // What others must hear of once the pack's lock is left.
 struct pack_news {
@@ -116,50 +129,56 @@ void tell(c2ms_cache *cache, const pack_news &news) {
   c2ms_cache_tell_reader(cache, news.index, news.complete);
 }
 
-// Accounts payload bytes that now lie in the pack behind those of earlier pieces. True: all is
-// there.
+// Accounts payload bytes that now lie in the pack behind those of earlier pieces. True: the unit has
+// done with this pack.
 bool take_payload(c2ms_unit *unit, c2ms_pack *pack, int got, pack_news *news) REQUIRES(pack->lock) {
-  const auto payload = static_cast<int32_t>(unit->response.payload_length);
   if (pack->state == pack_requested) c2ms_pack_state_to(pack, pack_receiving);
   unit->state = UNIT_GETPAYLOAD;
   unit->received += got;
+  const int32_t there = place_in_pack(unit);
   if (got > 0) {
     const int32_t before = pack->len;
-    pack->len = std::max(pack->len, unit->received.load());
-    pack->late_since_us = 0;
+    pack->len = std::max(pack->len, there);
     count_payload(unit, got, pack->len - before);
   }
   *news = {pack->index};
-  if (unit->received < payload) return false;
-  if (payload >= pack->size && payload > 0) {
+  if (there >= pack->size && pack->size > 0) {
     complete_pack(unit, pack);
     news->complete = true;
-  } else {
-    if (pack->size == 0) pack->not_before_us = now_us() + empty_pack_pause_us;
-    complete_short(unit, pack);
-    news->idle = pack->state == pack_idle;
+    return true;
   }
+  if (missing_payload(unit) > 0) return false;
+  if (pack->size == 0) pack->not_before_us = now_us() + empty_pack_pause_us;
+  complete_short(unit, pack);
+  news->idle = pack->state == pack_idle;
   return true;
+}
+
+// The answer goes on in the next pack of the run.
+void next_pack(c2ms_unit *unit) {
+  ++unit->pack_index;
+  c2ms_cache_go_on(&unit->session->cache_record, unit);
 }
 
 // Receives up to one slice into the pack. The pack's lock is held throughout, so that a range that
 // moves on can never get bytes of the old one.
-slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd) {
+slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd, int32_t *budget) {
   pack_news news;
-  slice outcome = slice::done;
+  slice outcome = slice::more;
+  bool done;
   {
     const adif::Guard lock(pack->lock);
     if (!c2ms_unit_verify_in(unit, pack)) return slice::lost_pack;
-    const auto payload = static_cast<int32_t>(unit->response.payload_length);
-    const int32_t received = unit->received;
-    const int wanted = std::min<int>(std::min(payload, pack->size) - received, receive_slice_bytes);
+    const int32_t room = pack->size - place_in_pack(unit);
+    const int wanted = std::min({missing_payload(unit), room, receive_slice_bytes});
     int got = 0;
-    const int result = wanted > 0 ? tcp_nb_receive(fd, pack->buf + received, wanted, &got) : 0;
-    if (!take_payload(unit, pack, got, &news)) {
-      outcome = result < 0 ? slice::failed : (got < wanted ? slice::nothing : slice::more);
-    }
+    const int result = wanted > 0 ? tcp_nb_receive(fd, pack->buf + place_in_pack(unit), wanted, &got) : 0;
+    *budget -= got;
+    done = take_payload(unit, pack, got, &news);
+    if (!done && (result < 0 || got < wanted)) outcome = result < 0 ? slice::failed : slice::nothing;
   }
   tell(unit->session->cache.load(), news);
+  if (done) next_pack(unit);
   return outcome;
 }
 
@@ -177,8 +196,9 @@ uint32_t total_length_of(const uint8_t *header) {
 // until the header has been checked. False: the peer is gone, or the bytes are.
 bool read_beginning(c2ms_unit *unit, c2ms_pack *pack, int fd, int *in_pack) REQUIRES(pack->lock) {
   uint8_t head[media_response_bytes];
-  const auto room = std::min(unit->range_length, static_cast<uint32_t>(pack->size));
-  iovec pieces[] = {{head, sizeof head}, {pack->buf, room}};
+  const auto room = std::min(unit->range_length, static_cast<uint32_t>(pack->size - unit->skip));
+  uint8_t *const place = pack->buf + unit->skip;
+  iovec pieces[] = {{head, sizeof head}, {place, room}};
   msghdr message{};
   message.msg_iov = pieces;
   message.msg_iovlen = std::size(pieces);
@@ -197,25 +217,22 @@ bool read_beginning(c2ms_unit *unit, c2ms_pack *pack, int fd, int *in_pack) REQU
   // (Of one that is too long, which is about to be refused, nothing is kept.) Without memory for it
   // the stream is lost.
   const bool acceptable = strayed <= static_cast<int>(max_pdu_bytes);
-  if (acceptable && putnLastBytes(&unit->frame, pack->buf, strayed) != strayed) return false;
+  if (acceptable && putnLastBytes(&unit->frame, place, strayed) != strayed) return false;
   *in_pack -= strayed;
-  std::memmove(pack->buf, pack->buf + strayed, static_cast<size_t>(*in_pack));
+  std::memmove(place, place + strayed, static_cast<size_t>(*in_pack));
   return true;
 }
 
-constexpr int all_there = 2;
-
-// The beginning of a download's reception. 1: the PDU is whole, payload is missing; all_there; 0:
-// more must come; negative: failed.
+// The beginning of a download's reception. 1: the PDU is whole; 0: more must come; negative: failed.
 int receive_beginning(c2ms_unit *unit, int fd) {
   c2ms_pack *const pack = unit->pack.load();
   if (pack == nullptr) return receive_pdu(unit, fd);
   pack_news news;
-  bool whole;
+  bool done;
   {
     const adif::Guard lock(pack->lock);
-    // Only into a pack that nobody else fills or has filled in part: those bytes may be read.
-    const bool alone = pack->len == 0 && pack->unit_count == 1;
+    // Only into a pack that nobody else fills, and behind what it holds: those bytes may be read.
+    const bool alone = pack->len == unit->skip && pack->unit_count == 1;
     int in_pack = 0;
     if (alone && frameLength(unit->frame) == 0 && c2ms_unit_verify_in(unit, pack)) {
       if (!read_beginning(unit, pack, fd, &in_pack)) return fail(unit, unit_socket_failed);
@@ -228,39 +245,50 @@ int receive_beginning(c2ms_unit *unit, int fd) {
     if (!answered || too_many) c2ms_sess_recv_byte(unit->session, in_pack);
     if (too_many) return fail(unit, unit_bad_payload);
     if (!answered || in_pack == 0) return result;
-    whole = take_payload(unit, pack, in_pack, &news);
+    done = take_payload(unit, pack, in_pack, &news);
   }
   tell(unit->session->cache.load(), news);
-  return whole ? all_there : 1;
+  if (done) next_pack(unit);
+  return 1;
 }
 
-slice discard(c2ms_unit *unit, int fd) {
+// Reads what nobody wants, to the end of the pack that it would have filled.
+slice discard(c2ms_unit *unit, int fd, int32_t *budget) {
   uint8_t nowhere[16 * 1024];
   unit->state = UNIT_GETPAYLOAD;
-  const auto payload = static_cast<int32_t>(unit->response.payload_length);
-  int32_t budget = receive_slice_bytes;
-  while (unit->received < payload && budget > 0) {
-    const int wanted = std::min<int>(payload - unit->received, sizeof nowhere);
-    int got = 0;
-    const int result = tcp_nb_receive(fd, nowhere, wanted, &got);
-    unit->received += got;
-    budget -= got;
-    if (got > 0) count_payload(unit, got, 0);
-    if (result < 0) return slice::failed;
-    if (got < wanted) break;
-  }
-  if (unit->received >= payload) return slice::done;
-  return budget > 0 ? slice::nothing : slice::more;
+  const int32_t last = unit->first_index + unit->run_packs - 1;
+  const int32_t room = unit->pack_index < last ? unit->pack_bytes - place_in_pack(unit) : INT32_MAX;
+  const int wanted = std::min({missing_payload(unit), room, static_cast<int32_t>(sizeof nowhere)});
+  int got = 0;
+  const int result = tcp_nb_receive(fd, nowhere, wanted, &got);
+  *budget -= got;
+  unit->received += got;
+  if (got > 0) count_payload(unit, got, 0);
+  if (result < 0) return slice::failed;
+  if (got == room) next_pack(unit);
+  return got < wanted ? slice::nothing : slice::more;
 }
 
-slice receive_slice(c2ms_unit *unit, int fd) {
+slice receive_slice(c2ms_unit *unit, int fd, int32_t *budget) {
   c2ms_pack *const pack = unit->pack.load();
   if (pack != nullptr) {
-    const slice outcome = receive_into_pack(unit, pack, fd);
+    const slice outcome = receive_into_pack(unit, pack, fd, budget);
     if (outcome != slice::lost_pack) return outcome;
-    c2ms_pack_release_unit(unit);
+    unit->pack.store(nullptr);
   }
-  return discard(unit, fd);
+  return discard(unit, fd, budget);
+}
+
+// An answer without payload: of a pack of size 0, or one that ended short at once.
+void end_empty(c2ms_unit *unit) {
+  c2ms_pack *const pack = unit->pack.load();
+  pack_news news;
+  if (pack != nullptr) {
+    const adif::Guard lock(pack->lock);
+    if (c2ms_unit_verify_in(unit, pack)) take_payload(unit, pack, 0, &news);
+  }
+  tell(unit->session->cache.load(), news);
+  finish(unit);
 }
 
 bool peer_has_closed(int fd) {
@@ -291,23 +319,20 @@ int c2ms_unit_recv(c2ms_unit *unit, int fd) {
   if (unit->state != UNIT_GETPAYLOAD) {
     const int result = receive_beginning(unit, fd);
     if (result <= 0) return result;
-    if (result == all_there || unit->response.result != 0) {
+    if (unit->response.result != 0) {
       finish(unit);  // (a refusal has no payload)
       return 0;
     }
-  }
-  for (int i = 0; i < slices_per_event; ++i) {
-    switch (receive_slice(unit, fd)) {
-      case slice::done:
-        finish(unit);
-        return 0;
-      case slice::nothing:
-        return 0;
-      case slice::failed:
-        return fail(unit, unit_socket_failed);
-      default:
-        break;
+    if (unit->state != UNIT_GETPAYLOAD && missing_payload(unit) == 0) {
+      end_empty(unit);
+      return 0;
     }
   }
+  for (int32_t budget = receive_event_bytes; missing_payload(unit) > 0;) {
+    const slice outcome = receive_slice(unit, fd, &budget);
+    if (outcome == slice::failed) return fail(unit, unit_socket_failed);
+    if (missing_payload(unit) > 0 && (outcome == slice::nothing || budget <= 0)) return 0;
+  }
+  finish(unit);
   return 0;
 }
