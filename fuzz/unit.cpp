@@ -29,7 +29,7 @@ constexpr int packs = 4;
 constexpr uint8_t canary = 0xa5;
 constexpr int32_t border = 64;
 // More than one event receives, in slices and in all.
-constexpr int32_t big_packsize = c2ms::receive_slice_bytes * (c2ms::slices_per_event + 1);
+constexpr int32_t big_packsize = c2ms::receive_event_bytes + c2ms::receive_slice_bytes;
 
 // What happens beside the reception (bits of the second byte). The first byte's bits 0 to 5 patch,
 // 6 seeks away in the middle, 7 makes it a control response.
@@ -174,7 +174,8 @@ class play {
       pack_->state = pack_receiving;
       pack_->len = std::min(5, pack_->size);
     }
-    if ((scene_ & (two_units | overtaken)) && c2ms_pack_redownload(pack_, 0, 0) == 0)
+    const bool lacks_nothing = (scene_ & empty_pack) != 0;
+    if ((scene_ & (two_units | overtaken)) && !lacks_nothing && c2ms_pack_redownload(pack_) == 0)
       other_ = take_unit(w_);
   }
 

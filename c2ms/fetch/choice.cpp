@@ -1,7 +1,6 @@
 #include "c2ms/fetch/choice.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace c2ms {
 
@@ -10,13 +9,13 @@ namespace {
 constexpr double assumed_rate = 250'000;    // of the first connection, before anything is known
 constexpr double least_round_trip = 0.0005;
 constexpr double long_silence = 0.1;        // shorter ones are how packets bunch
-const double least_run_s = getenv("LR") ? atof(getenv("LR")) : 0.06;        // of a request that is one of many
+constexpr double least_run_s = 0.06;        // of a request that is one of many
 constexpr double most_run_s = 0.5;
 constexpr double least_run_bytes = 64 * 1024;
 // A run covers the round trip of the next request, with some room for a rate that grows.
-const double round_trips_of_run = getenv("RT") ? atof(getenv("RT")) : 1.5;
-const double round_trips_shared = getenv("RS") ? atof(getenv("RS")) : 0.8;
-const double ahead_trips = getenv("AT") ? atof(getenv("AT")) : 1.5;
+constexpr double round_trips_of_run = 1.5;
+constexpr double small_run_s = 0.25;  // what least_run_bytes may take of a slow connection
+constexpr double ahead_trips = 1.5;
 constexpr double lead_share = 8;            // of the lead that a run may take to come
 // Two runs of each connection, the answer and the one asked for ahead, must leave the ring some room.
 constexpr double ring_share = 2.25;
@@ -61,23 +60,24 @@ double others_bring(std::span<const lane> lanes, size_t who, double span) {
   return sum;
 }
 
-bool shares_server(std::span<const lane> lanes, size_t who) {
-  for (size_t i = 0; i < lanes.size(); ++i) {
-    if (i != who && lanes[i].usable && lanes[i].server == lanes[who].server) return true;
-  }
-  return false;
-}
-
 // How long a run should take to come.
 double run_span(std::span<const lane> lanes, size_t who, const ring_view &ring,
                 const reader_view &reader) {
-  double span = std::max(least_run_s, (shares_server(lanes, who) ? round_trips_shared : round_trips_of_run) * round_trip_of(lanes[who]));
+  double span = std::max(least_run_s, round_trips_of_run * round_trip_of(lanes[who]));
   if (reader.pace > 0) {
     const double by_lead = std::min(reader.lead / reader.pace / lead_share, most_run_s);
     span = std::max(span, by_lead);
   }
   const double ring_bytes = static_cast<double>(ring.packs) * ring.pack_bytes;
   return std::min(span, ring_bytes / (ring_share * std::max(sum_of_rates(lanes), 1.0)));
+}
+
+// How much a run should hold: enough that the connection is never without a request, by time and, where that takes no
+// time to speak of, by size.
+double run_bytes(std::span<const lane> lanes, size_t who, const ring_view &ring, const reader_view &reader) {
+  const double rate = lanes[who].rate;
+  if (rate <= 0) return least_run_bytes;
+  return std::max(rate * run_span(lanes, who, ring, reader), std::min(least_run_bytes, rate * small_run_s));
 }
 
 struct found {
@@ -141,11 +141,11 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
   const auto distance = static_cast<int64_t>(std::max(ahead, 0.0) / pack_bytes + 0.5);
   const found at = find_at(ring, distance);
   if (at.in == nullptr) return probe ? farthest(ring) : run{};
-  const double wanted = lanes[who].rate > 0 ? rate * run_span(lanes, who, ring, reader) : least_run_bytes;
+  const double wanted = run_bytes(lanes, who, ring, reader);
   const int32_t most = at.in->count - at.offset;
   const int32_t first = at.in->first + at.offset;
   int32_t count = 1;
-  while (count < most && (count + 1) * pack_bytes <= wanted) {
+  while (count < most && count * pack_bytes < wanted) {
     // What a reader waits for is spread: each pack to who brings it first.
     if (first + count < ring.urgent_end) {
       const double arrives = starts + (count + 1) * pack_bytes / rate;

@@ -47,7 +47,7 @@ class Unit : public Local {
   }
   // A second request for it.
   c2ms_unit *another() {
-    EXPECT_EQ(c2ms_pack_redownload(pack(0), 1, 0), 0);
+    EXPECT_EQ(c2ms_pack_redownload(pack(0)), 0);
     return take();
   }
   c2ms_unit *take() {
@@ -66,7 +66,8 @@ class Unit : public Local {
     bytes[12] = 0, bytes[13] = 1;
     put32(&bytes, 14, result);
     if (pdu >= 36) put32(&bytes, 32, announced);
-    bytes.insert(bytes.end(), payload.begin(), payload.begin() + static_cast<ptrdiff_t>(count));
+    const auto from = payload.begin() + unit->skip;
+    bytes.insert(bytes.end(), from, from + static_cast<ptrdiff_t>(count));
     return bytes;
   }
 
@@ -150,8 +151,10 @@ TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
   EXPECT_EQ(c2ms_pack_len(pack(0)), 30);
   c2ms_unit_recycle(second);
   c2ms_unit *const slower = another();
-  ASSERT_EQ(feed(slower, answer(slower, 37, 64, 10), 0), 0);
-  EXPECT_EQ(c2ms_pack_len(pack(0)), 30) << "it has brought less so far";
+  EXPECT_EQ(slower->range_length, 34u) << "what is missing";
+  ASSERT_EQ(feed(slower, answer(slower, 37, 34, 10), 0), 0);
+  EXPECT_EQ(c2ms_pack_len(pack(0)), 40);
+  EXPECT_TRUE(holds_payload(40));
   c2ms_unit_recycle(slower);
   c2ms_unit_recycle(first);
 }
