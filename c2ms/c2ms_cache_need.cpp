@@ -30,8 +30,9 @@ look look_at(c2ms_cache *cache, int32_t index, int32_t len) REQUIRES(cache->lock
   const adif::Guard lock(pack->lock);
   if (pack->index != index) return look::odd;
   if (pack->state == pack_ready || pack->len >= len) return look::there;
-  const bool to_be_asked_for = pack->state == pack_idle && !c2ms_pack_is_paused(pack);
-  return to_be_asked_for ? look::odd : look::missing;
+  // Of the packs from wanted_from on the dispatch takes care.
+  const bool reader_asks = pack->state == pack_idle && index < cache->wanted_from && !c2ms_pack_is_paused(pack);
+  return reader_asks ? look::odd : look::missing;
 }
 
 // Moves the need past what is there. True: the reader has something to do.

@@ -152,7 +152,7 @@ bool publish_need(const reading &call, const place &at) {
 // A paused pack is asked for again soon after its pause.
 std::chrono::milliseconds longest_wait_at(const place &at) {
   const adif::Guard lock(at.pack->lock);
-  return at.pack->state == pack_idle ? paused_wait : longest_wait;
+  return c2ms_pack_is_paused(at.pack) ? paused_wait : longest_wait;
 }
 
 // Sleeps until what is needed here is there, at most a second.
@@ -220,7 +220,9 @@ step request(reading &call, const place &at) {
     ahead = at.index >= call.cache->wanted_from;
     call.cache->idle_from = std::min(call.cache->idle_from, at.index);
   }
-  if (!ahead) c2ms_cache_download_pack(call.cache, at.pack);
+  if (!ahead && c2ms_cache_download_pack(call.cache, at.pack) == -100) {
+    at.pack->not_before_us = c2ms::now_us() + c2ms::no_memory_pause_us;
+  }
   c2ms::mark_dispatch_due(call.cache->session);
   c2ms::dispatch_if_due(call.cache->session);
   return call.expired() ? step::stop : step::wait;

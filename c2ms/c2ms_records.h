@@ -203,6 +203,7 @@ struct c2ms_unit {
   std::atomic<int32_t> received{0};
   std::atomic<c2ms_pack *> pack{nullptr};  // of pack_index; NULL: it wants nothing of this unit
   bool redundant = false;    // issued while another unit had the pack
+  uint32_t meant_for = 0;    // id of the node that is to take it from the queue; 0: any
   bool filled_pack = false;  // its answer completed a pack
   bool ahead = false;        // sent before the answer to the request before it had ended
   bool is_out = false;       // counted as sent, not as ended; guarded by the session's speed lock
@@ -418,6 +419,7 @@ struct c2ms_sess {
   double realtime_speed GUARDED_BY(speed_lock) = 0;
   c2ms::tally departed GUARDED_BY(speed_lock);    // of nodes that are gone
   uint64_t forgotten GUARDED_BY(speed_lock) = 0;  // bytes of packs that were not completed
+  uint64_t twice GUARDED_BY(speed_lock) = 0;      // payload that made no pack longer
   std::atomic<uint64_t> delivered{0};             // bytes
   uint64_t cache_limit = 0;
   rac_timer *speed_timer = nullptr;
@@ -442,7 +444,6 @@ struct c2ms_sess {
   int32_t download_num GUARDED_BY(counter_lock) = 0;
   int64_t download_start_us GUARDED_BY(counter_lock) = 0;
   int64_t reopened_us = 0;
-  int64_t asked_twice = 0;    // bytes asked for a second time
   uint32_t answers = 0;       // ranges that came in full
   uint32_t answers_seen = 0;  // by the last check
   int64_t fruitless_us = 0;   // since when checks have seen requests out and no answer; 0: not so

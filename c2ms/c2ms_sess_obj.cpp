@@ -87,7 +87,6 @@ void reset_counters(c2ms_sess *sess) {
   }
   sess->active_us = 0;
   sess->reopened_us = 0;
-  sess->asked_twice = 0;
   sess->answers = sess->answers_seen = 0;
   sess->fruitless_us = 0;
   sess->dispatch_due = false;

@@ -8,6 +8,7 @@
 #include "c2ms/c2ms_pack.h"
 #include "c2ms/c2ms_sess.h"
 #include "c2ms/c2ms_sess_choice.h"
+#include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_sess_watch.h"
 #include "c2ms/c2ms_stats.h"
 #include "c2ms/c2ms_strand.h"
@@ -22,9 +23,21 @@ void sort_nodes(c2ms_sess *sess) REQUIRES(sess->list_lock) {
   if (sk_num(sess->node_list) > 1) sk_sort_by(sess->node_list, c2ms_node_cmp_node_by_perf);
 }
 
-c2ms_unit *pop_unit(c2ms_sess *sess) {
+// Help is meant for the node that brings it soonest, as long as that can.
+bool may_take(const c2ms_sess *sess, const c2ms_node *node, const c2ms_unit *unit) {
+  if (node == nullptr || unit->meant_for == 0 || unit->meant_for == node->node_id) return true;
+  const c2ms_node *const helper = c2ms_node_get(sess->mgmt, unit->meant_for);
+  return helper == nullptr || helper->state < C2MS_NODE_READY;
+}
+
+// The first unit of the queue that a node may take; without a node the first.
+c2ms_unit *pop_unit(c2ms_sess *sess, const c2ms_node *node = nullptr) {
   const adif::Guard lock(sess->unit_lock);
-  auto *const unit = static_cast<c2ms_unit *>(sk_shift(sess->units));
+  c2ms_unit *unit = nullptr;
+  for (int i = 0; i < sk_num(sess->units) && unit == nullptr; ++i) {
+    if (may_take(sess, node, static_cast<c2ms_unit *>(sk_value(sess->units, i))))
+      unit = static_cast<c2ms_unit *>(sk_delete(sess->units, i));
+  }
   sess->unit_num = std::max(sk_num(sess->units), 0);
   return unit;
 }
@@ -122,10 +135,10 @@ int c2ms_sess_unit_requeue(c2ms_sess *sess, c2ms_unit *unit) {
 
 c2ms_unit *c2ms_sess_unit_get(c2ms_sess *sess, c2ms_node *node) {
   if (sess == nullptr) return nullptr;
-  c2ms_unit *unit = pop_unit(sess);
+  c2ms_unit *unit = pop_unit(sess, node);
   while (unit != nullptr && c2ms_unit_verify(unit) == 0) {
     c2ms_unit_recycle(unit);
-    unit = pop_unit(sess);
+    unit = pop_unit(sess, node);
   }
   if (unit != nullptr) return unit;
   const run want = choose_work(sess, node);

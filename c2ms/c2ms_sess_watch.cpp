@@ -96,43 +96,46 @@ bool has_room_ahead(c2ms_node *node) {
   return node->takes_ahead && node->next_unit == nullptr;
 }
 
-// True while what is asked for twice stays a small part of what was received.
-bool in_budget(c2ms_sess *sess) {
+// True while what came twice is a small part of what was received. A reader that waits is helped always.
+bool may_repeat(c2ms_sess *sess, const watched &seen) {
+  if (seen.waits) return true;
+  const adif::Guard lock(sess->speed_lock);
   const double all = static_cast<double>(sess->total_bytes.load());
-  return static_cast<double>(sess->asked_twice) < all * twice_share + twice_least;
+  return static_cast<double>(sess->twice) < all * twice_share + twice_least;
 }
 
 void ask_helper(c2ms_sess *sess, c2ms_node *node, const late_pack &late) {
   c2ms_unit *const unit = c2ms_sess_unit_issue_again(sess, late.index);
   if (unit == nullptr) return;
-  sess->asked_twice += unit->range_length;
+  unit->meant_for = node->node_id;
   c2ms_sess_unit_put(sess, unit);
   if (node->state == C2MS_NODE_READY) {
     c2ms_node_download_start_dbg(node);
-  } else if (!ask_ahead(node)) {
+  } else if (has_room_ahead(node) && !ask_ahead(node)) {
     c2ms_node_retry(node);
   }
 }
 
-// Seconds until the reader needs a pack.
-double needed_in(const watched &seen, int32_t index) {
+// Seconds until the reader needs a pack. Who takes what comes needs it when all before it could have come.
+double needed_in(const watched &seen, const session_lanes &known, int32_t index) {
   const uint64_t begin = static_cast<uint64_t>(index) * static_cast<uint64_t>(seen.pack_bytes);
-  if (begin <= seen.position || seen.pace <= 0) return 0;
-  return static_cast<double>(begin - seen.position) / seen.pace;
+  double pace = seen.pace;
+  for (const lane &one : known.all()) pace += seen.pace <= 0 && one.usable ? one.rate : 0;
+  if (begin <= seen.position || pace <= 0) return 0;
+  return static_cast<double>(begin - seen.position) / pace;
 }
 
 void help(c2ms_sess *sess, const watched &seen) {
   for (size_t i = 0; i < seen.count; ++i) {
     const late_pack &late = seen.packs[i];
-    const double needed = needed_in(seen, late.index);
-    if (needed > near_s || late.units > 2 || !in_budget(sess)) return;
-    // Of a download, which takes what comes, only what it waits for.
-    if (seen.pace <= 0 && i > 0) return;
     const session_lanes known = lanes_of(sess);
+    const double needed = needed_in(seen, known, late.index);
+    if (needed > near_s || !may_repeat(sess, seen)) return;
+    if (late.units > 2) continue;
     const expectation expected = expect(known, late.index);
     const size_t who =
         choose_helper(known.all(), expected.server, late.size - late.len, expected.seconds, needed);
-    if (who >= known.count || !has_room_ahead(known.nodes[who])) continue;
+    if (who >= known.count) continue;
     ask_helper(sess, known.nodes[who], late);
   }
 }

@@ -46,6 +46,7 @@ void count_payload(c2ms_unit *unit, int32_t got, int32_t grown) {
   tally &counts = counts_of(*unit);
   counts.received += static_cast<uint64_t>(got);
   counts.grown += static_cast<uint64_t>(grown);
+  unit->session->twice += static_cast<uint64_t>(got - grown);
 }
 
 void count_forgotten(c2ms_sess *sess, int32_t bytes) {
@@ -113,6 +114,7 @@ void reset_stats(c2ms_sess *sess) {
   const adif::Guard lock(sess->speed_lock);
   sess->departed = {};
   sess->forgotten = 0;
+  sess->twice = 0;
 }
 
 namespace {

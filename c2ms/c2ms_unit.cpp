@@ -75,6 +75,7 @@ int c2ms_unit_init(c2ms_unit *unit) {
   unit->generation = 0;
   unit->redundant = false;
   unit->ahead = false;
+  unit->meant_for = 0;
   unit->request_length = 0;
   unit->pack = nullptr;
   unit->node_id = 0;

@@ -348,18 +348,17 @@ TEST_F(Faults, OneSlowOneStuck) {
   server->set_fault(3, {.kind = fault_kind::stall_at, .value = 20'000, .from = 3});
   open();
   ASSERT_TRUE(play(0, size));
-  EXPECT_LT(film->longest_wait, life_check);
+  EXPECT_LT(film->longest_wait, 1.0 * slack);
 }
 
-// A server that was fast enough to drive the others out answers no more, though it lets itself be
-// connected and asked: the entry server names the others again, and now they stay.
+// A server that was much faster than the others answers no more, though it lets itself be connected and asked: the
+// others, which it has not driven out, help at once.
 TEST_F(Faults, TheFastestFallsSilent) {
   start_rated(60'000'001, {100e6, 3e6, 3e6, 3e6});
   server->set_fault(0, {.kind = fault_kind::stall_at, .value = 20'000, .from = 400});
   open();
   ASSERT_TRUE(play(0, size));
-  EXPECT_GT(film->longest_wait, 15.0) << "nobody was driven out";
-  EXPECT_LT(film->longest_wait, 20.0 + 8 + 8 + 5);
+  EXPECT_LT(film->longest_wait, 1.0 * slack);
 }
 
 // The servers refuse while the film plays: buffered bytes are delivered, then the reader is told

@@ -76,9 +76,12 @@ TEST_F(Statistics, AddUpAtEveryMomentAndAgreeWithTheServer) {
     payload += request.payload_sent;
     of_port[server->port(request.node)] += request.payload_sent;
   }
-  EXPECT_EQ(s.requests, media);
-  EXPECT_EQ(s.bytes_received, payload);
-  EXPECT_EQ(s.bytes_received + s.bytes_overhead, sent);
+  // What was asked of a server that closes the connection in that moment it never sees.
+  EXPECT_GE(s.requests, media);
+  EXPECT_LE(s.requests - media, s.failures);
+  // (What is under way on a connection that is given up arrives nowhere.)
+  EXPECT_LE(s.bytes_received, payload);
+  EXPECT_LE(s.bytes_received + s.bytes_overhead, sent);
   for (uint32_t i = 0; i < s.nodes; ++i)
     EXPECT_LE(s.node[i].bytes_received, of_port[s.node[i].port]) << s.node[i].port;
 }
@@ -102,7 +105,9 @@ TEST_F(Statistics, OfAPlainPlay) {
   s = stats_of(*film);
   EXPECT_EQ(s.bytes_kept, film->size());
   EXPECT_EQ(s.bytes_delivered, film->size());
-  EXPECT_EQ(s.completed - s.wasted, (film->size() + pack - 1) / pack);  // at once: it was read
+  EXPECT_EQ(s.bytes_received, server->totals().payload_sent);
+  EXPECT_EQ(s.requests, server->totals().media);
+  EXPECT_LE(s.completed - s.wasted, (film->size() + pack - 1) / pack);
   ASSERT_GE(s.nodes, 1u);
   EXPECT_STREQ(s.node[0].address, "127.0.0.1");
   EXPECT_GT(s.node[0].average_speed, 0);
@@ -203,17 +208,17 @@ int asked_ahead(std::vector<c2ms_trace_event> events) {
   return ahead;
 }
 
-// A big answer that lies in the socket as a whole. On connections that end behind it, it is kept,
+// Whatever the packs' size. On connections that end behind it, it is kept,
 // and what was asked for ahead is asked for elsewhere: also when the connection is gone before the
 // worker comes to look.
-TEST_F(Statistics, NextRequestLeavesBeforeABigAnswerIsCopied) {
+TEST_F(Statistics, NextRequestLeavesBeforeAnAnswerEnds) {
   start(12'000'001, {}, 0);
   for (const int pack : {8192, 65536}) {
     film = std::make_unique<Film>(*library, *server, id);
     ASSERT_EQ(c2ms_sess_trace(film->get(), 100'000), 0);
     ASSERT_GE(film->prepare(pack), pack);
     ASSERT_TRUE(film->play(0, film->size(), 50'000, Film::blocking));
-    EXPECT_EQ(asked_ahead(recorded(*film)) > 0, pack == 65536) << pack;
+    EXPECT_GT(asked_ahead(recorded(*film)), 0) << pack;
   }
   for (const fault_kind end : {fault_kind::close_at, fault_kind::reset_at}) {
     on_all([&](int node) { server->set_fault(node, {.kind = end, .value = 37 + 65536}); });
