@@ -113,6 +113,7 @@ int receive(c2ms_sess *sess, const uint64_t *pos, void *buf, int32_t len, int32_
     if (c2ms_cache_packnum(cache) < 1) return -201;
     const int placed = c2ms_cache_place(cache, *pos);
     if (placed != 0) return placed;
+    dispatch_if_due(sess);  // idle nodes begin before this thread sleeps
   }
   const bool whole = pos == nullptr;
   if (const int32_t n = read_index(sess, cache, buf, len, whole); n > 0) {

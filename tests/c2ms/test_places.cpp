@@ -59,6 +59,26 @@ TEST_F(Places, TwoFetchEachByteOnce) {
   EXPECT_LE(asked_for(), 20 * 640'000u + (8u << 20));
 }
 
+// Idle nodes begin at once when a host jumps to another place, as a demuxer does on its way to an
+// index at the end of the file and back.
+TEST_F(Places, JumpsOfAHostWaitForNobody) {
+  start(60'000'001);
+  std::vector<uint8_t> buf(100'000);
+  std::mt19937 random(7);
+  double longest = 0;
+  for (int i = 0; i < 30; ++i) {
+    ASSERT_TRUE(eventually([&] { return ring_is_full(*film); }));
+    const uint64_t pos = i % 2 == 0 ? size - 200'000 - random() % 1'000'000 : random() % 1'000'000;
+    longest = std::max(longest, took([&] {
+                         const int n =
+                             c2ms_sess_read_at(film->get(), pos, buf.data(), 100'000, 20'000);
+                         ASSERT_EQ(n, 100'000);
+                         ASSERT_TRUE(film->right(pos, buf.data(), n));
+                       }));
+  }
+  EXPECT_LT(longest, 0.5 * slack);
+}
+
 // A seek waits for nobody, and what the ring still holds after it is not asked for again.
 TEST_F(Places, SeeksWaitForNobodyAndKeepWhatTheyCan) {
   start(60'000'001);
