@@ -358,15 +358,22 @@ void take_place(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock) {
 
 }  // namespace
 
-int c2ms_cache_place(c2ms_cache *cache, uint64_t pos) {
-  bool moved;
+c2ms_place c2ms_cache_here(c2ms_cache *cache) {
+  const adif::Guard lock(cache->lock);
+  return {cache->read_pos, cache->seek_count};
+}
+
+int c2ms_cache_place(c2ms_cache *cache, uint64_t pos, c2ms_place *out) {
+  bool moved = false;
   {
     const adif::Guard lock(cache->lock);
     if (pos >= cache->media_size) return -200;
-    if (pos == cache->read_pos) return 0;
-    take_place(cache, pos);
-    cache->seek_count.fetch_add(1);
-    moved = c2ms_cache_seek_to(cache, pos);
+    if (pos != cache->read_pos) {
+      take_place(cache, pos);
+      cache->seek_count.fetch_add(1);
+      moved = c2ms_cache_seek_to(cache, pos);
+    }
+    *out = {pos, cache->seek_count};
   }
   if (!moved) return 0;
   c2ms_sess_unit_purge(cache->session);

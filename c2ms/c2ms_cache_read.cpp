@@ -275,15 +275,15 @@ bool read_pack(reading &call) {
   }
 }
 
-int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point deadline) {
-  if (cache == nullptr) return -1;
+int read_until(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t len,
+               steady::time_point deadline) {
   reading call{cache, static_cast<uint8_t *>(buf), len, deadline};
+  call.begin = call.pos = from.pos;
+  call.seek_count = from.seek_count;
   {
     const adif::Guard lock(cache->lock);
     ++cache->read_calls;
-    call.begin = call.pos = cache->read_pos;
     call.media_size = cache->media_size;
-    call.seek_count = cache->seek_count;
     call.after_seek = cache->served_seek != call.seek_count;
     call.window = c2ms_cache_window(cache);
   }
@@ -320,11 +320,19 @@ bool c2ms_cache_advance(c2ms_cache *cache, uint64_t pos, uint32_t seek_count) {
 }
 
 int c2ms_cache_read(c2ms_cache *cache, void *buf, int32_t len, int32_t nonblock) {
-  return read_until(cache, buf, len,
+  if (cache == nullptr) return -1;
+  return read_until(cache, c2ms_cache_here(cache), buf, len,
                     nonblock != 0 ? steady::time_point::min() : steady::time_point::max());
 }
 
 int c2ms_cache_recv(c2ms_cache *cache, void *buf, int32_t len, int32_t timeout_ms) {
-  if (timeout_ms <= 0) return c2ms_cache_read(cache, buf, len, 1);
-  return read_until(cache, buf, len, steady::now() + std::chrono::milliseconds(timeout_ms));
+  if (cache == nullptr) return -1;
+  return c2ms_cache_recv_at(cache, c2ms_cache_here(cache), buf, len, timeout_ms);
+}
+
+int c2ms_cache_recv_at(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t len,
+                       int32_t timeout_ms) {
+  const auto deadline = timeout_ms > 0 ? steady::now() + std::chrono::milliseconds(timeout_ms)
+                                       : steady::time_point::min();
+  return read_until(cache, from, buf, len, deadline);
 }
