@@ -224,13 +224,6 @@ int recv_idle(c2ms_node *node) {
   return c2ms_node_retry(node);
 }
 
-void restart_life_timer(c2ms_node *node) {
-  const auto period_ms = static_cast<uint32_t>(node->library->conn_check_time.load()) * 1000;
-  StopTimer(node->life_timer);
-  node->life_timer = StartTimer2(node->library->probe, period_ms, timer_node_life, node->node_id,
-                                 c2ms_pump, node->library);
-}
-
 // A server that owes an answer and has been silent for too long.
 bool stalled(const c2ms_node *node, int64_t now) {
   const uint32_t state = node->state;
@@ -265,7 +258,7 @@ int check_list_node(c2ms_node *node, int64_t now) {
   if (node->state != C2MS_NODE_WAITING_SRVLIST_RESP) return c2ms_node_close(node);
   const int64_t allowed_us = int64_t{node->library->build_tcp_max_time} * 1'000'000;
   if (now - to_us(node->srvlist_unit.sent_time) > allowed_us) return c2ms_node_retry(node);
-  restart_life_timer(node);
+  rearm(node);
   return 0;
 }
 
@@ -358,7 +351,7 @@ int c2ms_node_lifecheck(c2ms_node *node) {
   const int64_t now = now_us();
   if (!is_media(node)) return check_list_node(node, now);
   if (node->state <= C2MS_NODE_DISCONNECTED) return 0;
-  restart_life_timer(node);
+  rearm(node);
   if (stalled(node, now)) {
     account_stalled(node);
     return c2ms_node_retry(node);

@@ -127,12 +127,15 @@ int on_sess_timer(c2ms_mgmt *mgmt, rac_timer *timer, uint32_t command, uintptr_t
     StopTimer(timer);
     sess->check_timer = nullptr;
     c2ms_sess_check(sess);
+    rearm_timers(sess);
     return 0;
   }
   if (sess->speed_timer != timer) return 0;
   StopTimer(timer);
   sess->speed_timer = nullptr;
-  return c2ms_sess_recvspeed_count(sess);
+  const int result = c2ms_sess_recvspeed_count(sess);
+  rearm_timers(sess);
+  return result;
 }
 
 int on_connect_timer(c2ms_node *node, rac_timer *timer) {
@@ -166,14 +169,11 @@ int on_timer(c2ms_mgmt *mgmt, rac_timer *timer) {
   if (!find_node(mgmt, static_cast<uint32_t>(id), &ref)) return -22;
   const StrandGuard strand(ref.sess);
   if (!still_there(mgmt, ref)) return -22;
-  switch (command) {
-    case timer_node_connect:
-      return on_connect_timer(ref.node, timer);
-    case timer_node_life:
-      return on_life_timer(ref.node, timer);
-    default:
-      return -1;
-  }
+  if (command != timer_node_connect && command != timer_node_life) return -1;
+  const int result = command == timer_node_connect ? on_connect_timer(ref.node, timer)
+                                                   : on_life_timer(ref.node, timer);
+  rearm_timers(ref.sess);
+  return result;
 }
 
 int handle(c2ms_mgmt *mgmt, void *dev, int event, int kind) {

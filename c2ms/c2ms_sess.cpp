@@ -123,6 +123,8 @@ int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
     if (WaitEventUntil(sess->event, tick, changed)) continue;
     tick += std::chrono::seconds(1);
     if (cb != nullptr && cb() < 0) return C2MS_UNAUTHORIZED;
+    const StrandGuard strand(sess);
+    rearm_timers(sess);
     if (++timeouts > open_timeouts) return C2MS_OPEN_TIMEOUT;
   }
 }
@@ -212,6 +214,7 @@ int c2ms_sess_reopen(c2ms_sess *sess) {
   if (!call) return C2MS_CLOSED;
   const uint32_t address = resolve_entry(sess);
   const StrandGuard strand(sess);
+  rearm_timers(sess);
   return start_entry_exchange(sess, address);
 }
 
@@ -247,11 +250,13 @@ void c2ms_sess_refuse(c2ms_sess *sess, int32_t code) {
 }
 
 void c2ms_sess_start_speed_timer(c2ms_sess *sess) {
+  if (sess->speed_timer != nullptr) return;
   const auto period_ms = static_cast<uint32_t>(sess->mgmt->speed_count_period.load());
   sess->speed_timer = start_timer(sess, period_ms, timer_speed_count);
 }
 
 void c2ms_sess_start_check_timer(c2ms_sess *sess) {
+  if (sess->check_timer != nullptr) return;
   const auto period_ms = static_cast<uint32_t>(sess->mgmt->sess_check_time.load()) * 1000;
   sess->check_timer = start_timer(sess, period_ms, timer_sess_check);
 }

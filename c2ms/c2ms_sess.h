@@ -15,10 +15,10 @@ int c2ms_sess_set_status(c2ms_sess *sess, int32_t code);
 /// receive returns it, a waiting one at once. Any thread while the session can't be recycled.
 void c2ms_sess_refuse(c2ms_sess *sess, int32_t code);
 
-/// Starts the timer of the next speed window. Inside the strand.
+/// Starts the timer of the next speed window, unless it runs. Inside the strand.
 void c2ms_sess_start_speed_timer(c2ms_sess *sess);
 
-/// Starts the timer of the next session check. Inside the strand.
+/// Starts the timer of the next session check, unless it runs. Inside the strand.
 void c2ms_sess_start_check_timer(c2ms_sess *sess);
 
 namespace c2ms {

@@ -247,6 +247,41 @@ TEST_F(Core, FormerHandlesAreIgnored) {
   EXPECT_EQ(sess->speed_timer, nullptr);
 }
 
+// No timer was free when one was due: whichever is left brings all others back when it expires, and
+// so does a reopen.
+TEST_F(Core, TimersThatAreMissingComeBack) {
+  const c2ms::StrandGuard strand(sess);
+  const auto add = [&](uint8_t type, uint32_t state) {
+    c2ms_node *const node = c2ms_node_fetch(sess);
+    node->type = type, node->ip = htonl(INADDR_LOOPBACK), node->port = 9 + state;
+    c2ms_sess_node_add(sess, node);
+    c2ms_node_state_to(node, state);
+    return node;
+  };
+  sess->hook_registered = 1;
+  c2ms_node *const entry = sess->entry_node = add(1, C2MS_NODE_DISCONNECTED);
+  c2ms_node *const hangs = add(2, C2MS_NODE_CONNECTING);
+  c2ms_node *const media = add(2, C2MS_NODE_READY);
+  const std::pair<const char *, rac_timer **> all[] = {{"check", &sess->check_timer},
+                                                       {"speed", &sess->speed_timer},
+                                                       {"entry", &entry->connect_timer},
+                                                       {"hangs", &hangs->connect_timer},
+                                                       {"life", &media->life_timer}};
+  for (const auto &[left, survivor] : all) {
+    SCOPED_TRACE(left);
+    c2ms_node_state_to(media, C2MS_NODE_READY);
+    entry->times = 0;
+    media->device = UDPClient(mgmt->probe, &media->ip, 9, 0, nullptr, c2ms_pump, mgmt);
+    EXPECT_EQ(c2ms_sess_reopen(sess), 0);
+    for (const auto &[name, timer] : all) {
+      EXPECT_NE(*timer, nullptr) << name << " is missing after a reopen";
+      if (timer != survivor) StopTimer(std::exchange(*timer, nullptr));
+    }
+    EXPECT_EQ(c2ms_pump(mgmt, *survivor, 9, 64), 0);
+    for (const auto &[name, timer] : all) EXPECT_NE(*timer, nullptr) << name << " stays lost";
+  }
+}
+
 TEST_F(Core, NodesOfASessionAreLimited) {
   const c2ms::StrandGuard strand(sess);
   for (uint32_t i = 0; i < 20; ++i) {
