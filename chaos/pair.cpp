@@ -74,6 +74,12 @@ void Pair::close() {
   while (users_ > 0) std::this_thread::yield();
 }
 
+void Pair::seek(c2ms_sess *sess) {
+  const uint64_t to = other_dice_.below(length_ + 1);
+  const uint64_t lands = base_ + std::min(to, length_ - 1);
+  move_to(sess, lands, [&] { return c2ms_sess_seek(sess, to); });
+}
+
 void Pair::act(c2ms_sess *sess) {
   ++tally_.calls;
   switch (other_dice_.below(20)) {
@@ -103,11 +109,8 @@ void Pair::act(c2ms_sess *sess) {
       fclose(nowhere);
       return;
     }
-    default: {
-      const uint64_t to = other_dice_.below(length_ + 1);
-      const uint64_t lands = base_ + std::min(to, length_ - 1);
-      move_to(sess, lands, [&] { return c2ms_sess_seek(sess, to); });
-    }
+    default:
+      seek(sess);
   }
 }
 
@@ -121,6 +124,9 @@ void Pair::disturb() {
     act(sess);
     std::this_thread::sleep_for(std::chrono::microseconds(other_dice_.spread(20'000)));
   }
+  // With everything there, most reads deliver: seeks without a pause fall into the middle of some.
+  if (sess_ != nullptr || open())
+    for (int i = 0; i < 3000 && !world_.findings.any(); ++i) seek(sess_);
   over_ = true;
   close();
 }
@@ -198,6 +204,8 @@ void Pair::read_once(c2ms_sess *sess) {
     if (n > len) return world_.findings.add("%d of %d", n, len);
     return at_a_position ? void() : locate(buffer, n, over_at_begin);
   }
+  // (Who reads again at once hardly lets the other thread do anything.)
+  if (n == 0) std::this_thread::sleep_for(std::chrono::microseconds(reader_dice_.spread(300)));
   const bool refusal = world_.refuses && n <= C2MS_MEDIA_NOT_EXIST && n >= C2MS_IN_DEBT;
   if (n == 0 || n == -200 || n == -201 || n == C2MS_CLOSED || refusal) return;
   world_.findings.add("a read gave %d", n);

@@ -32,6 +32,7 @@ class Pair {
   bool open();
   void close();
   void act(c2ms_sess *sess);
+  void seek(c2ms_sess *sess);
   void move_to(c2ms_sess *sess, uint64_t to, const std::function<int()> &call);
   void select_file(c2ms_sess *sess);
   size_t moves_over() const;
