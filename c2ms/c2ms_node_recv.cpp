@@ -361,7 +361,7 @@ int c2ms_node_lifecheck(c2ms_node *node) {
     node->retried = false;
   }
   c2ms_pack *const late = late_pack(node, now);
-  if (late != nullptr) c2ms_pack_redownload(late, 2, now);
+  if (late != nullptr) c2ms_pack_redownload(late);
   return 0;
 }
 

@@ -133,7 +133,7 @@ void c2ms_pack_release_unit(c2ms_unit *unit) {
   c2ms::mark_dispatch_due(cache->session);
 }
 
-int c2ms_pack_redownload(c2ms_pack *pack, int, int64_t) {
+int c2ms_pack_redownload(c2ms_pack *pack) {
   if (pack == nullptr) return -1;
   c2ms_cache *cache;
   uint8_t flag;

@@ -42,10 +42,9 @@ void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index);
 /// is idle again: its reader is woken and the session looks for work. Hold no pack's lock.
 void c2ms_pack_release_unit(c2ms_unit *unit);
 
-/// Asks for the pack a second time, through another unit, unless it is ready or 5 units have it.
-/// Reason (1 a waiting reader, 2 the life check) and time are for diagnosis. 0; -1 for NULL; the
-/// issue's result.
-int c2ms_pack_redownload(c2ms_pack *pack, int reason, int64_t now_us);
+/// Asks for the pack a second time, through another unit, unless it is ready or 5 units have it. 0;
+/// -1 for NULL; the result.
+int c2ms_pack_redownload(c2ms_pack *pack);
 
 /// The pack's bytes, its size and how many of them are there; NULL or 0 for NULL.
 uint8_t *c2ms_pack_buf(c2ms_pack *pack);

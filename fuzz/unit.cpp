@@ -174,7 +174,7 @@ class play {
       pack_->state = pack_receiving;
       pack_->len = std::min(5, pack_->size);
     }
-    if ((scene_ & (two_units | overtaken)) && c2ms_pack_redownload(pack_, 0, 0) == 0)
+    if ((scene_ & (two_units | overtaken)) && c2ms_pack_redownload(pack_) == 0)
       other_ = take_unit(w_);
   }
 

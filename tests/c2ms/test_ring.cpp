@@ -191,10 +191,10 @@ TEST_F(Ring, UnitsLoseWhatMovesOn) {
   EXPECT_EQ(c2ms_unit_verify(unit), 1);
   EXPECT_EQ(c2ms_cache_download_pack(cache, slot(0)), -100);  // it is issued once
   // A second unit for the same pack only while no first one waits unsent; five at most.
-  EXPECT_EQ(c2ms_pack_redownload(slot(0), 1, 0), 0);
+  EXPECT_EQ(c2ms_pack_redownload(slot(0)), 0);
   EXPECT_EQ(units_of_first(), 1);
   for (int i = 0; i < 9; ++i) {
-    c2ms_pack_redownload(slot(0), 1, 0);
+    c2ms_pack_redownload(slot(0));
     EXPECT_EQ(units_of_first(), std::min(i + 2, 5));
   }
   // A seek takes the pack away from all of them, another file too.

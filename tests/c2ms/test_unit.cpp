@@ -47,7 +47,7 @@ class Unit : public Local {
   }
   // A second request for it.
   c2ms_unit *another() {
-    EXPECT_EQ(c2ms_pack_redownload(pack(0), 1, 0), 0);
+    EXPECT_EQ(c2ms_pack_redownload(pack(0)), 0);
     return take();
   }
   c2ms_unit *take() {
@@ -154,6 +154,25 @@ TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
   EXPECT_EQ(c2ms_pack_len(pack(0)), 30) << "it has brought less so far";
   c2ms_unit_recycle(slower);
   c2ms_unit_recycle(first);
+}
+
+// The clock of every pack that a read waits for runs from the beginning of the wait: with a second
+// allowed (no node is known) each has a second request after one wait of a second.
+TEST_F(Unit, LatePacksAreAskedForAgainInTime) {
+  std::vector<uint8_t> ring(16 * packsize);
+  c2ms_cache_setbuf(cache, ring.data(), 16 * packsize, packsize);
+  c2ms_cache_setfile(cache, sess->fid, 0, packsize * 100 + 1, 0);
+  ASSERT_GE(c2ms_cache_download_all(cache), 3);
+  const auto units_of = [&](int32_t index) {
+    auto *const late = static_cast<c2ms_pack *>(sk_value(cache->packs, index));
+    const adif::Guard lock(late->lock);
+    for (int32_t i = 0; i < late->unit_count; ++i) late->units[i]->state = UNIT_SENT;
+    return late->unit_count;
+  };
+  for (int32_t index = 0; index < 3; ++index) EXPECT_EQ(units_of(index), 1);
+  EXPECT_EQ(c2ms_cache_recv(cache, nullptr, 3 * packsize, 1500), 0);
+  for (int32_t index = 0; index < 3; ++index)  // an eighth of the ring is waited for at a time
+    EXPECT_EQ(units_of(index), index < 2 ? 2 : 1) << index;
 }
 
 // The packs that the reader needs become ready in any order: it is woken for the last one only, and
