@@ -105,9 +105,13 @@ CallGuard::~CallGuard() {
   diag_deliver();
 }
 
-bool cancelled(const c2ms_sess *sess) {
+bool cancelled_since(const c2ms_sess *sess, uint32_t seen) {
   const uint32_t now = sess->cancel.load();
-  return (now & 1) != 0 || now != sess->cancel_seen;
+  return (now & 1) != 0 || now != seen;
+}
+
+bool cancelled(const c2ms_sess *sess) {
+  return cancelled_since(sess, sess->cancel_seen);
 }
 
 void mark_dispatch_due(c2ms_sess *sess) {

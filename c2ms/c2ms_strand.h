@@ -75,7 +75,10 @@ class CallGuard {
   const bool entered_;
 };
 
-/// True when the call that holds the read gate must end: cancel is on, or was since the call began.
+/// True when a call must end that has found the session's `cancel` as `seen` when it began: cancel
+/// is on, or has been since.
+bool cancelled_since(const c2ms_sess *sess, uint32_t seen);
+/// The same for the call that holds the read gate.
 bool cancelled(const c2ms_sess *sess);
 
 /// Marks the session "dispatch due"; the strand's next outermost leave carries it out. Any thread.
