@@ -45,13 +45,14 @@ void go_to_start(c2ms_cache *cache) REQUIRES(cache->lock) {
   cache->idle_from = 0;
 }
 
-// The lead that a player wants; no more than the ring can hold ahead.
+// The lead that a player wants; no more than the ring can hold ahead. Without a ring it is kept as
+// it is until there is one.
 void set_lead(c2ms_cache *cache, int32_t bytes) REQUIRES(cache->lock) {
   const int64_t packsize = cache->packsize;
   const int32_t most = cache->packnum - cache->reserve;
   cache->buffering_size = bytes;
   cache->buffering_packs = static_cast<int32_t>((bytes + packsize - 1) / packsize);
-  if (cache->buffering_packs > most) {
+  if (cache->packnum > 0 && cache->buffering_packs > most) {
     cache->buffering_packs = most;
     cache->buffering_size = static_cast<int32_t>(packsize * most);
   }
@@ -402,6 +403,7 @@ int c2ms_cache_buffering_ratio(c2ms_cache *cache, int32_t *ratio) {
     *ratio = 100;
     return 0;
   }
+  if (cache->packnum < 1) return 0;  // no ring, nothing buffered
   const c2ms_window window = c2ms_cache_window(cache);
   const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
   int64_t sum = 0;

@@ -164,6 +164,14 @@ TEST_F(Ring, BufferingRatio) {
   EXPECT_EQ(ratio_of(), 53);
   c2ms_cache_buffering_size(cache, 2 * packsize);
   EXPECT_EQ(ratio_of(), 100);
+  c2ms_cache_clean(cache);  // a lead that is asked for without a ring holds for the next one
+  c2ms_cache_buffering_size(cache, 4 * packsize);
+  EXPECT_EQ(ratio_of(), 0);
+  ASSERT_EQ(c2ms_cache_setbuf(cache, buffer.data(), 16 * packsize, packsize), 0);
+  ASSERT_EQ(c2ms_cache_setfile(cache, sess->fid, 0, 100 * packsize, 0), 0);
+  EXPECT_EQ(ratio_of(), 0);
+  make_ready(0);
+  EXPECT_EQ(ratio_of(), 25);
 }
 
 // A unit may deliver only into the pack it was issued for, of the file it was issued for.
