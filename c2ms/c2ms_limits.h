@@ -46,6 +46,7 @@ inline constexpr int32_t prune_after_transfers = 10;
 
 // Sessions.
 inline constexpr int open_timeouts = 20;  // one-second waits of an open
+inline constexpr int max_entry_asks = 8;  // the pause between two doubles up to here
 inline constexpr int64_t reopen_after_us = 20'000'000;
 inline constexpr int64_t ratio_stalled_us = 4'000'000;
 

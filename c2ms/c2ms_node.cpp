@@ -62,7 +62,10 @@ uint32_t next_delay_ms(c2ms_node *node) {
 }
 
 int give_up(c2ms_node *node) {
-  if (node->level == 0) c2ms_sess_set_status(node->session, 400);
+  // (An open that asked for another list goes on with the servers of the one it has.)
+  const c2ms_sess *const sess = node->session;
+  const bool has_list = sess->desc_count == 0 && sess->entry_asks > 0;
+  if (node->level == 0 && !has_list) c2ms_sess_set_status(node->session, 400);
   c2ms_node_close(node);
   return -100;
 }
@@ -204,6 +207,7 @@ int c2ms_node_retry(c2ms_node *node) {
   count_failure(node);
   c2ms_node_disconnect_dbg(node);
   node->connect_timer = start_timer(node, next_delay_ms(node), timer_node_connect);
+  if (is_media(node)) ask_entry_again(node->session);
   return 0;
 }
 

@@ -29,7 +29,6 @@ using namespace c2ms;
 bool refused(c2ms_sess *session, c2ms_node *node, uint32_t result) {
   c2ms_sess_set_status(session, static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
   if (result < 2) return false;
-  session->refused = true;
   c2ms_node_close(node);
   return true;
 }
