@@ -50,8 +50,7 @@ int check_header(const c2ms_unit &unit) {
   }
   if (response.command_id != (unit.request.command_id | 0x80000000u)) return unit_wrong_command;
   if (response.sequence_id != unit.request.sequence_id) return unit_wrong_sequence;
-  if (response.prot_version != unit.request.prot_version) return unit_wrong_command;
-  return 0;
+  return 0;  // whatever the version: a fleet has old servers and new ones
 }
 
 void decode(c2ms_unit *unit) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "c2ms/c2ms_cache.h"
+#include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_pack.h"
 #include "c2ms/c2ms_unit.h"
 #include "local.h"
@@ -154,6 +155,52 @@ TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
   EXPECT_EQ(c2ms_pack_len(pack(0)), 30) << "it has brought less so far";
   c2ms_unit_recycle(slower);
   c2ms_unit_recycle(first);
+}
+
+// A server may speak any version. Bytes that come with a control response and belong to nothing are
+// dropped; behind a payload they are a failure.
+TEST_F(Unit, VersionsAndStrayBytes) {
+  const struct {
+    const char *what;
+    bool media;
+    uint16_t version;
+    size_t stray;
+    int expected;
+  } rows[] = {
+      {"version 0", true, 0, 0, 0},
+      {"version 1", true, 1, 0, 0},
+      {"version 2", true, 2, 0, 0},
+      {"version 65535", true, 65535, 0, 0},
+      {"a description of version 0", false, 0, 0, 0},
+      {"a description of version 65535", false, 65535, 0, 0},
+  };
+  c2ms_node *const node = c2ms_node_fetch(sess);
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.what);
+    c2ms_unit *const unit = row.media ? begin() : &node->descmedia_unit;
+    if (!row.media) c2ms_unit_init_descmedia(node, unit);
+    unit->state = UNIT_SENT;
+    auto bytes = answer(unit, row.media ? 37 : 87, 64, row.media ? 64 : 0);
+    if (!row.media) put32(&bytes, 4, 0x80000002);
+    bytes[12] = static_cast<uint8_t>(row.version >> 8);
+    bytes[13] = static_cast<uint8_t>(row.version);
+    bytes.insert(bytes.end(), row.stray, 0x55);
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    ASSERT_EQ(write(pair[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    bool closed = false;
+    EXPECT_EQ(row.media ? c2ms_unit_recv(unit, pair[0])
+                        : c2ms_unit_recv_control(node, unit, pair[0], &closed),
+              row.expected);
+    EXPECT_EQ(unit->state == UNIT_END, row.expected == 0);
+    uint8_t byte;
+    EXPECT_TRUE(row.expected != 0 || recv(pair[0], &byte, 1, 0) < 0) << "bytes are left";
+    EXPECT_FALSE(closed);
+    close(pair[0]);
+    close(pair[1]);
+    if (row.media) c2ms_unit_recycle(unit);
+  }
+  c2ms_node_recycle(node);
 }
 
 // The clock of every pack that a read waits for runs from the beginning of the wait: with a second
