@@ -69,6 +69,7 @@ inline constexpr uint8_t media_type_mp4 = 7;
 // Units and packs.
 inline constexpr uint32_t pdu_header_bytes = 14;
 inline constexpr uint32_t max_pdu_bytes = 1024;
+inline constexpr int max_surplus_reads = 4;             // of 1024 bytes behind a control response
 inline constexpr uint32_t control_response_bytes = 18;  // header and result
 inline constexpr uint32_t media_response_bytes = 37;    // and the fixed part
 inline constexpr int request_buffer_bytes = 256;

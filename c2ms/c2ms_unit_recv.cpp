@@ -262,10 +262,17 @@ slice receive_slice(c2ms_unit *unit, int fd) {
   return discard(unit, fd);
 }
 
-bool peer_has_closed(int fd) {
-  uint8_t byte;
-  const ssize_t n = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-  return n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR);
+// Bytes that came with a control response and belong to nothing are dropped: nothing else has been
+// asked for. True: the peer has closed. (Who sends more than a few kilobytes of them fails at the
+// next look.)
+bool drop_surplus(c2ms_unit *unit, int fd) {
+  uint8_t nowhere[max_pdu_bytes];
+  for (int i = 0; i < max_surplus_reads; ++i) {
+    const ssize_t n = recv(fd, nowhere, sizeof nowhere, MSG_DONTWAIT);
+    if (n <= 0) return n == 0 || (errno != EAGAIN && errno != EINTR);
+    c2ms_sess_recv_byte(unit->session, n);
+  }
+  return false;
 }
 
 }  // namespace
@@ -277,11 +284,12 @@ int c2ms_unit_recv_control(c2ms_node *node, c2ms_unit *unit, int fd, bool *close
   const int result = receive_pdu(unit, fd);
   if (result < 0) {
     *closed_flag = true;
-    return result;
+    const bool nothing = result == unit_socket_failed && frameLength(unit->frame) == 0;
+    return nothing ? static_cast<int>(unit_nothing_read) : result;
   }
   if (result == 0) return 0;
   finish(unit);
-  *closed_flag = peer_has_closed(fd);
+  *closed_flag = drop_surplus(unit, fd);
   return 0;
 }
 

@@ -135,10 +135,7 @@ TEST_F(Unit, AnswersCutAtEveryByte) {
 }
 
 TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
-  c2ms_unit *first = begin();
-  EXPECT_EQ(feed(first, answer(first, 37, 40, 50), 0), unit_bad_payload) << "bytes behind it";
-  c2ms_unit_recycle(first);
-  first = begin();
+  c2ms_unit *const first = begin();
   auto bytes = answer(first, 37, 64, 30);  // the rest is late
   ASSERT_EQ(feed(first, bytes, 0), 0);
   c2ms_unit *const second = another();
@@ -173,6 +170,9 @@ TEST_F(Unit, VersionsAndStrayBytes) {
       {"version 65535", true, 65535, 0, 0},
       {"a description of version 0", false, 0, 0, 0},
       {"a description of version 65535", false, 65535, 0, 0},
+      {"stray bytes behind a description", false, 1, 5, 0},
+      {"many behind a description", false, 1, 3000, 0},
+      {"stray bytes behind a payload", true, 1, 5, unit_bad_payload},
   };
   c2ms_node *const node = c2ms_node_fetch(sess);
   for (const auto &row : rows) {
@@ -180,7 +180,8 @@ TEST_F(Unit, VersionsAndStrayBytes) {
     c2ms_unit *const unit = row.media ? begin() : &node->descmedia_unit;
     if (!row.media) c2ms_unit_init_descmedia(node, unit);
     unit->state = UNIT_SENT;
-    auto bytes = answer(unit, row.media ? 37 : 87, 64, row.media ? 64 : 0);
+    const uint32_t payload_len = row.stray > 0 ? 40 : packsize;
+    auto bytes = answer(unit, row.media ? 37 : 87, payload_len, row.media ? payload_len : 0);
     if (!row.media) put32(&bytes, 4, 0x80000002);
     bytes[12] = static_cast<uint8_t>(row.version >> 8);
     bytes[13] = static_cast<uint8_t>(row.version);
@@ -199,6 +200,19 @@ TEST_F(Unit, VersionsAndStrayBytes) {
     close(pair[0]);
     close(pair[1]);
     if (row.media) c2ms_unit_recycle(unit);
+  }
+  // A peer that has gone before it answered, and within its answer.
+  for (const size_t sent : {0u, 3u}) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    c2ms_unit_init_descmedia(node, &node->descmedia_unit);
+    ASSERT_EQ(write(pair[1], payload.data(), sent), static_cast<ssize_t>(sent));
+    close(pair[1]);
+    bool closed = false;
+    EXPECT_EQ(c2ms_unit_recv_control(node, &node->descmedia_unit, pair[0], &closed),
+              sent == 0 ? unit_nothing_read : unit_socket_failed);
+    EXPECT_TRUE(closed);
+    close(pair[0]);
   }
   c2ms_node_recycle(node);
 }
