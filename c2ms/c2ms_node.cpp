@@ -185,6 +185,7 @@ int c2ms_node_connect(c2ms_node *node) {
     c2ms_node_retry(node);
     return 0;
   }
+  node->session->strand.spoke();
   diag("NodeID:%lu dev:%p\n", static_cast<unsigned long>(node->node_id),
        static_cast<void *>(node->device));
   node->connect_timer = start_timer(node, connect_timeout_ms(node), timer_node_connect);

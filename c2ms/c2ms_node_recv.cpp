@@ -88,7 +88,9 @@ void open_listed(c2ms_sess *session, const c2ms_node *sender, const list_entry &
   if (level > max_level) return;
   // A server that has been asked for its list is not asked a second time.
   if (c2ms_sess_server_lists(session, ip, port)) type &= static_cast<uint8_t>(~node_serves_list);
-  if ((type & (node_serves_list | node_serves_media)) == 0 && entry.type != 0) return;
+  // (Who never served anything becomes a node all the same, whatever else its type says.)
+  constexpr uint8_t served = node_serves_list | node_serves_media;
+  if ((type & served) == 0 && (entry.type & served) != 0) return;
   const c2ms_node *const known = c2ms_sess_node_find(session, ip, port);
   if (known != nullptr && known->state >= C2MS_NODE_READY && is_media(known)) return;
   c2ms_node_open(session, nullptr, ip, port, type, entry.load, level);
