@@ -220,7 +220,7 @@ struct c2ms_pack {
   int32_t unit_count GUARDED_BY(lock) = 0;
   int32_t index GUARDED_BY(lock) = -1;
   uint8_t state GUARDED_BY(lock) = pack_idle;
-  uint8_t flag GUARDED_BY(lock) = 0;
+  uint8_t flag GUARDED_BY(lock) = 0;  // of the last answer that completed it, whatever it held then
   int32_t len GUARDED_BY(lock) = 0;
   int64_t late_since_us GUARDED_BY(lock) =
       0;  // a reader has waited since then without progress; 0: none

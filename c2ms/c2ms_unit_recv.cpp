@@ -110,9 +110,10 @@ struct pack_news {
   bool idle = false, complete = false;
 };
 
-void tell(c2ms_cache *cache, const pack_news &news) {
-  if (news.idle) c2ms_cache_note_idle(cache, news.index);
-  c2ms_cache_tell_reader(cache, news.index, news.complete);
+void tell(const c2ms_unit *unit, c2ms_pack *pack, const pack_news &news) {
+  if (news.index < 0) return;
+  if (news.idle) c2ms_cache_note_idle(unit->session->cache.load(), news.index);
+  c2ms_pack_ready_notify(pack, news.index, news.complete);
 }
 
 // Accounts payload bytes that now lie in the pack behind those of earlier pieces. True: all is
@@ -158,7 +159,7 @@ slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd) {
       outcome = result < 0 ? slice::failed : (got < wanted ? slice::nothing : slice::more);
     }
   }
-  tell(unit->session->cache.load(), news);
+  tell(unit, pack, news);
   return outcome;
 }
 
@@ -229,7 +230,7 @@ int receive_beginning(c2ms_unit *unit, int fd) {
     if (!answered || in_pack == 0) return result;
     whole = take_payload(unit, pack, in_pack, &news);
   }
-  tell(unit->session->cache.load(), news);
+  tell(unit, pack, news);
   return whole ? all_there : 1;
 }
 
