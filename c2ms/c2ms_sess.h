@@ -35,9 +35,9 @@ int start_entry_exchange(c2ms_sess *sess, uint32_t address);
 /// another one when the resolver's thread has its address. Inside the strand.
 void reopen_later(c2ms_sess *sess);
 
-/// While the media has not been described and every server that the last list named has failed, asks
-/// the entry server for another list: 250 ms after the last one, then 500 ms, doubling. Inside the
-/// strand.
+/// While the media has not been described and every server that the last list named has failed,
+/// asks the entry server for another list: 250 ms after the last one, then 500 ms, doubling. Inside
+/// the strand.
 void ask_entry_again(c2ms_sess *sess);
 
 }  // namespace c2ms

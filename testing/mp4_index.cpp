@@ -62,15 +62,16 @@ mp4_moov find_moov(uint64_t file_size, const file_reader &read) {
   return {at, moov.size, ""};
 }
 
-// An index file is a byte that names a filter (0: none), then what the encoder of .lzma files makes:
-// 5 bytes of properties, the size in 8 bytes, the stream with a mark at its end. That encoder leaves
-// the size open.
+// An index file is a byte that names a filter (0: none), then what the encoder of .lzma files
+// makes: 5 bytes of properties, the size in 8 bytes, the stream with a mark at its end. That
+// encoder leaves the size open.
 std::string pack_index(const std::string &plain) {
   constexpr uint32_t level = 1;  // sample tables gain a few percent from more, at twice the time
   constexpr size_t size_at = 6;
   lzma_options_lzma options;
   lzma_stream stream = LZMA_STREAM_INIT;
-  if (lzma_lzma_preset(&options, level) || lzma_alone_encoder(&stream, &options) != LZMA_OK) return {};
+  if (lzma_lzma_preset(&options, level) || lzma_alone_encoder(&stream, &options) != LZMA_OK)
+    return {};
   std::string packed(plain.size() + plain.size() / 4 + 128, '\0');
   stream.next_in = reinterpret_cast<const uint8_t *>(plain.data());
   stream.avail_in = plain.size();

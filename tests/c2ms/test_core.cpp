@@ -216,8 +216,8 @@ TEST_F(Core, LateEventsAreIgnored) {
   StopTimer(late);
 }
 
-// Lines of a session come in the order of what happened, whoever delivers them; a timer of a session
-// that is gone and the end of a brake are told as what they are.
+// Lines of a session come in the order of what happened, whoever delivers them; a timer of a
+// session that is gone and the end of a brake are told as what they are.
 TEST_F(Core, LinesAreToldInOrder) {
   static std::mutex lock;
   static std::vector<std::string> lines;
@@ -336,7 +336,7 @@ TEST_F(Core, ListEntriesOfEveryType) {
   const std::pair<uint8_t, int> rows[] = {{0, 1}, {4, 1}, {0x80, 1}, {2, 1}, {3, 1}, {1, 0}};
   uint8_t port = 9;
   for (const auto &[type, nodes] : rows) {
-    const uint8_t body[] = {0, 0, 0, 30, 0x80, 0, 0, 1, 0, 0, 0, 1, 0,    1,    0,
+    const uint8_t body[] = {0, 0, 0, 30, 0x80, 0,   0, 1, 0, 0, 0,      1,    0, 1, 0,
                             0, 0, 0, 0,  1,    127, 0, 0, 1, 0, ++port, type, 0, 0, 0};
     c2ms_sess_server_add(sess, "", htonl(INADDR_LOOPBACK), port, c2ms::node_serves_list);
     c2ms_unit *const unit = &sender->srvlist_unit;
