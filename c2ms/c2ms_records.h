@@ -220,7 +220,7 @@ struct c2ms_pack {
   int32_t unit_count GUARDED_BY(lock) = 0;
   int32_t index GUARDED_BY(lock) = -1;
   uint8_t state GUARDED_BY(lock) = pack_idle;
-  uint8_t flag GUARDED_BY(lock) = 0;
+  uint8_t flag GUARDED_BY(lock) = 0;  // of the last answer that completed it, whatever it held then
   int32_t len GUARDED_BY(lock) = 0;
   int64_t late_since_us GUARDED_BY(lock) =
       0;  // a reader has waited since then without progress; 0: none
@@ -419,9 +419,8 @@ struct c2ms_sess {
 
   // Nodes. The counters follow the nodes' states (c2ms_node_state_to).
   c2ms_node *entry_node = nullptr;
-  int64_t entry_step_us = 0;  // when the entry exchange made its last step
   bool lookup_pending = false;
-  bool refused = false;  // a server refused while the media was not described
+  uint8_t entry_asks = 0;  // lists asked for again because all servers of the last one failed
   adif::Mutex counter_lock{c2ms::rank_counters};
   std::atomic<int32_t> ready_num{0};   // written under counter_lock
   std::atomic<int32_t> active_num{0};  // written under counter_lock

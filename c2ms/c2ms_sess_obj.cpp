@@ -54,7 +54,7 @@ void reset_opening(c2ms_sess *sess) {
   sess->status = 0;
   sess->hook_registered = 0;
   sess->lookup_pending = false;
-  sess->refused = false;
+  sess->entry_asks = 0;
   sess->open_time = 0;
   sess->close_time = 0;
 }

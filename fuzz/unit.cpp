@@ -102,7 +102,6 @@ void check_answer(const c2ms_unit &unit) {
   require(response.total_length >= 18 && response.total_length <= 1024);
   require(response.command_id == (request.command_id | 0x80000000u));
   require(response.sequence_id == request.sequence_id);
-  require(response.prot_version == request.prot_version);
   require(response.result != 0 || response.payload_length <= unit.range_length);
 }
 
@@ -174,7 +173,7 @@ class play {
       pack_->state = pack_receiving;
       pack_->len = std::min(5, pack_->size);
     }
-    if ((scene_ & (two_units | overtaken)) && c2ms_pack_redownload(pack_, 0, 0) == 0)
+    if ((scene_ & (two_units | overtaken)) && c2ms_pack_redownload(pack_) == 0)
       other_ = take_unit(w_);
   }
 
