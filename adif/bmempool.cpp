@@ -290,7 +290,7 @@ void *blockFetchUnit(block_pool *pool, int *status_out) {
 }
 
 int recycleUnit(block_pool *pool, void *unit) {
-  if (pool == nullptr || unit == nullptr) return -1;
+  if (pool == nullptr || unit == nullptr) return pool == nullptr && unit == nullptr ? -1 : 0;
   bool wake = false;
   {
     const section_guard guard(&pool->lock);

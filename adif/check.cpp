@@ -7,6 +7,7 @@ namespace adif {
 
 void check_failed(const char *text, const char *source, const char *function) {
   std::fprintf(stderr, "%s: %s: Assertion `%s' failed.\n", source, function, text);
+  std::fflush(stderr);  // a program may have given it a buffer
   std::abort();
 }
 

@@ -73,11 +73,12 @@ conf_mgmt *conf_mgmt_init(const char *path) {
 
 int conf_mgmt_read(conf_mgmt *conf, const char *path) {
   if (conf == nullptr || path == nullptr) return -1;
-  // `path` may be the handle's own.
+  // `path` may be the handle's own, or a value of the profile that is about to be freed: from here
+  // on only the copy is read.
   char *const old_path = conf->path;
   conf->path = copy_path(path);
   FreeProfile(conf->profile);
-  conf->profile = LoadProfile(path);
+  conf->profile = LoadProfile(conf->path);
   kfree_dbg(old_path);
   return conf->profile != nullptr ? 0 : -1;
 }

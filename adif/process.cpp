@@ -1,13 +1,13 @@
 #include "adif/process.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -39,7 +39,7 @@ int daemonize(const char *pid_file, const char *work_dir) {
   if (pid_file == nullptr || work_dir == nullptr) return -1;
   if (!go_on_in_child()) return -1;
   setsid();
-  std::signal(SIGHUP, SIG_IGN);
+  signal(SIGHUP, SIG_IGN);
   if (!go_on_in_child()) return -1;
   const int entered = chdir(work_dir);
   (void)entered;
@@ -58,6 +58,10 @@ int exec_cmd(const char *file, char *const argv[], int wait_flag) {
   const pid_t child = fork();
   if (child < 0) return -1;
   if (child == 0) {
+    // The caller may be a thread that blocks all signals, and a program inherits the mask.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     execvp(file, argv);
     _exit(1);
   }

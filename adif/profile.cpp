@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "adif/kalloc.h"
+#include "adif/line_sink.h"
 #include "adif/source_place.h"
 
 namespace {
@@ -31,7 +32,7 @@ using profile_ptr =
 void *take_or_exit(int64_t size, adif::source_place caller = adif::source_place::current()) {
   void *const p = kzalloc_dbg(size);
   if (p != nullptr) return p;
-  std::printf("file %s, line %d memory NULL! exit(1)\n", "adif/confile.cpp", caller.line);
+  adif::say_line("file %s, line %d memory NULL! exit(1)\n", "adif/confile.cpp", caller.line);
   std::exit(1);
 }
 
@@ -183,7 +184,7 @@ profile_section *ParseProfile(const char *data, int64_t length, const char *path
     std::memcpy(line, data + at, size);
     line[size] = '\0';
     if (!builder.add_line(line)) {
-      std::printf("profile %s format not support\n", path);
+      adif::say_line("profile %s format not support\n", path);
       return nullptr;
     }
     at += static_cast<int64_t>(size);

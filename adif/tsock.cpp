@@ -124,7 +124,8 @@ int set_error(int *error) {
   return -1;
 }
 
-/// Moves all `n` bytes with `step(done, left)`, a single send or receive.
+/// Moves all `n` bytes with `step(done, left)`, a single send or receive. The time-out counts only
+/// where the call would have to wait: then, with less than 1 ms left, nothing more is tried.
 template <typename Step>
 int transfer(int fd, int n, int timeout_ms, short events, int *moved, Step step) {
   const deadline end(timeout_ms);
@@ -138,6 +139,7 @@ int transfer(int fd, int n, int timeout_ms, short events, int *moved, Step step)
     if (count == 0) return -1;
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return -1;
+    if (end.left_ms() == 0) return 0;
     const int ready = wait_ready(fd, events, end);
     if (ready <= 0) return ready;
   }

@@ -41,8 +41,9 @@ int sock_read_ready(int fd, int timeout_ms);
 int sock_get_pending(int fd);
 
 /// Sends all `n` bytes, waiting for room where needed, also on a socket in blocking mode. `n` when
-/// all went out, 0 on time-out, -1 on an error or bad arguments (fd -1, NULL, n < 1). `*sent`, if
-/// not NULL, counts the bytes that went out, also on failure.
+/// all went out; 0 on time-out: there was no room, and less than 1 ms of `timeout_ms` was left (a
+/// peer that always makes room in time is never cut off); -1 on an error or bad arguments (fd -1,
+/// NULL, n < 1). `*sent`, if not NULL, counts the bytes that went out, also on failure.
 int tcp_send(int fd, const void *bytes, int n, int timeout_ms, int *sent);
 
 /// The reverse: fills `buffer` with exactly `n` bytes. `n`, 0 on time-out, -1 on an error, a closed
@@ -59,8 +60,9 @@ int tcp_nb_receive(int fd, void *buffer, int n, int *received);
 /// would block, -1 on an error or bad arguments.
 int tcp_nb_send(int fd, const void *bytes, int n);
 
-/// A listening TCP socket (SO_REUSEADDR, SO_KEEPALIVE, backlog 1024) on the dotted IPv4 `address`
-/// (NULL: any) and `port` (0: one that the system chooses), or -1. A port outside 0..65535 aborts.
+/// A listening TCP socket (SO_REUSEADDR, SO_KEEPALIVE and TCP_NODELAY set, backlog 1024) on the
+/// dotted IPv4 `address` (NULL: any) and `port` (0: one that the system chooses), or -1. A port
+/// outside 0..65535 aborts.
 int tcp_server_create(const char *address, int port);
 
 /// A UDP socket bound to `*address` (NULL: any) and `port`, or -1.
