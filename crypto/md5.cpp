@@ -51,6 +51,7 @@ int file_md5(const char *path, uint8_t out[kMd5Bytes]) {
 
   md5_context context;
   MD5Init(&context);
+  if (context.handle == nullptr) return -1;
   uint8_t piece[1024];
   for (size_t n; (n = std::fread(piece, 1, sizeof piece, file.get())) > 0;) {
     MD5Update(&context, piece, static_cast<int64_t>(n));
