@@ -18,6 +18,7 @@
 #include "eprobe/rac_process_cycle.h"
 #include "eprobe/rac_time.h"
 #include "eprobe/rac_timer.h"
+#include "eprobe/rac_wake.h"
 
 namespace {
 
@@ -189,6 +190,11 @@ rac_core *probe_create(uint32_t nthreads) {
 int StartProbe(rac_core *core, int nowait) {
   if (core == nullptr) return -1;
   const uint32_t return_at_once = static_cast<uint32_t>(nowait) & 0xff;
+  // A worker cannot wait for its own end, and a run that it is still part of must not meet the
+  // next.
+  if (on_worker_of(core))
+    return return_at_once != 0 && core->started.load(std::memory_order_acquire) != 0 ? 0 : -2;
+  core->nowait.store(return_at_once, std::memory_order_release);
   if (core->started.exchange(1, std::memory_order_acq_rel) != 0) {
     if (return_at_once == 0) join_workers(core);
     return 0;
@@ -196,7 +202,6 @@ int StartProbe(rac_core *core, int nowait) {
   join_workers(core);  // of a run that was stopped from a callback and not waited for
   core->stop.store(0, std::memory_order_release);
   core->exiting.store(0, std::memory_order_release);
-  core->nowait.store(return_at_once, std::memory_order_release);
   rac_time_update(0, 0);
   if (rac_init_threads() == -1) std::exit(STARTUP_FAILED);
   start_workers(core);

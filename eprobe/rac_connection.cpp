@@ -11,7 +11,7 @@
 #include "eprobe/rac_event.h"
 #include "eprobe/rac_handle.h"
 #include "eprobe/rac_operate.h"
-#include "eprobe/rac_process_cycle.h"
+#include "eprobe/rac_wake.h"
 
 namespace {
 
@@ -43,12 +43,16 @@ void submit(rac_connection *c, rac_operate *op) {
   rac_base_notify(base);
 }
 
+void submit(rac_operate *record, uint32_t op) {
+  record->target = 1;
+  record->op = op;
+  submit(record->connection, record);
+}
+
 int request(rac_connection *c, uint32_t op) {
   rac_operate *record = rac_operate_get(c->core, c);
   if (record == nullptr) return -1;
-  record->target = 1;
-  record->op = op;
-  submit(c, record);
+  submit(record, op);
   return 0;
 }
 
@@ -63,6 +67,7 @@ void reset(rac_connection *c) {
   c->handler_arg2 = nullptr;
   c->pending.store(0, std::memory_order_relaxed);
   c->accept_paused = false;
+  c->counted_by = nullptr;
   c->group_next = nullptr;
   rac_event_reset(c->read, c, false);
   rac_event_reset(c->write, c, true);
@@ -70,7 +75,7 @@ void reset(rac_connection *c) {
 
 /// Tells all bases that a slot is free if a listener somewhere waits for one.
 void wake_paused(rac_core *core) {
-  if (core->paused.load(std::memory_order_acquire) == 0) return;
+  if (core->paused.load(std::memory_order_seq_cst) == 0) return;  // see rac_pause
   for (uint32_t i = 0; i < core->nbases; ++i) rac_base_notify(&core->bases[i]);
 }
 
@@ -135,7 +140,7 @@ void rac_free_connection(rac_core *core, rac_connection *c) {
     rac_guard guard(core->connection_mutex);
     c->data = core->free_connections;
     core->free_connections = c;
-    core->free_connection_n.fetch_add(1, std::memory_order_release);
+    core->free_connection_n.fetch_add(1, std::memory_order_seq_cst);  // before wake_paused looks
   }
   wake_paused(core);
 }
@@ -168,7 +173,10 @@ void rac_pause(rac_base *base, rac_connection *listener) {
   listener->accept_paused = true;
   listener->data = base->paused_listeners;
   base->paused_listeners = listener;
-  base->core->paused.fetch_add(1, std::memory_order_acq_rel);
+  // The listener raises `paused`, then looks for a free slot (probe_resume_listeners, before the
+  // base waits); who frees a slot raises `free_connection_n`, then looks at `paused`. In one order
+  // for all threads, so that one of the two sees the other: no pause outlasts the lack of a slot.
+  base->core->paused.fetch_add(1, std::memory_order_seq_cst);
 }
 
 void rac_unpause(rac_base *base, rac_connection *listener) {
@@ -240,6 +248,11 @@ int rac_dispatch_to(rac_base *base, rac_connection *c, rac_op op) {
   rac_next_base(base->core, &base->core->conn_rr);
   c->base.store(base, std::memory_order_release);
   return request(c, op);
+}
+
+void rac_dispatch_with(rac_operate *request, rac_op op) {
+  rac_set_base(request->connection->core, request->connection);
+  submit(request, op);
 }
 
 int rac_dispatch_notify(rac_connection *c, uint32_t generation, uint32_t mask) {

@@ -103,6 +103,7 @@ struct rac_connection {
   std::atomic<uint32_t> ident;    ///< generation and rac_life, see rac_handle.h
   std::atomic<uint32_t> pending;  ///< requests queued and not yet carried out
   bool accept_paused;             ///< a listener in its base's `paused_listeners`, linked by `data`
+  rac_base *counted_by;           ///< base whose `nconnections` has it; NULL: none yet
   uint64_t inode;  ///< of the socket behind `fd`, to tell it from a later file of that number
   bool inode_known;
   const void *group_next;  ///< ring of the handles of one UDP listener; NULL: alone
@@ -112,16 +113,22 @@ struct rac_connection {
 inline constexpr uint8_t RAC_TIMER_RUNNING = 1;
 inline constexpr uint8_t RAC_TIMER_RELEASED = 2;
 
+/// What the starter of a timer gives; one that is started again has the same.
+struct rac_timer_words {
+  uint32_t cmd;
+  uintptr_t para;
+  probe_handler handler;
+  void *arg;
+  bool operator==(const rac_timer_words &) const = default;
+};
+
 struct rac_timer {
   rac_timer *data;  ///< free-list link
   std::atomic<rac_base *> base;
   rac_event *event;  ///< fixed at pool creation
   uint8_t state;     ///< RAC_TIMER_ bits; from here to handler_arg2 under the base's timer_lock
-  uint32_t cmd;
-  uintptr_t para;
-  probe_handler handler;
-  void *handler_arg;
-  void *handler_arg2;
+  rac_timer_words words;
+  void *handler_arg2;  ///< a second copy of the argument
   uint32_t slot;
 
   rac_core *core;
@@ -130,7 +137,7 @@ struct rac_timer {
 
 struct rac_base {
   uint32_t index;
-  std::atomic<uint32_t> nconnections;  ///< accepted connections delivered, less connections closed
+  std::atomic<uint32_t> nconnections;  ///< connections handed to this base and not yet closed
   std::atomic<uint32_t> ntimers;       ///< in the tree
   rac_core *core;
   pthread_t thread;
@@ -158,6 +165,8 @@ struct rac_base {
   std::atomic<bool> wake_pending;       ///< a wake-up byte is on its way
   std::atomic<bool> repair_due;         ///< a descriptor has been seen to belong to somebody else
   rac_connection *paused_listeners;     ///< listeners that wait for a free slot
+  rac_timer *expiring;     ///< the timer whose handler this worker is running
+  rac_timer *spare_timer;  ///< for the restart of `expiring` when the pool is empty; NULL: in use
   uint32_t turn_served;                 ///< the latest `barrier_asked` that a turn has served
   std::atomic<uint32_t> barrier_asked;  ///< counts the waits for the end of a turn
   uint32_t barrier_done;                ///< under the core's state_lock: waits that are over

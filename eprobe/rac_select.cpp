@@ -11,6 +11,19 @@
 #include "eprobe/rac_handle.h"
 #include "eprobe/rac_time.h"
 
+const rac_event_action_table rac_event_actions = {
+    .add = rac_select_add_event,
+    .del = rac_select_del_event,
+    .enable = rac_select_add_event,
+    .disable = rac_select_del_event,
+    .add_conn = nullptr,
+    .del_conn = nullptr,
+    .process_changes = nullptr,
+    .process_events = rac_select_process_events,
+    .init = rac_select_init,
+    .done = rac_select_done,
+};
+
 namespace {
 
 constexpr int32_t UNKNOWN = -1;
