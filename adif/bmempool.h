@@ -113,8 +113,8 @@ int setAlert(block_pool *pool, pool_alert_fn alert_fn, pool_alert_fn recover_fn,
 int getProfile(block_pool *pool, int *allocated_out, int *free_out, int *in_use_out);
 
 /// A unit, or null: pool null, exhausted, or nothing to grow by (unit size below 1). When memory
-/// has run out the allocation is repeated until it succeeds, with the lock held: the pool does not
-/// give up (kept).
+/// has run out the allocation is repeated until it succeeds, with the lock held. Kept for
+/// compatibility: callers need not expect a pool that grows to fail.
 [[nodiscard]] void *fetchUnit(block_pool *pool);
 /// The same, but waits without limit while a limited pool is exhausted. Null with `*status_out` -10
 /// when the pool is being cleaned up, null with 0 as fetchUnit(). `status_out` may be null.

@@ -28,8 +28,9 @@ int tcp_nb_connect(const char *host, int port, uint32_t reserved1, uint32_t rese
 /// Starts a non-blocking TCP connection (SO_REUSEADDR, SO_KEEPALIVE and TCP_NODELAY set) and
 /// returns its descriptor, which the caller owns; it becomes writable when the connection is made
 /// or has failed (SO_ERROR tells which). -1 if the connection cannot even begin. `error`, if not
-/// NULL, gets 0 or -1 accordingly. Descriptor 0 counts as a failure here (in tcp_nb_connect it does
-/// not): kept. A port outside 0..65535 is a programming error and aborts. Never blocks.
+/// NULL, gets 0 or -1 accordingly. Descriptor 0 counts as a failure here and not in tcp_nb_connect.
+/// Kept for compatibility: a process without standard input connects by name only. A port outside
+/// 0..65535 is a programming error and aborts. Never blocks.
 int tcp_nb_connect2(uint32_t address, int port, int *error);
 
 /// 1 if `fd` becomes writable / readable within `timeout_ms` (an error or hang-up counts as
@@ -52,8 +53,8 @@ int tcp_receive(int fd, void *buffer, int n, int timeout_ms, int *received);
 
 /// Reads what is there, at most `n` bytes, without waiting, also in blocking mode. The number of
 /// bytes (0: nothing there), or -1 on an error, bad arguments or a closed peer, even if bytes came
-/// first:
-/// `*received` tells how many did (kept; callers use those bytes and then close).
+/// first: `*received` tells how many did. Kept for compatibility: callers use those bytes and then
+/// close.
 int tcp_nb_receive(int fd, void *buffer, int n, int *received);
 
 /// One send without waiting, also in blocking mode. Bytes sent (may be fewer than `n`), 0 if it
