@@ -1,3 +1,4 @@
+// The end of a process whose invariant is broken. See check.h.
 #include "adif/check.h"
 
 #include <cstdio>

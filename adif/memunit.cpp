@@ -1,3 +1,4 @@
+// An allocator over one region of memory: blocks in a row, each with a header. See memunit.h.
 #include "adif/memunit.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Becoming a daemon, and running a command. See process.h.
 #include "adif/process.h"
 
 #include <fcntl.h>
@@ -38,9 +39,11 @@ int write_pid(int fd) {
 int daemonize(const char *pid_file, const char *work_dir) {
   if (pid_file == nullptr || work_dir == nullptr) return -1;
   if (!go_on_in_child()) return -1;
+  // Two forks: the first leaves the process group, the second the right to a terminal.
   setsid();
   signal(SIGHUP, SIG_IGN);
   if (!go_on_in_child()) return -1;
+  // A folder that is not there leaves the daemon where it is (meant).
   const int entered = chdir(work_dir);
   (void)entered;
   umask(0);

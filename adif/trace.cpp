@@ -1,3 +1,4 @@
+// The trace file and the dumps. See trace.h.
 #include "adif/trace.h"
 
 #include <algorithm>

@@ -12,6 +12,7 @@ template <typename Value>
 Value read_field(const rac_timer *handle, Value rac_timer_words::*field) {
   const rac_found<rac_timer> found = rac_find(handle);
   if (!found) return 0;
+  // Released by rac_dispatch_timer.
   rac_base *base = found->base.load(std::memory_order_acquire);
   if (base == nullptr) return 0;
   rac_guard guard(base->timer_lock);

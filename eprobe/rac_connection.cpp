@@ -36,6 +36,7 @@ bool settled(const rac_connection *c) {
 
 /// From here on the connection is its base's: it may be closed before this returns.
 void submit(rac_connection *c, rac_operate *op) {
+  // Released by rac_set_base or rac_dispatch_to.
   rac_base *base = c->base.load(std::memory_order_acquire);
   adif::check(base != nullptr, "base != ((void *)0)", SOURCE);
   c->pending.fetch_add(1, std::memory_order_relaxed);
@@ -92,6 +93,7 @@ int rac_connection_init(rac_core *core) {
     return -1;
   rac_guard guard(core->connection_mutex);
   core->free_connections = nullptr;
+  // Backwards, so that the lowest slot is the first to be taken.
   for (uint32_t slot = n; slot-- > 0;) {
     rac_connection &c = core->connections[slot];
     c.read = &core->read_events[slot];
@@ -128,6 +130,7 @@ rac_connection *rac_get_connection(rac_core *core, int fd) {
   reset(c);
   const uint32_t ident = c->ident.load(std::memory_order_relaxed);
   const uint32_t generation = rac_next_generation(rac_generation_of(ident));
+  // Last: who finds the handle (rac_find, drain_requests) sees the record made fresh.
   c->ident.store(rac_ident(generation, RAC_LIVE), std::memory_order_release);
   if (fd >= 0) rac_own_fd(c, fd);
   return c;
@@ -135,6 +138,7 @@ rac_connection *rac_get_connection(rac_core *core, int fd) {
 
 void rac_free_connection(rac_core *core, rac_connection *c) {
   const uint32_t generation = rac_generation_of(c->ident.load(std::memory_order_relaxed));
+  // First: rac_still finds the use over before the slot can serve the next one.
   c->ident.store(rac_ident(generation, RAC_FREE), std::memory_order_release);
   {
     rac_guard guard(core->connection_mutex);
@@ -201,6 +205,7 @@ void rac_own_fd(rac_connection *c, int fd) {
   if (previous == 0) return;
   rac_base *base = core->connections[previous - 1].base.load(std::memory_order_acquire);
   if (base == nullptr) return;
+  // Acquired by the base's next turn, which then sees the new owner of the number.
   base->repair_due.store(true, std::memory_order_release);
   rac_base_notify(base);
 }
@@ -214,6 +219,7 @@ bool rac_has_socket(const rac_connection *c) {
   if (!rac_owns_fd(c)) return false;
   uint64_t inode = 0;
   const bool told = find_inode(c->fd.load(std::memory_order_relaxed), &inode);
+  // Where the kernel does not tell, the number is believed.
   return !told || !c->inode_known || inode == c->inode;
 }
 
@@ -246,6 +252,7 @@ int rac_dispatch_connection(rac_core *core, rac_connection *c, int op) {
 
 int rac_dispatch_to(rac_base *base, rac_connection *c, rac_op op) {
   rac_next_base(base->core, &base->core->conn_rr);
+  // Acquired by submit and by whoever finds the handle.
   c->base.store(base, std::memory_order_release);
   return request(c, op);
 }

@@ -41,6 +41,7 @@ int rac_register_core(rac_core *core) {
   for (uint32_t number = 0; number < PROBE_MAX_INSTANCES; ++number) {
     rac_core *none = nullptr;
     core->number = number;
+    // Released for core_of: a handle leads to a whole instance or to none.
     if (cores[number].compare_exchange_strong(none, core, std::memory_order_acq_rel)) return 0;
   }
   return -1;
@@ -74,6 +75,7 @@ rac_found<rac_timer> rac_find(const rac_timer *handle) {
   if (core == nullptr || slot_of(word) >= core->timer_n + core->nbases) return {nullptr, 0};
   rac_timer *t = &core->timers[slot_of(word)];
   const uint32_t generation = generation_in(word);
+  // Released by release_locked. Asked again under the lock before anything is done.
   if (t->generation.load(std::memory_order_acquire) != generation) return {nullptr, 0};
   return {t, generation};
 }
@@ -85,6 +87,7 @@ bool rac_still(const rac_found<rac_connection> &found) {
 
 bool rac_mark_removing(rac_connection *c, uint32_t generation) {
   uint32_t live = rac_ident(generation, RAC_LIVE);
+  // Of several removers one succeeds; rac_is_live sees it at once.
   return c->ident.compare_exchange_strong(live, rac_ident(generation, RAC_REMOVING),
                                           std::memory_order_acq_rel);
 }

@@ -109,6 +109,7 @@ void drain_requests(rac_base *base) {
     const rac_operate op = *next;  // closing ends the record that a removal lives in
     rac_operate_free(base->core, next);
     rac_connection *c = op.connection;
+    // Released by rac_get_connection. A request that outlived its connection is dropped.
     if (rac_generation_of(c->ident.load(std::memory_order_acquire)) != op.generation) continue;
     c->pending.fetch_sub(1, std::memory_order_relaxed);
     if (op.target >= 1 && op.target <= 3) carry_out(base, c, op);
@@ -175,6 +176,7 @@ int rac_base_cycle(rac_base *base) {
   if (base == nullptr || base->core == nullptr) return -1;
   rac_core *core = base->core;
   rac_this_base = base;
+  // Both released by StopProbe.
   while (core->stop.load(std::memory_order_acquire) == 0) {
     const bool exiting = core->exiting.load(std::memory_order_acquire) != 0;
     if (exiting && base->ntimers.load(std::memory_order_acquire) == 0) break;

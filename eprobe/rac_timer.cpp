@@ -36,6 +36,7 @@ void release_locked(rac_base *base, rac_timer *t) REQUIRES(base->timer_lock) {
   t->words = {};
   t->handler_arg2 = nullptr;
   const uint32_t generation = t->generation.load(std::memory_order_relaxed);
+  // For the look without lock in rac_find.
   t->generation.store(rac_next_generation(generation), std::memory_order_release);
 }
 
@@ -58,6 +59,7 @@ int rac_timer_init(rac_core *core) {
     t.core = core;
     t.state = RAC_TIMER_RELEASED;
     t.generation.store(1, std::memory_order_relaxed);
+    // The last slots are in no list: they are the spare ones of the bases.
     if (slot >= core->timer_n) {
       core->bases[slot - core->timer_n].spare_timer = &t;
       continue;
@@ -123,7 +125,9 @@ int rac_dispatch_timer(rac_core *core, rac_timer *t, uint32_t msec) {
   if (is_set(t))
     base = t->base.load(std::memory_order_relaxed);
   else
+    // Acquired by rac_stop_timer and read_field, which take that base's lock.
     t->base.store(base, std::memory_order_release);
+  // Only a timer that is due before all others shortens the wait under way.
   if (rac_event_add_timer(base, t->event, msec)) rac_base_notify(base);
   return 0;
 }
@@ -134,6 +138,7 @@ bool rac_stop_timer(rac_timer *t, uint32_t generation) {
   {
     rac_guard guard(base->timer_lock);
     if (t->generation.load(std::memory_order_relaxed) != generation) return false;
+    // Its worker gives the slot back when the handler returns.
     if ((t->state & RAC_TIMER_RUNNING) != 0) return false;
     release_locked(base, t);
   }
