@@ -26,9 +26,11 @@ constexpr const char *SOURCE = "eprobe/rac_process_cycle";
 constexpr int BRAKE_MS = 10;    ///< between two waits that fail, or without a wake-up socket
 constexpr int WATCH_MS = 3000;  ///< how long the first worker waits at most
 
-/// Nobody selects on the sending end: where the process may have descriptors of 1024 and above it
-/// leaves the lower numbers to devices, and to the workers of further instances.
+/// Nobody selects on the sending end: once half of the numbers below 1024 are taken it leaves the
+/// others to devices and to the workers of further instances, where the process may have higher
+/// ones.
 int move_up(int fd) {
+  if (fd < PROBE_MAX_FD / 2) return fd;
   const int high = fcntl(fd, F_DUPFD_CLOEXEC, PROBE_MAX_FD);
   if (high < 0) return fd;
   close(fd);
