@@ -9,7 +9,8 @@ namespace crypto {
 bool gcrypt_ready();
 
 /// Whether DES and MD5 give their published results here. Not so with a libgcrypt that is too old,
-/// in FIPS mode, or without memory. The library asks once, when it starts. Any thread.
+/// in FIPS mode, or without memory; one that lacked memory while it was initialised takes itself to
+/// be in FIPS mode from then on. The library asks once, when it starts. Any thread.
 bool gcrypt_works();
 
 }  // namespace crypto

@@ -59,8 +59,8 @@ rac_core *make_core(uint32_t nthreads) {
   core->model_name = "select";
   // Before the pools: the pool of timers gives each base a spare one.
   core->bases.reset(new (std::nothrow) rac_base[core->nbases]());
-  if (make_locks(core) && rac_operate_init(core) == 0 && rac_connection_init(core) == 0 &&
-      rac_timer_init(core) == 0 && core->bases != nullptr && rac_register_core(core) == 0)
+  if (core->bases != nullptr && make_locks(core) && rac_operate_init(core) == 0 &&
+      rac_connection_init(core) == 0 && rac_timer_init(core) == 0 && rac_register_core(core) == 0)
     return core;
   destroy(core);
   return nullptr;
