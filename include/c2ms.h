@@ -92,9 +92,11 @@ extern C2MS_API const char *g_build_time;   /* "Oct 11 2011 11:18:31" */
  * is 8). uid_low, uid_high: the halves of the 64-bit user id. hid: 20 bytes of
  * hardware id (copied), or NULL to take the first Ethernet interface's address. mem_size: bytes
  * from which the sessions' caches are cut, raised to 8 MiB when smaller. Looks up g_perf_server
- * (may block as long as the resolver does). The context, or NULL when memory or threads can't be
- * had. Ends the process with status 2 when a worker thread can't be started, with status 1 when
- * there is no memory for what the file says. */
+ * (may block as long as the resolver does). The context; NULL, with a diagnostic line that says
+ * why, when memory or descriptors can't be had (the engine takes 16; 8 of them must be below 1024)
+ * or when libgcrypt is older than 1.8.0 or refuses DES or MD5 (FIPS mode). Only these two end the
+ * process instead: status 2 when a worker thread can't be started, status 1 when there is no memory
+ * for what the file says. */
 C2MS_API c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
                                    const uint8_t *hid, int32_t mem_size);
 
