@@ -476,7 +476,7 @@ struct c2ms_sess {
   int32_t perf_alive_count = 0;  // checks since then
   int32_t auth_alive_count = 0;
   bool perf_alive_owed = false, auth_alive_owed = false;  // due, but no job could take it yet
-  std::atomic<int32_t> refusal{0};       // the agent's, as a session code; lasts until the close
+  std::atomic<int32_t> refusal{0};  // the agent's, as a session code; lasts until the close
 
   // Life (c2ms_strand.h).
   c2ms::Strand strand;
@@ -490,8 +490,9 @@ struct c2ms_sess {
   // The door of the reporting threads: a job that was cancelled looks here when its turn comes.
   std::atomic<c2ms::report_job> perf_job{c2ms::report_job::none};
   std::atomic<c2ms::report_job> auth_job{c2ms::report_job::none};
-  std::atomic<const c2ms::report_facts *> farewell{nullptr};  // the closing thread's, once it closes
-  struct event *report_event = nullptr;                       // signalled when a job ends
+  // The closing thread's facts, once there is one; signalled is each end of a job.
+  std::atomic<const c2ms::report_facts *> farewell{nullptr};
+  struct event *report_event = nullptr;
 };
 
 /// The root object.
