@@ -311,9 +311,9 @@ TEST_F(Statistics, RecordedEventsAreThoseCounted) {
   uint64_t places = 0;
   for (int i = 0; i < 4; ++i) {
     pause_ms(55);
-    ASSERT_TRUE(film->play(21 + 100 * i, 121 + 100 * i, 100, Film::blocking));
+    ASSERT_TRUE(film->play(20 + 100 * i, 120 + 100 * i, 100, Film::blocking));
   }
-  for (const auto &e : recorded(*film)) places += e.kind == C2MS_TRACE_PLACE && e.pos > 21;
+  for (const auto &e : recorded(*film)) places += e.kind == C2MS_TRACE_PLACE;
   EXPECT_GE(places, 4u);
   ASSERT_EQ(c2ms_sess_trace(film->get(), 0), 0);
   c2ms_sess_seek(film->get(), 5'000'000);
