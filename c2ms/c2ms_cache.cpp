@@ -318,12 +318,11 @@ bool move_to(c2ms_cache *cache, uint64_t pos, const c2ms_window &window) REQUIRE
   if (cache->packnum < 1) return false;
   pos = std::min(pos, cache->media_size);
   cache->read_pos = pos;
-  const int32_t old_index = cache->read_index;
   cache->read_index = static_cast<int32_t>(pos / static_cast<uint64_t>(cache->packsize.load()));
   const bool elsewhere = window.moves_range && window.has(pos);
   const uint64_t target = elsewhere ? window.target : followed(cache, pos);
   const int32_t new_from = place_range(cache, target);
-  if (cache->read_index != old_index || pos == cache->media_size) c2ms::trace_move(cache);
+  c2ms::trace_move(cache);
   const auto wanted = static_cast<int32_t>(target / static_cast<uint64_t>(cache->packsize.load()));
   const int32_t wanted_from = elsewhere ? cache->first_index.load() : wanted;
   const bool goes_back = wanted_from < cache->wanted_from;

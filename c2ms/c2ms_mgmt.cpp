@@ -236,7 +236,8 @@ int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return -1;
   drain_callers(mgmt);
   mgmt->resolver.stop();
-  mgmt->reporter.stop();
+  mgmt->perf_reporter.stop();
+  mgmt->auth_reporter.stop();
   StopProbe(mgmt->probe);
   free_context(mgmt);  // the callers have left, too: nobody else is here any more
   diag_deliver();
