@@ -73,9 +73,9 @@ int iter_set_bytes(byte_iter *it, const void *src, int32_t n) {
 
 int iter_skipTo(byte_iter *it, const void *set, int32_t set_len) {
   if (!it) return -1;
-  if (!set || set_len < 1) return 0;
+  const size_t members = set && set_len > 0 ? static_cast<size_t>(set_len) : 0;
   return advance_while(
-      it, [=](uint8_t byte) { return !std::memchr(set, byte, static_cast<size_t>(set_len)); });
+      it, [=](uint8_t byte) { return members == 0 || !std::memchr(set, byte, members); });
 }
 
 int iter_skipOver(byte_iter *it, const void *set, int32_t set_len) {
