@@ -1,3 +1,4 @@
+// Base64 text to bytes and back (RFC 4648, 4). See base64.h.
 #include "adif/base64.h"
 
 #include <array>
@@ -10,6 +11,7 @@ constexpr std::string_view alphabet =
 constexpr int group_bits = 6;
 constexpr uint8_t foreign = 0xFF;
 
+// Computed by the compiler, so that a reader needs no table of 256 numbers.
 constexpr std::array<uint8_t, 256> make_values() {
   std::array<uint8_t, 256> values{};
   values.fill(foreign);
@@ -28,6 +30,7 @@ bool is_skipped(char c) {
 }  // namespace
 
 int bin_to_base64(const void *bytes, int len, char *out) {
+  // Four characters for three bytes must still be countable in an int.
   constexpr int longest = INT32_MAX / 4 * 3;
   if (!bytes || len < 1 || len > longest) return -1;
   if (!out) return -2;
@@ -65,6 +68,7 @@ int base64_to_bin(const char *text, int len, void *out) {
     if (digits > 0) bytes[written++] = static_cast<uint8_t>(bits >> (group_bits - 2 * digits));
     digits = (digits + 1) % 4;
   }
+  // One digit alone holds six bits, which is no byte; padding may only fill up a group.
   if (digits == 1 || (padding > 0 && (digits == 0 || digits + padding != 4))) return -100;
   return written;
 }

@@ -1,3 +1,4 @@
+// The block pool: fetching, growing, giving back, alerts and the end. See bmempool.h.
 #include "adif/bmempool.h"
 
 #include <algorithm>
@@ -52,6 +53,7 @@ void free_unit(pool_unit_fn free_fn, void *unit) {
 bool reserve(block_pool *pool, int32_t count) {
   auto &list = pool->free_list;
   if (count <= list.capacity) return true;
+  // Doubled, so that the cost of copying stays constant for each unit.
   const int64_t doubled = std::min<int64_t>(int64_t{list.capacity} * 2, INT32_MAX);
   const int64_t capacity = std::max<int64_t>({kFirstSlots, doubled, count});
   auto *const slots = static_cast<pool_slot *>(kalloc_dbg(capacity * int64_t{sizeof(pool_slot)}));
@@ -122,6 +124,7 @@ void alert(block_pool *pool) {
   int64_t use = 0;
   if (pool->alert_state == 1 || pool->alert_fn == nullptr || pool->high_mark < 1) return;
   if (!usage(pool, &use) || use < pool->high_mark) return;
+  // Under the lock (meant): the function must not call the pool.
   pool->alert_fn(pool->alert_arg);
   pool->alert_state = 1;
 }
@@ -266,6 +269,7 @@ void *fetchUnit(block_pool *pool) {
     unit = take(pool);
     init_fn = pool->init_fn;
   }
+  // Outside the lock: a unit may fetch from other pools while it is made.
   if (unit != nullptr && init_fn != nullptr) init_fn(unit);
   return unit;
 }
@@ -290,10 +294,11 @@ void *blockFetchUnit(block_pool *pool, int *status_out) {
 }
 
 int recycleUnit(block_pool *pool, void *unit) {
-  if (pool == nullptr || unit == nullptr) return -1;
+  if (pool == nullptr || unit == nullptr) return pool == nullptr && unit == nullptr ? -1 : 0;
   bool wake = false;
   {
     const section_guard guard(&pool->lock);
+    // Too large to keep. The counts stay as they are (meant, see the header).
     if (pool->reuse_threshold >= 1 && pool->get_size != nullptr &&
         pool->get_size(unit) >= pool->reuse_threshold) {
       free_unit(pool->free_fn, unit);
@@ -323,6 +328,7 @@ int BPoolCleanup(block_pool *pool) {
     pool->closing = true;
     ++pool->changes;
   }
+  // Every waiter leaves before the lock goes: they are counted, the last one tells.
   SetEventAll(pool->wakeup, static_cast<uint32_t>(kShutDown));
   {
     const section_guard guard(&pool->lock);
@@ -332,6 +338,7 @@ int BPoolCleanup(block_pool *pool) {
   DeleteCriticalSection(&pool->lock);
   while (pool->free_count > 0) {
     void *const unit = take_first(pool);
+    // Units of a pool that does not grow by itself are the caller's.
     if (pool->auto_alloc != 0) free_unit(pool->free_fn, unit);
   }
   kfree_dbg(pool->free_list.slots);

@@ -113,15 +113,17 @@ int setAlert(block_pool *pool, pool_alert_fn alert_fn, pool_alert_fn recover_fn,
 int getProfile(block_pool *pool, int *allocated_out, int *free_out, int *in_use_out);
 
 /// A unit, or null: pool null, exhausted, or nothing to grow by (unit size below 1). When memory
-/// has run out the allocation is repeated until it succeeds, with the lock held: the pool does not
-/// give up (kept).
+/// has run out the allocation is repeated until it succeeds, with the lock held. Kept for
+/// compatibility: callers need not expect a pool that grows to fail.
 [[nodiscard]] void *fetchUnit(block_pool *pool);
 /// The same, but waits without limit while a limited pool is exhausted. Null with `*status_out` -10
 /// when the pool is being cleaned up, null with 0 as fetchUnit(). `status_out` may be null.
 [[nodiscard]] void *blockFetchUnit(block_pool *pool, int *status_out);
 /// Gives a unit back and wakes one waiting fetch. A unit of at least `reuse_threshold` bytes is
-/// freed instead and stays counted as in use and allocated (kept). 0; -1 when an argument is null,
-/// or when a unit that the pool didn't allocate found no room (it stays the caller's).
+/// freed instead and stays counted as in use and allocated. Kept for compatibility: pools that free
+/// large units report more units than there are. 0, also when one argument is null and nothing
+/// happens; -1 when both are, or when a unit that the pool didn't allocate found no room (it stays
+/// the caller's).
 int recycleUnit(block_pool *pool, void *unit);
 
 /// Ends the pool: waiting fetches return -10 and are waited for; free units are freed when

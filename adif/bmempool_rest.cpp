@@ -1,3 +1,4 @@
+// What tests ask of pools: units at rest are filled and looked at again. See bmempool_rest.h.
 #include "adif/bmempool_rest.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// The iterator's calls that are not in the header: byte runs and scanning. See byteiter.h.
 #include "adif/byteiter.h"
 
 #include <algorithm>
@@ -61,6 +62,7 @@ int iter_set_bytes(byte_iter *it, const void *src, int32_t n) {
   const int32_t count = std::clamp(n, 0, adif::iter_left(it));
   if (count < 1) return 0;
   if (src) {
+    // The source may be a part of the iterator's own array.
     std::memmove(rest(it), src, static_cast<size_t>(count));
   } else {
     std::memset(rest(it), 0, static_cast<size_t>(count));
@@ -71,15 +73,16 @@ int iter_set_bytes(byte_iter *it, const void *src, int32_t n) {
 
 int iter_skipTo(byte_iter *it, const void *set, int32_t set_len) {
   if (!it) return -1;
-  if (!set || set_len < 1) return 0;
+  const size_t members = set && set_len > 0 ? static_cast<size_t>(set_len) : 0;
   return advance_while(
-      it, [=](uint8_t byte) { return !std::memchr(set, byte, static_cast<size_t>(set_len)); });
+      it, [=](uint8_t byte) { return members == 0 || !std::memchr(set, byte, members); });
 }
 
 int iter_skipOver(byte_iter *it, const void *set, int32_t set_len) {
   if (!it) return -1;
   if (!set || set_len < 1) return 0;
   const auto *members = static_cast<const uint8_t *>(set);
+  // Equal to every byte of the set, not to any (meant, see the header).
   return advance_while(it, [=](uint8_t byte) {
     return std::all_of(members, members + set_len, [=](uint8_t member) { return member == byte; });
   });

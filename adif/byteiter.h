@@ -130,13 +130,14 @@ int iter_get_bytes(byte_iter *it, void *out, int32_t n);
 /// Writes up to `n` bytes; null `src` writes zeros. Results as iter_get_bytes.
 int iter_set_bytes(byte_iter *it, const void *src, int32_t n);
 
-/// Moves forward to the next byte that is one of `set`, or to the end. Returns the bytes passed;
-/// 0 for a null or empty set; -1 for a null iterator.
+/// Moves forward to the next byte that is one of `set`, or to the end: no byte is one of a null or
+/// empty set. Returns the bytes passed; -1 for a null iterator.
 int iter_skipTo(byte_iter *it, const void *set, int32_t set_len);
 
 /// Moves forward while the byte equals *every* byte of `set`: a one-byte set skips a run of that
 /// byte, a set of two different bytes never moves. This is meant; to skip over any of several bytes
-/// use skipOver (adif/strutil.h). Results as iter_skipTo.
+/// use skipOver (adif/strutil.h). Returns the bytes passed; 0 for a null or empty set; -1 for a
+/// null iterator.
 int iter_skipOver(byte_iter *it, const void *set, int32_t set_len);
 
 /// Moves to the next place where `pattern` begins, or not at all. Always 0: compare the position.

@@ -1,3 +1,4 @@
+// The configuration handle and its typed getters and setters. See confile.h.
 #include "adif/confile.h"
 
 #include <strings.h>
@@ -52,6 +53,7 @@ T get(const conf_mgmt *conf, const char *section, const char *key, T no_key, T n
 
 template <class T>
 int set(conf_mgmt *conf, const char *section, const char *key, const char *format, T value) {
+  // The longest double in "%f" has 309 digits before its point.
   char text[std::numeric_limits<double>::max_exponent10 + 16];
   std::snprintf(text, sizeof text, format, value);
   return conf_set_string(conf, section, key, text);
@@ -66,6 +68,7 @@ bool is_any_of(const char *text, const char *one, const char *other) {
 conf_mgmt *conf_mgmt_init(const char *path) {
   auto *const conf = static_cast<conf_mgmt *>(kzalloc_dbg(sizeof(conf_mgmt)));
   if (conf == nullptr || path == nullptr) return conf;
+  // Without memory for the path there is none, and the profile is there all the same.
   conf->path = copy_path(path);
   conf->profile = LoadProfile(path);
   return conf;
@@ -73,11 +76,12 @@ conf_mgmt *conf_mgmt_init(const char *path) {
 
 int conf_mgmt_read(conf_mgmt *conf, const char *path) {
   if (conf == nullptr || path == nullptr) return -1;
-  // `path` may be the handle's own.
+  // `path` may be the handle's own, or a value of the profile that is about to be freed: from here
+  // on only the copy is read.
   char *const old_path = conf->path;
   conf->path = copy_path(path);
   FreeProfile(conf->profile);
-  conf->profile = LoadProfile(path);
+  conf->profile = LoadProfile(conf->path);
   kfree_dbg(old_path);
   return conf->profile != nullptr ? 0 : -1;
 }
@@ -129,6 +133,7 @@ uint8_t conf_get_bool(conf_mgmt *conf, const char *section, const char *key) {
 
 int conf_set_string(conf_mgmt *conf, const char *section, const char *key, const char *value) {
   if (conf == nullptr || key == nullptr) return -1;
+  // A section that is not there takes nothing, and nobody is told (meant).
   WriteProfileString(conf->profile, section == nullptr ? "" : section, key,
                      value == nullptr ? "" : value);
   return 0;

@@ -51,8 +51,9 @@ uint8_t conf_get_bool(conf_mgmt *conf, const char *section, const char *key);
 
 // Setters change the profile in memory only. 0; -1 when the handle or the key is null. An existing
 // key keeps its place, a new one goes to the front of its section. A key of a section that the
-// profile doesn't have is lost without notice, and 0 all the same (kept). Keys are cut at 256
-// characters, values at 2048; a null value is the empty text.
+// profile doesn't have is lost without notice, and 0 all the same. Kept for compatibility: a
+// program can't add sections. Keys are cut at 256 characters, values at 2048; a null value is the
+// empty text.
 
 int conf_set_string(conf_mgmt *conf, const char *section, const char *key, const char *value);
 int conf_set_int(conf_mgmt *conf, const char *section, const char *key, int32_t value);

@@ -1,3 +1,4 @@
+// The doubly linked list. See dlist.h.
 #include "adif/dlist.h"
 
 #include <utility>

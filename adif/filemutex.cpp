@@ -1,3 +1,4 @@
+// Whole-file locks between processes. See filemutex.h.
 #include "adif/filemutex.h"
 
 #include <pthread.h>
@@ -90,6 +91,7 @@ int file_mutex_destroy(file_mutex *fm) {
   file_mutex **link = &living_first;
   while (*link != nullptr && *link != fm) link = &(*link)->next;
   if (*link != nullptr) *link = fm->next;
+  // Descriptor 0 stays open (meant, see the header).
   if (fm->fd > 0) close(fm->fd);
   kfree_dbg(fm);
   return 0;

@@ -20,9 +20,10 @@ int file_mutex_lock(file_mutex *fm);
 /// 0, or -1 on error or for null.
 int file_mutex_unlock(file_mutex *fm);
 /// Whether some other process holds the lock on `path`: 1 or 0; -1 on error. A lock of the calling
-/// process is 0, and is not disturbed. Creates a missing file without any permission bits, as it
-/// only ever serves as a lock (kept).
+/// process is 0, and is not disturbed. Creates a missing file without any permission bits. Kept for
+/// compatibility: the file serves as a lock alone, and only root can open it again.
 int file_mutex_locked(const char *path);
-/// Closes the file, unless its descriptor is 0 (kept), and frees the record; 0. POSIX drops the
+/// Closes the file and frees the record; 0. Descriptor 0 stays open. Kept for compatibility: it is
+/// some host's standard input. POSIX drops the
 /// process's lock on a file with the first of its descriptors that is closed: one mutex per file.
 int file_mutex_destroy(file_mutex *fm);

@@ -1,3 +1,4 @@
+// Questions about files, and files read and written whole. See fileutil.h.
 #include "adif/fileutil.h"
 
 #include <fcntl.h>
@@ -77,6 +78,7 @@ int64_t read_fully(int fd, uint8_t *out, int64_t size) {
 }
 
 bool make_directory(const char *path) {
+  // Tried first and asked afterwards: another process may make it in between.
   if (mkdir(path, new_directory_mode) == 0) return true;
   struct stat status;
   return errno == EEXIST && examine(path, &status) && S_ISDIR(status.st_mode);
@@ -117,6 +119,7 @@ int file_rollover(const char *path, int skip) {
 
   stream_ptr in(std::fopen(path, "re"));
   if (!in) return -1;
+  // Beside the file itself, so that the renaming stays within one file system.
   const int fd =
       open(temporary.get(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, status.st_mode & 0777);
   if (fd < 0) return -1;
@@ -126,6 +129,7 @@ int file_rollover(const char *path, int skip) {
       out && fchmod(fd, status.st_mode & 0777) == 0 && copy_lines(in.get(), out.get(), skip);
   const bool closed = out && std::fclose(out.release()) == 0;
   if (copied && closed && std::rename(temporary.get(), path) == 0) return 0;
+  // The file is as it was: only a whole copy takes its name.
   unlink(temporary.get());
   return -1;
 }
@@ -141,6 +145,7 @@ uint8_t *file_read(const char *path, int64_t *size_out) {
   if (!bytes) return nullptr;
   const int64_t size = read_fully(file.get(), bytes.get(), status.st_size);
   if (size < 0) return nullptr;
+  // So that a text can be used where it lies.
   bytes.get()[size] = '\0';
   if (size_out) *size_out = size;
   return bytes.release();
@@ -156,6 +161,7 @@ int64_t file_write(const char *path, const void *bytes, int64_t n) {
     if (put < 0 && errno != EINTR) return -1;
     if (put > 0) done += put;
   }
+  // A file system may report a full disk only now.
   return file.close() == 0 ? n : -1;
 }
 
@@ -177,6 +183,7 @@ int file_dir_create(const char *path) {
   const adif::kptr<char> prefix = text_buffer(size);
   if (!prefix) return -1;
   std::memcpy(prefix.get(), path, size);
+  // From the second character on: an absolute path's first slash names nothing to make.
   for (char *slash = std::strchr(prefix.get() + 1, '/'); slash;
        slash = std::strchr(slash + 1, '/')) {
     *slash = '\0';

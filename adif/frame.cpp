@@ -27,6 +27,7 @@ int create_into(frame_t **handle, int64_t size) {
 
 namespace adif {
 
+// Bytes that lie in the frame itself would move or be freed while it grows: they are copied first.
 detached_bytes::detached_bytes(const frame_t *frame, const void *bytes, int n)
     : bytes_(static_cast<const uint8_t *>(bytes)) {
   if (!frame || !frame->data || !bytes || n < 1) return;
@@ -50,6 +51,7 @@ frame_t *createFrame(int size) {
   auto *frame = static_cast<frame_t *>(kzalloc_dbg(sizeof(frame_t)));
   if (!frame) return nullptr;
   frame->size = std::max(size, 0);
+  // One byte more than its size, for the zero that frameString puts behind the content.
   frame->data = static_cast<uint8_t *>(kzalloc_dbg(int64_t{frame->size} + 1));
   if (!frame->data) {
     kfree_dbg(frame);
@@ -100,6 +102,7 @@ int frameGrow(frame_t **handle, int n) {
   if (n < 1) return 0;
   if (!*handle) return create_into(handle, n);
   frame_t *frame = *handle;
+  // A large unused head is as good as new memory: the content moves to the front instead.
   if (n < frame->start && frame->length < frame->start && frame->start > worthwhile_head_room) {
     uint8_t *content = frame->data + frame->start;
     std::memmove(content - n, content, static_cast<size_t>(frame->length));
@@ -144,6 +147,7 @@ int putLastByte(frame_t **handle, uint8_t byte) {
   if (!handle) return -1;
   if (!*handle) {
     if (create_into(handle, grow_step) < 0) return -1;
+    // Who adds single bytes at the tail may soon add some at the head.
     (*handle)->start = first_byte_head_room;
   }
   if (frameRemaining(*handle) < 1 && frameGrow(handle, grow_step) < 0) return -1;
@@ -155,6 +159,7 @@ int putLastByte(frame_t **handle, uint8_t byte) {
 int putnLastBytes(frame_t **handle, const void *bytes, int n) {
   if (!handle) return -1;
   if (n < 1) return 0;
+  // The usual case: room is there, nothing grows, the two may overlap.
   if (frame_t *const frame = *handle; frame && bytes && frameRemaining(frame) >= n) {
     std::memmove(frame->data + frame->start + frame->length, bytes, static_cast<size_t>(n));
     frame->length += n;
@@ -165,6 +170,7 @@ int putnLastBytes(frame_t **handle, const void *bytes, int n) {
   if (!*handle && create_into(handle, int64_t{n} + grow_step) < 0) return -1;
   const int room = frameRemaining(*handle);
   if (room < n && frameGrow(handle, n - room) < 0) return -1;
+  // No bytes given: only room was asked for.
   if (!source.get()) return 0;
   frame_t *frame = *handle;
   std::memcpy(frame->data + frame->start + frame->length, source.get(), static_cast<size_t>(n));
@@ -193,6 +199,7 @@ int frame_tcp_nb_receive2(int fd, frame_t **handle, int max, int *total_out) {
     const ssize_t got = recv(fd, piece, want, MSG_DONTWAIT);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0 && errno == EAGAIN) break;
+    // The end of the stream too; what came before is in the frame and counted.
     if (got <= 0) return -1;
     if (putnLastBytes(handle, piece, static_cast<int>(got)) < 0) return -1;
     total += static_cast<int>(got);

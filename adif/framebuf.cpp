@@ -1,3 +1,4 @@
+// A queue of whole frames. See framebuf.h.
 #include "adif/framebuf.h"
 
 #include "adif/kalloc.h"
@@ -9,6 +10,7 @@ frame_buf *createFrameBuf() {
 int appendToBuf(frame_buf *buf, frame_t **handle) {
   if (!buf) return 0;
   if (!handle || frameLength(*handle) < 1) return buf->count;
+  // The queue owns it from here on.
   frame_t *frame = *handle;
   *handle = nullptr;
   if (buf->tail) {
@@ -17,6 +19,7 @@ int appendToBuf(frame_buf *buf, frame_t **handle) {
     buf->head = frame;
   }
   frame->prev = buf->tail;
+  // A chain of frames goes in as a whole.
   for (; frame; frame = frame->next) {
     if (frame->next) frame->next->prev = frame;
     buf->tail = frame;

@@ -1,3 +1,4 @@
+// Bits, integers, base64 and hexadecimal text in frames. See framecodec.h.
 #include "adif/framecodec.h"
 
 #include <algorithm>
@@ -40,6 +41,7 @@ int setBit(frame_t *frame, int bit, int value) {
 int shiftBitLeft(frame_t *frame, int n) {
   if (!frame || n < 0) return -1;
   uint8_t *bytes = bytePointer(frame);
+  // Beyond the content there are zeros, which are shifted in.
   const auto at = [&](int64_t i) { return i < frame->length ? bytes[i] : 0U; };
   for (int64_t i = 0; i < frame->length; ++i) {
     const int64_t from = i + n / 8;
@@ -52,6 +54,7 @@ int shiftBitRight(frame_t *frame, int n) {
   if (!frame || n < 0) return -1;
   uint8_t *bytes = bytePointer(frame);
   const auto at = [&](int64_t i) { return i >= 0 ? bytes[i] : 0U; };
+  // From the end, so that a byte is read before it is overwritten.
   for (int64_t i = int64_t{frame->length} - 1; i >= 0; --i) {
     const int64_t from = i - n / 8;
     bytes[i] = static_cast<uint8_t>((at(from - 1) << 8 | at(from)) >> (n % 8));
@@ -145,6 +148,7 @@ int GetUintvar(frame_t *frame, uint32_t *value) {
   if (!frame) return -1;
   uint32_t built = 0;
   const int used = peekUintvar(frame, 0, &built);
+  // MBI2Uint does not tell a number whose last byte is missing from a whole one.
   const bool cut = used < 1 || (used < MBI_MAX_BYTES && peekByte(frame, used - 1) >= 0x80);
   if (cut) return too_short;
   if (value) *value = built;

@@ -1,3 +1,4 @@
+// Frames to and from files, sockets and dumps. See frameio.h.
 #include "adif/frameio.h"
 
 #include <sys/socket.h>
@@ -32,6 +33,7 @@ int appendFromFile(frame_t **handle, FILE *stream, int n) {
     total += got;
     if (static_cast<size_t>(got) < want) break;
   }
+  // What was read before an error is there and counts.
   return total == 0 && n > 0 && std::ferror(stream) ? -1 : total;
 }
 
@@ -53,6 +55,7 @@ int appendFromSocket(frame_t **handle, int fd, int n) {
   if (!room) return -1;
   ssize_t got;
   do {
+    // Ready and empty can follow each other (a datagram with a wrong sum): waited for again.
     if (!sock_read_ready(fd, 0)) return -1;
     got = recv(fd, room, static_cast<size_t>(n), MSG_DONTWAIT);
   } while (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK));
@@ -84,6 +87,7 @@ int frame_tcp_receive(int fd, frame_t **handle, int n, int timeout_ms, int *tota
   if (!room) return -1;
   int total = 0;
   const int result = tcp_receive(fd, room, n, timeout_ms, &total);
+  // Also after a failure: the caller may want what came.
   (*handle)->length += total;
   if (total_out) *total_out = total;
   return result;

@@ -1,3 +1,4 @@
+// Searching, comparing and replacing in frames. See framesearch.h.
 #include "adif/framesearch.h"
 
 #include <algorithm>
@@ -20,6 +21,7 @@ int find_from(find_fn find, const frame_t *frame, int offset, const void *patter
 
 int find_before(find_fn find, const frame_t *frame, int offset, const void *pattern, int n) {
   if (!frame || offset < 0 || n < 1) return -1;
+  // The match may begin at the offset and therefore ends up to n bytes behind it.
   const int64_t end = std::min<int64_t>(int64_t{offset} + n, frame->length);
   const uint8_t *content = bytePointer(frame);
   const uint8_t *found = find(content, static_cast<int>(end), pattern, n);
@@ -98,6 +100,7 @@ int compareCaseString(const frame_t *frame, const char *text) {
   const std::string_view a = view(frame);
   const std::string_view b = view(text);
   const auto [at, bt] = std::mismatch(a.begin(), a.end(), b.begin(), b.end(), same_letter);
+  // A text comes after its own beginning.
   if (at == a.end() || bt == b.end()) return (at != a.end()) - (bt != b.end());
   return static_cast<uint8_t>(lower(*at)) - static_cast<uint8_t>(lower(*bt));
 }
@@ -123,6 +126,7 @@ int replacePattern(frame_t **handle, const void *pattern, int n, const void *wit
     deleteFrame(&result);
     return -1;
   }
+  // The record stays: others may point at it, and it is linked in its queue.
   std::swap((*handle)->data, result->data);
   (*handle)->start = result->start;
   (*handle)->length = result->length;

@@ -1,3 +1,4 @@
+// Texts in frames: C strings, formatted text, numbers. See frametext.h.
 #include "adif/frametext.h"
 
 #include <algorithm>
@@ -21,6 +22,7 @@ int text_length(const char *text) {
 /// printf's text on the heap, null for a format error or without memory.
 adif::kptr<char> format_text(const char *format, va_list arguments) {
   if (!format) return nullptr;
+  // The first pass measures, the second writes.
   va_list again;
   va_copy(again, arguments);
   const int n = std::vsnprintf(nullptr, 0, format, arguments);
@@ -35,6 +37,7 @@ adif::kptr<char> format_text(const char *format, va_list arguments) {
 char *frameString(frame_t *frame) {
   uint8_t *content = bytePointer(frame);
   if (!content) return nullptr;
+  // Every array has a byte for this behind its size.
   content[frame->length] = '\0';
   return reinterpret_cast<char *>(content);
 }
@@ -53,6 +56,7 @@ int copyToString(const frame_t *frame, int offset, int n, char *out, int size) {
 int copyToFrame(frame_t **handle, const char *text) {
   const int n = text_length(text);
   if (!handle || n < 0) return -1;
+  // Appended before the old content goes: the text may be a part of it.
   const int old = frameLength(*handle);
   if (appendString(handle, text) < 0) return -1;
   if (!*handle && !(*handle = createFrame(0))) return -1;

@@ -1,3 +1,4 @@
+// Editing a frame's bytes. See framext.h.
 #include "adif/framext.h"
 
 #include <algorithm>
@@ -31,10 +32,12 @@ int take_byte(frame_t *frame, int offset) {
 namespace adif {
 
 uint8_t *open_gap(frame_t **handle, int offset, int n) {
+  // Room at the head is made for insertions at the very front alone.
   if (offset == 0 && (!*handle || (*handle)->start < n)) {
     if (frameGrowHead(handle, n) < 0) return nullptr;
   }
   frame_t *frame = *handle;
+  // The shorter part moves.
   if (frame->start >= n && offset <= frame->length / 2) {
     uint8_t *content = frame->data + frame->start;
     move_bytes(content - n, content, offset);
@@ -53,6 +56,7 @@ uint8_t *open_gap(frame_t **handle, int offset, int n) {
 
 int putFirstByte(frame_t **handle, uint8_t byte) {
   if (!handle) return -1;
+  // Many bytes at once, so that a run of single bytes costs one growth in 127.
   if ((!*handle || (*handle)->start == 0) && frameGrowHead(handle, head_step) < 0) return -1;
   return insertByte(handle, 0, byte);
 }
@@ -78,6 +82,7 @@ int insertByte(frame_t **handle, int offset, uint8_t byte) {
 int insertBytes(frame_t **handle, int offset, const void *bytes, int n) {
   if (!handle || !bytes || !adif::offset_fits(*handle, offset)) return -1;
   if (n < 1) return 0;
+  // The bytes may be the frame's own, and growing would move them.
   const adif::detached_bytes source(*handle, bytes, n);
   if (source.failed()) return -1;
   uint8_t *gap = adif::open_gap(handle, offset, n);
@@ -99,6 +104,7 @@ int appendFrameBytes(frame_t **handle, const frame_t *other, int offset, int n) 
 int combineFrame(frame_t **handle, frame_t **other) {
   if (!handle || !other || handle == other) return -1;
   if (!*other) return 0;
+  // One frame under two names would be freed with its content taken over.
   if (*handle == *other) return -1;
   const int n = (*other)->length;
   if (!*handle) {
@@ -115,6 +121,7 @@ int attachBuffer(frame_t **handle, void *array, int n) {
   if (!handle || !array || n < 0) return -1;
   if (!*handle && !(*handle = createFrame(0))) return -1;
   frame_t *frame = *handle;
+  // Attached twice, it is not freed under its owner.
   if (frame->data != array) kfree_dbg(frame->data);
   frame->data = static_cast<uint8_t *>(array);
   frame->start = 0;
@@ -204,6 +211,7 @@ int deleteMidBytes(frame_t *frame, int offset, int n) {
   if (count < 1) return count;
   uint8_t *content = bytePointer(frame);
   const int rear = frame->length - offset - count;
+  // The shorter part moves: taking from the head costs no copy.
   if (offset < rear) {
     move_bytes(content + count, content, offset);
     frame->start += count;

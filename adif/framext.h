@@ -1,13 +1,16 @@
 // Editing a frame's bytes: adding, taking out, reading in place, removing, and whole frames. The
 // conventions of adif/frame.h hold. Common results, unless a call says otherwise:
-// - Adding: the bytes added (0 for a count below 1); -1 for a null handle, null bytes, a bad offset
-//   or a failed growth.
-// - Taking, reading and removing runs: the bytes taken, which are fewer than asked where the
-// content
-//   ends; 0 for a count below 1 or an empty frame; -1 for a null frame or a bad offset. A null
-//   `out` drops the bytes.
-// - Single bytes: 0..255, or -1 where there is none.
-// A bad offset is one below 0 or beyond the content's end.
+//
+// clang-format off
+//   call                      result                    count below 1   -1 for
+//   adding                    the bytes added           0               a null handle, null bytes, a
+//                                                                       bad offset, a failed growth
+//   taking, reading and       the bytes passed: fewer   0               a null frame, a bad offset
+//   removing runs             than asked at the end
+//   single bytes              0 ... 255                                 no byte there
+// clang-format on
+//
+// A null `out` drops the bytes. A bad offset is one below 0 or beyond the content's end.
 #pragma once
 
 #include "adif/frame.h"

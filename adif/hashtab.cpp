@@ -1,3 +1,4 @@
+// The hash table. See hashtab.h.
 #include "adif/hashtab.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The heap behind the library's own names, with failures that a test can order. See kalloc.h.
 #include "adif/kalloc.h"
 
 #include <atomic>
@@ -24,6 +25,7 @@ bool must_fail() {
 }
 
 bool acceptable(int64_t size) {
+  // A larger block could not be indexed; on 32 bits a 64-bit size must not be cut short.
   return size >= 1 && size <= PTRDIFF_MAX && !must_fail();
 }
 

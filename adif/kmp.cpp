@@ -1,3 +1,4 @@
+// Byte search after Knuth, Morris and Pratt, and the plain one. See kmp.h.
 #include "adif/kmp.h"
 
 #include <algorithm>
@@ -79,6 +80,7 @@ int kmp_str_fail_func(const char *pattern, int *fail) {
 const uint8_t *kmp_find_bytes(const void *text, int len, const void *pattern, int pattern_len) {
   if (!can_match(text, len, pattern, pattern_len)) return nullptr;
   fail_table fail(pattern_len);
+  // Without memory for the table the plain search finds the same, more slowly.
   if (!fail.get()) return str_find_bytes(text, len, pattern, pattern_len);
   const auto *first = static_cast<const uint8_t *>(text);
   const auto *wanted = static_cast<const uint8_t *>(pattern);

@@ -1,3 +1,4 @@
+// The lock order, checked in builds with C2MS_CHECKS, and the gate. See lock.h.
 #include "adif/lock.h"
 
 #include <array>

@@ -1,10 +1,11 @@
+// An allocator over one region of memory: blocks in a row, each with a header. See memunit.h.
 #include "adif/memunit.h"
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdio>
 
 #include "adif/check.h"
+#include "adif/line_sink.h"
 
 namespace {
 
@@ -185,13 +186,13 @@ void *mem_unit_endp(const mem_unit *unit) {
 
 void mem_unit_print(const mem_unit *unit) {
   if (unit == nullptr) return;
-  std::printf("mem_unit %p: total %" PRId64 " used %" PRId64 " avail %" PRId64 "\n",
-              static_cast<const void *>(unit), mem_unit_totalsize(unit), mem_unit_usedsize(unit),
-              mem_unit_availsize(unit));
+  adif::say_line("mem_unit %p: total %" PRId64 " used %" PRId64 " avail %" PRId64 "\n",
+                 static_cast<const void *>(unit), mem_unit_totalsize(unit), mem_unit_usedsize(unit),
+                 mem_unit_availsize(unit));
   for (uint8_t *block = unit->first; block < end_of(unit); block = after(block)) {
-    std::printf("  %p: %" PRId64 " bytes %s, line %" PRIu32 "\n",
-                static_cast<void *>(block + kHeader), payload(block),
-                is_free(block) ? "free" : "used", getuint32(block + kLine));
+    adif::say_line("  %p: %" PRId64 " bytes %s, line %" PRIu32 "\n",
+                   static_cast<void *>(block + kHeader), payload(block),
+                   is_free(block) ? "free" : "used", getuint32(block + kLine));
   }
 }
 

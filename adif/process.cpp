@@ -1,13 +1,14 @@
+// Becoming a daemon, and running a command. See process.h.
 #include "adif/process.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -38,9 +39,11 @@ int write_pid(int fd) {
 int daemonize(const char *pid_file, const char *work_dir) {
   if (pid_file == nullptr || work_dir == nullptr) return -1;
   if (!go_on_in_child()) return -1;
+  // Two forks: the first leaves the process group, the second the right to a terminal.
   setsid();
-  std::signal(SIGHUP, SIG_IGN);
+  signal(SIGHUP, SIG_IGN);
   if (!go_on_in_child()) return -1;
+  // A folder that is not there leaves the daemon where it is (meant).
   const int entered = chdir(work_dir);
   (void)entered;
   umask(0);
@@ -58,6 +61,10 @@ int exec_cmd(const char *file, char *const argv[], int wait_flag) {
   const pid_t child = fork();
   if (child < 0) return -1;
   if (child == 0) {
+    // The caller may be a thread that blocks all signals, and a program inherits the mask.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     execvp(file, argv);
     _exit(1);
   }

@@ -11,5 +11,6 @@ int daemonize(const char *pid_file, const char *work_dir);
 
 /// Runs `file` (searched in PATH) with `argv`, which ends with null. With `wait_flag` other than 0
 /// blocks until it has ended, also where SIGCHLD is ignored. 0, whatever the command's status: a
-/// command that doesn't exist ends with status 1 in the child. -1 when the fork failed or for null.
+/// command that doesn't exist ends with status 1 in the child. No signal is blocked in the command.
+/// -1 when the fork failed or for null.
 int exec_cmd(const char *file, char *const argv[], int wait_flag);

@@ -1,3 +1,4 @@
+// Configuration files in memory: reading, changing, writing. See profile.h.
 #include "adif/profile.h"
 
 #include <fcntl.h>
@@ -13,6 +14,7 @@
 #include <string_view>
 
 #include "adif/kalloc.h"
+#include "adif/line_sink.h"
 #include "adif/source_place.h"
 
 namespace {
@@ -31,7 +33,7 @@ using profile_ptr =
 void *take_or_exit(int64_t size, adif::source_place caller = adif::source_place::current()) {
   void *const p = kzalloc_dbg(size);
   if (p != nullptr) return p;
-  std::printf("file %s, line %d memory NULL! exit(1)\n", "adif/confile.cpp", caller.line);
+  adif::say_line("file %s, line %d memory NULL! exit(1)\n", "adif/confile.cpp", caller.line);
   std::exit(1);
 }
 
@@ -64,6 +66,7 @@ profile_key *new_key(std::string_view key, std::string_view value) {
 }
 
 profile_section *find_section(profile_section *profile, const char *name) {
+  // Equal names are not merged: the first one in the file counts.
   for (profile_section *section = profile; section != nullptr; section = section->next) {
     if (strcasecmp(section->name, name) == 0) return section;
   }
@@ -162,6 +165,7 @@ unsigned AnalysisTextLine(char *line) {
 void GetSectionName(const char *line, char *out) {
   const std::string_view text(line);
   const std::string_view inner = text.size() < 2 ? "" : text.substr(1, text.size() - 2);
+  // Cut before it is trimmed (meant): blanks count towards the limit.
   put_text(cut(inner, kProfileSectionMax), out);
 }
 
@@ -177,13 +181,14 @@ profile_section *ParseProfile(const char *data, int64_t length, const char *path
   profile_builder builder;
   char line[kProfileLineMax + 1];
   for (int64_t at = 0; at < length;) {
+    // A longer line falls into pieces, each a line of its own (meant).
     const auto most = static_cast<size_t>(std::min<int64_t>(length - at, kProfileLineMax));
     const void *const feed = std::memchr(data + at, '\n', most);
     const size_t size = feed == nullptr ? most : static_cast<const char *>(feed) - (data + at) + 1;
     std::memcpy(line, data + at, size);
     line[size] = '\0';
     if (!builder.add_line(line)) {
-      std::printf("profile %s format not support\n", path);
+      adif::say_line("profile %s format not support\n", path);
       return nullptr;
     }
     at += static_cast<int64_t>(size);
@@ -231,12 +236,14 @@ const char *GetProfileStringPrivate(const profile_section *profile, const char *
 void WriteProfileString(profile_section *profile, const char *section, const char *key,
                         const char *value) {
   profile_section *const holder = find_section(profile, section);
+  // The section is not added (meant, see confile.h).
   if (holder == nullptr) return;
   char kept_key[kProfileKeyMax + 1];
   std::snprintf(kept_key, sizeof kept_key, "%s", key);
   profile_key *entry = find_key(holder, kept_key);
   if (entry == nullptr) {
     entry = new_key(kept_key, cut(value, kProfileValueMax));
+    // At the front (meant): what was set comes before what was loaded.
     entry->next = holder->first_key;
     holder->first_key = entry;
     return;

@@ -3,8 +3,9 @@
 //
 // The file is read in lines of at most 4095 characters (a longer one is read in pieces, each a line
 // of its own). A line is trimmed and cut at its first '#', also inside a value. What is left is
-// nothing, a header "[name]", an entry "key = value", or malformed. "[net]#c" is a header; a blank
-// between ']' and '#' stays as the line's last character and makes "[net] # c" malformed (kept).
+// nothing, a header "[name]", an entry "key = value", or malformed. "[net]#c" is a header, but in
+// "[net] # c" the blank before '#' stays as the line's last character: malformed. Kept for
+// compatibility: a file is refused by every version or by none.
 // One thread at a time; texts are bytes that end at a zero.
 #pragma once
 

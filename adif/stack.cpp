@@ -1,3 +1,4 @@
+// The pointer stack. See stack.h.
 #include "adif/stack.h"
 
 #include <algorithm>
@@ -52,6 +53,7 @@ search_end search(const pointer_stack *sk, const void *key, sk_compare compare) 
   int lo = 0;
   int hi = sk->num - 1;
   while (lo <= hi) {
+    // Not (lo + hi) / 2, which overflows.
     const int mid = lo + (hi - lo) / 2;
     const int r = compare(sk->data[mid], key);
     if (r == 0) return {true, mid, lo, hi};
@@ -143,10 +145,12 @@ sk_compare sk_set_cmp_func(pointer_stack *sk, sk_compare comp) {
 
 int sk_insert(pointer_stack *sk, void *p, int loc) {
   if (sk == nullptr) return 0;
+  // One insertion before it would have to (meant): a slot is always free.
   if (sk->num_alloc - 1 <= sk->num && !resize(sk, int64_t{sk->num_alloc} * 2)) return 0;
   if (loc < 0 || loc > sk->num) loc = sk->num;
   std::copy_backward(sk->data + loc, sk->data + sk->num, sk->data + sk->num + 1);
   sk->data[loc] = p;
+  // Also for an element that was put in its place: only sk_sort vouches for the order.
   sk->sorted = 0;
   return ++sk->num;
 }
@@ -162,6 +166,7 @@ int sk_unshift(pointer_stack *sk, void *p) {
 int sk_enlarge(pointer_stack *sk, int n) {
   if (sk == nullptr || n < 1) return 0;
   const int64_t needed = int64_t{sk->num} + n;
+  // Four times as much as is needed (meant, see the header).
   if (sk->num_alloc <= needed && !resize(sk, (needed + 4) * 4)) return 0;
   std::fill_n(sk->data + sk->num, n, nullptr);
   sk->sorted = 0;
@@ -210,6 +215,7 @@ void sk_sort_by(pointer_stack *sk, sk_compare cmp) {
 
 int sk_find(pointer_stack *sk, const void *p) {
   if (sk == nullptr) return -1;
+  // Without an order there is nothing to search by but the pointer itself.
   if (sk->comp == nullptr) {
     void **const end = sk->data + sk->num;
     void **const at = std::find(sk->data, end, p);
@@ -220,6 +226,7 @@ int sk_find(pointer_stack *sk, const void *p) {
   const auto *at = static_cast<void **>(
       std::bsearch(&p, sk->data, static_cast<size_t>(sk->num), sizeof(void *), sk->comp));
   if (at == nullptr) return -1;
+  // bsearch gives any of several equals; the first is wanted.
   while (at > sk->data && sk->comp(at - 1, &p) >= 0) --at;
   return static_cast<int>(at - sk->data);
 }
@@ -235,6 +242,7 @@ pointer_stack *sk_find_all_by(pointer_stack *sk, const void *key, sk_compare com
   const search_end end = search(sk, key, compare);
   if (!end.found) return nullptr;
   const int last = run_end(sk, key, compare, end.mid, end.hi);
+  // The search has shown that no match lies outside lo ... hi.
   int first = end.mid;
   while (first > end.lo && compare(sk->data[first - 1], key) == 0) --first;
 
@@ -253,6 +261,7 @@ int sk_sort_insert_by(pointer_stack *sk, void *p, sk_compare compare) {
   if (compare == nullptr || sk->num == 0) return sk_push(sk, p);
   const search_end end = search(sk, p, compare);
   if (!end.found) return sk_insert(sk, p, end.lo);
+  // Behind its equals, so that they keep their order of arrival.
   return sk_insert(sk, p, run_end(sk, p, compare, end.mid, end.hi) + 1);
 }
 
@@ -272,6 +281,7 @@ pointer_stack *sk_search_all(const pointer_stack *sk, const void *key, sk_compar
   for (int i = 0; complete && i < sk->num; ++i) {
     if (compare(sk->data[i], key) == 0) complete = sk_push(found, sk->data[i]) > 0;
   }
+  // A part of the matches would be worse than none.
   if (complete && sk_num(found) > 0) return found;
   sk_free(found);
   return nullptr;

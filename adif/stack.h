@@ -7,10 +7,15 @@
 // ... num-1 are misses, answered as each call says.
 //
 // Two conventions of comparison, different by design:
-//   array order  sk_new, sk_set_cmp_func, sk_sort_by: called with two pointers to SLOTS, as
-//   qsort(3) key          all other calls: called with (element, key) directly. A null function
-//   there means
-//                the stack's own `comp`, called in this direct way.
+//
+// clang-format off
+//   who takes the function                 what it is called with             null means
+//   sk_new, sk_set_cmp_func, sk_sort_by    two pointers to slots, as by       no order
+//                                          qsort(3)
+//   every other call                       the element and the key            `comp`, called with
+//                                          themselves                         element and key
+// clang-format on
+//
 // Both give a negative number, 0 or a positive one: the first orders before, matches, orders after.
 #pragma once
 
@@ -60,7 +65,8 @@ int sk_insert(pointer_stack *sk, void *p, int loc);
 int sk_push(pointer_stack *sk, void *p);     ///< sk_insert at the end
 int sk_unshift(pointer_stack *sk, void *p);  ///< sk_insert at the front
 /// Appends `n` null elements. The new number; 0 for `n` below 1, null, overflow or lack of memory.
-/// A stack that has to grow gets four times the slots that it needs with 4 to spare (kept).
+/// A stack that has to grow gets four times the slots that it needs with 4 to spare. Kept for
+/// compatibility: it costs memory only.
 int sk_enlarge(pointer_stack *sk, int n);
 
 /// Each removes one element and returns it, or null; the order of the others stays.

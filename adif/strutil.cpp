@@ -1,3 +1,4 @@
+// Texts of a given length: hexadecimal, scanning, parameters, integers. See strutil.h.
 #include "adif/strutil.h"
 
 #include <algorithm>
@@ -58,6 +59,7 @@ void store(int *where, int value) {
 
 int bin_to_ascii(const void *bytes, int len, char *out, int *out_len) {
   store(out_len, 0);
+  // Two digits a byte must be countable in an int.
   if (!bytes || len < 1 || len > INT32_MAX / 2) return -1;
   if (!out) return -2;
   const auto *in = static_cast<const uint8_t *>(bytes);
@@ -77,6 +79,7 @@ int ascii_to_bin(const char *text, int len, void *out, int *out_len) {
   for (int i = 0; i < len / 2; ++i) {
     const int high = hex_value(text[2 * i]);
     const int low = hex_value(text[2 * i + 1]);
+    // What was written up to here stays counted.
     if (high < 0 || low < 0) return -100;
     bytes[i] = static_cast<uint8_t>(high << 4 | low);
     store(out_len, i + 1);
@@ -112,6 +115,7 @@ int get_value_by_key(const char *text, int len, const char *key, const char **va
   at += std::strlen(key);
   const char *equals = skipOver(at, static_cast<int>(end - at), " \t", 2);
   if (equals == end || *equals != '=') return -101;
+  // Blanks behind "=" belong to it only if there are some before it (meant).
   const bool spaced = equals != at;
   at = equals + 1;
   if (spaced) at = skipOver(at, static_cast<int>(end - at), " \t", 2);
@@ -119,6 +123,7 @@ int get_value_by_key(const char *text, int len, const char *key, const char **va
   int found = 0;
   if (const int quoted = QuotedStrlen(at, left); quoted > 0) {
     ++at;
+    // The value without its quotes; it may be empty and still be there.
     found = quoted - 2;
   } else {
     found = static_cast<int>(skipTo(at, left, " \t,;", 4) - at);
@@ -140,6 +145,7 @@ const char *skipQuoteTo(const char *text, int len, const char *set, int set_len)
   if (!text || nothing_to_scan(len, set, set_len)) return text;
   const char *const end = text + len;
   while (text != end && !in_set(*text, set, set_len)) {
+    // A quote that is never closed counts as one byte.
     text += std::max(QuotedStrlen(text, static_cast<int>(end - text)), 1);
   }
   return text;
@@ -150,6 +156,7 @@ int MBI2Uint(const void *bytes, int len, uint32_t *value) {
   const auto *in = static_cast<const uint8_t *>(bytes);
   uint32_t built = 0;
   int used = 0;
+  // More bytes would shift the first ones out again.
   while (used < std::min(len, MBI_MAX_BYTES)) {
     const uint8_t byte = in[used++];
     built = built << 7 | (byte & 0x7FU);
@@ -214,6 +221,7 @@ int secure_memcpy(void *destination, int size, const void *source, int len) {
   if (!destination || !source) return -1;
   const int count = std::min(size, len);
   if (count < 1) return 0;
+  // The two may overlap.
   std::memmove(destination, source, static_cast<size_t>(count));
   return count;
 }

@@ -24,13 +24,18 @@ const char *skipOver(const char *text, int len, const char *set, int set_len);
 const char *rskipTo(const char *text, int len, const char *set, int set_len);
 const char *rskipOver(const char *text, int len, const char *set, int set_len);
 
-/// Finds the value of `key` in free text such as `a=1, b='x y'; c=2`: the first occurrence of the
-/// key's bytes (not only at a word's start: meant; `id` is found inside `uid` too), blanks and
-/// tabs,
-/// "=", then a quoted value, given without its quotes, or the characters up to a blank, tab, comma,
-/// semicolon or the end. Blanks after "=" belong to it when there are blanks before it (`a = 5`);
-/// after a bare "=" they end an empty value (`a= b=2`). Without a closing quote the quote is part
-/// of a plain value.
+/// Finds the value of `key` in free text: the first occurrence of the key's bytes, blanks and tabs,
+/// "=", then a value in quotes, or the characters up to a blank, tab, comma, semicolon or the end.
+///
+// clang-format off
+///   text                key    value   why
+///   a=1, b='x y'; c=2   b      x y     given without its quotes
+///   uid=7               id     7       the key counts inside a word too (meant)
+///   a = 5               a      5       blanks before "=": those behind it belong to it
+///   a= b=2              a      none    no blank before "=": the one behind it ends an empty value
+///   a='x y              a      'x      without a closing quote the quote is a plain character
+// clang-format on
+///
 /// `*value` and `*value_len` (each may be null) receive where the value is inside `text`; null and
 /// 0 when there is none or it is empty and unquoted. Returns the value's length; -1 for null text
 /// or `len` < 1; -2 for a null key; -100 when the key is not there or empty; -101 when no "="

@@ -1,3 +1,4 @@
+// Critical sections and events on POSIX threads. See sync.h.
 #include "adif/sync.h"
 
 #include <algorithm>
@@ -58,6 +59,7 @@ void SetEventAll(event *e, uint32_t value) {
 int32_t WaitEvent(event *e) {
   if (e == nullptr) return -1;
   const adif::section_guard guard(&e->lock);
+  // Once, without a condition (meant): a spurious wake-up ends the wait too.
   pthread_cond_wait(&e->cond, &e->lock);
   return static_cast<int32_t>(e->value);
 }
@@ -85,6 +87,7 @@ seconds whole_seconds(float value) {
 
 int TimedWaitEvent(event *e, float timeout_seconds) {
   if (e == nullptr) return -10;
+  // On the monotonic clock: a wait is not changed by setting the time of day.
   const timespec deadline = to_timespec(steady_clock::now() + whole_seconds(timeout_seconds));
   const adif::section_guard guard(&e->lock);
   return pthread_cond_clockwait(&e->cond, &e->lock, CLOCK_MONOTONIC, &deadline) == 0 ? 0 : -1;
@@ -94,6 +97,8 @@ namespace adif {
 
 void signal_lasting_event(event *e, uint32_t value) {
   if (e == nullptr) return;
+  // Signalled after the lock is left, so that the woken thread does not run into it. The event must
+  // outlive the call, which only the caller can promise.
   {
     const section_guard guard(&e->lock);
     e->value = value;

@@ -1,3 +1,4 @@
+// Calendar time to text and back. See timetext.h.
 #include "adif/timetext.h"
 
 #include <algorithm>
@@ -56,6 +57,7 @@ bool read_named_month(std::string_view text, tm *fields) {
     if (field.empty()) return false;
   }
   const auto *name = std::find(std::begin(month_names), std::end(month_names), month);
+  // An unknown name leaves January (meant).
   if (name != std::end(month_names)) fields->tm_mon = static_cast<int>(name - month_names);
   fields->tm_mday = number(day);
   fields->tm_year = number(year) - 1900;
@@ -122,6 +124,7 @@ time_t get_time_from_string(const char *text, int len) {
   std::memcpy(copy, text, n);
 
   tm fields = {};
+  // The C library finds out whether daylight saving time held then.
   fields.tm_isdst = -1;
   if (!read_named_month(copy, &fields) && !read_numeric(copy, &fields)) return -1;
   return mktime(&fields);

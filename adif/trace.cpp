@@ -1,3 +1,4 @@
+// The trace file and the dumps. See trace.h.
 #include "adif/trace.h"
 
 #include <algorithm>
@@ -12,6 +13,7 @@ constexpr int bytes_per_line = 16;
 
 std::mutex opening;  // only for opening and closing; writers rely on stdio's own lock
 std::atomic<FILE *> trace_file{nullptr};
+bool begun = false;  // under `opening`: the file has been emptied once
 
 bool print_line(FILE *stream, const uint8_t *bytes, int offset, int count) {
   char hex[3 * bytes_per_line + 1] = "";
@@ -28,7 +30,10 @@ bool print_line(FILE *stream, const uint8_t *bytes, int offset, int count) {
 
 void initTrace() {
   const std::lock_guard<std::mutex> hold(opening);
-  if (!trace_file) trace_file = std::fopen(trace_name, "we");
+  if (trace_file) return;
+  // Only the first opening empties the file: what was traced before a destroyTrace stays.
+  trace_file = std::fopen(trace_name, begun ? "ae" : "we");
+  begun = begun || trace_file;
 }
 
 int tolog(const char *format, ...) {

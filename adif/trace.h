@@ -7,14 +7,15 @@
 #include <cstdint>
 #include <cstdio>
 
-/// Opens "log.txt" in the current directory, truncating it, unless it is open. Thread-safe.
+/// Opens "log.txt" in the current directory unless it is open. The process's first opening empties
+/// the file, later ones append to it. Thread-safe.
 void initTrace();
 
 /// Opens the trace if needed and writes the text to it as printf would, with nothing added. Returns
 /// the characters written; below 0 for null, a failed write, or when the file cannot be opened.
 [[gnu::format(printf, 1, 2)]] int tolog(const char *format, ...);
 
-/// Closes the trace file. The next initTrace or tolog begins a new one.
+/// Closes the trace file. The next initTrace or tolog opens it again and appends.
 void destroyTrace();
 
 /// The byte as a dump shows it: itself if printable ASCII, else '.'.

@@ -88,6 +88,7 @@ void set_option(int fd, int level, int option) {
 void set_tcp_options(int fd) {
   set_option(fd, SOL_SOCKET, SO_REUSEADDR);
   set_option(fd, SOL_SOCKET, SO_KEEPALIVE);
+  // Requests are small and waited for: none may wait for the answer to the one before.
   set_option(fd, IPPROTO_TCP, TCP_NODELAY);
 }
 
@@ -124,7 +125,8 @@ int set_error(int *error) {
   return -1;
 }
 
-/// Moves all `n` bytes with `step(done, left)`, a single send or receive.
+/// Moves all `n` bytes with `step(done, left)`, a single send or receive. The time-out counts only
+/// where the call would have to wait: then, with less than 1 ms left, nothing more is tried.
 template <typename Step>
 int transfer(int fd, int n, int timeout_ms, short events, int *moved, Step step) {
   const deadline end(timeout_ms);
@@ -135,9 +137,11 @@ int transfer(int fd, int n, int timeout_ms, short events, int *moved, Step step)
       if (moved != nullptr) *moved = done;
       continue;
     }
+    // Nothing sent or a closed peer: it would go on for ever.
     if (count == 0) return -1;
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return -1;
+    if (end.left_ms() == 0) return 0;
     const int ready = wait_ready(fd, events, end);
     if (ready <= 0) return ready;
   }
@@ -160,6 +164,7 @@ uint32_t sock_get_hostip(const char *host) {
 
   addrinfo hints{};
   hints.ai_family = AF_INET;
+  // One answer for each address instead of one for each kind of socket.
   hints.ai_socktype = SOCK_STREAM;
   addrinfo *found = nullptr;
   if (getaddrinfo(host, nullptr, &hints, &found) != 0 || found == nullptr) return SOCK_NO_ADDRESS;
@@ -191,6 +196,7 @@ int tcp_nb_connect2(uint32_t address, int port, int *error) {
   set_error(error);
   adif::check(port >= 0 && port <= 65535, "dstport >= 0 && dstport <= 65535", "adif/tsock");
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  // Descriptor 0 counts as a failure (meant, see the header) and must not leak.
   if (fd == 0) close(fd);
   if (fd < 1) return -1;
   return begin_connect(fd_guard(fd), address, port, error);
@@ -285,6 +291,7 @@ int usock_create(const char *path) {
   fd_guard server(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (server.get() < 0) return -1;
   struct stat old {};
+  // Only a socket that an earlier run left is replaced, never a file.
   if (lstat(path, &old) == 0 && S_ISSOCK(old.st_mode)) unlink(path);
   if (bind(server.get(), reinterpret_cast<sockaddr *>(&name), sizeof name) != 0) return -1;
   if (listen(server.get(), BACKLOG) != 0) return -1;

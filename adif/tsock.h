@@ -28,8 +28,9 @@ int tcp_nb_connect(const char *host, int port, uint32_t reserved1, uint32_t rese
 /// Starts a non-blocking TCP connection (SO_REUSEADDR, SO_KEEPALIVE and TCP_NODELAY set) and
 /// returns its descriptor, which the caller owns; it becomes writable when the connection is made
 /// or has failed (SO_ERROR tells which). -1 if the connection cannot even begin. `error`, if not
-/// NULL, gets 0 or -1 accordingly. Descriptor 0 counts as a failure here (in tcp_nb_connect it does
-/// not): kept. A port outside 0..65535 is a programming error and aborts. Never blocks.
+/// NULL, gets 0 or -1 accordingly. Descriptor 0 counts as a failure here and not in tcp_nb_connect.
+/// Kept for compatibility: a process without standard input connects by name only. A port outside
+/// 0..65535 is a programming error and aborts. Never blocks.
 int tcp_nb_connect2(uint32_t address, int port, int *error);
 
 /// 1 if `fd` becomes writable / readable within `timeout_ms` (an error or hang-up counts as
@@ -41,8 +42,9 @@ int sock_read_ready(int fd, int timeout_ms);
 int sock_get_pending(int fd);
 
 /// Sends all `n` bytes, waiting for room where needed, also on a socket in blocking mode. `n` when
-/// all went out, 0 on time-out, -1 on an error or bad arguments (fd -1, NULL, n < 1). `*sent`, if
-/// not NULL, counts the bytes that went out, also on failure.
+/// all went out; 0 on time-out: there was no room, and less than 1 ms of `timeout_ms` was left (a
+/// peer that always makes room in time is never cut off); -1 on an error or bad arguments (fd -1,
+/// NULL, n < 1). `*sent`, if not NULL, counts the bytes that went out, also on failure.
 int tcp_send(int fd, const void *bytes, int n, int timeout_ms, int *sent);
 
 /// The reverse: fills `buffer` with exactly `n` bytes. `n`, 0 on time-out, -1 on an error, a closed
@@ -51,16 +53,17 @@ int tcp_receive(int fd, void *buffer, int n, int timeout_ms, int *received);
 
 /// Reads what is there, at most `n` bytes, without waiting, also in blocking mode. The number of
 /// bytes (0: nothing there), or -1 on an error, bad arguments or a closed peer, even if bytes came
-/// first:
-/// `*received` tells how many did (kept; callers use those bytes and then close).
+/// first: `*received` tells how many did. Kept for compatibility: callers use those bytes and then
+/// close.
 int tcp_nb_receive(int fd, void *buffer, int n, int *received);
 
 /// One send without waiting, also in blocking mode. Bytes sent (may be fewer than `n`), 0 if it
 /// would block, -1 on an error or bad arguments.
 int tcp_nb_send(int fd, const void *bytes, int n);
 
-/// A listening TCP socket (SO_REUSEADDR, SO_KEEPALIVE, backlog 1024) on the dotted IPv4 `address`
-/// (NULL: any) and `port` (0: one that the system chooses), or -1. A port outside 0..65535 aborts.
+/// A listening TCP socket (SO_REUSEADDR, SO_KEEPALIVE and TCP_NODELAY set, backlog 1024) on the
+/// dotted IPv4 `address` (NULL: any) and `port` (0: one that the system chooses), or -1. A port
+/// outside 0..65535 aborts.
 int tcp_server_create(const char *address, int port);
 
 /// A UDP socket bound to `*address` (NULL: any) and `port`, or -1.

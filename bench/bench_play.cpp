@@ -1,6 +1,7 @@
 // The end-to-end benches: the library over the reference server, each figure beside its limit.
 //
 //   bench_play [--once] [--congestion NAME] [--json FILE] [--svg FILE] [SECTION ...]
+//   bench_play --from FILE --svg FILE      draws what an earlier run has written, measures nothing
 //
 // Without sections all are run, in some ten minutes; --once runs each for a second or two, to see
 // that all of it works: its figures mean nothing. --congestion names the congestion control of the
@@ -37,7 +38,8 @@ constexpr section sections[] = {
 int usage() {
   std::fprintf(
       stderr,
-      "usage: bench_play [--once] [--congestion NAME] [--json FILE] [--svg FILE] [SECTION ...]\n");
+      "usage: bench_play [--once] [--congestion NAME] [--json FILE] [--svg FILE] [SECTION ...]\n"
+      "       bench_play --from FILE --svg FILE\n");
   for (const section &s : sections) std::fprintf(stderr, "  %s\n", s.name);
   return 2;
 }
@@ -57,7 +59,7 @@ int main(int argc, char **argv) {
   const std::string self = argv[0];
   const size_t slash = self.rfind('/');
   e.build = (slash == std::string::npos ? "." : self.substr(0, slash)) + "/..";
-  std::string json, svg;
+  std::string json, svg, from;
   std::vector<std::string> names;
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
@@ -68,6 +70,8 @@ int main(int argc, char **argv) {
       bench::set_congestion(argv[++i]);
     } else if (word == "--json" && i + 1 < argc) {
       json = argv[++i];
+    } else if (word == "--from" && i + 1 < argc) {
+      from = argv[++i];
     } else if (word == "--svg" && i + 1 < argc) {
       svg = argv[++i];
     } else if (word[0] == '-') {
@@ -77,8 +81,9 @@ int main(int argc, char **argv) {
     }
   }
   bench::results found;
+  if (!from.empty() && !found.read_json(from)) return usage();
   for (const section &s : sections) {
-    if (wanted(names, s.name)) s.run(e, found);
+    if (from.empty() && wanted(names, s.name)) s.run(e, found);
   }
   if (!json.empty() && !found.write_json(json)) return 1;
   if (!svg.empty() && !found.write_svg(svg)) return 1;

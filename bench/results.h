@@ -30,6 +30,7 @@ class results {
   void fail(const std::string &text);
   bool failed() const { return failed_; }
   bool write_json(const std::string &path) const;
+  bool read_json(const std::string &path);  ///< adds what was written before; false: nothing there
   bool write_svg(const std::string &path) const;
 
  private:

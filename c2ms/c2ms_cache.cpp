@@ -45,13 +45,14 @@ void go_to_start(c2ms_cache *cache) REQUIRES(cache->lock) {
   cache->idle_from = 0;
 }
 
-// The lead that a player wants; no more than the ring can hold ahead.
+// The lead that a player wants; no more than the ring can hold ahead. Without a ring it is kept as
+// it is until there is one.
 void set_lead(c2ms_cache *cache, int32_t bytes) REQUIRES(cache->lock) {
   const int64_t packsize = cache->packsize;
   const int32_t most = cache->packnum - cache->reserve;
   cache->buffering_size = bytes;
   cache->buffering_packs = static_cast<int32_t>((bytes + packsize - 1) / packsize);
-  if (cache->buffering_packs > most) {
+  if (cache->packnum > 0 && cache->buffering_packs > most) {
     cache->buffering_packs = most;
     cache->buffering_size = static_cast<int32_t>(packsize * most);
   }
@@ -441,12 +442,11 @@ bool move_to(c2ms_cache *cache, uint64_t pos, const c2ms_window &window) REQUIRE
   if (cache->packnum < 1) return false;
   pos = std::min(pos, cache->media_size);
   cache->read_pos = pos;
-  const int32_t old_index = cache->read_index;
   cache->read_index = static_cast<int32_t>(pos / static_cast<uint64_t>(cache->packsize.load()));
   const bool elsewhere = window.moves_range && window.has(pos);
   const uint64_t target = elsewhere ? window.target : followed(cache, pos);
   const int32_t new_from = place_range(cache, target);
-  if (cache->read_index != old_index || pos == cache->media_size) c2ms::trace_move(cache);
+  c2ms::trace_move(cache);
   const auto wanted = static_cast<int32_t>(target / static_cast<uint64_t>(cache->packsize.load()));
   const int32_t wanted_from = elsewhere ? cache->first_index.load() : wanted;
   const bool goes_back = wanted_from < cache->wanted_from;
@@ -482,15 +482,22 @@ void take_place(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock) {
 
 }  // namespace
 
-int c2ms_cache_place(c2ms_cache *cache, uint64_t pos) {
-  bool moved;
+c2ms_place c2ms_cache_here(c2ms_cache *cache) {
+  const adif::Guard lock(cache->lock);
+  return {cache->read_pos, cache->seek_count};
+}
+
+int c2ms_cache_place(c2ms_cache *cache, uint64_t pos, c2ms_place *out) {
+  bool moved = false;
   {
     const adif::Guard lock(cache->lock);
     if (pos >= cache->media_size) return -200;
-    if (pos == cache->read_pos) return 0;
-    take_place(cache, pos);
-    cache->seek_count.fetch_add(1);
-    moved = c2ms_cache_seek_to(cache, pos);
+    if (pos != cache->read_pos) {
+      take_place(cache, pos);
+      cache->seek_count.fetch_add(1);
+      moved = c2ms_cache_seek_to(cache, pos);
+    }
+    *out = {pos, cache->seek_count};
   }
   if (!moved) return 0;
   c2ms_sess_unit_purge(cache->session);
@@ -519,6 +526,7 @@ int c2ms_cache_buffering_ratio(c2ms_cache *cache, int32_t *ratio) {
     *ratio = 100;
     return 0;
   }
+  if (cache->packnum < 1) return 0;  // no ring, nothing buffered
   const c2ms_window window = c2ms_cache_window(cache);
   const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
   int64_t sum = 0;

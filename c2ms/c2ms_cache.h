@@ -93,17 +93,29 @@ bool c2ms_cache_seek_to(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock);
 /// The same with the range placed for the position itself, wherever the window lies: for a reader
 /// who needs bytes of the media there.
 bool c2ms_cache_seek_exactly(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock);
+/// Where a call reads: the position, and the count of seeks when it was taken, both under one hold
+/// of the cache's lock. A seek afterwards makes the count differ, and the call ends.
+struct c2ms_place {
+  uint64_t pos;
+  uint32_t seek_count;
+};
+/// The read position.
+c2ms_place c2ms_cache_here(c2ms_cache *cache);
 /// Moves the read position for a reader that names each position, who may read at two places in
 /// turn: while they are at most half a ring apart the range follows the lower one, so that neither
-/// loses what the other will need. Needs the read gate. 0; -200 at or past the end.
-int c2ms_cache_place(c2ms_cache *cache, uint64_t pos);
-/// Moves a reader's position on, unless somebody has moved it since `seek_count` was read (then
+/// loses what the other will need. Needs the read gate. 0, and the place in `*out`; -200 at or past
+/// the end.
+int c2ms_cache_place(c2ms_cache *cache, uint64_t pos, c2ms_place *out);
+/// Moves a reader's position on, unless somebody has moved it since `seek_count` was taken (then
 /// false), and gives nodes that have run out of work new packs. Needs the read gate.
 bool c2ms_cache_advance(c2ms_cache *cache, uint64_t pos, uint32_t seek_count);
 
-/// Copy bytes from the read position (c2ms.h gives the player's view). Need the read gate.
+/// Copy bytes from the read position, or from the place that the caller has taken (c2ms.h gives the
+/// player's view). Need the read gate.
 int c2ms_cache_read(c2ms_cache *cache, void *buf, int32_t len, int32_t nonblock);
 int c2ms_cache_recv(c2ms_cache *cache, void *buf, int32_t len, int32_t timeout_ms);
+int c2ms_cache_recv_at(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t len,
+                       int32_t timeout_ms);
 
 int c2ms_cache_buffering_size(c2ms_cache *cache, int32_t bytes);
 int c2ms_cache_buffering_ratio(c2ms_cache *cache, int32_t *ratio);

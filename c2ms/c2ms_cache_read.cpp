@@ -54,12 +54,14 @@ struct place {
   int32_t in_pack;
 };
 
+c2ms_pack *pack_of(c2ms_cache *cache, int32_t index) {
+  return static_cast<c2ms_pack *>(sk_value(cache->packs, index % cache->packnum));
+}
+
 place where(const reading &call) {
   const auto packsize = static_cast<uint64_t>(call.cache->packsize.load());
   const auto index = static_cast<int32_t>(call.pos / packsize);
-  const int32_t slot = index % call.cache->packnum;
-  return {static_cast<c2ms_pack *>(sk_value(call.cache->packs, slot)), index,
-          static_cast<int32_t>(call.pos % packsize)};
+  return {pack_of(call.cache, index), index, static_cast<int32_t>(call.pos % packsize)};
 }
 
 // What else than bytes ends a call.
@@ -132,9 +134,13 @@ bool advance(const reading &call) {
   return c2ms_cache_advance(call.cache, call.pos, call.seek_count);
 }
 
-// Publishes what the call lacks, from the pack at its position on: all that it can take in one go.
-// True: it need not sleep.
-bool publish_need(const reading &call, const place &at) {
+// What a call lacks, from the pack at its position on: all that it can take in one go.
+struct lack {
+  int32_t first, last;
+  int32_t len;  // of the last pack
+};
+
+lack lack_of(const reading &call, const place &at) {
   const c2ms_cache *const cache = call.cache;
   const int32_t packsize = cache->packsize;
   const uint64_t end =
@@ -144,9 +150,7 @@ bool publish_need(const reading &call, const place &at) {
   const int32_t most = std::min(longest_take / packsize, cache->packnum / 8);
   const int32_t last = std::min(final, at.index + std::max(most, 1) - 1);
   const uint64_t final_len = end - static_cast<uint64_t>(final) * static_cast<uint64_t>(packsize);
-  const bool first_byte = call.after_seek && call.copied == 0;
-  return c2ms_cache_need(call.cache, at.index, last,
-                         last == final ? static_cast<int32_t>(final_len) : INT32_MAX, first_byte);
+  return {at.index, last, last == final ? static_cast<int32_t>(final_len) : INT32_MAX};
 }
 
 // A paused pack is asked for again soon after its pause.
@@ -158,8 +162,11 @@ std::chrono::milliseconds longest_wait_at(const place &at) {
 // Sleeps until what is needed here is there, at most a second.
 void wait(reading &call, const place &at) {
   c2ms_cache *const cache = call.cache;
+  const lack needed = lack_of(call, at);
+  const bool first_byte = call.after_seek && call.copied == 0;
   const uint32_t seen = cache->wake_count.load();
-  if (!publish_need(call, at) && !ended(call, true)) {
+  const bool there = c2ms_cache_need(cache, needed.first, needed.last, needed.len, first_byte);
+  if (!there && !ended(call, true)) {
     const auto until = std::min(call.deadline, steady::now() + longest_wait_at(at));
     WaitEventUntil(cache->event, until, [&] { return cache->wake_count.load() != seen; });
   }
@@ -264,15 +271,15 @@ bool read_pack(reading &call) {
   }
 }
 
-int read_until(c2ms_cache *cache, void *buf, int32_t len, steady::time_point deadline) {
-  if (cache == nullptr) return -1;
+int read_until(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t len,
+               steady::time_point deadline) {
   reading call{cache, static_cast<uint8_t *>(buf), len, deadline};
+  call.begin = call.pos = from.pos;
+  call.seek_count = from.seek_count;
   {
     const adif::Guard lock(cache->lock);
     ++cache->read_calls;
-    call.begin = call.pos = cache->read_pos;
     call.media_size = cache->media_size;
-    call.seek_count = cache->seek_count;
     call.after_seek = cache->served_seek != call.seek_count;
     call.window = c2ms_cache_window(cache);
     const int32_t packsize = cache->packsize;
@@ -313,11 +320,19 @@ bool c2ms_cache_advance(c2ms_cache *cache, uint64_t pos, uint32_t seek_count) {
 }
 
 int c2ms_cache_read(c2ms_cache *cache, void *buf, int32_t len, int32_t nonblock) {
-  return read_until(cache, buf, len,
+  if (cache == nullptr) return -1;
+  return read_until(cache, c2ms_cache_here(cache), buf, len,
                     nonblock != 0 ? steady::time_point::min() : steady::time_point::max());
 }
 
 int c2ms_cache_recv(c2ms_cache *cache, void *buf, int32_t len, int32_t timeout_ms) {
-  if (timeout_ms <= 0) return c2ms_cache_read(cache, buf, len, 1);
-  return read_until(cache, buf, len, steady::now() + std::chrono::milliseconds(timeout_ms));
+  if (cache == nullptr) return -1;
+  return c2ms_cache_recv_at(cache, c2ms_cache_here(cache), buf, len, timeout_ms);
+}
+
+int c2ms_cache_recv_at(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t len,
+                       int32_t timeout_ms) {
+  const auto deadline = timeout_ms > 0 ? steady::now() + std::chrono::milliseconds(timeout_ms)
+                                       : steady::time_point::min();
+  return read_until(cache, from, buf, len, deadline);
 }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "adif/kalloc.h"
+#include "adif/line_sink.h"
 #include "c2ms.h"
 
 namespace c2ms {
@@ -41,7 +42,30 @@ bool silent() {
   return target == nullptr;
 }
 
+struct receiver {
+  diag_fn fn;
+  void *arg;
+  void operator()(const char *line) const {
+    if (fn != nullptr) fn(arg, line);
+  }
+};
+
+receiver current_receiver() {
+  const std::lock_guard lock(target_lock);
+  return {target, target_arg};
+}
+
+// Not kept in memory, which may be what is missing: the process may end after this line.
+void on_foundation_line(const char *line) {
+  diag_deliver();
+  current_receiver()(line);
+}
+
 }  // namespace
+
+void diag_take_foundation() {
+  adif::set_line_sink(on_foundation_line);
+}
 
 void diag(const char *format, ...) {
   if (silent()) return;
@@ -65,15 +89,9 @@ void diag_deliver() {
   // Taken whole first: the player's function may lead back here.
   waiting_line *line = waiting.first;
   waiting = {};
-  diag_fn fn;
-  void *arg;
-  {
-    const std::lock_guard lock(target_lock);
-    fn = target;
-    arg = target_arg;
-  }
+  const receiver tell = current_receiver();
   while (line != nullptr) {
-    if (fn != nullptr) fn(arg, line->text);
+    tell(line->text);
     kfree_dbg(std::exchange(line, line->next));
   }
 }

@@ -14,34 +14,67 @@ namespace {
 constexpr int max_interfaces = 6;
 constexpr int64_t ask_again_us = 1'000'000;
 
-void set_local_ip(c2ms_mgmt *mgmt, uint32_t address) {
-  std::memset(mgmt->local_ip_text, 0, sizeof mgmt->local_ip_text);
-  inet_ntop(AF_INET, &address, mgmt->local_ip_text, sizeof mgmt->local_ip_text);
-  mgmt->local_ip = address;
+// `identity_asked_us` once the hardware id is set: nobody asks again.
+constexpr int64_t hid_is_set = INT64_MAX;
+
+bool knows_address(const c2ms_mgmt *mgmt) {
+  return mgmt->local_ip_text[0] != '\0';
 }
 
-void read_interfaces(c2ms_mgmt *mgmt) {
-  sock_interface table[max_interfaces];
+// What the interfaces tell.
+struct finding {
+  const uint8_t *hwaddr = nullptr;
+  uint32_t address = 0;
+};
+
+finding look_at(const sock_interface *table, int n) {
+  finding found;
   bool preferred = false;
   // Backwards, so that the lowest-numbered interface of a kind has the last word.
-  for (int i = get_selfaddr(table, max_interfaces) - 1; i >= 0; --i) {
+  for (int i = n - 1; i >= 0; --i) {
     const sock_interface &entry = table[i];
     if (strncasecmp(entry.name, "vir", 3) == 0) continue;
     if (entry.link == SOCK_LINK_ETHERNET) {
-      std::memset(mgmt->hid, 0, sizeof mgmt->hid);
-      std::memcpy(mgmt->hid, entry.hwaddr, sizeof entry.hwaddr);
-      if (!preferred) set_local_ip(mgmt, entry.address);
+      found.hwaddr = entry.hwaddr;
+      if (!preferred) found.address = entry.address;
     } else if (entry.link == SOCK_LINK_PPP || entry.link == SOCK_LINK_TUNNEL) {
-      set_local_ip(mgmt, entry.address);
+      found.address = entry.address;
       preferred = true;
     }
   }
+  return found;
 }
 
+void set_hid(c2ms_mgmt *mgmt, const uint8_t *bytes, size_t size) REQUIRES(mgmt->identity_lock) {
+  std::memset(mgmt->hid, 0, sizeof mgmt->hid);
+  std::memcpy(mgmt->hid, bytes, std::min(size, sizeof mgmt->hid - 1));
+  mgmt->identity_asked_us = hid_is_set;
+}
+
+// Id and address are each written once and then stay as they are: the getters hand out pointers to
+// them that are read without the lock.
 void ask_system(c2ms_mgmt *mgmt) REQUIRES(mgmt->identity_lock) {
+  if (mgmt->identity_asked_us == hid_is_set) return;
   mgmt->identity_asked_us = c2ms::now_us();
-  if (std::any_of(mgmt->hid, mgmt->hid + 6, [](uint8_t byte) { return byte != 0; })) return;
-  read_interfaces(mgmt);
+  sock_interface table[max_interfaces];
+  const finding found = look_at(table, get_selfaddr(table, max_interfaces));
+  if (found.address != 0 && !knows_address(mgmt)) {
+    mgmt->local_ip = found.address;
+    inet_ntop(AF_INET, &found.address, mgmt->local_ip_text, sizeof mgmt->local_ip_text);
+  }
+  if (found.hwaddr == nullptr) return;
+  const auto *const end = found.hwaddr + sizeof table->hwaddr;
+  // An interface without an address of its own shows zeros: asked again later.
+  if (std::any_of(found.hwaddr, end, [](uint8_t byte) { return byte != 0; }))
+    set_hid(mgmt, found.hwaddr, sizeof table->hwaddr);
+}
+
+c2ms::identity copy_identity(c2ms_mgmt *mgmt) REQUIRES(mgmt->identity_lock) {
+  c2ms::identity who;
+  std::memcpy(who.local_ip, mgmt->local_ip_text, sizeof who.local_ip);
+  std::memcpy(who.hid, mgmt->hid, sizeof who.hid);
+  who.address = mgmt->local_ip;
+  return who;
 }
 
 int hex_digit(char c) {
@@ -102,12 +135,18 @@ uint32_t c2ms_unitid(c2ms_mgmt *mgmt) {
 
 c2ms::identity c2ms::current_identity(c2ms_mgmt *mgmt) {
   const adif::Guard lock(mgmt->identity_lock);
-  const bool known = std::strlen(mgmt->local_ip_text) > 1;
-  if (!known && now_us() - mgmt->identity_asked_us > ask_again_us) ask_system(mgmt);
-  identity who;
-  std::memcpy(who.local_ip, mgmt->local_ip_text, sizeof who.local_ip);
-  std::memcpy(who.hid, mgmt->hid, sizeof who.hid);
-  return who;
+  if (!knows_address(mgmt) && now_us() - mgmt->identity_asked_us > ask_again_us) ask_system(mgmt);
+  return copy_identity(mgmt);
+}
+
+c2ms::identity c2ms::known_identity(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->identity_lock);
+  return copy_identity(mgmt);
+}
+
+void c2ms::set_hardware_id(c2ms_mgmt *mgmt, const uint8_t *bytes, size_t size) {
+  const adif::Guard lock(mgmt->identity_lock);
+  set_hid(mgmt, bytes, size);
 }
 
 uint64_t c2ms_uid(c2ms_mgmt *mgmt) {
@@ -116,15 +155,19 @@ uint64_t c2ms_uid(c2ms_mgmt *mgmt) {
 
 const uint8_t *c2ms_hid(c2ms_mgmt *mgmt) {
   static const uint8_t none[21] = {};
-  return mgmt == nullptr ? none : mgmt->hid;
+  if (mgmt == nullptr) return none;
+  const adif::Guard lock(mgmt->identity_lock);
+  return mgmt->identity_asked_us == hid_is_set ? mgmt->hid : none;
 }
 
 const char *c2ms_localip(c2ms_mgmt *mgmt) {
-  return mgmt == nullptr ? "" : mgmt->local_ip_text;
+  if (mgmt == nullptr) return "";
+  const adif::Guard lock(mgmt->identity_lock);
+  return knows_address(mgmt) ? mgmt->local_ip_text : "";
 }
 
 const char *c2ms_natip(c2ms_mgmt *mgmt) {
-  return mgmt == nullptr ? "" : inet_ntoa(in_addr{mgmt->local_ip});
+  return mgmt == nullptr ? "" : inet_ntoa(in_addr{c2ms::known_identity(mgmt).address});
 }
 
 uint32_t c2ms_oemid(c2ms_mgmt *mgmt) {

@@ -46,6 +46,7 @@ inline constexpr int max_short_answers = 3;
 
 // Sessions.
 inline constexpr int open_timeouts = 20;  // one-second waits of an open
+inline constexpr int max_entry_asks = 8;  // the pause between two doubles up to here
 inline constexpr int64_t reopen_after_us = 20'000'000;
 inline constexpr int64_t ratio_stalled_us = 4'000'000;
 
@@ -69,6 +70,7 @@ inline constexpr uint8_t media_type_mp4 = 7;
 // Units and packs.
 inline constexpr uint32_t pdu_header_bytes = 14;
 inline constexpr uint32_t max_pdu_bytes = 1024;
+inline constexpr int max_surplus_reads = 4;             // of 1024 bytes behind a control response
 inline constexpr uint32_t control_response_bytes = 18;  // header and result
 inline constexpr uint32_t media_response_bytes = 37;    // and the fixed part
 inline constexpr int request_buffer_bytes = 256;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include "adif/fileutil.h"
 #include "adif/kalloc.h"
@@ -17,6 +18,7 @@
 #include "c2ms/c2ms_rest.h"
 #include "c2ms/c2ms_sess_obj.h"
 #include "c2ms/c2ms_unit.h"
+#include "crypto/gcrypt_ready.h"
 
 uint32_t g_oemid = 102;
 uint32_t g_version = 30;
@@ -38,6 +40,20 @@ constexpr size_t arena_offset = (sizeof(c2ms_mgmt) + 63) / 64 * 64;
 int32_t configured_seconds(conf_mgmt *conf, const char *key, int32_t fallback) {
   const int32_t value = conf_get_int(conf, section, key);
   return value < 1 ? fallback : std::min(value, max_period_s);
+}
+
+void take_configuration(c2ms_mgmt *mgmt) REQUIRES(mgmt->conf_lock) {
+  const char *server = conf_get_string(mgmt->conf, section, "Entry Server");
+  if (server == nullptr || *server == '\0') server = g_entry_server;
+  std::snprintf(mgmt->entry_server.text, sizeof mgmt->entry_server.text, "%s",
+                server != nullptr ? server : "");
+  const auto seconds = [mgmt](const char *key, int32_t fallback) REQUIRES(mgmt->conf_lock) {
+    return configured_seconds(mgmt->conf, key, fallback);
+  };
+  mgmt->build_tcp_max_time = seconds("Build TCP Max Time", build_tcp_max_time_s);
+  mgmt->conn_check_time = seconds("Cyclic Connection Check Time", conn_check_time_s);
+  mgmt->sess_check_time = seconds("Session Check Time", sess_check_time_s);
+  mgmt->speed_count_period = speed_count_period_ms;
 }
 
 template <size_t N>
@@ -144,6 +160,19 @@ void drain_callers(c2ms_mgmt *mgmt) {
   while (mgmt->calls.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
+// 0 when the name is not found, which nobody can be reached at.
+uint32_t address_of(const char *host) {
+  const uint32_t address = sock_get_hostip(host);
+  return address == SOCK_NO_ADDRESS ? 0 : address;
+}
+
+// Tells why there is no context.
+c2ms_mgmt *refuse(const char *why) {
+  diag("c2ms_mgmt_init: %s\n", why);
+  diag_deliver();
+  return nullptr;
+}
+
 // Everything of a context whose engine has stopped, or has never been started.
 void free_context(c2ms_mgmt *mgmt) {
   drop_pool(&mgmt->pack_pool);
@@ -162,20 +191,23 @@ void free_context(c2ms_mgmt *mgmt) {
 
 c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
                           const uint8_t *hid, int32_t mem_size) {
+  diag_take_foundation();
+  // Without MD5 every session would have the same token.
+  if (!crypto::gcrypt_works()) return refuse("libgcrypt is too old, or refuses DES or MD5");
   mem_size = std::max(mem_size, min_arena_bytes);
   void *const block = kzalloc_dbg(static_cast<int64_t>(arena_offset) + mem_size);
-  if (block == nullptr) return nullptr;
+  if (block == nullptr) return refuse("no memory");
   c2ms_mgmt *const mgmt = new (block) c2ms_mgmt();
-  mgmt->probe = probe_init(5, engine_threads);
+  mgmt->probe = probe_create(engine_threads);
   if (mgmt->probe == nullptr) {
     destroy(mgmt);
-    return nullptr;
+    return refuse("no memory or no descriptors for the engine");
   }
   std::memcpy(mgmt->des_key, "QaZiXuRo", sizeof mgmt->des_key);
   mgmt->oemid = g_oemid;
   mgmt->vendorid = g_vendorid;
   mgmt->build_time = static_cast<int32_t>(get_time_from_string(g_build_time, -1));
-  mgmt->perf_server_ip = sock_get_hostip(g_perf_server);
+  mgmt->perf_server_ip = address_of(g_perf_server);
 
   mgmt->mem_size = mem_size;
   mgmt->arena = static_cast<uint8_t *>(block) + arena_offset;
@@ -188,11 +220,11 @@ c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_
   mgmt->uid_low = uid_low;
   mgmt->uid_high = uid_high;
   c2ms_mgmt_readhid(mgmt);
-  if (hid != nullptr) std::memcpy(mgmt->hid, hid, 20);
+  if (hid != nullptr) set_hardware_id(mgmt, hid, 20);
 
   if (!make_registries(mgmt) || !make_pools(mgmt)) {
     free_context(mgmt);
-    return nullptr;
+    return refuse("no memory");
   }
   for (const int number : {SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE, SIGTTIN}) signal(number, SIG_IGN);
   StartProbe(mgmt->probe, 1);
@@ -204,7 +236,8 @@ int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return -1;
   drain_callers(mgmt);
   mgmt->resolver.stop();
-  mgmt->reporter.stop();
+  mgmt->perf_reporter.stop();
+  mgmt->auth_reporter.stop();
   StopProbe(mgmt->probe);
   free_context(mgmt);  // the callers have left, too: nobody else is here any more
   diag_deliver();
@@ -213,25 +246,16 @@ int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
 
 int c2ms_mgmt_readconf(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return -1;
-  const adif::Guard lock(mgmt->conf_lock);
-  if (is_regular_file(mgmt->conf_path)) {
-    conf_mgmt_cleanup(mgmt->conf);
-    mgmt->conf = conf_mgmt_init(mgmt->conf_path);
+  // Read before the lock is taken: a malformed file is told to the player's function.
+  conf_mgmt *fresh = is_regular_file(mgmt->conf_path) ? conf_mgmt_init(mgmt->conf_path) : nullptr;
+  {
+    const adif::Guard lock(mgmt->conf_lock);
+    if (fresh != nullptr) std::swap(fresh, mgmt->conf);
+    take_configuration(mgmt);
   }
-  const char *const server = conf_get_string(mgmt->conf, section, "Entry Server");
-  const bool configured = server != nullptr && *server != '\0';
-  std::snprintf(mgmt->entry_server.text, sizeof mgmt->entry_server.text, "%s",
-                configured ? server : g_entry_server);
-  const auto seconds = [mgmt](const char *key, int32_t fallback) REQUIRES(mgmt->conf_lock) {
-    return configured_seconds(mgmt->conf, key, fallback);
-  };
-  mgmt->build_tcp_max_time = seconds("Build TCP Max Time", build_tcp_max_time_s);
-  mgmt->conn_check_time = seconds("Cyclic Connection Check Time", conn_check_time_s);
-  mgmt->sess_check_time = seconds("Session Check Time", sess_check_time_s);
-  mgmt->speed_count_period = speed_count_period_ms;
+  conf_mgmt_cleanup(fresh);
   return 0;
 }
-
 void *c2ms_mem_alloc(c2ms_mgmt *mgmt, int32_t size) {
   if (mgmt == nullptr || size < 1) return nullptr;
   void *block;

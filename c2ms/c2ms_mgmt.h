@@ -3,6 +3,7 @@
 // described in c2ms.h.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "c2ms.h"
@@ -43,7 +44,13 @@ host_name entry_server(c2ms_mgmt *mgmt);
 struct identity {
   char local_ip[16];
   uint8_t hid[20];
+  uint32_t address;  ///< `local_ip` in network order
 };
 identity current_identity(c2ms_mgmt *mgmt);
+/// The same without asking.
+identity known_identity(c2ms_mgmt *mgmt);
+
+/// Sets the hardware id, whatever its bytes: the interfaces are not asked for one any more.
+void set_hardware_id(c2ms_mgmt *mgmt, const uint8_t *bytes, size_t size);
 
 }  // namespace c2ms

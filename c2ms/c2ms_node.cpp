@@ -38,6 +38,12 @@ uint32_t connect_timeout_ms(const c2ms_node *node) {
   return static_cast<uint32_t>(node->library->build_tcp_max_time.load()) * 1000;
 }
 
+void start_life_timer(c2ms_node *node) {
+  const auto period_ms = static_cast<uint32_t>(node->library->conn_check_time.load()) * 1000;
+  stop_timer(&node->life_timer);
+  node->life_timer = start_timer(node, period_ms, timer_node_life);
+}
+
 void drop_device(c2ms_node *node) {
   RemoveDevice(node->device);
   node->device = nullptr;
@@ -57,7 +63,10 @@ uint32_t next_delay_ms(c2ms_node *node) {
 }
 
 int give_up(c2ms_node *node) {
-  if (node->level == 0) c2ms_sess_set_status(node->session, 400);
+  // (An open that asked for another list goes on with the servers of the one it has.)
+  const c2ms_sess *const sess = node->session;
+  const bool has_list = sess->desc_count == 0 && sess->entry_asks > 0;
+  if (node->level == 0 && !has_list) c2ms_sess_set_status(node->session, 400);
   c2ms_node_close(node);
   return -100;
 }
@@ -177,6 +186,7 @@ int c2ms_node_connect(c2ms_node *node) {
     c2ms_node_retry(node);
     return 0;
   }
+  node->session->strand.spoke();
   diag("NodeID:%lu dev:%p\n", static_cast<unsigned long>(node->node_id),
        static_cast<void *>(node->device));
   node->connect_timer = start_timer(node, connect_timeout_ms(node), timer_node_connect);
@@ -213,6 +223,7 @@ int c2ms_node_retry(c2ms_node *node) {
   note_ahead_failure(node);
   c2ms_node_disconnect_dbg(node);
   node->connect_timer = start_timer(node, next_delay_ms(node), timer_node_connect);
+  if (is_media(node)) ask_entry_again(node->session);
   return 0;
 }
 
@@ -222,9 +233,16 @@ int c2ms::connect_anew(c2ms_node *node) {
   return c2ms_node_connect(node);
 }
 
-void c2ms::rearm_retry(c2ms_node *node) {
-  if (node->state != C2MS_NODE_DISCONNECTED || node->connect_timer != nullptr) return;
-  node->connect_timer = start_timer(node, node->backoff_ms, timer_node_connect);
+void c2ms::rearm(c2ms_node *node) {
+  const uint32_t state = node->state;
+  if (state == C2MS_NODE_NULL) return;
+  if (state >= C2MS_NODE_CONNECTED) {
+    if (node->life_timer == nullptr) start_life_timer(node);
+  } else if (node->connect_timer == nullptr) {
+    const bool waits = state == C2MS_NODE_DISCONNECTED;
+    const uint32_t msec = waits ? node->backoff_ms : connect_timeout_ms(node);
+    node->connect_timer = start_timer(node, msec, timer_node_connect);
+  }
 }
 
 int c2ms_node_get_connected(c2ms_node *node) {
@@ -233,9 +251,7 @@ int c2ms_node_get_connected(c2ms_node *node) {
   c2ms_node_state_to(node, C2MS_NODE_CONNECTED);
   stop_timer(&node->connect_timer);
   node->last_active_us = now_us();
-  stop_timer(&node->life_timer);
-  node->life_timer = start_timer(
-      node, static_cast<uint32_t>(node->library->conn_check_time.load()) * 1000, timer_node_life);
+  start_life_timer(node);
   int result = 0;
   if ((node->type & node_serves_list) != 0) {
     result = c2ms_node_get_srvlist(node);

@@ -87,8 +87,8 @@ bool ask_ahead(c2ms_node *node);
 /// c2ms_node_connect.
 int connect_anew(c2ms_node *node);
 
-/// Arms the connect timer of a disconnected node that has none (no timer was free when it was due).
-void rearm_retry(c2ms_node *node);
+/// Arms the timer that the node's state needs, unless it runs: none was free when it was due.
+void rearm(c2ms_node *node);
 
 /// The node list's best usable node (ready or downloading; one whose answer is late only for want
 /// of another), and the number of usable nodes.

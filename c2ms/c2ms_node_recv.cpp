@@ -29,7 +29,6 @@ using namespace c2ms;
 bool refused(c2ms_sess *session, c2ms_node *node, uint32_t result) {
   c2ms_sess_set_status(session, static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
   if (result < 2) return false;
-  session->refused = true;
   c2ms_node_close(node);
   return true;
 }
@@ -89,7 +88,9 @@ void open_listed(c2ms_sess *session, const c2ms_node *sender, const list_entry &
   if (level > max_level) return;
   // A server that has been asked for its list is not asked a second time.
   if (c2ms_sess_server_lists(session, ip, port)) type &= static_cast<uint8_t>(~node_serves_list);
-  if ((type & (node_serves_list | node_serves_media)) == 0 && entry.type != 0) return;
+  // (Who never served anything becomes a node all the same, whatever else its type says.)
+  constexpr uint8_t served = node_serves_list | node_serves_media;
+  if ((type & served) == 0 && (entry.type & served) != 0) return;
   const c2ms_node *const known = c2ms_sess_node_find(session, ip, port);
   if (known != nullptr && known->state >= C2MS_NODE_READY && is_media(known)) return;
   c2ms_node_open(session, nullptr, ip, port, type, entry.load, level);
@@ -187,13 +188,6 @@ int recv_idle(c2ms_node *node) {
   return c2ms_node_retry(node);
 }
 
-void restart_life_timer(c2ms_node *node) {
-  const auto period_ms = static_cast<uint32_t>(node->library->conn_check_time.load()) * 1000;
-  StopTimer(node->life_timer);
-  node->life_timer = StartTimer2(node->library->probe, period_ms, timer_node_life, node->node_id,
-                                 c2ms_pump, node->library);
-}
-
 // A server that owes an answer and has been silent for too long.
 bool stalled(const c2ms_node *node, int64_t now) {
   const uint32_t state = node->state;
@@ -213,7 +207,7 @@ int check_list_node(c2ms_node *node, int64_t now) {
   if (node->state != C2MS_NODE_WAITING_SRVLIST_RESP) return c2ms_node_close(node);
   const int64_t allowed_us = int64_t{node->library->build_tcp_max_time} * 1'000'000;
   if (now - to_us(node->srvlist_unit.sent_time) > allowed_us) return c2ms_node_retry(node);
-  restart_life_timer(node);
+  rearm(node);
   return 0;
 }
 
@@ -306,7 +300,7 @@ int c2ms_node_lifecheck(c2ms_node *node) {
   const int64_t now = now_us();
   if (!is_media(node)) return check_list_node(node, now);
   if (node->state <= C2MS_NODE_DISCONNECTED) return 0;
-  restart_life_timer(node);
+  rearm(node);
   if (stalled(node, now)) {
     account_stalled(node);
     return c2ms_node_retry(node);

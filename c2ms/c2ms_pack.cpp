@@ -15,7 +15,6 @@ void reset(c2ms_pack *pack) REQUIRES(pack->lock) {
   pack->unit_count = 0;
   pack->index = -1;
   pack->state = pack_idle;
-  pack->flag = 0;
   pack->len = 0;
   pack->not_before_us = 0;
 }
@@ -28,6 +27,7 @@ int c2ms_pack_init(c2ms_pack *pack) {
   const adif::Guard lock(pack->lock);
   reset(pack);
   pack->cache = nullptr;
+  pack->flag = 0;
   pack->slot = -1;
   pack->buf = nullptr;
   pack->size = 0;
@@ -73,8 +73,15 @@ void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) {
   pack->state = state;
 }
 
-void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index) {
-  c2ms_cache_tell_reader(pack->cache, index);
+void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index, bool complete) {
+  c2ms_cache *cache;
+  {
+    // Under the lock: the record may have become another session's.
+    const adif::Guard lock(pack->lock);
+    if (pack->index != index) return;  // who has moved it wakes its reader
+    cache = pack->cache;
+  }
+  c2ms_cache_tell_reader(cache, index, complete);
 }
 
 int c2ms_pack_bind_unit(c2ms_pack *pack, c2ms_unit *unit) {

@@ -24,8 +24,9 @@ void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) REQUIRES(pack->lock);
 /// True while an idle pack is not to be asked for again yet.
 bool c2ms_pack_is_paused(const c2ms_pack *pack);
 
-/// Wakes the reader if it waits for this pack to change. Hold no lock.
-void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index);
+/// Tells the reader that the pack has got bytes or changed its state while it held `index`
+/// (c2ms_cache_tell_reader). Hold no lock.
+void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index, bool complete = false);
 
 /// Appends a unit: 0, -100 when it is bound already, -200 when 5 units are.
 int c2ms_pack_bind_unit(c2ms_pack *pack, c2ms_unit *unit) REQUIRES(pack->lock);

@@ -37,6 +37,7 @@ int on_connected(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
     return -100;
   }
   c2ms_node *const node = ref.node;
+  ref.sess->strand.spoke();
   diag("NodeID:%lu connect %s:%d successfully.\n", printable(id), node->host,
        static_cast<int>(node->port));
   if (node->device != device) {
@@ -62,6 +63,7 @@ int on_connect_failed(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
     return -200;
   }
   c2ms_node *const node = ref.node;
+  ref.sess->strand.spoke();
   diag("NodeID:%lu connect %s:%d failed, now reconnect again.\n", printable(id), node->host,
        static_cast<int>(node->port));
   if (node->device == device) {
@@ -100,6 +102,7 @@ int on_invalid_device(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
   const StrandGuard strand(ref.sess);
   if (!still_there(mgmt, ref) || ref.node->device != device) return gone();
   c2ms_node *const node = ref.node;
+  ref.sess->strand.spoke();
   diag("NodeID:%lu connect %s:%d, INVALID device.\n", printable(id), node->host,
        static_cast<int>(node->port));
   if (node->level == 0) c2ms_sess_set_status(node->session, 400);
@@ -115,19 +118,23 @@ int on_invalid_device(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
 int on_sess_timer(c2ms_mgmt *mgmt, rac_timer *timer, uint32_t command, uintptr_t id) {
   c2ms_sess *const sess = c2ms_sess_get(mgmt, static_cast<uint32_t>(id));
   const auto gone = [&] {
-    diag("\nc2ms_pump: IOE_TIMEOUT recved, sessid=%ld timercmd=%d, but no node exist.\n\n",
-         static_cast<long>(id), static_cast<int>(command));
+    if (command == timer_sess_check) {
+      diag("\nc2ms_pump: IOE_TIMEOUT recved, sessid=%ld timercmd=%d, but no node exist.\n\n",
+           static_cast<long>(id), static_cast<int>(command));
+    }
     return -140;
   };
   if (sess == nullptr) return gone();
   const StrandGuard strand(sess);
   if (!still_open(sess, static_cast<uint32_t>(id))) return gone();
   if (command == timer_sess_check) {
+    sess->strand.spoke();
     diag("t_sess_check timeout\n");
     if (sess->check_timer != timer) return 0;
     StopTimer(timer);
     sess->check_timer = nullptr;
     c2ms_sess_check(sess);
+    rearm_timers(sess);
     return 0;
   }
   if (command == timer_sess_watch) {
@@ -140,15 +147,18 @@ int on_sess_timer(c2ms_mgmt *mgmt, rac_timer *timer, uint32_t command, uintptr_t
   if (sess->speed_timer != timer) return 0;
   StopTimer(timer);
   sess->speed_timer = nullptr;
-  return c2ms_sess_recvspeed_count(sess);
+  const int result = c2ms_sess_recvspeed_count(sess);
+  rearm_timers(sess);
+  return result;
 }
 
 int on_connect_timer(c2ms_node *node, rac_timer *timer) {
-  diag("t_build_node_conn timeout, now node %lu clean\n", printable(node->node_id));
   if (node->connect_timer != timer) return 0;
   StopTimer(timer);
   node->connect_timer = nullptr;
   if (node->state == C2MS_NODE_CONNECTING) {
+    node->session->strand.spoke();
+    diag("t_build_node_conn timeout, now node %lu clean\n", printable(node->node_id));
     c2ms_node_retry(node);
   } else {
     c2ms_node_connect(node);  // the brake is over
@@ -174,14 +184,11 @@ int on_timer(c2ms_mgmt *mgmt, rac_timer *timer) {
   if (!find_node(mgmt, static_cast<uint32_t>(id), &ref)) return -22;
   const StrandGuard strand(ref.sess);
   if (!still_there(mgmt, ref)) return -22;
-  switch (command) {
-    case timer_node_connect:
-      return on_connect_timer(ref.node, timer);
-    case timer_node_life:
-      return on_life_timer(ref.node, timer);
-    default:
-      return -1;
-  }
+  if (command != timer_node_connect && command != timer_node_life) return -1;
+  const int result = command == timer_node_connect ? on_connect_timer(ref.node, timer)
+                                                   : on_life_timer(ref.node, timer);
+  rearm_timers(ref.sess);
+  return result;
 }
 
 int handle(c2ms_mgmt *mgmt, void *dev, int event, int kind) {

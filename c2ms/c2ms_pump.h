@@ -10,6 +10,13 @@
 /// negative not handled or stale, as the engine ignores.
 int c2ms_pump(void *mgmt, void *dev, int event, int kind);
 
+namespace c2ms {
+/// Starts every timer that a session and its nodes lack because none was free when it was due. Each
+/// timer of the session that expires does this, so that none of them stays lost while another one
+/// is left; so do the waiting open and a reopen. Inside the strand.
+void rearm_timers(c2ms_sess *sess);
+}  // namespace c2ms
+
 /// The periodic supervision of a session: reports on it, grows it towards four usable nodes, asks
 /// the entry server again when they are lost, asks again for missing packs, starts the next check.
 /// Inside the strand. 0; -1 NULL; -2 no context.

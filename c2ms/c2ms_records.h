@@ -59,6 +59,8 @@ struct host_name {
   char text[256];
 };
 
+struct report_facts;
+
 /// First member of each pooled record: tells a record whose locks exist from fresh zeroed memory.
 struct pooled {
   uint32_t constructed;
@@ -72,8 +74,8 @@ struct report_waits {
   int send_ms = 1000;
 };
 
-/// The reporting of a session's check, on the context's reporting thread.
-enum class report_job : int { none, queued, running };
+/// What a reporting thread has to do for a session on one channel; ended: all has been said.
+enum class report_job : int { none, queued, running, ended };
 
 /// What a node's range requests came to (c2ms_stats.h).
 struct tally {
@@ -229,7 +231,7 @@ struct c2ms_pack {
   int32_t unit_count GUARDED_BY(lock) = 0;
   int32_t index GUARDED_BY(lock) = -1;
   std::atomic<uint8_t> state{pack_idle};  // written under lock
-  uint8_t flag GUARDED_BY(lock) = 0;
+  uint8_t flag GUARDED_BY(lock) = 0;  // of the last answer that completed it, whatever it held then
   int32_t len GUARDED_BY(lock) = 0;
   std::atomic<int64_t> not_before_us{0};  // an idle pack is not asked for again before this
 };
@@ -254,7 +256,8 @@ struct c2ms_cache {
   int32_t last_pack_len GUARDED_BY(lock) = 0;
   uint64_t read_pos GUARDED_BY(lock) = 0;
   int32_t read_index GUARDED_BY(lock) = 0;
-  int32_t traced_index GUARDED_BY(lock) = 0;  // of the last place that was recorded
+  uint64_t traced_pos GUARDED_BY(lock) = 0;  // of the last place that was recorded
+  int64_t traced_us GUARDED_BY(lock) = 0;    // when that was
   int32_t max_first GUARDED_BY(lock) = 0;
   int32_t buffering_size GUARDED_BY(lock) = 0;
   int32_t buffering_packs GUARDED_BY(lock) = 0;
@@ -433,9 +436,8 @@ struct c2ms_sess {
 
   // Nodes. The counters follow the nodes' states (c2ms_node_state_to).
   c2ms_node *entry_node = nullptr;
-  int64_t entry_step_us = 0;  // when the entry exchange made its last step
   bool lookup_pending = false;
-  bool refused = false;  // a server refused while the media was not described
+  uint8_t entry_asks = 0;  // lists asked for again because all servers of the last one failed
   adif::Mutex counter_lock{c2ms::rank_counters};
   std::atomic<int32_t> ready_num{0};   // written under counter_lock
   std::atomic<int32_t> active_num{0};  // written under counter_lock
@@ -480,16 +482,15 @@ struct c2ms_sess {
   c2ms_mgmt *mgmt = nullptr;
   rac_core *probe = nullptr;
 
-  // Reporting (c2ms_sess_report.h). States and counts belong to the running check, then to the
-  // closing thread.
+  // Reporting (c2ms_sess_report.h). States are written by the running job of their channel; counts
+  // belong to the strand.
   std::atomic<uint8_t> perf_state{0};  // 0 play begin not reported, 1 reported
   std::atomic<uint8_t> auth_state{
       0};                        // 0 play begin not accepted, 1 accepted, 255 no agent answers
   int32_t perf_alive_count = 0;  // checks since then
   int32_t auth_alive_count = 0;
-  std::atomic<c2ms::report_job> report_job{c2ms::report_job::none};
-  struct event *report_event = nullptr;  // signalled when a check's reporting ends
-  std::atomic<int32_t> refusal{0};       // the agent's, as a session code; lasts until the close
+  bool perf_alive_owed = false, auth_alive_owed = false;  // due, but no job could take it yet
+  std::atomic<int32_t> refusal{0};  // the agent's, as a session code; lasts until the close
 
   // Life (c2ms_strand.h).
   c2ms::Strand strand;
@@ -499,6 +500,13 @@ struct c2ms_sess {
   // c2ms_sess_cancel: bit 0 while it is on, above it how often it was switched on.
   std::atomic<uint32_t> cancel{0};
   uint32_t cancel_seen = 0;  // by the call that holds the read gate, when it began to wait for it
+
+  // The door of the reporting threads: a job that was cancelled looks here when its turn comes.
+  std::atomic<c2ms::report_job> perf_job{c2ms::report_job::none};
+  std::atomic<c2ms::report_job> auth_job{c2ms::report_job::none};
+  // The closing thread's facts, once there is one; signalled is each end of a job.
+  std::atomic<const c2ms::report_facts *> farewell{nullptr};
+  struct event *report_event = nullptr;
 };
 
 /// The root object.
@@ -548,8 +556,9 @@ struct c2ms_mgmt {
   std::atomic<uint32_t> next_message{1};  // sequence number, shared by both channels
   c2ms::report_waits report_waits;        // constant once sessions are open, as the next
   uint32_t agent_ip = htonl(INADDR_LOOPBACK);
-  c2ms::Worker reporter{"c2ms-reporter"};
-  std::atomic<int> failed_opens{0};  // that wait to be reported
+  c2ms::Worker perf_reporter{"c2ms-report", c2ms::Worker::most_threads};
+  c2ms::Worker auth_reporter{"c2ms-agent", c2ms::Worker::most_threads};
+  std::atomic<int> perf_failed_opens{0}, auth_failed_opens{0};  // that wait to be reported
 
   std::atomic<bool> closing{false};
   std::atomic<int32_t> calls{0};  // opens and closes under way

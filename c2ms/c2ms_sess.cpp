@@ -109,6 +109,16 @@ bool has_nodes(c2ms_sess *sess) {
   return sk_num(sess->node_index) > 0;
 }
 
+// No media node is connected, and each has tried.
+bool all_failed(c2ms_sess *sess) {
+  const adif::Guard lock(sess->list_lock);
+  for (int i = 0; i < sk_num(sess->node_list); ++i) {
+    const auto *const node = static_cast<const c2ms_node *>(sk_value(sess->node_list, i));
+    if (node->state >= C2MS_NODE_CONNECTED || node->times < 1) return false;
+  }
+  return true;
+}
+
 // Waits for the first description. 0, or what ends the open.
 int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
   int timeouts = 0;
@@ -123,6 +133,8 @@ int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
     if (WaitEventUntil(sess->event, tick, changed)) continue;
     tick += std::chrono::seconds(1);
     if (cb != nullptr && cb() < 0) return C2MS_UNAUTHORIZED;
+    const StrandGuard strand(sess);
+    rearm_timers(sess);
     if (++timeouts > open_timeouts) return C2MS_OPEN_TIMEOUT;
   }
 }
@@ -212,6 +224,7 @@ int c2ms_sess_reopen(c2ms_sess *sess) {
   if (!call) return C2MS_CLOSED;
   const uint32_t address = resolve_entry(sess);
   const StrandGuard strand(sess);
+  rearm_timers(sess);
   return start_entry_exchange(sess, address);
 }
 
@@ -247,11 +260,13 @@ void c2ms_sess_refuse(c2ms_sess *sess, int32_t code) {
 }
 
 void c2ms_sess_start_speed_timer(c2ms_sess *sess) {
+  if (sess->speed_timer != nullptr) return;
   const auto period_ms = static_cast<uint32_t>(sess->mgmt->speed_count_period.load());
   sess->speed_timer = start_timer(sess, period_ms, timer_speed_count);
 }
 
 void c2ms_sess_start_check_timer(c2ms_sess *sess) {
+  if (sess->check_timer != nullptr) return;
   const auto period_ms = static_cast<uint32_t>(sess->mgmt->sess_check_time.load()) * 1000;
   sess->check_timer = start_timer(sess, period_ms, timer_sess_check);
 }
@@ -270,6 +285,14 @@ int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
   if (address == 0) return -100;
   sess->entry_node = c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
   return sess->entry_node != nullptr ? 0 : -100;
+}
+
+void c2ms::ask_entry_again(c2ms_sess *sess) {
+  if (sess->desc_count != 0 || sess->entry_node != nullptr || sess->status != 0) return;
+  const int64_t pause_us = int64_t{first_backoff_ms} * 1000 << sess->entry_asks;
+  if (now_us() - sess->reopened_us < pause_us || !all_failed(sess)) return;
+  if (sess->entry_asks < max_entry_asks) ++sess->entry_asks;
+  reopen_later(sess);
 }
 
 void c2ms::reopen_later(c2ms_sess *sess) {

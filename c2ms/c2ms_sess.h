@@ -15,10 +15,10 @@ int c2ms_sess_set_status(c2ms_sess *sess, int32_t code);
 /// receive returns it, a waiting one at once. Any thread while the session can't be recycled.
 void c2ms_sess_refuse(c2ms_sess *sess, int32_t code);
 
-/// Starts the timer of the next speed window. Inside the strand.
+/// Starts the timer of the next speed window, unless it runs. Inside the strand.
 void c2ms_sess_start_speed_timer(c2ms_sess *sess);
 
-/// Starts the timer of the next session check. Inside the strand.
+/// Starts the timer of the next session check, unless it runs. Inside the strand.
 void c2ms_sess_start_check_timer(c2ms_sess *sess);
 
 namespace c2ms {
@@ -34,5 +34,10 @@ int start_entry_exchange(c2ms_sess *sess, uint32_t address);
 /// The same from an engine thread, which must not look a name up: a dotted host is asked at once,
 /// another one when the resolver's thread has its address. Inside the strand.
 void reopen_later(c2ms_sess *sess);
+
+/// While the media has not been described and every server that the last list named has failed,
+/// asks the entry server for another list: 250 ms after the last one, then 500 ms, doubling. Inside
+/// the strand.
+void ask_entry_again(c2ms_sess *sess);
 
 }  // namespace c2ms

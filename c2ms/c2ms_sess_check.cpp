@@ -51,21 +51,24 @@ bool servers_lost(c2ms_sess *sess) {
   return sess->fruitless_us != 0 && for_long(sess->fruitless_us);
 }
 
-void rearm_nodes(c2ms_sess *sess) {
+}  // namespace
+
+void c2ms::rearm_timers(c2ms_sess *sess) {
+  if (sess->hook_registered != 0) {
+    c2ms_sess_start_check_timer(sess);
+    c2ms_sess_start_speed_timer(sess);
+  }
   const adif::Guard lock(sess->list_lock);
-  for (int i = 0; i < sk_num(sess->node_list); ++i) {
-    rearm_retry(static_cast<c2ms_node *>(sk_value(sess->node_list, i)));
+  for (int i = 0; i < sk_num(sess->node_index); ++i) {
+    rearm(static_cast<c2ms_node *>(sk_value(sess->node_index, i)));
   }
 }
-
-}  // namespace
 
 int c2ms_sess_check(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
   if (sess->mgmt == nullptr) return -2;
   report_check(sess);
   grow(sess);
-  rearm_nodes(sess);
   note_answers(sess);
   if (servers_lost(sess)) reopen_later(sess);
   if (sess->active_num > 0 && sess->desc_count > 0) {

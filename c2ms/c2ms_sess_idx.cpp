@@ -17,13 +17,9 @@ using namespace c2ms;
 
 constexpr std::chrono::milliseconds open_limit{index_open_ms};
 
-bool cancel_is_on(const c2ms_sess *sess) {
-  return (sess->cancel.load() & 1) != 0;
-}
-
 // Whoever waits for the index is to be told so at once.
 bool is_over(const c2ms_sess *sess) {
-  return !is_live(sess) || cancel_is_on(sess);
+  return !is_live(sess) || cancelled(sess);
 }
 
 // The index in memory and its window are gone; readers get everything from the cache again.
@@ -270,7 +266,7 @@ int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len) {
   if (!call) return C2MS_CLOSED;
   c2ms_cache *const cache = sess->cache.load();
   if (c2ms_cache_packsize(cache) < 1) return -2;
-  if (cancel_is_on(sess)) return C2MS_CLOSED;
+  if (cancelled_since(sess, sess->cancel)) return C2MS_CLOSED;
   if (sess->idx_len == 0 || sess->idx_mem != 0) return 0;
   const auto t0 = steady::now();
   const GateGuard gate(sess, t0 + open_limit, cache);
@@ -286,7 +282,7 @@ int c2ms_sess_idx_open_asyn(c2ms_sess *sess, uint32_t *len) {
   if (!call) return C2MS_CLOSED;
   c2ms_cache *const cache = sess->cache.load();
   if (c2ms_cache_packsize(cache) < 1) return -2;
-  if (cancel_is_on(sess)) return C2MS_CLOSED;
+  if (cancelled_since(sess, sess->cancel)) return C2MS_CLOSED;
   if (sess->idx_len == 0 || sess->idx_mem != 0) return 0;
   const GateGuard gate(sess, one_try);
   if (gate.cancelled()) return C2MS_CLOSED;

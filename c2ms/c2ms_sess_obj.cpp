@@ -54,7 +54,7 @@ void reset_opening(c2ms_sess *sess) {
   sess->status = 0;
   sess->hook_registered = 0;
   sess->lookup_pending = false;
-  sess->refused = false;
+  sess->entry_asks = 0;
   sess->open_time = 0;
   sess->close_time = 0;
 }
@@ -276,8 +276,9 @@ void c2ms_sess_random(c2ms_sess *sess, uint8_t *out) {
   seed.seconds = now / 1'000'000;
   seed.microseconds = now % 1'000'000;
   if (sess != nullptr && sess->mgmt != nullptr) {
-    std::memcpy(seed.hid, sess->mgmt->hid, sizeof seed.hid);
-    seed.local_ip = sess->mgmt->local_ip;
+    const identity who = known_identity(sess->mgmt);
+    std::memcpy(seed.hid, who.hid, sizeof who.hid);
+    seed.local_ip = who.address;
   }
   Md5Val(&seed, sizeof seed, out);
 }

@@ -1,5 +1,5 @@
 // Session records: the pool, a session's life from fetch to recycling, its list of servers, its ids
-// and token, the two registries through which events find their objects, and the dump.
+// and token, and the two registries through which events find their objects.
 #pragma once
 
 #include <cstdint>

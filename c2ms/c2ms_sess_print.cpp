@@ -91,7 +91,8 @@ void add_download(std::string *text, c2ms_node *node) {
 
 void add_node(std::string *text, c2ms_node *node) {
   const c2ms_node_perf &perf = node->perf;
-  add(text, "    NodeID:%lu %s:%d FD:%d Level:%d Type:0x%02X Load:%d Times:%d ReadyTimes:%d\n",
+  // The line and a newline more: a blank line parts the node's name from its figures.
+  add(text, "    NodeID:%lu %s:%d FD:%d Level:%d Type:0x%02X Load:%d Times:%d ReadyTimes:%d\n\n",
       printable(node->node_id), node->host, static_cast<int>(node->port), GetDeviceFD(node->device),
       static_cast<int>(node->level), node->type, node->load, node->times, node->ready_times);
   add(text, "        State: %s\n", node_state_name(node->state));

@@ -66,27 +66,24 @@ int set_up_cache(c2ms_sess *sess, int32_t pack_size) {
 
 // Serves a call from the index in memory: bytes delivered, or 0 when it is the cache's. A read ends
 // at the window's end; a receive (whole) that would leave the window is the cache's.
-int32_t read_index(c2ms_sess *sess, c2ms_cache *cache, void *buf, int32_t len, bool whole) {
+int32_t read_index(c2ms_sess *sess, c2ms_cache *cache, const c2ms_place &from, void *buf,
+                   int32_t len, bool whole) {
   if (sess->idx_mem == 0 || len < 1) return 0;
   c2ms_window window;
-  uint64_t pos;
-  uint32_t seek_count;
   {
     const adif::Guard lock(cache->lock);
     window = c2ms_cache_window(cache);
-    pos = cache->read_pos;
-    seek_count = cache->seek_count;
   }
-  if (!window.has(pos)) return 0;
-  const uint64_t left = window.end - pos;
+  if (!window.has(from.pos)) return 0;
+  const uint64_t left = window.end - from.pos;
   if (whole && static_cast<uint64_t>(len) > left) return 0;
   const auto count = static_cast<int32_t>(std::min<uint64_t>(static_cast<uint64_t>(len), left));
   if (buf != nullptr) {
-    std::memcpy(buf, sess->idx_buf + window.in_index + (pos - window.begin),
+    std::memcpy(buf, sess->idx_buf + window.in_index + (from.pos - window.begin),
                 static_cast<size_t>(count));
   }
   // Not by a seek, which stops at the last byte: the end of the media must be reached.
-  c2ms_cache_advance(cache, pos + static_cast<uint64_t>(count), seek_count);
+  c2ms_cache_advance(cache, from.pos + static_cast<uint64_t>(count), from.seek_count);
   return count;
 }
 
@@ -109,19 +106,23 @@ int receive(c2ms_sess *sess, const uint64_t *pos, void *buf, int32_t len, int32_
   if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return 0;
   if (const int32_t refusal = sess->refusal.load(); refusal != 0) return refusal;
-  if (pos != nullptr) {
+  c2ms_place from;
+  if (pos == nullptr) {
+    from = c2ms_cache_here(cache);
+  } else {
     if (c2ms_cache_packnum(cache) < 1) return -201;
-    const int placed = c2ms_cache_place(cache, *pos);
+    const int placed = c2ms_cache_place(cache, *pos, &from);
     if (placed != 0) return placed;
+    dispatch_if_due(sess);  // idle nodes begin before this thread sleeps
   }
   const bool whole = pos == nullptr;
-  if (const int32_t n = read_index(sess, cache, buf, len, whole); n > 0) {
+  if (const int32_t n = read_index(sess, cache, from, buf, len, whole); n > 0) {
     dispatch_if_due(sess);
     return count_delivered(sess, n);
   }
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now());
   const auto left_ms = static_cast<int32_t>(std::max<int64_t>(left.count(), 0));
-  return count_delivered(sess, c2ms_cache_recv(cache, buf, len, left_ms));
+  return count_delivered(sess, c2ms_cache_recv_at(cache, from, buf, len, left_ms));
 }
 
 bool divides(int32_t pack_size, uint64_t size) {
@@ -227,7 +228,7 @@ int c2ms_sess_read(c2ms_sess *sess, void *buf, int32_t len, int32_t nonblock) {
   if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return 0;
   if (const int32_t refusal = sess->refusal.load(); refusal != 0) return refusal;
-  if (const int32_t n = read_index(sess, cache, buf, len, false); n > 0)
+  if (const int32_t n = read_index(sess, cache, c2ms_cache_here(cache), buf, len, false); n > 0)
     return count_delivered(sess, n);
   return count_delivered(sess, c2ms_cache_read(cache, buf, len, nonblock));
 }

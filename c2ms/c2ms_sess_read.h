@@ -32,10 +32,7 @@ class GateGuard {
   GateGuard &operator=(const GateGuard &) = delete;
   explicit operator bool() const { return entered_; }
   /// Whether cancel is on or has been since this guard was made, entered or not.
-  bool cancelled() const {
-    const uint32_t now = sess_->cancel.load();
-    return (now & 1) != 0 || now != cancel_seen_;
-  }
+  bool cancelled() const { return cancelled_since(sess_, cancel_seen_); }
 
  private:
   c2ms_sess *const sess_;

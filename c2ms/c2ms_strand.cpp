@@ -1,5 +1,7 @@
 #include "c2ms/c2ms_strand.h"
 
+#include <utility>
+
 #include "adif/check.h"
 #include "c2ms/c2ms_diag.h"
 #include "c2ms/c2ms_records.h"
@@ -56,6 +58,21 @@ void Strand::leave() {
   adif::rank_leave(rank_strand);
 }
 
+bool Strand::take_turn(uint32_t *turn) {
+  if (!std::exchange(spoke_, false)) return false;
+  *turn = next_turn_++;
+  return true;
+}
+
+void Strand::await_turn(uint32_t turn) const {
+  for (uint32_t now = turn_.load(); now != turn; now = turn_.load()) turn_.wait(now);
+}
+
+void Strand::end_turn() {
+  turn_.fetch_add(1);
+  turn_.notify_all();
+}
+
 StrandGuard::StrandGuard(c2ms_sess *sess) : sess_(sess) {
   sess_->strand.enter();
 }
@@ -71,8 +88,12 @@ StrandGuard::~StrandGuard() {
   }
   const bool dispatched = run_due_dispatches(sess_);
   rac_core *const core = sess_->probe;
+  uint32_t turn = 0;
+  const bool ordered = sess_->strand.take_turn(&turn);
   sess_->strand.leave();
+  if (ordered) sess_->strand.await_turn(turn);
   diag_deliver();
+  if (ordered) sess_->strand.end_turn();
   if (dispatched) drive_hook(core);
 }
 
@@ -105,9 +126,13 @@ CallGuard::~CallGuard() {
   diag_deliver();
 }
 
-bool cancelled(const c2ms_sess *sess) {
+bool cancelled_since(const c2ms_sess *sess, uint32_t seen) {
   const uint32_t now = sess->cancel.load();
-  return (now & 1) != 0 || now != sess->cancel_seen;
+  return (now & 1) != 0 || now != seen;
+}
+
+bool cancelled(const c2ms_sess *sess) {
+  return cancelled_since(sess, sess->cancel_seen);
 }
 
 void mark_dispatch_due(c2ms_sess *sess) {

@@ -19,12 +19,22 @@ class Strand {
   void enter();
   void leave();
   bool outermost() const { return depth_ == 1; }  // by its holder
+  /// Its holder has said something (diag) whose place among the session's lines matters.
+  void spoke() { spoke_ = true; }
+  /// Who leaves with something said takes a turn in the strand and, outside, delivers when all
+  /// earlier turns have ended: the order of the lines is that of what happened.
+  bool take_turn(uint32_t *turn);
+  void await_turn(uint32_t turn) const;
+  void end_turn();
   bool mine() const { return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
  private:
   std::mutex mutex_;
   std::atomic<std::thread::id> owner_{};
   int depth_ = 0;
+  bool spoke_ = false;
+  uint32_t next_turn_ = 0;
+  std::atomic<uint32_t> turn_{0};  // who delivers
 };
 
 /// Holds a session's strand. Who leaves the outermost level dispatches what has become due, then,
@@ -75,7 +85,10 @@ class CallGuard {
   const bool entered_;
 };
 
-/// True when the call that holds the read gate must end: cancel is on, or was since the call began.
+/// True when a call must end that has found the session's `cancel` as `seen` when it began: cancel
+/// is on, or has been since.
+bool cancelled_since(const c2ms_sess *sess, uint32_t seen);
+/// The same for the call that holds the read gate.
 bool cancelled(const c2ms_sess *sess);
 
 /// Marks the session "dispatch due"; the strand's next outermost leave carries it out. Any thread.

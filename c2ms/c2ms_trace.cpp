@@ -51,9 +51,14 @@ void set_node(const c2ms_node *node, c2ms_trace_event *event) {
   event->port = node->port;
 }
 
-// A picture needs no more than some places for each turn of the ring.
-int32_t places_apart(const c2ms_cache *cache) {
-  return std::max(cache->packnum.load() / 16, 1);
+// A picture needs some places for each turn of the ring, and some for each second.
+constexpr int places_per_ring = 16;
+constexpr int64_t places_apart_us = 50'000;
+
+bool far_from_last_place(const c2ms_cache *cache) REQUIRES(cache->lock) {
+  const uint64_t a = cache->traced_pos, b = cache->read_pos;
+  const uint64_t packs = static_cast<uint64_t>(std::max(cache->packnum / places_per_ring, 1));
+  return (a < b ? b - a : a - b) >= packs * static_cast<uint64_t>(cache->packsize.load());
 }
 
 }  // namespace
@@ -102,8 +107,9 @@ void trace_place(c2ms_cache *cache) {
   const uint64_t ring_bytes = static_cast<uint64_t>(cache->packnum.load()) * packsize;
   const uint64_t base = cache->base_offset, pos = base + cache->read_pos;
   const uint64_t bytes = std::min(ring_begin + ring_bytes, cache->media_size) - ring_begin;
-  cache->traced_index = cache->read_index;
-  record(cache->session, C2MS_TRACE_PLACE, now_us(), [&](c2ms_trace_event &event) {
+  cache->traced_pos = cache->read_pos;
+  cache->traced_us = now_us();
+  record(cache->session, C2MS_TRACE_PLACE, cache->traced_us, [&](c2ms_trace_event &event) {
     event.pos = pos;
     event.begin = base + ring_begin;
     event.bytes = bytes;
@@ -112,9 +118,11 @@ void trace_place(c2ms_cache *cache) {
 
 void trace_move(c2ms_cache *cache) {
   if (!tracing(cache->session)) return;
-  const bool near = std::abs(cache->read_index - cache->traced_index) < places_apart(cache);
-  if (near && cache->read_pos < cache->media_size) return;
-  trace_place(cache);
+  if (cache->read_pos == cache->traced_pos) return;
+  if (far_from_last_place(cache) || cache->read_pos == cache->media_size ||
+      now_us() - cache->traced_us >= places_apart_us) {
+    trace_place(cache);
+  }
 }
 
 void trace_stop(c2ms_sess *sess) {

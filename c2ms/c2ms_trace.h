@@ -19,7 +19,7 @@ void trace_node(const c2ms_node *node, uint32_t state);
 void trace_wait(c2ms_cache *cache, wait_cause cause, int64_t waited_us) REQUIRES(cache->lock);
 void trace_seek(c2ms_cache *cache) REQUIRES(cache->lock);
 void trace_place(c2ms_cache *cache) REQUIRES(cache->lock);
-/// The same, unless the position is still near the place that was recorded last.
+/// The same after a move, unless a place near by was recorded a moment ago.
 void trace_move(c2ms_cache *cache) REQUIRES(cache->lock);
 
 /// Ends recording and gives the ring's memory back.

@@ -13,6 +13,7 @@
 /// Results of sending and receiving.
 enum c2ms_unit_result : int {
   unit_not_sendable = -100,   // not in UNIT_INIT
+  unit_nothing_read = -100,   // the peer has gone before the first byte of a control response
   unit_not_wanted = -140,     // its pack has moved on
   unit_socket_failed = -200,  // error, or closed within a response
   unit_oversized = -300,      // total length above 1024 or below what the response needs
@@ -48,9 +49,9 @@ bool c2ms_unit_verify_in(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock);
 /// unit_not_wanted, or unit_socket_failed when it did not go out whole.
 int c2ms_unit_send(c2ms_unit *unit, int fd);
 
-/// Receives what there is of a control response; UNIT_END tells that it is whole. closed_flag is
-/// set when the peer has closed (a whole response counts all the same). 0, or a negative result:
-/// the unit is back in UNIT_INIT.
+/// Receives what there is of a control response; UNIT_END tells that it is whole, and bytes that
+/// came behind it are dropped. closed_flag is set when the peer has closed (a whole response counts
+/// all the same). 0, or a negative result: the unit is back in UNIT_INIT.
 int c2ms_unit_recv_control(c2ms_node *node, c2ms_unit *unit, int fd, bool *closed_flag);
 
 /// The same for a download, payload included; bounded work, the rest comes with the next event. A

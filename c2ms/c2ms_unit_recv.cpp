@@ -50,8 +50,7 @@ int check_header(const c2ms_unit &unit) {
   }
   if (response.command_id != (unit.request.command_id | 0x80000000u)) return unit_wrong_command;
   if (response.sequence_id != unit.request.sequence_id) return unit_wrong_sequence;
-  if (response.prot_version != unit.request.prot_version) return unit_wrong_command;
-  return 0;
+  return 0;  // whatever the version: a fleet has old servers and new ones
 }
 
 void decode(c2ms_unit *unit) {
@@ -124,9 +123,10 @@ struct pack_news {
   bool idle = false, complete = false;
 };
 
-void tell(c2ms_cache *cache, const pack_news &news) {
-  if (news.idle) c2ms_cache_note_idle(cache, news.index);
-  c2ms_cache_tell_reader(cache, news.index, news.complete);
+void tell(const c2ms_unit *unit, c2ms_pack *pack, const pack_news &news) {
+  if (news.index < 0) return;
+  if (news.idle) c2ms_cache_note_idle(unit->session->cache.load(), news.index);
+  c2ms_pack_ready_notify(pack, news.index, news.complete);
 }
 
 // Accounts payload bytes that now lie in the pack behind those of earlier pieces. True: the unit has
@@ -177,7 +177,7 @@ slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd, int32_t *budge
     done = take_payload(unit, pack, got, &news);
     if (!done && (result < 0 || got < wanted)) outcome = result < 0 ? slice::failed : slice::nothing;
   }
-  tell(unit->session->cache.load(), news);
+  tell(unit, pack, news);
   if (done) next_pack(unit);
   return outcome;
 }
@@ -247,7 +247,7 @@ int receive_beginning(c2ms_unit *unit, int fd) {
     if (!answered || in_pack == 0) return result;
     done = take_payload(unit, pack, in_pack, &news);
   }
-  tell(unit->session->cache.load(), news);
+  tell(unit, pack, news);
   if (done) next_pack(unit);
   return 1;
 }
@@ -287,14 +287,21 @@ void end_empty(c2ms_unit *unit) {
     const adif::Guard lock(pack->lock);
     if (c2ms_unit_verify_in(unit, pack)) take_payload(unit, pack, 0, &news);
   }
-  tell(unit->session->cache.load(), news);
+  tell(unit, pack, news);
   finish(unit);
 }
 
-bool peer_has_closed(int fd) {
-  uint8_t byte;
-  const ssize_t n = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-  return n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR);
+// Bytes that came with a control response and belong to nothing are dropped: nothing else has been
+// asked for. True: the peer has closed. (Who sends more than a few kilobytes of them fails at the
+// next look.)
+bool drop_surplus(c2ms_unit *unit, int fd) {
+  uint8_t nowhere[max_pdu_bytes];
+  for (int i = 0; i < max_surplus_reads; ++i) {
+    const ssize_t n = recv(fd, nowhere, sizeof nowhere, MSG_DONTWAIT);
+    if (n <= 0) return n == 0 || (errno != EAGAIN && errno != EINTR);
+    c2ms_sess_recv_byte(unit->session, n);
+  }
+  return false;
 }
 
 }  // namespace
@@ -306,11 +313,12 @@ int c2ms_unit_recv_control(c2ms_node *node, c2ms_unit *unit, int fd, bool *close
   const int result = receive_pdu(unit, fd);
   if (result < 0) {
     *closed_flag = true;
-    return result;
+    const bool nothing = result == unit_socket_failed && frameLength(unit->frame) == 0;
+    return nothing ? static_cast<int>(unit_nothing_read) : result;
   }
   if (result == 0) return 0;
   finish(unit);
-  *closed_flag = peer_has_closed(fd);
+  *closed_flag = drop_surplus(unit, fd);
   return 0;
 }
 

@@ -27,22 +27,26 @@ class BlockedSignals {
 }  // namespace
 
 // With the lock held.
-bool Worker::has_thread() {
-  if (thread_.joinable()) return true;
+void Worker::start_thread() {
   const BlockedSignals blocked;
+  std::thread &thread = threads_[static_cast<size_t>(started_)];
   try {
-    thread_ = std::thread([this] { run(); });
+    thread = std::thread([this] { run(); });
   } catch (const std::exception &) {  // no thread, or no memory for one
-    return false;
+    return;
   }
-  pthread_setname_np(thread_.native_handle(), name_);
-  return true;
+  pthread_setname_np(thread.native_handle(), name_);
+  ++started_;
+  ++free_;
 }
 
 bool Worker::push(Job *job) {
   std::unique_ptr<Job> refused(job);
   const std::lock_guard lock(mutex_);
-  if (job == nullptr || stopped_ || !has_thread()) return false;
+  if (job == nullptr || stopped_) return false;
+  if (queued_ >= free_ && started_ < most_) start_thread();
+  if (started_ == 0) return false;
+  ++queued_;
   (first_ == nullptr ? first_ : last_->next) = job;
   last_ = refused.release();
   changed_.notify_one();
@@ -52,20 +56,24 @@ bool Worker::push(Job *job) {
 // With the lock held.
 Worker::Job *Worker::take_first() {
   Job *const job = first_;
-  if (job != nullptr) first_ = job->next;
+  if (job == nullptr) return nullptr;
+  first_ = job->next;
+  --queued_;
   return job;
 }
 
 void Worker::stop() {
-  std::thread ending;
+  std::array<std::thread, most_threads> ending;
   {
     const std::lock_guard lock(mutex_);
     stopped_ = true;
     while (Job *const job = take_first()) delete job;
-    ending.swap(thread_);
-    changed_.notify_one();
+    ending.swap(threads_);
+    changed_.notify_all();
   }
-  if (ending.joinable()) ending.join();
+  for (std::thread &thread : ending) {
+    if (thread.joinable()) thread.join();
+  }
 }
 
 void Worker::run() {
@@ -74,9 +82,11 @@ void Worker::run() {
     changed_.wait(lock, [this] { return stopped_ || first_ != nullptr; });
     if (stopped_) return;
     const std::unique_ptr<Job> job(take_first());
+    --free_;
     lock.unlock();
     job->run();
     lock.lock();
+    ++free_;
   }
 }
 

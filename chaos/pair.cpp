@@ -1,5 +1,6 @@
 #include "pair.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace chaos {
@@ -36,7 +37,7 @@ size_t Pair::moves_over() const {
 void Pair::move_to(c2ms_sess *, uint64_t to, const std::function<int()> &call) {
   {
     const std::lock_guard lock(moves_lock_);
-    moves_.push_back({to, false});
+    moves_.push_back({to, false, base_});
   }
   const int result = timed(world_.findings, other_call, "move", 1.0, call);
   if (result != 0) world_.findings.add("a move gave %d", result);
@@ -73,6 +74,12 @@ void Pair::close() {
   while (users_ > 0) std::this_thread::yield();
 }
 
+void Pair::seek(c2ms_sess *sess) {
+  const uint64_t to = other_dice_.below(length_ + 1);
+  const uint64_t lands = base_ + std::min(to, length_ - 1);
+  move_to(sess, lands, [&] { return c2ms_sess_seek(sess, to); });
+}
+
 void Pair::act(c2ms_sess *sess) {
   ++tally_.calls;
   switch (other_dice_.below(20)) {
@@ -102,11 +109,8 @@ void Pair::act(c2ms_sess *sess) {
       fclose(nowhere);
       return;
     }
-    default: {
-      const uint64_t to = other_dice_.below(length_ + 1);
-      const uint64_t lands = base_ + std::min(to, length_ - 1);
-      move_to(sess, lands, [&] { return c2ms_sess_seek(sess, to); });
-    }
+    default:
+      seek(sess);
   }
 }
 
@@ -120,6 +124,9 @@ void Pair::disturb() {
     act(sess);
     std::this_thread::sleep_for(std::chrono::microseconds(other_dice_.spread(20'000)));
   }
+  // With everything there, most reads deliver: seeks without a pause fall into the middle of some.
+  if (sess_ != nullptr || open())
+    for (int i = 0; i < 3000 && !world_.findings.any(); ++i) seek(sess_);
   over_ = true;
   close();
 }
@@ -150,6 +157,27 @@ void Pair::locate(const uint8_t *bytes, int n, size_t over_at_begin) {
   known_then_ = moves_.size();
 }
 
+// Its bytes are those of the position in one of the ranges that were selected meanwhile. Where it
+// leaves the position is not followed: the next read may begin anywhere.
+int Pair::read_at_once(c2ms_sess *sess, uint8_t *buffer, int32_t len, size_t over_at_begin) {
+  const uint64_t pos = reader_dice_.below(world_.size);
+  const int budget_ms = reader_dice_.between(0, 30);
+  const int n = timed(world_.findings, reader_call, "read at", 1.0,
+                      [&] { return c2ms_sess_read_at(sess, pos, buffer, len, budget_ms); });
+  const std::lock_guard lock(moves_lock_);
+  const auto count = static_cast<size_t>(std::clamp(n, 0, len));
+  bool found = count == 0;
+  for (size_t i = moves_.size(); !found && i-- > std::max<size_t>(over_at_begin, 1) - 1;)
+    found = refserver::content_mismatch(world_.film, moves_[i].base + pos, buffer, count) == count;
+  if (!found)
+    world_.findings.add("%d bytes from elsewhere than %llu", n,
+                        static_cast<unsigned long long>(pos));
+  located_ = false;
+  oldest_possible_ = over_at_begin;
+  known_then_ = moves_.size();
+  return n;
+}
+
 void Pair::read_once(c2ms_sess *sess) {
   static thread_local uint8_t buffer[buffer_bytes];
   const int32_t len = 8 + static_cast<int32_t>(reader_dice_.spread(buffer_bytes - 8));
@@ -159,7 +187,10 @@ void Pair::read_once(c2ms_sess *sess) {
     over_at_begin = moves_over();
   }
   int n;
-  if (reader_dice_.one_in(3)) {
+  const bool at_a_position = reader_dice_.one_in(3);
+  if (at_a_position) {
+    n = read_at_once(sess, buffer, len, over_at_begin);
+  } else if (reader_dice_.one_in(3)) {
     n = timed(world_.findings, reader_call, "read", 45,
               [&] { return c2ms_sess_read(sess, buffer, len, 0); });
   } else {
@@ -170,8 +201,11 @@ void Pair::read_once(c2ms_sess *sess) {
   ++tally_.calls;
   if (n > 0) {
     tally_.bytes += static_cast<uint64_t>(n);
-    return n <= len ? locate(buffer, n, over_at_begin) : world_.findings.add("%d of %d", n, len);
+    if (n > len) return world_.findings.add("%d of %d", n, len);
+    return at_a_position ? void() : locate(buffer, n, over_at_begin);
   }
+  // (Who reads again at once hardly lets the other thread do anything.)
+  if (n == 0) std::this_thread::sleep_for(std::chrono::microseconds(reader_dice_.spread(300)));
   const bool refusal = world_.refuses && n <= C2MS_MEDIA_NOT_EXIST && n >= C2MS_IN_DEBT;
   if (n == 0 || n == -200 || n == -201 || n == C2MS_CLOSED || refusal) return;
   world_.findings.add("a read gave %d", n);

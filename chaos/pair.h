@@ -1,7 +1,8 @@
 // Two threads on one session: one reads, the other seeks, selects ranges, asks and closes. Each
 // delivery must be explained by some serial order of the calls: it begins where the last one ended
 // or where a move that can have come in between has gone, and a move that was over before the read
-// began is never forgotten.
+// began is never forgotten. A read at a position delivers that position's bytes, whatever comes in
+// between.
 #pragma once
 
 #include "viewer.h"
@@ -19,8 +20,9 @@ class Pair {
 
  private:
   struct move {
-    uint64_t to;  // of the file
-    bool over;    // its call has returned
+    uint64_t to;    // of the file
+    bool over;      // its call has returned
+    uint64_t base;  // where the selected range began then
   };
 
   /// The session for one call of the reader, which end_use() follows; NULL: none is open.
@@ -30,10 +32,12 @@ class Pair {
   bool open();
   void close();
   void act(c2ms_sess *sess);
+  void seek(c2ms_sess *sess);
   void move_to(c2ms_sess *sess, uint64_t to, const std::function<int()> &call);
   void select_file(c2ms_sess *sess);
   size_t moves_over() const;
   void read_once(c2ms_sess *sess);
+  int read_at_once(c2ms_sess *sess, uint8_t *buffer, int32_t len, size_t over_at_begin);
   void locate(const uint8_t *bytes, int n, size_t over_at_begin);
 
   World &world_;

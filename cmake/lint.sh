@@ -113,6 +113,25 @@ format() {
     awk -F: '!seen[$1]++ { print $1 ":" $2 ": not formatted (./dev format)" }' | grep . && failed=1 || true
 }
 
-for step in bans sizes format compile; do $step; done
+# What the formatter leaves of a table that it has folded: a line of one or two words between a long one and
+# another, or the end of a comment alone below its only line. Three spaces in a row keep a line from it (.clang-format).
+folded() {
+  local place
+  while read -r place; do
+    breach folded "$place" "a comment that was folded: set it anew"
+  done < <(awk '
+    FNR == 1 { long = 0; few = opener = "" }
+    few != "" && /^ *\/\/+ *[^ ]/ { print few }
+    opener && /^ *\*\/$/ { print FILENAME ":" FNR }
+    { few = ""; opener = /^ *\/\*[^*]/ && !/\*\// }
+    /^ *\/\/+ / {
+      text = $0
+      sub(/^ *\/\/+ +/, "", text)
+      if (long && split(text, words, " ") <= 2 && text !~ /[.:;)]$/) few = FILENAME ":" FNR
+    }
+    { long = /^ *\/\// && length($0) >= 85 }' "${sources[@]}" "${headers[@]}")
+}
+
+for step in bans sizes folded format compile; do $step; done
 [[ $failed == 0 ]] && echo "lint: ${#sources[@]} sources and ${#headers[@]} headers are clean"
 exit $failed

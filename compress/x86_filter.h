@@ -5,15 +5,16 @@
 // calls of one function from many places become equal bytes and compress well; the decoder turns it
 // back. The rules for which opcodes count must be the same in every implementation, to the bit:
 //
-//   - The operand's top byte is 00 or FF before and after the conversion (a target within 16 MiB);
-//   the
-//     sum is kept to 25 bits and sign-extended.
-//   - An opcode that was not converted still takes part: at most one such opcode may lie among the
-//     three bytes before a converted one, and the byte that both their operands share (the top byte
-//     of the first) must be neither 00 nor FF, before and after the conversion. Otherwise the
-//     decoder could not tell which of the two was converted.
-//   - The last four bytes of the buffer start no instruction; after a conversion the scan goes on
-//     behind the operand.
+// clang-format off
+//   1. The operand's top byte is 00 or FF before and after the conversion (a target within 16 MiB).
+//      The sum is kept to 25 bits and sign-extended.
+//   2. An opcode that was not converted still counts: among the three bytes before a converted one
+//      lies at most one such opcode, and the byte that both operands share (the top byte of the
+//      first) is neither 00 nor FF, before and after the conversion. Otherwise the decoder could
+//      not tell which of the two was converted.
+//   3. The last four bytes of the buffer start no instruction.
+//   4. After a conversion the scan goes on behind the operand.
+// clang-format on
 //
 // Format: the BCJ x86 filter of the LZMA SDK and of the .xz file format (filter id 04), start
 // offset 0. Decoding undoes encoding for every input; both run in linear time, without memory of

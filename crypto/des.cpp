@@ -1,3 +1,4 @@
+// DES and triple DES over whole buffers: libgcrypt's block ciphers, our padding. See des.h.
 #include "crypto/des.h"
 
 #include <gcrypt.h>
@@ -17,6 +18,7 @@ using cipher_ptr =
                     decltype([](gcry_cipher_hd_t handle) { gcry_cipher_close(handle); })>;
 
 template <class Context>
+// The context has no field that says which it is: its length does.
 constexpr int kAlgorithm = sizeof(Context::key) == kBlock ? GCRY_CIPHER_DES : GCRY_CIPHER_3DES;
 
 // Opens a cipher and gives it the context's key. 0, GPG_ERR_WEAK_KEY with a cipher that works, or
@@ -28,6 +30,7 @@ int open_cipher(const Context &context, cipher_ptr *cipher) {
   gcry_error_t error = gcry_cipher_open(&handle, kAlgorithm<Context>, GCRY_CIPHER_MODE_ECB, 0);
   if (error != 0) return static_cast<int>(gcry_err_code(error));
   cipher->reset(handle);
+  // Peers may have been given a weak key; refusing it would cut them off.
   gcry_cipher_ctl(handle, GCRYCTL_SET_ALLOW_WEAK_KEY, nullptr, 1);
   error = gcry_cipher_setkey(handle, context.key, sizeof context.key);
   return static_cast<int>(gcry_err_code(error));
@@ -58,6 +61,7 @@ int encrypt(const Context *context, const void *in, int len, void *out, int *out
 
   const int whole = len / kBlock * kBlock;
   const int rest = len - whole;
+  // Taken before anything is written: `out` may be `in`.
   uint8_t last[kBlock];
   std::memset(last, kBlock - rest, sizeof last);
   std::memcpy(last, static_cast<const uint8_t *>(in) + whole, as_size(rest));
@@ -94,6 +98,7 @@ int decrypt(const Context *context, const void *in, int len, void *out, int *out
     return -1;
   if (gcry_cipher_decrypt(cipher.get(), last, kBlock, nullptr, 0) != 0) return -1;
 
+  // Looked at in a block of its own: wrong padding leaves *out_len alone.
   const int rest = unpadded(last);
   if (rest < 0) return -1;
   std::memcpy(static_cast<uint8_t *>(out) + whole, last, as_size(rest));

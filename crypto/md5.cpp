@@ -1,3 +1,4 @@
+// MD5 of buffers and files by libgcrypt. See md5.h.
 #include "crypto/md5.h"
 
 #include <gcrypt.h>
@@ -29,6 +30,7 @@ void MD5Update(md5_context *context, const void *data, int64_t length) {
 }
 
 void MD5Final(uint8_t out[kMd5Bytes], md5_context *context) {
+  // Never what happens to lie there: a refused digest is at least always the same.
   std::memset(out, 0, kMd5Bytes);
   if (context->handle == nullptr) return;
   std::memcpy(out, gcry_md_read(handle_of(context), GCRY_MD_MD5), kMd5Bytes);
@@ -51,12 +53,14 @@ int file_md5(const char *path, uint8_t out[kMd5Bytes]) {
 
   md5_context context;
   MD5Init(&context);
+  if (context.handle == nullptr) return -1;
   uint8_t piece[1024];
   for (size_t n; (n = std::fread(piece, 1, sizeof piece, file.get())) > 0;) {
     MD5Update(&context, piece, static_cast<int64_t>(n));
   }
   uint8_t digest[kMd5Bytes];
   MD5Final(digest, &context);
+  // A digest of a part would pass for the file's.
   if (std::ferror(file.get()) != 0) return -1;
   std::copy_n(digest, kMd5Bytes, out);
   return 0;

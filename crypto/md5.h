@@ -16,11 +16,12 @@ void MD5Init(md5_context *context);
 /// Adds `length` bytes; a length below 1 adds nothing.
 void MD5Update(md5_context *context, const void *data, int64_t length);
 /// Writes the digest and releases the context. The digest is all zero where libgcrypt refuses MD5
-/// (a host in FIPS mode).
+/// (a host in FIPS mode) or has no memory; crypto::gcrypt_works tells the first at the start.
 void MD5Final(uint8_t out[kMd5Bytes], md5_context *context);
 
 /// The binary digest of `length` bytes. Null data or a length below 1 is the empty input.
 void Md5Val(const void *data, int64_t length, uint8_t out[kMd5Bytes]);
 /// The binary digest of a file, read in pieces of 1024 bytes; blocks as reading the file does. 0;
-/// -1 when an argument is null or the file can't be opened or read (nothing is written to `out`).
+/// -1 when an argument is null, the file can't be opened or read, or libgcrypt refuses MD5 (nothing
+/// is written to `out`).
 int file_md5(const char *path, uint8_t out[kMd5Bytes]);

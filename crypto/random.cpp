@@ -1,3 +1,4 @@
+// Random texts and the entropy pool. See random.h.
 #include "crypto/random.h"
 
 #include <gcrypt.h>
@@ -40,6 +41,7 @@ time_t seed_time = 0;
 
 void seed() {
   const time_t now = time(nullptr);
+  // Seeded again with the first time in each later second (meant, see the header).
   if (seed_time == now) return;
   if (seed_time == 0) seed_time = now;
   srand(static_cast<unsigned>(seed_time));
@@ -70,6 +72,7 @@ bool mix(rand_state *state, const void *data, size_t length) {
   uint8_t next[kHashBytes];
   if (!hash('m', *state, data, length, next)) return false;
   std::copy_n(next, kHashBytes, state->pool);
+  // A new pool: its blocks are numbered afresh.
   state->drawn = 0;
   return true;
 }
@@ -129,6 +132,7 @@ int RandCreate(rand_state *state) {
   uint8_t entropy[kBytesToFeed];  // getrandom() gives up to 256 bytes at once
   if (getrandom(entropy, sizeof entropy, 0) != static_cast<ssize_t>(sizeof entropy)) return -1;
   const int result = RandUpdate(state, entropy, sizeof entropy);
+  // Not left on the stack for whoever reads it next.
   explicit_bzero(entropy, sizeof entropy);
   return result;
 }

@@ -14,7 +14,8 @@ inline constexpr int kRandomDigits = 5;
 /// Writes `length` characters to `out`, without an ending zero; a negative length writes none. 0;
 /// -1 for null or a kind outside 0 ... 5. Uses rand(3) of the process and seeds it: on the first
 /// call with the time, and on each call made in a later second with that same first time again, so
-/// the sequence restarts (kept). For names only, never for secrets. One thread at a time.
+/// the sequence restarts. Kept for compatibility: names repeat from one second to the next. Never
+/// for secrets. One thread at a time.
 int GetRandomString(char *out, int length, int kind);
 
 /// An entropy pool: bytes of any quality are mixed in (SHA-256), and once enough have come any

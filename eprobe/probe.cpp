@@ -18,6 +18,7 @@
 #include "eprobe/rac_process_cycle.h"
 #include "eprobe/rac_time.h"
 #include "eprobe/rac_timer.h"
+#include "eprobe/rac_wake.h"
 
 namespace {
 
@@ -56,9 +57,10 @@ rac_core *make_core(uint32_t nthreads) {
   core->timer_n = PROBE_MAX_TIMERS;
   core->operate_n = RAC_OPERATIONS;
   core->model_name = "select";
+  // Before the pools: the pool of timers gives each base a spare one.
   core->bases.reset(new (std::nothrow) rac_base[core->nbases]());
-  if (make_locks(core) && rac_operate_init(core) == 0 && rac_connection_init(core) == 0 &&
-      rac_timer_init(core) == 0 && core->bases != nullptr && rac_register_core(core) == 0)
+  if (core->bases != nullptr && make_locks(core) && rac_operate_init(core) == 0 &&
+      rac_connection_init(core) == 0 && rac_timer_init(core) == 0 && rac_register_core(core) == 0)
     return core;
   destroy(core);
   return nullptr;
@@ -116,6 +118,7 @@ bool enter_join(rac_core *core) {
     core->joining = true;
     return true;
   }
+  // Threads can be joined once: the others wait for a count that the joiner raises.
   const uint32_t joins = core->joins;
   while (core->joins == joins) rac_cond_wait(core->state_changed, core->state_lock);
   return false;
@@ -159,6 +162,7 @@ void wake_to_stop(rac_base *base) {
 
 /// Asks the base for the end of a turn that begins after this; the number to wait for.
 uint32_t ask_for_turn(rac_base *base) {
+  // Released for the turn that reads it: what the caller did before is done by its end.
   const uint32_t turn = base->barrier_asked.fetch_add(1, std::memory_order_acq_rel) + 1;
   rac_base_notify(base);
   return turn;
@@ -189,14 +193,20 @@ rac_core *probe_create(uint32_t nthreads) {
 int StartProbe(rac_core *core, int nowait) {
   if (core == nullptr) return -1;
   const uint32_t return_at_once = static_cast<uint32_t>(nowait) & 0xff;
+  // A worker cannot wait for its own end, and a run that it is still part of must not meet the
+  // next.
+  if (on_worker_of(core))
+    return return_at_once != 0 && core->started.load(std::memory_order_acquire) != 0 ? 0 : -2;
+  core->nowait.store(return_at_once, std::memory_order_release);
+  // One of several starters gets on; sees all that the StopProbe before it did.
   if (core->started.exchange(1, std::memory_order_acq_rel) != 0) {
     if (return_at_once == 0) join_workers(core);
     return 0;
   }
   join_workers(core);  // of a run that was stopped from a callback and not waited for
+  // Read by rac_base_cycle, of threads that are made after this.
   core->stop.store(0, std::memory_order_release);
   core->exiting.store(0, std::memory_order_release);
-  core->nowait.store(return_at_once, std::memory_order_release);
   rac_time_update(0, 0);
   if (rac_init_threads() == -1) std::exit(STARTUP_FAILED);
   start_workers(core);
@@ -206,10 +216,12 @@ int StartProbe(rac_core *core, int nowait) {
 
 int StopProbe(rac_core *core) {
   if (core == nullptr) return -1;
+  // Acquired by rac_base_cycle. The first of several stoppers does the work.
   if (core->stop.exchange(1, std::memory_order_acq_rel) != 0) return 0;
   core->exiting.store(1, std::memory_order_release);
   for (uint32_t i = 0; i < core->nbases; ++i) wake_to_stop(&core->bases[i]);
   if (core->nowait.load(std::memory_order_acquire) != 0 && !on_worker_of(core)) join_workers(core);
+  // Last, for the exchange in StartProbe: the run is over for whoever starts the next.
   core->started.store(0, std::memory_order_release);
   return 0;
 }

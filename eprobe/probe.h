@@ -55,7 +55,9 @@ enum probe_notify : uint32_t {
 inline constexpr uint32_t PROBE_MAX_CONNECTIONS = 1024;  ///< devices, and one per worker thread
 inline constexpr uint32_t PROBE_MAX_TIMERS = 512;
 inline constexpr uint32_t PROBE_MAX_THREADS = 128;
-inline constexpr uint32_t PROBE_MAX_INSTANCES = 16;  ///< at one time in a process
+/// At one time in a process. Descriptors may be short before: each worker takes two, one of them
+/// below PROBE_MAX_FD (both, where the process may not have higher ones).
+inline constexpr uint32_t PROBE_MAX_INSTANCES = sizeof(void *) > 4 ? 1024 : 64;
 inline constexpr int PROBE_MAX_FD = 1024;  ///< descriptors of this number and above are refused
 
 // --- Instance and threads ------------------------------------------------------------------------
@@ -70,12 +72,16 @@ rac_core *probe_create(uint32_t nthreads);
 
 /// Starts the workers (named "c2ms-0", "c2ms-1", ...; all signals blocked). With `nowait` (low
 /// byte) non-zero returns at once, otherwise when StopProbe has ended them. If they run already: 0
-/// at once with `nowait`, otherwise waits for their end. -1 for NULL. Works again after StopProbe;
-/// devices and timers live on across the pause. Exit status 2 if a thread cannot be made.
+/// at once with `nowait`, otherwise waits for their end; the latest `nowait` decides whether
+/// StopProbe waits. -1 for NULL. -2 in a callback of this instance, which is part of the run that
+/// would have to end first; only with `nowait`, while the workers run, it is 0 there too. Works
+/// again after StopProbe; devices and timers live on across the pause. Exit status 2 if a thread
+/// cannot be made.
 int StartProbe(rac_core *core, int nowait);
 
-/// Tells the workers to end and, when they were started with `nowait`, waits for that; a callback
-/// may call it too, then it does not wait. -1 for NULL, 0 otherwise (at once if stopped already).
+/// Tells the workers to end and, when the latest StartProbe had `nowait`, waits for that. A
+/// callback may call it too; it does not wait then, and the instance is started again from another
+/// thread. -1 for NULL, 0 otherwise (at once if stopped already).
 int StopProbe(rac_core *core);
 
 /// Stops the workers, closes every device that is still open, without callbacks, and frees all. 0,
@@ -106,8 +112,8 @@ rac_connection *ConnectRemoteAt(rac_core *core, uint32_t worker, const void *add
 
 /// Listens on TCP `port` of every local address (0: the system chooses one; see
 /// GetDeviceLocalPort). Connections come as IOE_ACCEPTED with kind PROBE_TCP_SERVER and the
-/// listener's para, handler and arg. Without a free slot or descriptor accepting pauses until a
-/// slot is free or 100 ms have passed.
+/// listener's para, handler and arg. Without a free slot, operation slot or descriptor accepting
+/// pauses until a slot is free or 100 ms have passed; clients wait in the system's queue meanwhile.
 rac_connection *ListenRemote2(rac_core *core, uint16_t port, uintptr_t para, int *result,
                               probe_handler handler, void *arg);
 
@@ -120,7 +126,8 @@ rac_connection *AcceptRemote2(rac_core *core, rac_connection *device, uintptr_t 
 
 /// A UDP socket on the local address at `address` (NULL: any) and `port`, watched by every worker:
 /// each has a device of its own on it, so that several callbacks may run for one socket and one may
-/// find the datagram taken by another. Returns the last of these devices; removing any removes all.
+/// find the datagram taken by another. Takes one descriptor and one slot for each worker. Returns
+/// the last of these devices; removing any removes all.
 rac_connection *ListenUDP3(rac_core *core, const void *address, uint16_t port, uintptr_t para,
                            int *result, probe_handler handler, void *arg);
 /// ListenUDP3 on any local address.
@@ -138,8 +145,10 @@ int RemoveDevice(rac_connection *device);
 
 /// Turns watching on and off; `mask` is of probe_notify. On the device's own worker (in its
 /// callback) it takes effect at once; from any other thread it is queued to that worker, and one
-/// more callback of the old kind may come. -1 for NULL, a device that is gone, on and off together,
-/// or no free operation slot (512 outstanding); otherwise 0.
+/// more callback of the old kind may come. A listener that is switched off stops accepting;
+/// switched on again it gives IOE_READ, and its owner accepts by himself (meant). -1 for NULL, a
+/// device that is gone, on and off together, or no free operation slot (512 outstanding); otherwise
+/// 0.
 int SetNotify(rac_connection *device, uint32_t mask);
 
 /// Descriptor of the device: 0 for NULL, -1 when it is gone. The engine keeps owning it.
@@ -155,8 +164,9 @@ uint16_t GetDeviceRemotePort(rac_connection *device);
 uint32_t GetDeviceLocalIP(rac_connection *device);
 uint16_t GetDeviceLocalPort(rac_connection *device);
 
-/// TCP connections in use; -1 for NULL. Listeners and UDP devices never count, and go on being
-/// taken off after their removal (kept: a count for monitoring, not for decisions).
+/// TCP connections in use; -1 for NULL. Removing a listener or UDP device lowers this count
+/// although it was never raised, so it can turn negative. Kept for compatibility: for monitoring
+/// only.
 int GetDeviceTCPNum(rac_core *core);
 
 // --- Timers: any thread --------------------------------------------------------------------------
@@ -164,7 +174,8 @@ int GetDeviceTCPNum(rac_core *core);
 /// Starts a one-shot timer: handler(arg, timer, IOE_TIMEOUT, PROBE_TIMER) on a worker once `msec`
 /// (clamped to 2^31 - 1) have passed on the monotonic clock, less at most 1 ms; equal deadlines on
 /// one worker in order of start. `cmd` and `para` are words of the caller's. NULL for a NULL core
-/// or with PROBE_MAX_TIMERS in use.
+/// or with PROBE_MAX_TIMERS in use. A callback that starts its own timer again (the same cmd, para,
+/// handler and arg) always gets it, once in each run, however many are in use.
 rac_timer *StartTimer2(rac_core *core, uint32_t msec, uint32_t cmd, uintptr_t para,
                        probe_handler handler, void *arg);
 

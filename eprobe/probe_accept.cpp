@@ -9,6 +9,7 @@
 #include "eprobe/probe_event.h"
 #include "eprobe/rac_connection.h"
 #include "eprobe/rac_event.h"
+#include "eprobe/rac_operate.h"
 
 namespace {
 
@@ -22,10 +23,15 @@ void pause(rac_connection *listener, bool for_slot) {
   if (for_slot && !listener->accept_paused) rac_pause(base, listener);
 }
 
-void resume(rac_connection *listener) {
+rac_base *end_pause(rac_connection *listener) {
   rac_base *base = listener->base.load(std::memory_order_relaxed);
   rac_event_del_timer(base, listener->read);
   if (listener->accept_paused) rac_unpause(base, listener);
+  return base;
+}
+
+void resume(rac_connection *listener) {
+  rac_base *base = end_pause(listener);
   if (rac_owns_fd(listener)) rac_event_actions.add(base, listener->read, RAC_READ_SIDE, 0);
 }
 
@@ -40,19 +46,29 @@ bool out_of_resources(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-/// Accepts one connection; false when this pass is over. The slot is taken first: a descriptor
-/// without one could only be thrown away.
-bool accept_one(rac_connection *listener) {
+/// The slot for a connection and the request that hands it to a base, taken before it is accepted:
+/// without them it could only be thrown away. NULL, and the listener pauses, when one is missing.
+rac_operate *take_place(rac_connection *listener) {
   rac_core *core = listener->core;
   rac_connection *c = rac_get_connection(core, -1);
-  if (c == nullptr) {
-    pause(listener, true);
-    return false;
-  }
+  rac_operate *request = c != nullptr ? rac_operate_get(core, c) : nullptr;
+  if (request != nullptr) return request;
+  if (c != nullptr) rac_free_connection(core, c);
+  pause(listener, c == nullptr);
+  return nullptr;
+}
+
+/// Accepts one connection; false when this pass is over.
+bool accept_one(rac_connection *listener) {
+  rac_core *core = listener->core;
+  rac_operate *request = take_place(listener);
+  if (request == nullptr) return false;
+  rac_connection *c = request->connection;
   const int fd = accept_descriptor(listener->fd.load(std::memory_order_relaxed));
   if (fd < 0 || fd >= PROBE_MAX_FD) {
     const int error = fd < 0 ? errno : 0;
     if (fd >= 0) close(fd);
+    rac_operate_free(core, request);
     rac_free_connection(core, c);
     if (out_of_resources(error)) pause(listener, false);
     return false;
@@ -65,9 +81,8 @@ bool accept_one(rac_connection *listener) {
   c->handler_arg = listener->handler_arg;
   c->handler_arg2 = listener->handler_arg2;
   c->device_kind = PROBE_TCP_SERVER;
-  if (rac_dispatch_connection(core, c, RAC_OP_ACCEPTED) == 0) return true;
-  rac_close_connection(core, c);
-  return false;
+  rac_dispatch_with(request, RAC_OP_ACCEPTED);
+  return true;
 }
 
 }  // namespace
@@ -82,8 +97,18 @@ void process_accept_event(rac_event *event) {
   }
 }
 
+bool probe_is_pausing(const rac_connection *listener) {
+  return listener->read->timer_set;  // no other connection sets a timer on its read event
+}
+
+void probe_end_pause(rac_connection *listener) {
+  end_pause(listener);
+  listener->read->handler = process_read_event;
+}
+
 void probe_resume_listeners(rac_base *base) {
   if (base->paused_listeners == nullptr) return;
-  if (base->core->free_connection_n.load(std::memory_order_acquire) == 0) return;
+  // After rac_pause raised `paused`, see there.
+  if (base->core->free_connection_n.load(std::memory_order_seq_cst) == 0) return;
   while (base->paused_listeners != nullptr) resume(base->paused_listeners);
 }

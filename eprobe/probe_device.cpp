@@ -144,6 +144,7 @@ rac_connection *AcceptRemote2(rac_core *core, rac_connection *device, uintptr_t 
   adif::check(device != nullptr, "vld != ((void *)0)", SOURCE);
   set_result(result, -1);
   const rac_found<rac_connection> found = rac_find(device);
+  // Of two adopters the word itself tells who was first.
   if (!found || (found->adopted.fetch_or(1, std::memory_order_acq_rel) & 1) != 0) return nullptr;
   found->para.store(para, std::memory_order_relaxed);
   found->handler = handler;
@@ -195,6 +196,7 @@ rac_connection *UDPClient(rac_core *core, const void *address, uint16_t port, ui
   peer.sin_family = AF_INET;
   peer.sin_addr.s_addr = address_at(address);
   peer.sin_port = htons(port);
+  // Without a whole address the owner names the peer with each datagram.
   const bool named = peer.sin_addr.s_addr != 0 && port != 0;
   if (named && connect(fd, reinterpret_cast<sockaddr *>(&peer), sizeof peer) != 0) {
     close(fd);
@@ -228,6 +230,7 @@ int SetNotify(rac_connection *device, uint32_t mask) {
   if (device == nullptr || read_clash || write_clash) return -1;
   const rac_found<rac_connection> found = rac_find(device);
   if (!found || !rac_owns_fd(found.record)) return -1;
+  // Released by rac_set_base. Only the own worker may touch what select watches.
   if (found->base.load(std::memory_order_acquire) != rac_this_base)
     return rac_dispatch_notify(found.record, found.generation, mask);
   if (rac_is_live(found.record)) probe_apply_notify(found.record, mask);

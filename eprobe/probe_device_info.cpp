@@ -39,6 +39,7 @@ int GetDeviceFD(rac_connection *device) {
 uintptr_t GetDevicePara(rac_connection *device) {
   const rac_found<rac_connection> found = rac_find(device);
   if (!found) return 0;
+  // Released by SetDevicePara: what the word points at is there too.
   const uintptr_t para = found->para.load(std::memory_order_acquire);
   return rac_still(found) ? para : 0;
 }

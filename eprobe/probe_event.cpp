@@ -79,19 +79,24 @@ void process_write_event(rac_event *event) {
 void process_timer_event(rac_event *event) {
   auto *t = static_cast<rac_timer *>(event->data);
   rac_base *base = t->base.load(std::memory_order_relaxed);
-  probe_handler handler = nullptr;
-  void *arg = nullptr;
+  rac_timer_words words{};
   {
     rac_guard guard(base->timer_lock);
-    handler = t->handler;
-    arg = t->handler_arg;
+    words = t->words;
   }
   // Marked as running when it left the tree: until it is closed here nobody else changes it.
-  if (handler != nullptr) handler(arg, rac_handle_of(t), IOE_TIMEOUT, PROBE_TIMER);
+  base->expiring = t;
+  if (words.handler != nullptr)
+    words.handler(words.arg, rac_handle_of(t), IOE_TIMEOUT, PROBE_TIMER);
+  base->expiring = nullptr;
   rac_close_timer(t->core, t);
 }
 
 void probe_apply_notify(rac_connection *c, uint32_t mask) {
-  switch_event(c->read, mask & PROBE_READ_ON, mask & PROBE_READ_OFF, process_read_event);
+  // A listener in its pause is switched on as far as its owner knows: only "off" changes anything.
+  if (!probe_is_pausing(c))
+    switch_event(c->read, mask & PROBE_READ_ON, mask & PROBE_READ_OFF, process_read_event);
+  else if ((mask & PROBE_READ_OFF) != 0)
+    probe_end_pause(c);
   switch_event(c->write, mask & PROBE_WRITE_ON, mask & PROBE_WRITE_OFF, process_write_event);
 }

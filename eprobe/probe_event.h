@@ -13,6 +13,11 @@ void process_timer_event(rac_event *event);
 /// Carries out a SetNotify mask.
 void probe_apply_notify(rac_connection *c, uint32_t mask);
 
+/// Whether the listener has stopped accepting for want of a slot, request or descriptor.
+bool probe_is_pausing(const rac_connection *listener);
+/// Ends the pause and leaves the listener unwatched, as SetNotify does with one that accepts.
+void probe_end_pause(rac_connection *listener);
+
 /// Lets the base's listeners that wait for a slot accept again if there is one.
 void probe_resume_listeners(rac_base *base);
 

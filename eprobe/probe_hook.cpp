@@ -7,7 +7,8 @@ namespace {
 
 void set_hook(rac_core *core, const rac_hook &hook) REQUIRES(core->hook_lock) {
   core->hook = hook;
-  core->hook_set.store(hook.check != nullptr && hook.pump != nullptr, std::memory_order_release);
+  // Only a hint that there is something to read under the lock.
+  core->hook_set.store(hook.check != nullptr && hook.pump != nullptr, std::memory_order_relaxed);
 }
 
 }  // namespace

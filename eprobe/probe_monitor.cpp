@@ -76,10 +76,12 @@ int profile_pump(void *vcore, void *vobj, int, int) {
   const std::time_t seconds = std::time(nullptr);
   std::tm now{};
   if (seconds == static_cast<std::time_t>(-1) || localtime_r(&seconds, &now) == nullptr) return -1;
+  // Does nothing when this is its own run; a caller from outside replaces the waiting period.
   StopTimer(core->monitor_timer);
   core->monitor_timer = nullptr;
   write_report(core->monitor_file, core, now);
   core->monitor_timer = start_period(core);
+  // Cannot fail in its own run: a timer always finds its slot again.
   adif::check(core->monitor_timer != nullptr, "monitor_timer != ((void *)0)", SOURCE);
   return 0;
 }

@@ -11,7 +11,7 @@
 #include "eprobe/rac_event.h"
 #include "eprobe/rac_handle.h"
 #include "eprobe/rac_operate.h"
-#include "eprobe/rac_process_cycle.h"
+#include "eprobe/rac_wake.h"
 
 namespace {
 
@@ -36,6 +36,7 @@ bool settled(const rac_connection *c) {
 
 /// From here on the connection is its base's: it may be closed before this returns.
 void submit(rac_connection *c, rac_operate *op) {
+  // Released by rac_set_base or rac_dispatch_to.
   rac_base *base = c->base.load(std::memory_order_acquire);
   adif::check(base != nullptr, "base != ((void *)0)", SOURCE);
   c->pending.fetch_add(1, std::memory_order_relaxed);
@@ -43,12 +44,16 @@ void submit(rac_connection *c, rac_operate *op) {
   rac_base_notify(base);
 }
 
+void submit(rac_operate *record, uint32_t op) {
+  record->target = 1;
+  record->op = op;
+  submit(record->connection, record);
+}
+
 int request(rac_connection *c, uint32_t op) {
   rac_operate *record = rac_operate_get(c->core, c);
   if (record == nullptr) return -1;
-  record->target = 1;
-  record->op = op;
-  submit(c, record);
+  submit(record, op);
   return 0;
 }
 
@@ -63,6 +68,7 @@ void reset(rac_connection *c) {
   c->handler_arg2 = nullptr;
   c->pending.store(0, std::memory_order_relaxed);
   c->accept_paused = false;
+  c->counted_by = nullptr;
   c->group_next = nullptr;
   rac_event_reset(c->read, c, false);
   rac_event_reset(c->write, c, true);
@@ -70,7 +76,7 @@ void reset(rac_connection *c) {
 
 /// Tells all bases that a slot is free if a listener somewhere waits for one.
 void wake_paused(rac_core *core) {
-  if (core->paused.load(std::memory_order_acquire) == 0) return;
+  if (core->paused.load(std::memory_order_seq_cst) == 0) return;  // see rac_pause
   for (uint32_t i = 0; i < core->nbases; ++i) rac_base_notify(&core->bases[i]);
 }
 
@@ -87,6 +93,7 @@ int rac_connection_init(rac_core *core) {
     return -1;
   rac_guard guard(core->connection_mutex);
   core->free_connections = nullptr;
+  // Backwards, so that the lowest slot is the first to be taken.
   for (uint32_t slot = n; slot-- > 0;) {
     rac_connection &c = core->connections[slot];
     c.read = &core->read_events[slot];
@@ -123,6 +130,7 @@ rac_connection *rac_get_connection(rac_core *core, int fd) {
   reset(c);
   const uint32_t ident = c->ident.load(std::memory_order_relaxed);
   const uint32_t generation = rac_next_generation(rac_generation_of(ident));
+  // Last: who finds the handle (rac_find, drain_requests) sees the record made fresh.
   c->ident.store(rac_ident(generation, RAC_LIVE), std::memory_order_release);
   if (fd >= 0) rac_own_fd(c, fd);
   return c;
@@ -130,12 +138,13 @@ rac_connection *rac_get_connection(rac_core *core, int fd) {
 
 void rac_free_connection(rac_core *core, rac_connection *c) {
   const uint32_t generation = rac_generation_of(c->ident.load(std::memory_order_relaxed));
+  // First: rac_still finds the use over before the slot can serve the next one.
   c->ident.store(rac_ident(generation, RAC_FREE), std::memory_order_release);
   {
     rac_guard guard(core->connection_mutex);
     c->data = core->free_connections;
     core->free_connections = c;
-    core->free_connection_n.fetch_add(1, std::memory_order_release);
+    core->free_connection_n.fetch_add(1, std::memory_order_seq_cst);  // before wake_paused looks
   }
   wake_paused(core);
 }
@@ -168,7 +177,10 @@ void rac_pause(rac_base *base, rac_connection *listener) {
   listener->accept_paused = true;
   listener->data = base->paused_listeners;
   base->paused_listeners = listener;
-  base->core->paused.fetch_add(1, std::memory_order_acq_rel);
+  // The listener raises `paused`, then looks for a free slot (probe_resume_listeners, before the
+  // base waits); who frees a slot raises `free_connection_n`, then looks at `paused`. In one order
+  // for all threads, so that one of the two sees the other: no pause outlasts the lack of a slot.
+  base->core->paused.fetch_add(1, std::memory_order_seq_cst);
 }
 
 void rac_unpause(rac_base *base, rac_connection *listener) {
@@ -193,6 +205,7 @@ void rac_own_fd(rac_connection *c, int fd) {
   if (previous == 0) return;
   rac_base *base = core->connections[previous - 1].base.load(std::memory_order_acquire);
   if (base == nullptr) return;
+  // Acquired by the base's next turn, which then sees the new owner of the number.
   base->repair_due.store(true, std::memory_order_release);
   rac_base_notify(base);
 }
@@ -206,6 +219,7 @@ bool rac_has_socket(const rac_connection *c) {
   if (!rac_owns_fd(c)) return false;
   uint64_t inode = 0;
   const bool told = find_inode(c->fd.load(std::memory_order_relaxed), &inode);
+  // Where the kernel does not tell, the number is believed.
   return !told || !c->inode_known || inode == c->inode;
 }
 
@@ -238,8 +252,14 @@ int rac_dispatch_connection(rac_core *core, rac_connection *c, int op) {
 
 int rac_dispatch_to(rac_base *base, rac_connection *c, rac_op op) {
   rac_next_base(base->core, &base->core->conn_rr);
+  // Acquired by submit and by whoever finds the handle.
   c->base.store(base, std::memory_order_release);
   return request(c, op);
+}
+
+void rac_dispatch_with(rac_operate *request, rac_op op) {
+  rac_set_base(request->connection->core, request->connection);
+  submit(request, op);
 }
 
 int rac_dispatch_notify(rac_connection *c, uint32_t generation, uint32_t mask) {

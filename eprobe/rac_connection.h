@@ -39,6 +39,10 @@ int rac_dispatch_connection(rac_core *core, rac_connection *c, int op);
 /// The same to a base of the caller's choice, for a connection that no base has yet.
 int rac_dispatch_to(rac_base *base, rac_connection *c, rac_op op);
 
+/// The same to the next base, with a request of rac_operate_get that the caller has in hand: cannot
+/// fail. For a connection that no base has yet.
+void rac_dispatch_with(rac_operate *request, rac_op op);
+
 /// Queues a SetNotify `mask` to the connection's base; -1 when no request is free.
 int rac_dispatch_notify(rac_connection *c, uint32_t generation, uint32_t mask);
 

@@ -2,15 +2,46 @@
 // timers, operations) and one base per worker thread: a select loop, a timer tree and a queue of
 // requests. Only the engine's own files include this; its users see probe.h.
 //
-// Who may touch what:
-//   - a base's select state, posted queues and the events of its connections: its own thread
-//   (before the
-//     start and after the end of the threads: whoever starts and ends them);
-//   - a base's timer tree and its timers' states: anybody, under `timer_lock`;
-//   - pools: anybody, under the pool's mutex; operations of a base: under the queue's lock;
-//   - a slot's `ident` decides whether a handle or a queued request still means this use of the
-//   slot.
-// No path holds two of these locks at once, and none while it calls a handler.
+// Who may touch what. No path holds two of these locks at once, and none while it calls a handler.
+//
+// clang-format off
+//   what                                            who                               under
+//   a base's select state, posted queues, and the   the base's own thread; before     -
+//   events of its connections                       and after its run: whoever
+//                                                   starts and ends the threads
+//   a base's timer tree, its timers' state, words   anybody                           timer_lock
+//   and generation
+//   a base's queue of operations                    anybody                           the queue's lock
+//   the pools' free lists                           anybody                           the pool's mutex
+//   a slot's `ident`: does a handle or a queued     anybody                           - (atomic)
+//   request still mean this use of the slot?
+//
+// Words that order other memory (release -> acquire). Every other atomic word is relaxed: a count, or
+// written by one thread.
+//
+//   word                      released by                     acquired by                 what is seen then
+//   ident: live               rac_get_connection              rac_find, drain_requests    a record made fresh
+//   ident: free, removing     rac_free_connection,            rac_still, rac_is_live      that the use is over
+//                             rac_mark_removing
+//   connection's base         rac_set_base, rac_dispatch_to   submit, SetNotify           the base; its records are
+//                                                                                         older than the threads
+//   timer's base              rac_dispatch_timer              rac_stop_timer, read_field  the same
+//   timer's generation        release_locked                  rac_find                    that the use is over
+//   cores[]                   rac_register_core               core_of                     a whole instance
+//   para                      SetDevicePara                   GetDevicePara               what the word points at
+//   adopted                   AcceptRemote2                   AcceptRemote2               who was first
+//   queue's waiting           rac_operate_queue_push          rac_operate_queue_pop       a hint; the rest by the lock
+//   wake_pending              rac_base_notify                 rac_process_base_event      what was queued before a byte
+//                                                                                         that was left out
+//   wake_owed                 rac_base_notify                 send_owed_wakeups           that a byte is missing
+//   barrier_asked             ask_for_turn                    one turn of the loop        what the asker did before
+//   repair_due                rac_own_fd                      one turn of the loop        the new owner of a number
+//   ntimers                   rac_event_add_timer             rac_event_expire_timers     that there is a timer; the
+//                                                                                         rest by timer_lock
+//   stop, exiting             StopProbe                       rac_base_cycle              all before the stop
+//   started, nowait           StartProbe, StopProbe           the same                    all before the other call
+//   paused, free_connection_n in one order for all threads: see rac_pause
+// clang-format on
 #pragma once
 
 #include <sys/select.h>
@@ -27,13 +58,14 @@
 struct rac_base;
 
 inline constexpr uint32_t RAC_OPERATIONS = 512;
-inline constexpr uint32_t RAC_OPERATION_BUFFER =
-    1024;  ///< entries allocated, whatever the pool's size
-inline constexpr uint32_t RAC_SELECT_SLOTS =
-    2 * PROBE_MAX_CONNECTIONS;  ///< a read and a write event each
-inline constexpr uint32_t RAC_UNREGISTERED =
-    0xd0d0d0d0;  ///< `index` of an event that select does not know
-inline constexpr uint32_t RAC_NO_SLOT = 0xffffffff;  ///< `slot` of a request that is in no pool
+/// Entries allocated, whatever the pool's size.
+inline constexpr uint32_t RAC_OPERATION_BUFFER = 1024;
+/// A read and a write event for each connection.
+inline constexpr uint32_t RAC_SELECT_SLOTS = 2 * PROBE_MAX_CONNECTIONS;
+/// `index` of an event that select does not know.
+inline constexpr uint32_t RAC_UNREGISTERED = 0xd0d0d0d0;
+/// `slot` of a request that is in no pool.
+inline constexpr uint32_t RAC_NO_SLOT = 0xffffffff;
 
 /// Requests to a base, by rac_dispatch_connection. 0, 5, 6 and 9 are accepted and do nothing.
 enum rac_op : uint32_t {
@@ -103,6 +135,7 @@ struct rac_connection {
   std::atomic<uint32_t> ident;    ///< generation and rac_life, see rac_handle.h
   std::atomic<uint32_t> pending;  ///< requests queued and not yet carried out
   bool accept_paused;             ///< a listener in its base's `paused_listeners`, linked by `data`
+  rac_base *counted_by;           ///< base whose `nconnections` has it; NULL: none yet
   uint64_t inode;  ///< of the socket behind `fd`, to tell it from a later file of that number
   bool inode_known;
   const void *group_next;  ///< ring of the handles of one UDP listener; NULL: alone
@@ -112,16 +145,22 @@ struct rac_connection {
 inline constexpr uint8_t RAC_TIMER_RUNNING = 1;
 inline constexpr uint8_t RAC_TIMER_RELEASED = 2;
 
+/// What the starter of a timer gives; one that is started again has the same.
+struct rac_timer_words {
+  uint32_t cmd;
+  uintptr_t para;
+  probe_handler handler;
+  void *arg;
+  bool operator==(const rac_timer_words &) const = default;
+};
+
 struct rac_timer {
   rac_timer *data;  ///< free-list link
   std::atomic<rac_base *> base;
   rac_event *event;  ///< fixed at pool creation
   uint8_t state;     ///< RAC_TIMER_ bits; from here to handler_arg2 under the base's timer_lock
-  uint32_t cmd;
-  uintptr_t para;
-  probe_handler handler;
-  void *handler_arg;
-  void *handler_arg2;
+  rac_timer_words words;
+  void *handler_arg2;  ///< a second copy of the argument
   uint32_t slot;
 
   rac_core *core;
@@ -130,7 +169,7 @@ struct rac_timer {
 
 struct rac_base {
   uint32_t index;
-  std::atomic<uint32_t> nconnections;  ///< accepted connections delivered, less connections closed
+  std::atomic<uint32_t> nconnections;  ///< connections handed to this base and not yet closed
   std::atomic<uint32_t> ntimers;       ///< in the tree
   rac_core *core;
   pthread_t thread;
@@ -155,10 +194,12 @@ struct rac_base {
   rac_rbtree timer_tree GUARDED_BY(timer_lock);
   rac_rbtree_node timer_sentinel;
 
-  std::atomic<bool> wake_pending;       ///< a wake-up byte is on its way
-  std::atomic<bool> repair_due;         ///< a descriptor has been seen to belong to somebody else
-  rac_connection *paused_listeners;     ///< listeners that wait for a free slot
-  uint32_t turn_served;                 ///< the latest `barrier_asked` that a turn has served
+  std::atomic<bool> wake_pending;    ///< a wake-up byte is on its way
+  std::atomic<bool> repair_due;      ///< a descriptor has been seen to belong to somebody else
+  rac_connection *paused_listeners;  ///< listeners that wait for a free slot
+  rac_timer *expiring;               ///< the timer whose handler this worker is running
+  rac_timer *spare_timer;  ///< for the restart of `expiring` when the pool is empty; NULL: in use
+  uint32_t turn_served;    ///< the latest `barrier_asked` that a turn has served
   std::atomic<uint32_t> barrier_asked;  ///< counts the waits for the end of a turn
   uint32_t barrier_done;                ///< under the core's state_lock: waits that are over
   bool running;                         ///< likewise: the worker is in its loop
@@ -200,11 +241,13 @@ struct rac_core {
   std::unique_ptr<rac_event[]> timer_events;
   rac_mutex *timer_mutex;
 
-  uint32_t operate_n;  ///< under operate_mutex; grows with each operation given back (kept)
+  /// Under operate_mutex. Grows with each operation given back, instead of the count of free ones.
+  /// Kept for compatibility: no decision reads either.
+  uint32_t operate_n;
   rac_mutex *operate_mutex;
   std::unique_ptr<rac_operate[]> operates;
   rac_operate *free_operates GUARDED_BY(operate_mutex);
-  uint32_t free_operate_n GUARDED_BY(operate_mutex);  ///< only ever falls (kept); nothing reads it
+  uint32_t free_operate_n GUARDED_BY(operate_mutex);  ///< only ever falls, see operate_n
 
   std::unique_ptr<rac_base[]> bases;
 

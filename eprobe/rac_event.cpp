@@ -4,21 +4,7 @@
 #include <cstddef>
 #include <type_traits>
 
-#include "eprobe/rac_select.h"
 #include "eprobe/rac_time.h"
-
-const rac_event_action_table rac_event_actions = {
-    .add = rac_select_add_event,
-    .del = rac_select_del_event,
-    .enable = rac_select_add_event,
-    .disable = rac_select_del_event,
-    .add_conn = nullptr,
-    .del_conn = nullptr,
-    .process_changes = nullptr,
-    .process_events = rac_select_process_events,
-    .init = rac_select_init,
-    .done = rac_select_done,
-};
 
 namespace {
 
@@ -98,6 +84,7 @@ void rac_event_process_posted(rac_base *, rac_event **queue) {
   while (*queue != nullptr) {
     rac_event *event = *queue;
     rac_unpost_event(event);
+    // A handler before it in this queue may have unregistered it.
     if (event->active.load(std::memory_order_relaxed) && event->handler != nullptr)
       event->handler(event);
   }
@@ -125,6 +112,7 @@ int32_t rac_event_find_timer(rac_base *base) {
 }
 
 void rac_event_expire_timers(rac_base *base) {
+  // Released by rac_event_add_timer. A timer that this look misses is due in a later turn.
   uint32_t present = base->ntimers.load(std::memory_order_acquire);
   if (present == 0) return;
   const uint32_t now = rac_clock_msec();
@@ -140,6 +128,7 @@ bool rac_event_add_timer(rac_base *base, rac_event *event, uint32_t msec) {
   const uint32_t key = key_for(base, msec);
   if (event->timer_set) {
     const int32_t moved = difference(key, event->timer.key);
+    // A small change is not worth the way through the tree.
     if (moved > -KEEP_WITHIN_MS && moved < KEEP_WITHIN_MS) return false;
     rac_event_del_timer_locked(base, event);
   }
@@ -160,6 +149,7 @@ void rac_event_del_timer_locked(rac_base *base, rac_event *event) {
     rac_rbtree_delete(&base->timer_tree, &event->timer);
     base->ntimers.fetch_sub(1, std::memory_order_relaxed);
   }
+  // Whether it was in the tree or not (meant).
   event->timer_set = false;
 }
 

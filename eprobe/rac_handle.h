@@ -1,10 +1,18 @@
 // Handles of devices and timers: what the engine's users hold instead of addresses.
 //
-// A handle packs, from the top, the slot's generation (17 bits, never 0), the instance (4 bits),
-// whether it is a timer (1 bit) and the slot (10 bits). The generation changes with every use of a
-// slot, so that an old handle finds nothing. A look-up touches no lock; what it finds may end at
-// any moment, therefore whoever acts on a record checks the generation again where it cannot change
-// (or changes `ident` itself).
+// A handle packs, from the top: the generation of the slot's use (never 0), the instance, whether
+// it is a timer, the slot.
+//
+// clang-format off
+//   word      generation   instance   timer   slot
+//   64 bits      30 bits    10 bits       1     10
+//   32 bits      15 bits     6 bits       1     10
+// clang-format on
+//
+// The generation changes with every use of a slot, so an old handle finds nothing (until the slot
+// has been used 32767 times more, on a 32-bit machine). A look-up takes no lock, and what it finds
+// may end at any moment: whoever acts on a record checks the generation again where it cannot
+// change, or changes `ident` itself.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +22,7 @@
 /// Where a connection's slot stands in its life.
 enum rac_life : uint32_t { RAC_FREE = 0, RAC_LIVE = 1, RAC_REMOVING = 2 };
 
-inline constexpr uint32_t RAC_GENERATION_LIMIT = 1u << 17;
+inline constexpr uint32_t RAC_GENERATION_LIMIT = sizeof(void *) > 4 ? 1u << 30 : 1u << 15;
 
 inline uint32_t rac_next_generation(uint32_t generation) {
   return generation + 1 < RAC_GENERATION_LIMIT ? generation + 1 : 1;

@@ -42,10 +42,12 @@ rac_operate *rac_operate_get(rac_core *core, rac_connection *c) {
 }
 
 void rac_operate_free(rac_core *core, rac_operate *op) {
+  // The request to close lives in its connection.
   if (op->slot == RAC_NO_SLOT) return;
   rac_guard guard(core->operate_mutex);
   op->next = core->free_operates;
   core->free_operates = op;
+  // The wrong count (meant, see rac_core.h).
   ++core->operate_n;
 }
 
@@ -66,10 +68,12 @@ void rac_operate_queue_push(rac_operate_queue *queue, rac_operate *op) {
   else
     queue->tail->next = op;
   queue->tail = op;
+  // For the look in rac_operate_queue_pop; the entries themselves are passed on by the lock.
   queue->waiting.fetch_add(1, std::memory_order_release);
 }
 
 rac_operate *rac_operate_queue_pop(rac_operate_queue *queue) {
+  // Spares a base the lock on most turns. Who pushes after this look wakes the base.
   if (queue->waiting.load(std::memory_order_acquire) == 0) return nullptr;
   rac_guard guard(queue->lock);
   rac_operate *op = queue->head;

@@ -1,7 +1,9 @@
 // The worker's loop and its wake-up. See rac_process_cycle.h.
 #include "eprobe/rac_process_cycle.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,8 +18,7 @@
 #include "eprobe/rac_handle.h"
 #include "eprobe/rac_operate.h"
 #include "eprobe/rac_select.h"
-
-constinit thread_local rac_base *rac_this_base = nullptr;
+#include "eprobe/rac_wake.h"
 
 namespace {
 
@@ -25,13 +26,25 @@ constexpr const char *SOURCE = "eprobe/rac_process_cycle";
 constexpr int BRAKE_MS = 10;    ///< between two waits that fail, or without a wake-up socket
 constexpr int WATCH_MS = 3000;  ///< how long the first worker waits at most
 
+/// Nobody selects on the sending end: once half of the numbers below 1024 are taken it leaves the
+/// others to devices and to the workers of further instances, where the process may have higher
+/// ones.
+int move_up(int fd) {
+  if (fd < PROBE_MAX_FD / 2) return fd;
+  const int high = fcntl(fd, F_DUPFD_CLOEXEC, PROBE_MAX_FD);
+  if (high < 0) return fd;
+  close(fd);
+  return high;
+}
+
 int open_notify_pair(rac_base *base) {
   int pair[2];
-  // Born non-blocking: a later call for that could fail, and a worker that blocks here is lost.
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0) return -1;
-  base->notify_send_fd = pair[0];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return -1;
+  base->notify_send_fd = move_up(pair[0]);
   base->notify_recv_fd = pair[1];
-  return 0;
+  // A worker that blocked in its wake-up socket would be lost.
+  if (rac_set_socket_nonblocking(base->notify_send_fd) != 0) return -1;
+  return rac_set_socket_nonblocking(base->notify_recv_fd);
 }
 
 int watch_notify_socket(rac_core *core, rac_base *base) {
@@ -45,20 +58,32 @@ int watch_notify_socket(rac_core *core, rac_base *base) {
   return rac_event_actions.add(base, c->read, RAC_READ_SIDE, 0);
 }
 
-void accepted(rac_base *base, rac_connection *c) {
+void accepted(rac_connection *c) {
   if (c->handler == nullptr) return rac_close_connection(c->core, c);  // nobody knows it
-  base->nconnections.fetch_add(1, std::memory_order_relaxed);
   rac_tell(c, IOE_ACCEPTED);
+}
+
+/// A connection is counted by the base that carries out its first request, whatever kind it is, and
+/// taken off the same base's count.
+void count_in(rac_base *base, rac_connection *c) {
+  if (c->counted_by != nullptr) return;
+  c->counted_by = base;
+  base->nconnections.fetch_add(1, std::memory_order_relaxed);
+}
+
+void count_out(rac_connection *c) {
+  if (c->counted_by != nullptr) c->counted_by->nconnections.fetch_sub(1, std::memory_order_relaxed);
 }
 
 /// Requests other than closing do nothing on a connection that is being removed or has lost its
 /// descriptor.
 void carry_out(rac_base *base, rac_connection *c, const rac_operate &op) {
   if (op.op == RAC_OP_CLOSE) {
-    base->nconnections.fetch_sub(1, std::memory_order_relaxed);
+    count_out(c);
     return rac_close_connection(base->core, c);
   }
   if (!rac_is_live(c) || !rac_owns_fd(c)) return;
+  count_in(base, c);
   switch (op.op) {
     case RAC_OP_ADD_READ:
       rac_event_actions.add(base, c->read, RAC_READ_SIDE, 0);
@@ -73,7 +98,7 @@ void carry_out(rac_base *base, rac_connection *c, const rac_operate &op) {
       rac_event_actions.del(base, c->write, RAC_WRITE_SIDE, 0);
       return;
     case RAC_OP_ACCEPTED:
-      return accepted(base, c);
+      return accepted(c);
     case RAC_OP_NOTIFY:
       return probe_apply_notify(c, op.mask);
     default:
@@ -86,6 +111,7 @@ void drain_requests(rac_base *base) {
     const rac_operate op = *next;  // closing ends the record that a removal lives in
     rac_operate_free(base->core, next);
     rac_connection *c = op.connection;
+    // Released by rac_get_connection. A request that outlived its connection is dropped.
     if (rac_generation_of(c->ident.load(std::memory_order_acquire)) != op.generation) continue;
     c->pending.fetch_sub(1, std::memory_order_relaxed);
     if (op.target >= 1 && op.target <= 3) carry_out(base, c, op);
@@ -117,6 +143,11 @@ void end_turn(rac_base *base, uint32_t turn) {
 
 }  // namespace
 
+int rac_set_socket_nonblocking(int fd) {
+  int on = 1;
+  return ioctl(fd, FIONBIO, &on) == 0 ? 0 : -1;
+}
+
 int rac_base_init(rac_core *core, rac_base *base) {
   base->core = core;
   base->notify_recv_fd = base->notify_send_fd = -1;
@@ -143,18 +174,11 @@ void rac_base_done(rac_base *base) {
   base->operate_queue = nullptr;
 }
 
-rac_base *rac_next_base(rac_core *core, std::atomic<int32_t> *cursor) {
-  const auto n = static_cast<int32_t>(core->nbases);
-  int32_t last = cursor->load(std::memory_order_relaxed);
-  while (!cursor->compare_exchange_weak(last, (last + 1) % n, std::memory_order_relaxed)) {
-  }
-  return &core->bases[static_cast<uint32_t>((last + 1) % n)];
-}
-
 int rac_base_cycle(rac_base *base) {
   if (base == nullptr || base->core == nullptr) return -1;
   rac_core *core = base->core;
   rac_this_base = base;
+  // Both released by StopProbe.
   while (core->stop.load(std::memory_order_acquire) == 0) {
     const bool exiting = core->exiting.load(std::memory_order_acquire) != 0;
     if (exiting && base->ntimers.load(std::memory_order_acquire) == 0) break;
@@ -183,21 +207,6 @@ void rac_process_events_and_timers(rac_base *base) {
 
   base->turn_served = turn;
   if (waited_for) end_turn(base, turn);
-}
-
-int rac_base_notify(rac_base *base) {
-  if (base->notify_send_fd == -1) return -1;
-  if (base == rac_this_base) return 0;
-  if (base->wake_pending.exchange(true, std::memory_order_acq_rel)) return 0;
-  const char byte = 0;
-  for (;;) {
-    // (EAGAIN: so many bytes are on their way that none more is needed.)
-    if (send(base->notify_send_fd, &byte, 1, MSG_NOSIGNAL) == 1 || errno == EAGAIN) return 0;
-    if (errno != EINTR) break;
-  }
-  base->wake_pending.store(false, std::memory_order_release);
-  base->core->wake_owed.store(true, std::memory_order_release);
-  return -1;
 }
 
 void rac_process_base_event(rac_event *event) {

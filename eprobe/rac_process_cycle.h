@@ -17,17 +17,12 @@
 int rac_base_init(rac_core *core, rac_base *base);
 void rac_base_done(rac_base *base);
 
-/// The next base in turn, by one of the core's two cursors. Thread-safe, never blocks.
-rac_base *rac_next_base(rac_core *core, std::atomic<int32_t> *cursor);
+/// Puts a socket in non-blocking mode: 0, or -1.
+int rac_set_socket_nonblocking(int fd);
 
 /// The loop, run as a worker's body until the core's `stop` is set: 0; -1 without base or core.
 int rac_base_cycle(rac_base *base);
 void rac_process_events_and_timers(rac_base *base);
-
-/// Makes the base start another turn. Writes no byte when one is on its way already or when the
-/// caller is the base's own thread. Thread-safe, never blocks. 0, or -1 if the wake-up socket is
-/// broken.
-int rac_base_notify(rac_base *base);
 
 /// Handler of the wake-up socket's read event: drains it and carries out the queued requests.
 void rac_process_base_event(rac_event *event);

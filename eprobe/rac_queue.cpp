@@ -20,6 +20,7 @@ void rac_queue_sort(rac_queue *queue, int (*cmp)(const rac_queue *, const rac_qu
     rac_queue *next = entry->next;
     rac_queue *position = entry->prev;
     rac_queue_remove(entry);
+    // Not past equals: the sort is stable.
     while (position != queue && cmp(position, entry) > 0) position = position->prev;
     rac_queue_insert_after(position, entry);
     entry = next;

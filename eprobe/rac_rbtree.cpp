@@ -41,6 +41,7 @@ template <typename Less>
 void descend(node *root, node *leaf, node *sentinel, Less less) {
   node *parent = root;
   for (;;) {
+    // Equal keys go right: of equal timers the first added is the first met.
     node **place = less(leaf->key, parent->key) ? &parent->left : &parent->right;
     if (*place == sentinel) return link_leaf(place, parent, leaf, sentinel);
     parent = *place;
@@ -53,6 +54,7 @@ void repair_after_insert(rac_rbtree *tree, node *n) {
     node *grandparent = parent->parent;  // there: a red node is never the root
     const bool left = parent == grandparent->left;
     node *uncle = left ? grandparent->right : grandparent->left;
+    // The red pair moves two levels up and is looked at again there.
     if (red(uncle)) {
       parent->color = RAC_BLACK;
       uncle->color = RAC_BLACK;
@@ -60,6 +62,7 @@ void repair_after_insert(rac_rbtree *tree, node *n) {
       n = grandparent;
       continue;
     }
+    // Bent: rotated straight, so that one rotation more ends it.
     if (n == (left ? parent->right : parent->left)) {
       n = parent;
       rotate(tree, n, left);
@@ -78,6 +81,7 @@ void repair_after_delete(rac_rbtree *tree, node *n) {
     node *parent = n->parent;
     const bool left = n == parent->left;
     node *sibling = left ? parent->right : parent->left;
+    // Turned so that the sibling is black, which the cases below want.
     if (red(sibling)) {
       sibling->color = RAC_BLACK;
       parent->color = RAC_RED;
@@ -86,6 +90,7 @@ void repair_after_delete(rac_rbtree *tree, node *n) {
     }
     node *near = left ? sibling->left : sibling->right;
     node *far = left ? sibling->right : sibling->left;
+    // Nothing to borrow: the missing black moves one level up.
     if (!red(near) && !red(far)) {
       sibling->color = RAC_RED;
       n = parent;
@@ -162,10 +167,12 @@ void rac_rbtree_delete(rac_rbtree *tree, node *n) {
     heir = n->left == sentinel ? n->right : n->left;
     replace(tree, n, heir);
   } else {
+    // Two children: its successor takes its place and its colour.
     node *next = rac_rbtree_min(n->right, sentinel);
     taken_color = next->color;
     heir = next->right;
     if (next->parent == n) {
+      // Also for the sentinel: the repair starts from its parent.
       heir->parent = next;
     } else {
       replace(tree, next, heir);

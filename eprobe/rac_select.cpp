@@ -11,6 +11,19 @@
 #include "eprobe/rac_handle.h"
 #include "eprobe/rac_time.h"
 
+const rac_event_action_table rac_event_actions = {
+    .add = rac_select_add_event,
+    .del = rac_select_del_event,
+    .enable = rac_select_add_event,
+    .disable = rac_select_del_event,
+    .add_conn = nullptr,
+    .del_conn = nullptr,
+    .process_changes = nullptr,
+    .process_events = rac_select_process_events,
+    .init = rac_select_init,
+    .done = rac_select_done,
+};
+
 namespace {
 
 constexpr int32_t UNKNOWN = -1;
@@ -27,6 +40,7 @@ int32_t fd_of(const rac_event *event) {
 void forget_event(rac_base *base, rac_event *event) {
   event->active.store(false, std::memory_order_relaxed);
   if (event->index == RAC_UNREGISTERED) return;
+  // The last one takes its place: constant time, and the order means nothing.
   rac_event *last = base->event_index[--base->nevents];
   base->event_index[event->index] = last;
   last->index = event->index;
@@ -124,6 +138,7 @@ int rac_select_del_event(rac_base *base, rac_event *event, int which, uint32_t) 
   }
   const int32_t fd = fd_of(event);
   FD_CLR(fd, which == RAC_WRITE_SIDE ? &base->write_set : &base->read_set);
+  // Found anew before the next wait, once for all removals until then.
   if (base->max_fd == fd) base->max_fd = UNKNOWN;
   return 0;
 }
@@ -143,6 +158,7 @@ int rac_select_process_events(rac_base *base, int32_t timer, uint32_t flags) {
   if (error == EINTR) return 0;
   if (error == EBADF) rac_select_repair_fd_sets(base);
   if (error != 0) return -1;
+  // Ready without limit of time and with nothing: a broken descriptor, the caller brakes.
   if (ready == 0) return timer == -1 ? -1 : 0;
   if (post_ready(base) != ready) rac_select_repair_fd_sets(base);
   return 0;

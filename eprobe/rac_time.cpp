@@ -25,6 +25,7 @@ int64_t wall_ahead_of_monotonic_us() {
 }  // namespace
 
 uint32_t rac_clock_msec() {
+  // Read once: the wall clock may be set afterwards, and timers must not notice.
   static const int64_t ahead_us = wall_ahead_of_monotonic_us();
   return static_cast<uint32_t>((monotonic_us() + ahead_us) / 1000);
 }

@@ -2,11 +2,12 @@
 #include "eprobe/rac_timer.h"
 
 #include <new>
+#include <utility>
 
 #include "adif/check.h"
 #include "eprobe/rac_event.h"
 #include "eprobe/rac_handle.h"
-#include "eprobe/rac_process_cycle.h"
+#include "eprobe/rac_wake.h"
 
 namespace {
 
@@ -19,25 +20,30 @@ bool is_set(const rac_timer *t) {
   return t->event->timer_set;
 }
 
+rac_timer *make_fresh(rac_timer *t) {
+  t->data = nullptr;
+  t->state = 0;
+  rac_event_reset(t->event, t, false);
+  return t;
+}
+
 /// The generation advances under the lock, so that every later look at the old handle finds
 /// nothing.
 void release_locked(rac_base *base, rac_timer *t) REQUIRES(base->timer_lock) {
   rac_event_del_timer_locked(base, t->event);
   t->event->closed = true;
   t->state = RAC_TIMER_RELEASED;
-  t->cmd = 0;
-  t->para = 0;
-  t->handler = nullptr;
-  t->handler_arg = nullptr;
+  t->words = {};
   t->handler_arg2 = nullptr;
   const uint32_t generation = t->generation.load(std::memory_order_relaxed);
+  // For the look without lock in rac_find.
   t->generation.store(rac_next_generation(generation), std::memory_order_release);
 }
 
 }  // namespace
 
 int rac_timer_init(rac_core *core) {
-  const uint32_t n = core->timer_n;
+  const uint32_t n = core->timer_n + core->nbases;
   core->timer_mutex = rac_mutex_init();
   core->timers.reset(new (std::nothrow) rac_timer[n]());
   core->timer_events.reset(new (std::nothrow) rac_event[n]());
@@ -53,10 +59,15 @@ int rac_timer_init(rac_core *core) {
     t.core = core;
     t.state = RAC_TIMER_RELEASED;
     t.generation.store(1, std::memory_order_relaxed);
+    // The last slots are in no list: they are the spare ones of the bases.
+    if (slot >= core->timer_n) {
+      core->bases[slot - core->timer_n].spare_timer = &t;
+      continue;
+    }
     t.data = core->free_timers;
     core->free_timers = &t;
   }
-  core->free_timer_n.store(n, std::memory_order_relaxed);
+  core->free_timer_n.store(core->timer_n, std::memory_order_relaxed);
   return 0;
 }
 
@@ -76,10 +87,14 @@ rac_timer *rac_get_timer(rac_core *core) {
     core->free_timers = t->data;
     core->free_timer_n.fetch_sub(1, std::memory_order_relaxed);
   }
-  t->data = nullptr;
-  t->state = 0;
-  rac_event_reset(t->event, t, false);
-  return t;
+  return make_fresh(t);
+}
+
+rac_timer *rac_get_spare_timer(rac_core *core, const rac_timer_words &words) {
+  rac_base *base = rac_this_base;
+  if (base == nullptr || base->core != core || base->expiring == nullptr) return nullptr;
+  if (base->spare_timer == nullptr || !(base->expiring->words == words)) return nullptr;
+  return make_fresh(std::exchange(base->spare_timer, nullptr));
 }
 
 void rac_free_timer(rac_core *core, rac_timer *t) {
@@ -96,7 +111,11 @@ void rac_close_timer(rac_core *core, rac_timer *t) {
     rac_guard guard(base->timer_lock);
     release_locked(base, t);
   }
-  rac_free_timer(core, t);
+  // A handler that restarted its timer in the spare slot leaves its own as the next spare one.
+  if (base == rac_this_base && base->spare_timer == nullptr)
+    base->spare_timer = t;
+  else
+    rac_free_timer(core, t);
 }
 
 int rac_dispatch_timer(rac_core *core, rac_timer *t, uint32_t msec) {
@@ -106,7 +125,9 @@ int rac_dispatch_timer(rac_core *core, rac_timer *t, uint32_t msec) {
   if (is_set(t))
     base = t->base.load(std::memory_order_relaxed);
   else
+    // Acquired by rac_stop_timer and read_field, which take that base's lock.
     t->base.store(base, std::memory_order_release);
+  // Only a timer that is due before all others shortens the wait under way.
   if (rac_event_add_timer(base, t->event, msec)) rac_base_notify(base);
   return 0;
 }
@@ -117,6 +138,7 @@ bool rac_stop_timer(rac_timer *t, uint32_t generation) {
   {
     rac_guard guard(base->timer_lock);
     if (t->generation.load(std::memory_order_relaxed) != generation) return false;
+    // Its worker gives the slot back when the handler returns.
     if ((t->state & RAC_TIMER_RUNNING) != 0) return false;
     release_locked(base, t);
   }

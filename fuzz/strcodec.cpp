@@ -156,7 +156,7 @@ void iterate(const char *text, int len) {
   const auto from = [&](size_t found) { return found == view.npos ? view.size() : found; };
   const size_t at = set.size();
   const size_t to = move([&] { iter_skipTo(&it, set.data(), n); });
-  require(to == (n == 0 ? at : from(view.find_first_of(set, at))));
+  require(to == from(view.find_first_of(set, at)));
   const size_t pattern = move([&] { iter_skipTo_bytes(&it, set.data(), n); });
   const size_t found = n == 0 ? view.npos : view.find(set, at);
   require(pattern == (found == view.npos ? at : found));

@@ -102,7 +102,6 @@ void check_answer(const c2ms_unit &unit) {
   require(response.total_length >= 18 && response.total_length <= 1024);
   require(response.command_id == (request.command_id | 0x80000000u));
   require(response.sequence_id == request.sequence_id);
-  require(response.prot_version == request.prot_version);
   require(response.result != 0 || response.payload_length <= unit.range_length);
 }
 

@@ -13,7 +13,7 @@ namespace refserver {
 enum class fault_kind : uint8_t {
   none,
   // the connection
-  refuse,  ///< the port is closed to new connections (ECONNREFUSED) for `ms`, 0: until cleared
+  refuse,         ///< no new connections (ECONNREFUSED) for `ms`, 0: until cleared
   drop_accepted,  ///< a new connection is accepted and reset at once
   down,           ///< at the request: port and all connections closed, back after `ms`, 0: never
   mute,           ///< the request is read and never answered

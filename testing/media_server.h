@@ -3,8 +3,9 @@
 // delay and faults. It shares no code with the library that it is to judge.
 //
 //   refserver::media_server server({.nodes = 2, .node = {{.rate_bytes_per_s = 1e6}}});
-//   const auto id = server.add_generated("film.mp4", 5'000'000'000,
-//   refserver::type_by_name("film.mp4")); if (!server.start()) ... open(server.url(id)); ...;
+//   const auto id = server.add_generated("film.mp4", 5'000'000'000);
+//   if (!server.start()) ... server.error() ...
+//   open(server.url(id)); ...
 //   refserver::content_mismatch(id, position, bytes, count) ...
 //
 // Threads: one thread does all the network work. Every member function may be called by any thread
@@ -30,11 +31,10 @@ inline constexpr int entry_server = -1;
 
 /// How one server behaves. Rate and delay hold for all of its connections together.
 struct node_options {
-  double rate_bytes_per_s =
-      0;             ///< 0: as fast as it goes; else shared evenly by the busy connections
-  int delay_ms = 0;  ///< passes between each request and the first byte of its response
-  uint8_t type = 2;  ///< as listed: bit 1 serves lists, bit 2 media
-  int load = -1;     ///< load that it reports, -1: its open connections
+  double rate_bytes_per_s = 0;  ///< shared evenly by the busy connections; 0: no limit
+  int delay_ms = 0;             ///< between each request and the first byte of its response
+  uint8_t type = 2;             ///< as listed: bit 1 serves lists, bit 2 media
+  int load = -1;                ///< load that it reports, -1: its open connections
   std::vector<fault> faults{};
 };
 
@@ -42,11 +42,11 @@ struct server_options {
   int nodes = 4;                     ///< media nodes beside the entry server
   std::vector<node_options> node{};  ///< of node 0, 1, ...; further nodes get the defaults
   node_options entry{};
-  uint16_t port = 0;  ///< of the entry; nodes follow at port + 1, ...; 0: any free ports
+  uint16_t port = 0;              ///< of the entry; nodes follow at port + 1, ...; 0: any
   bool spread_addresses = false;  ///< node i at 127.0.0.(2 + i), all on the entry's port
-  bool entry_is_node = false;  ///< the entry lists itself too, last (it serves media in any case)
-  bool encipher = false;       ///< server lists and descriptions are enciphered (result 1)
-  bool check_auth = true;      ///< result 30 unless auth, stamp and keyid are those of the URL
+  bool entry_is_node = false;     ///< the entry, which serves media anyway, lists itself last
+  bool encipher = false;          ///< server lists and descriptions are enciphered (result 1)
+  bool check_auth = true;         ///< result 30 unless auth, stamp and keyid are the URL's
   int32_t stamp = 1700000000;
   uint32_t keyid = 7;
   bool keep_log = true;

@@ -1,9 +1,9 @@
 // Index files of MP4 media, see mp4_index.h.
 #include "testing/mp4_index.h"
 
-#include <cstring>
+#include <lzma.h>
 
-#include "compress/buffer_7z.h"
+#include <cstring>
 
 namespace refserver {
 namespace {
@@ -62,13 +62,26 @@ mp4_moov find_moov(uint64_t file_size, const file_reader &read) {
   return {at, moov.size, ""};
 }
 
+// An index file is a byte that names a filter (0: none), then what the encoder of .lzma files
+// makes: 5 bytes of properties, the size in 8 bytes, the stream with a mark at its end. That
+// encoder leaves the size open.
 std::string pack_index(const std::string &plain) {
-  constexpr int level = 1;  // sample tables gain a few percent from more, at twice the time
-  constexpr uint32_t dictionary = 1 << 20;
+  constexpr uint32_t level = 1;  // sample tables gain a few percent from more, at twice the time
+  constexpr size_t size_at = 6;
+  lzma_options_lzma options;
+  lzma_stream stream = LZMA_STREAM_INIT;
+  if (lzma_lzma_preset(&options, level) || lzma_alone_encoder(&stream, &options) != LZMA_OK)
+    return {};
   std::string packed(plain.size() + plain.size() / 4 + 128, '\0');
-  size_t size = packed.size();
-  if (buffer_7z(packed.data(), &size, plain.data(), plain.size(), level, dictionary) != 0) size = 0;
-  packed.resize(size);
+  stream.next_in = reinterpret_cast<const uint8_t *>(plain.data());
+  stream.avail_in = plain.size();
+  stream.next_out = reinterpret_cast<uint8_t *>(packed.data()) + 1;
+  stream.avail_out = packed.size() - 1;
+  const bool whole = lzma_code(&stream, LZMA_FINISH) == LZMA_STREAM_END;
+  packed.resize(whole ? 1 + stream.total_out : 0);
+  lzma_end(&stream);
+  for (size_t i = 0; whole && i < 8; ++i)
+    packed[size_at + i] = static_cast<char>(uint64_t{plain.size()} >> (8 * i));
   return packed;
 }
 

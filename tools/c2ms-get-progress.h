@@ -1,6 +1,5 @@
-// The live line of c2ms-get: bar, percent, amounts, speed, buffer, nodes, time left; figures of the
-// session where no line can be redrawn. Used by the
-// thread that fetches, and no other.
+// The live line of c2ms-get: bar, percent, amounts, speed, buffer, nodes, time left. Where no line
+// can be redrawn: figures of the session, a line a second. Used by the thread that fetches alone.
 #pragma once
 
 #include <c2ms.h>

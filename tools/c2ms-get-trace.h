@@ -10,6 +10,22 @@
 
 namespace get {
 
+/// A connection has a lane of its own, in trace and picture.
+struct Lane {
+  uint32_t node;
+  std::string name;  // its server's address
+};
+std::vector<Lane> lanes_of(const std::vector<c2ms_trace_event> &events);
+
+inline int64_t end_of(const c2ms_trace_event &event) {
+  return event.time_us + event.duration_us;
+}
+
+/// The end of such a request is the moment at which its pack is complete.
+inline bool fills_pack(const c2ms_trace_event &event) {
+  return event.kind == C2MS_TRACE_REQUEST && event.detail == 0;
+}
+
 class Trace {
  public:
   /// Does nothing unless one of the two files is wanted.

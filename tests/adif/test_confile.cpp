@@ -5,9 +5,12 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <regex>
 
 #include "../support.h"
 #include "adif/confile.h"
+#include "adif/kalloc.h"
+#include "adif/line_sink.h"
 #include "adif/profile.h"
 
 namespace {
@@ -65,6 +68,26 @@ TEST(Profile, EveryKindOfLine) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               row.expected == "none" ? "profile x format not support\n" : "");
   }
+}
+
+TEST(Profile, WithALineSinkNothingReachesStandardOutput) {
+  const Folder folder;
+  static std::string said;
+  said = folder / "said";
+  testing::internal::CaptureStdout();
+  const int status = in_child([&] {
+    adif::set_line_sink([](const char *line) { std::ofstream(said, std::ios::app) << line; });
+    FreeProfile(parse("bad\n").release());
+    adif::fail_allocations(1);
+    FreeProfile(parse("a=1\n").release());
+    return 0;
+  });
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_TRUE(std::regex_match(
+      read_file(said), std::regex("profile x format not support\n"
+                                  "file adif/confile.cpp, line \\d+ memory NULL! exit\\(1\\)\n")))
+      << read_file(said);
 }
 
 class Confile : public testing::Test {
@@ -133,6 +156,8 @@ TEST_F(Confile, WhatIsSetIsSavedAndReadBack) {
             "front=-2147483648\nfirst=1\n\n[A]\none=1\ntwo=zwei\n\n"
             "[B]\nbool=1\nhex=deadbeef\nulong=4294967295\n");
   EXPECT_EQ(conf_mgmt_read(c, c->path), 0) << "its own path";
+  conf_set_string(c, "B", "next", path_.c_str());
+  EXPECT_EQ(conf_mgmt_read(c, conf_get_string(c, "B", "next")), 0) << "a value of its own";
   EXPECT_EQ(conf_get_ulong(c, "b", "ulong"), UINT32_MAX);
 
   conf_set_string(c, "A", "one", conf_get_string(c, "A", "two"));

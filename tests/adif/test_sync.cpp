@@ -165,6 +165,14 @@ TEST(Processes, CommandsRunAndAreWaitedFor) {
     std::signal(SIGCHLD, before);
   }
   EXPECT_EQ(exec_cmd(nullptr, argv, 1), -1);
+  const std::string ends = "kill $$; echo alive > " + out;
+  char *const ending[] = {shell, flag, const_cast<char *>(ends.c_str()), nullptr};
+  sigset_t all, old;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &old);
+  EXPECT_EQ(exec_cmd("sh", ending, 1), 0);
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  EXPECT_EQ(read_file(out), "") << "a blocked caller's command takes signals";
 }
 
 // Another daemon's pid stays in the file until the lock is ours. The caller's output is closed.

@@ -2,8 +2,10 @@
 #include <arpa/inet.h>
 
 #include <limits>
+#include <mutex>
 #include <numeric>
 
+#include "c2ms/c2ms_diag.h"
 #include "c2ms/c2ms_node.h"
 #include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_pdu.h"
@@ -214,6 +216,50 @@ TEST_F(Core, LateEventsAreIgnored) {
   StopTimer(late);
 }
 
+// Lines of a session come in the order of what happened, whoever delivers them; a timer of a
+// session that is gone and the end of a brake are told as what they are.
+TEST_F(Core, LinesAreToldInOrder) {
+  static std::mutex lock;
+  static std::vector<std::string> lines;
+  lines.clear();
+  const auto keep = [](void *, const char *line) {
+    const std::lock_guard guard(lock);
+    lines.emplace_back(line);
+  };
+  c2ms_set_diag(keep, nullptr);
+  int said = 0;
+  Threads(4, [&](int) {
+    for (int i = 0; i < 2000; ++i) {
+      const c2ms::StrandGuard strand(sess);
+      sess->strand.spoke();
+      c2ms::diag("%d", said++);
+    }
+  }).join();
+  ASSERT_EQ(lines.size(), 8000u);
+  for (size_t i = 0; i < lines.size(); ++i) ASSERT_EQ(lines[i], std::to_string(i));
+  c2ms_node *const node = c2ms_node_fetch(sess);
+  node->type = c2ms::node_serves_media;
+  const struct {
+    uint32_t command, id, state;
+    const char *line;
+  } rows[] = {{7563, 999, 0, "\nc2ms_pump: IOE_TIMEOUT recved, sessid=999 timercmd=7563"},
+              {7564, 999, 0, ""},
+              {7550, node->node_id, C2MS_NODE_READY, ""},
+              {7550, node->node_id, C2MS_NODE_CONNECTING, "t_build_node_conn timeout, now node"}};
+  for (const auto &row : rows) {
+    lines.clear();
+    c2ms_node_state_to(node, row.state);
+    rac_timer *const timer =
+        StartTimer2(mgmt->probe, 1'000'000, row.command, row.id, c2ms_pump, mgmt);
+    node->connect_timer = timer;
+    c2ms_pump(mgmt, timer, 9, 64);
+    StopTimer(timer);
+    EXPECT_EQ(lines.empty() ? "" : lines[0].substr(0, std::strlen(row.line)), row.line);
+    EXPECT_EQ(lines.empty(), *row.line == 0) << row.command;
+  }
+  c2ms_node_recycle(node);
+}
+
 // Devices and timers that a node or session has had before change nothing of it.
 TEST_F(Core, FormerHandlesAreIgnored) {
   const c2ms::StrandGuard strand(sess);
@@ -245,6 +291,64 @@ TEST_F(Core, FormerHandlesAreIgnored) {
   expire_former(c2ms::timer_speed_count, sess->sess_id);
   EXPECT_EQ(sess->check_timer, nullptr);
   EXPECT_EQ(sess->speed_timer, nullptr);
+}
+
+// No timer was free when one was due: whichever is left brings all others back when it expires, and
+// so does a reopen.
+TEST_F(Core, TimersThatAreMissingComeBack) {
+  const c2ms::StrandGuard strand(sess);
+  const auto add = [&](uint8_t type, uint32_t state) {
+    c2ms_node *const node = c2ms_node_fetch(sess);
+    node->type = type, node->ip = htonl(INADDR_LOOPBACK), node->port = 9 + state;
+    c2ms_sess_node_add(sess, node);
+    c2ms_node_state_to(node, state);
+    return node;
+  };
+  sess->hook_registered = 1;
+  c2ms_node *const entry = sess->entry_node = add(1, C2MS_NODE_DISCONNECTED);
+  c2ms_node *const hangs = add(2, C2MS_NODE_CONNECTING);
+  c2ms_node *const media = add(2, C2MS_NODE_READY);
+  const std::pair<const char *, rac_timer **> all[] = {{"check", &sess->check_timer},
+                                                       {"speed", &sess->speed_timer},
+                                                       {"entry", &entry->connect_timer},
+                                                       {"hangs", &hangs->connect_timer},
+                                                       {"life", &media->life_timer}};
+  for (const auto &[left, survivor] : all) {
+    SCOPED_TRACE(left);
+    c2ms_node_state_to(media, C2MS_NODE_READY);
+    entry->times = 0;
+    media->device = UDPClient(mgmt->probe, &media->ip, 9, 0, nullptr, c2ms_pump, mgmt);
+    EXPECT_EQ(c2ms_sess_reopen(sess), 0);
+    for (const auto &[name, timer] : all) {
+      EXPECT_NE(*timer, nullptr) << name << " is missing after a reopen";
+      if (timer != survivor) StopTimer(std::exchange(*timer, nullptr));
+    }
+    EXPECT_EQ(c2ms_pump(mgmt, *survivor, 9, 64), 0);
+    for (const auto &[name, timer] : all) EXPECT_NE(*timer, nullptr) << name << " stays lost";
+  }
+}
+
+// An entry of a list becomes a node, unless it serves lists alone and has been asked for its own.
+TEST_F(Core, ListEntriesOfEveryType) {
+  const c2ms::StrandGuard strand(sess);
+  c2ms_node *const sender = c2ms_node_fetch(sess);
+  sender->level = 1;
+  const std::pair<uint8_t, int> rows[] = {{0, 1}, {4, 1}, {0x80, 1}, {2, 1}, {3, 1}, {1, 0}};
+  uint8_t port = 9;
+  for (const auto &[type, nodes] : rows) {
+    const uint8_t body[] = {0, 0, 0, 30, 0x80, 0,   0, 1, 0, 0, 0,      1,    0, 1, 0,
+                            0, 0, 0, 0,  1,    127, 0, 0, 1, 0, ++port, type, 0, 0, 0};
+    c2ms_sess_server_add(sess, "", htonl(INADDR_LOOPBACK), port, c2ms::node_serves_list);
+    c2ms_unit *const unit = &sender->srvlist_unit;
+    c2ms_unit_init_srvlist(sender, unit);
+    putnLastBytes(&unit->frame, body, sizeof body);
+    unit->response.total_length = sizeof body;
+    unit->state = UNIT_END;
+    EXPECT_EQ(c2ms_node_recv_srvlist(sess, sender, unit, nullptr), 0);
+    const bool opened = c2ms_sess_node_find(sess, htonl(INADDR_LOOPBACK), port) != nullptr;
+    EXPECT_EQ(opened, nodes == 1) << int{type};
+  }
+  c2ms_node_recycle(sender);
 }
 
 TEST_F(Core, NodesOfASessionAreLimited) {

@@ -154,7 +154,7 @@ std::vector<row> all_rows() {
           {"unsolicited", {{unsolicited}}, again, 0},
           {"wrong_command", {{wrong_command}}, over},
           {"wrong_sequence", {{wrong_sequence}}, over},
-          {"wrong_version", {{wrong_version}}, over},
+          {"wrong_version", {{wrong_version}}, kept, 0},
           {"length_1025", {{total_length, 1025}}, over},
           {"length_2_31", {{total_length, 1u << 31}}, over},
           {"length_2_32", {{total_length, UINT32_MAX}}, over},

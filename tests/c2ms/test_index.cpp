@@ -529,6 +529,24 @@ TEST(Index, WalkAsksForHeadersAlone) {
   EXPECT_LE(asked.size(), 3u);
 }
 
+// Cancel is on for a moment while an index that takes its time is unpacked.
+TEST(Index, APulseOfCancelEndsTheUnpacking) {
+  Movie movie(noise(100'000), "film.mkv");
+  movie.set_index(refserver::pack_index(std::string(40 << 20, '\0')));
+  movie.open();
+  const double whole = took([&] { ASSERT_EQ(c2ms_sess_idx_open(movie.sess, nullptr), 0); });
+  for (const opener open : both_opens) {
+    ASSERT_EQ(c2ms_sess_idx_close(movie.sess), 0);
+    int result = 0;
+    Threads waiting(1, [&](int) { result = open(movie.sess, nullptr); });
+    std::this_thread::sleep_for(std::chrono::duration<double>(whole / 3));
+    ASSERT_EQ(c2ms_sess_cancel(movie.sess, 1), 0);
+    ASSERT_EQ(c2ms_sess_cancel(movie.sess, 0), 0);
+    waiting.join();
+    EXPECT_EQ(result, C2MS_CLOSED) << "of " << whole << " s";
+  }
+}
+
 TEST(Index, OpenEndsWithoutServers) {
   Movie movie(ftyp() + box("mdat", noise(60'000)) + moov(50'000));
   movie.open_indexed();

@@ -141,6 +141,25 @@ TEST_F(Opening, ServersThatOnlyKnowOthersAreFew) {
   EXPECT_EQ(opened, 16);
 }
 
+// All servers of the first list are dead; the next list names a living one. When none lives, the
+// entry server is asked ever more rarely.
+TEST_F(Opening, AnotherListIsAskedForWhenAllServersOfOneAreDead) {
+  start(1'000'000, {.nodes = 2}, 0);
+  server->kill_node(0);
+  const auto lists = [&] { return server->totals(refserver::entry_server).lists; };
+  server->set_fault(refserver::entry_server,
+                    {.kind = refserver::fault_kind::list_duplicates, .count = 1});
+  EXPECT_LT(took([&] { EXPECT_EQ(open_error(server->url(id)), 0); }), 2.0 * slack);
+  EXPECT_EQ(lists(), 2u);
+  server->kill_node(1);
+  static int seconds;
+  seconds = 0;
+  const auto after_three = [] { return ++seconds < 3 ? int32_t{0} : int32_t{-1}; };
+  EXPECT_EQ(open_error(server->url(id), after_three), C2MS_UNAUTHORIZED);
+  EXPECT_GE(lists(), 2u + 3);
+  EXPECT_LE(lists(), 2u + 4);
+}
+
 TEST_F(Opening, CallbackAndDeadline) {
   start(1'000'000, {.nodes = 2}, 0);
   on_all([&](int node) { server->set_fault(node, {.kind = refserver::fault_kind::mute}); });

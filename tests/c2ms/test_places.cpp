@@ -1,4 +1,6 @@
 // Hosts that pull at positions, at one place or at two in turn; seeks that keep what they can.
+#include <atomic>
+
 #include "player.h"
 
 namespace player {
@@ -57,6 +59,52 @@ TEST_F(Places, TwoFetchEachByteOnce) {
   server->clear_log();
   play(10, 30);
   EXPECT_LE(asked_for(), 20 * 640'000u + (8u << 20));
+}
+
+// Idle nodes begin at once when a host jumps to another place, as a demuxer does on its way to an
+// index at the end of the file and back.
+TEST_F(Places, JumpsOfAHostWaitForNobody) {
+  start(60'000'001);
+  const c2ms_sess *const sess = film->get();
+  const auto all_idle = [&] { return sess->unit_num == 0 && sess->ready_num == sess->active_num; };
+  std::vector<uint8_t> buf(100'000);
+  std::mt19937 random(7);
+  double longest = 0;
+  for (int i = 0; i < 30; ++i) {
+    ASSERT_TRUE(eventually(all_idle));
+    const uint64_t pos = i % 2 == 0 ? size - 200'000 - random() % 1'000'000 : random() % 1'000'000;
+    longest = std::max(longest, took([&] {
+                         const int n =
+                             c2ms_sess_read_at(film->get(), pos, buf.data(), 100'000, 20'000);
+                         ASSERT_EQ(n, 100'000);
+                         ASSERT_TRUE(film->right(pos, buf.data(), n));
+                       }));
+  }
+  EXPECT_LT(longest, 0.5 * slack);
+}
+
+// Whatever another thread seeks to, a read at a position delivers that position's bytes.
+TEST_F(Places, ReadsAtAPositionAreOneCall) {
+  start(4'000'001);
+  ASSERT_TRUE(eventually([&] { return ring_is_full(*film); }));
+  std::atomic<bool> stop{false};
+  Threads seeker(1, [&](int) {
+    for (uint64_t i = 0; !stop; ++i) c2ms_sess_seek(film->get(), i * 777'777 % size);
+  });
+  std::vector<uint8_t> buf(5000);
+  std::mt19937 random(3);
+  int delivered = 0;
+  for (int i = 0; i < 20'000; ++i) {
+    const uint64_t pos = random() % (size - buf.size());
+    const int n = c2ms_sess_read_at(film->get(), pos, buf.data(), 5000, 1000);
+    delivered += n > 0;
+    if (n < 0 || !film->right(pos, buf.data(), n)) {
+      ADD_FAILURE() << n << " at " << pos;
+      break;
+    }
+  }
+  stop = true;
+  EXPECT_GT(delivered, 5000);
 }
 
 // A seek waits for nobody, and what the ring still holds after it is not asked for again.

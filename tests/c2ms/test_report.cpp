@@ -53,7 +53,9 @@ class Reporting : public Served {
   // One check, with all that it reports.
   static void check(c2ms_sess *sess) {
     begin_check(sess);
-    ASSERT_TRUE(eventually([&] { return sess->report_job == c2ms::report_job::none; }, 60s));
+    const auto idle = [&](auto job) { return sess->*job == c2ms::report_job::none; };
+    ASSERT_TRUE(
+        eventually([&] { return idle(&c2ms_sess::perf_job) && idle(&c2ms_sess::auth_job); }, 60s));
   }
   static void begin_check(c2ms_sess *sess) {
     const c2ms::StrandGuard strand(sess);
@@ -271,6 +273,42 @@ TEST_F(Reporting, ClosedDuringEachWait) {
   }
 }
 
+// Who does not answer delays neither the other channel nor another session: one after another, the
+// last of four would be told after three waits.
+TEST_F(Reporting, SilenceDelaysNobodyElse) {
+  const int wait_ms = static_cast<int>(1000 * slack);
+  point(*library, {wait_ms, wait_ms, wait_ms, wait_ms});
+  const auto told = [&](report_channel channel, uint32_t type, size_t times) {
+    return eventually([&] { return count(channel, type) >= times; }, 2ms * wait_ms);
+  };
+  constexpr uint32_t ping = 1, begin = 257, end = 258, alive = 259;
+  for (const bool agent_silent : {true, false}) {
+    service.clear();
+    service.set_agent({.silent = agent_silent});
+    service.set_report({.silent = !agent_silent});
+    const auto silent = agent_silent ? report_channel::agent : report_channel::performance;
+    const auto other = agent_silent ? report_channel::performance : report_channel::agent;
+    std::vector<std::unique_ptr<Film>> films;
+    for (int i = 0; i < 4; ++i) films.push_back(std::make_unique<Film>(*library, *server, id));
+    for (const auto &play : films) begin_check(play->get());
+    EXPECT_TRUE(told(other, alive, 4));
+    EXPECT_TRUE(told(silent, agent_silent ? ping : begin, 4));
+    // Checks count while the exchange with the silent one goes on.
+    for (int i = 0; i < 15; ++i) begin_check(films[0]->get());
+    EXPECT_TRUE(told(other, alive, 5));
+    if (agent_silent) continue;
+    // At its end the play tells the agent at once, the report server after the running exchange.
+    check(films[1]->get());
+    const size_t begins = count(silent, begin);
+    begin_check(films[1]->get());
+    EXPECT_TRUE(told(silent, begin, begins + 1));
+    films[1]->close();
+    EXPECT_TRUE(told(silent, end, 1));
+    EXPECT_NE(service.story().find("agent play_end, performance play_begin"), std::string::npos)
+        << service.story();
+  }
+}
+
 // Cleaning up waits for the running wait alone, whatever else is queued.
 TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
   silence();
@@ -307,7 +345,8 @@ TEST_F(Reporting, SilenceDoesNotDisturbPlaying) {
   };
   EXPECT_TRUE(play.play(65536, play.size(), 65536, paced));
   EXPECT_LT(play.longest_wait, 1.0) << "the shortest wait for an answer is 2 s";
-  EXPECT_EQ(service.story(), "performance play_begin, agent ping");
+  EXPECT_EQ(service.story(report_channel::agent), "ping");
+  EXPECT_EQ(service.story(report_channel::performance).substr(0, 10), "play_begin");
   EXPECT_EQ(play.get()->auth_state, 255);
 }
 

@@ -156,6 +156,14 @@ TEST_F(Ring, BufferingRatio) {
   EXPECT_EQ(ratio_of(), 53);
   c2ms_cache_buffering_size(cache, 2 * packsize);
   EXPECT_EQ(ratio_of(), 100);
+  c2ms_cache_clean(cache);  // a lead that is asked for without a ring holds for the next one
+  c2ms_cache_buffering_size(cache, 4 * packsize);
+  EXPECT_EQ(ratio_of(), 0);
+  ASSERT_EQ(c2ms_cache_setbuf(cache, buffer.data(), 16 * packsize, packsize), 0);
+  ASSERT_EQ(c2ms_cache_setfile(cache, sess->fid, 0, 100 * packsize, 0), 0);
+  EXPECT_EQ(ratio_of(), 0);
+  make_ready(0);
+  EXPECT_EQ(ratio_of(), 25);
 }
 
 // A unit may deliver only into the pack it was issued for, of the file it was issued for.
@@ -182,9 +190,24 @@ TEST_F(Ring, UnitsLoseWhatMovesOn) {
   EXPECT_EQ(unit->range_flag, 3);
   EXPECT_EQ(c2ms_unit_verify(unit), 1);
   EXPECT_EQ(c2ms_cache_download_pack(cache, slot(0)), -100);  // it is issued once
-  // A second unit for the same pack only while no first one waits unsent; five at most.
+  // A second unit for the same pack only while no first one waits unsent; five at most. It sends
+  // the pack's own flag, which outlives what the pack held.
   EXPECT_EQ(c2ms_pack_redownload(slot(0)), 0);
   EXPECT_EQ(units_of_first(), 1);
+  {
+    const adif::Guard lock(slot(0)->lock);
+    slot(0)->flag = 7;
+  }
+  c2ms_unit_recycle(unit);
+  unit = take_one();
+  EXPECT_EQ(unit->range_flag, 3);
+  unit->state = UNIT_SENT;
+  c2ms_sess_unit_clear(sess);
+  EXPECT_EQ(c2ms_pack_redownload(slot(0)), 0);
+  c2ms_unit *const second = c2ms_sess_unit_get(sess);
+  EXPECT_EQ(second->range_offset, 1000u);
+  EXPECT_EQ(second->range_flag, 7);
+  c2ms_unit_recycle(second);
   for (int i = 0; i < 9; ++i) {
     c2ms_pack_redownload(slot(0));
     EXPECT_EQ(units_of_first(), std::min(i + 2, 5));

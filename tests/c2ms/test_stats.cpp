@@ -311,6 +311,15 @@ TEST_F(Statistics, RecordedEventsAreThoseCounted) {
   const auto few = recorded(*film, &lost);
   EXPECT_EQ(few.size(), 8u);
   EXPECT_GE(lost, 12u);
+  // A slow reader's places too: one for each move that comes 50 ms after the former.
+  ASSERT_EQ(c2ms_sess_trace(film->get(), 1000), 0);
+  uint64_t places = 0;
+  for (int i = 0; i < 4; ++i) {
+    pause_ms(55);
+    ASSERT_TRUE(film->play(20 + 100 * i, 120 + 100 * i, 100, Film::blocking));
+  }
+  for (const auto &e : recorded(*film)) places += e.kind == C2MS_TRACE_PLACE;
+  EXPECT_GE(places, 4u);
   ASSERT_EQ(c2ms_sess_trace(film->get(), 0), 0);
   c2ms_sess_seek(film->get(), 5'000'000);
   EXPECT_TRUE(recorded(*film).empty());

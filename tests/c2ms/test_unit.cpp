@@ -8,6 +8,7 @@
 #include <string>
 
 #include "c2ms/c2ms_cache.h"
+#include "c2ms/c2ms_node_obj.h"
 #include "c2ms/c2ms_pack.h"
 #include "c2ms/c2ms_unit.h"
 #include "local.h"
@@ -135,10 +136,7 @@ TEST_F(Unit, AnswersCutAtEveryByte) {
 }
 
 TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
-  c2ms_unit *first = begin();
-  EXPECT_EQ(feed(first, answer(first, 37, 40, 50), 0), unit_bad_payload) << "bytes behind it";
-  c2ms_unit_recycle(first);
-  first = begin();
+  c2ms_unit *const first = begin();
   auto bytes = answer(first, 37, 64, 30);  // the rest is late
   ASSERT_EQ(feed(first, bytes, 0), 0);
   c2ms_unit *const second = another();
@@ -157,6 +155,88 @@ TEST_F(Unit, AnAnswerThatFailsLeavesAnotherUnitsBytesAlone) {
   EXPECT_TRUE(holds_payload(40));
   c2ms_unit_recycle(slower);
   c2ms_unit_recycle(first);
+}
+
+// A server may speak any version. Bytes that come with a control response and belong to nothing are
+// dropped; behind a payload they are a failure.
+TEST_F(Unit, VersionsAndStrayBytes) {
+  const struct {
+    const char *what;
+    bool media;
+    uint16_t version;
+    size_t stray;
+    int expected;
+  } rows[] = {
+      {"version 0", true, 0, 0, 0},
+      {"version 1", true, 1, 0, 0},
+      {"version 2", true, 2, 0, 0},
+      {"version 65535", true, 65535, 0, 0},
+      {"a description of version 0", false, 0, 0, 0},
+      {"a description of version 65535", false, 65535, 0, 0},
+      {"stray bytes behind a description", false, 1, 5, 0},
+      {"many behind a description", false, 1, 3000, 0},
+      {"stray bytes behind a payload", true, 1, 5, unit_bad_payload},
+  };
+  c2ms_node *const node = c2ms_node_fetch(sess);
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.what);
+    c2ms_unit *const unit = row.media ? begin() : &node->descmedia_unit;
+    if (!row.media) c2ms_unit_init_descmedia(node, unit);
+    unit->state = UNIT_SENT;
+    const uint32_t payload_len = row.stray > 0 ? 40 : packsize;
+    auto bytes = answer(unit, row.media ? 37 : 87, payload_len, row.media ? payload_len : 0);
+    if (!row.media) put32(&bytes, 4, 0x80000002);
+    bytes[12] = static_cast<uint8_t>(row.version >> 8);
+    bytes[13] = static_cast<uint8_t>(row.version);
+    bytes.insert(bytes.end(), row.stray, 0x55);
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    ASSERT_EQ(write(pair[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    bool closed = false;
+    EXPECT_EQ(row.media ? c2ms_unit_recv(unit, pair[0])
+                        : c2ms_unit_recv_control(node, unit, pair[0], &closed),
+              row.expected);
+    EXPECT_EQ(unit->state == UNIT_END, row.expected == 0);
+    uint8_t byte;
+    EXPECT_TRUE(row.expected != 0 || recv(pair[0], &byte, 1, 0) < 0) << "bytes are left";
+    EXPECT_FALSE(closed);
+    close(pair[0]);
+    close(pair[1]);
+    if (row.media) c2ms_unit_recycle(unit);
+  }
+  // A peer that has gone before it answered, and within its answer.
+  for (const size_t sent : {0u, 3u}) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    c2ms_unit_init_descmedia(node, &node->descmedia_unit);
+    ASSERT_EQ(write(pair[1], payload.data(), sent), static_cast<ssize_t>(sent));
+    close(pair[1]);
+    bool closed = false;
+    EXPECT_EQ(c2ms_unit_recv_control(node, &node->descmedia_unit, pair[0], &closed),
+              sent == 0 ? unit_nothing_read : unit_socket_failed);
+    EXPECT_TRUE(closed);
+    close(pair[0]);
+  }
+  c2ms_node_recycle(node);
+}
+
+// The clock of every pack that a read waits for runs from the beginning of the wait: with a second
+// allowed (no node is known) each has a second request after one wait of a second.
+TEST_F(Unit, LatePacksAreAskedForAgainInTime) {
+  std::vector<uint8_t> ring(16 * packsize);
+  c2ms_cache_setbuf(cache, ring.data(), 16 * packsize, packsize);
+  c2ms_cache_setfile(cache, sess->fid, 0, packsize * 100 + 1, 0);
+  ASSERT_GE(c2ms_cache_download_all(cache), 3);
+  const auto units_of = [&](int32_t index) {
+    auto *const late = static_cast<c2ms_pack *>(sk_value(cache->packs, index));
+    const adif::Guard lock(late->lock);
+    for (int32_t i = 0; i < late->unit_count; ++i) late->units[i]->state = UNIT_SENT;
+    return late->unit_count;
+  };
+  for (int32_t index = 0; index < 3; ++index) EXPECT_EQ(units_of(index), 1);
+  EXPECT_EQ(c2ms_cache_recv(cache, nullptr, 3 * packsize, 1500), 0);
+  for (int32_t index = 0; index < 3; ++index)  // an eighth of the ring is waited for at a time
+    EXPECT_EQ(units_of(index), index < 2 ? 2 : 1) << index;
 }
 
 // The packs that the reader needs become ready in any order: it is woken for the last one only, and

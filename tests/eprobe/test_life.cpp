@@ -13,11 +13,13 @@ struct Counter {
   rac_core *core = nullptr;
   std::atomic<int> calls{0};
   std::atomic<int> result{0};
+  int nowait = 0, restarted = 0;
 
   static int stop_probe(void *arg, void *, int, int) {
     auto *self = static_cast<Counter *>(arg);
     self->result = probe_barrier(self->core);
     StopProbe(self->core);
+    self->restarted = StartProbe(self->core, self->nowait);
     ++self->calls;
     return 0;
   }
@@ -78,6 +80,7 @@ TEST(Life, StopFromACallbackEndsAWaitingStart) {
     Counter timer;
     Recorder again;
     timer.core = probe_create(2);
+    timer.nowait = nowait;
     StartTimer2(timer.core, 20, 0, 0, Counter::stop_probe, &timer);
     std::atomic<bool> back{false};
     std::thread second([&] {
@@ -90,6 +93,7 @@ TEST(Life, StopFromACallbackEndsAWaitingStart) {
     EXPECT_TRUE(eventually([&] { return StopProbe(timer.core) == 0 && back; }));
     second.join();
     EXPECT_EQ(timer.result, -2) << "a callback cannot wait for itself";
+    EXPECT_EQ(timer.restarted, -2) << "nor serve its base together with another worker";
     StartProbe(timer.core, 1);
     StartTimer2(timer.core, 1, 0, 0, Recorder::on_event, &again);
     EXPECT_TRUE(again.gets(IOE_TIMEOUT, 1));

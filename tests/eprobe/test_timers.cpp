@@ -161,6 +161,61 @@ TEST(Timers, OfOneWorkerExpireInOrderOfStartAndDoNotStarve) {
   EXPECT_EQ(free_timers(engine.core), PROBE_MAX_TIMERS);
 }
 
+/// Carries its plan out in each of four runs: 'i' starts itself again, 'o' another timer.
+struct Planner {
+  const char *plan, *outcome;  // by step of the plan: '+' a timer, '-' none
+  int runs_expected;
+  rac_core *core = nullptr;
+  std::atomic<int> runs{0};
+  std::atomic<bool> wrong{false};
+
+  static int on_timer(void *arg, void *, int, int) {
+    auto *self = static_cast<Planner *>(arg);
+    Shot other;
+    std::string got;
+    if (++self->runs > 4) return 0;
+    for (const char *step = self->plan; *step != 0; ++step) {
+      const bool made = *step == 'i' ? self->start() : other.start(self->core, 3600000) != nullptr;
+      got += made ? '+' : '-';
+    }
+    if (got != self->outcome) self->wrong = true;
+    return 0;
+  }
+  bool start() { return StartTimer2(core, 1, 7, 8, on_timer, this) != nullptr; }
+};
+
+TEST(Timers, AHandlerFindsItsOwnSlotAgainWhenAllAreTaken) {
+  const auto take_all = [](rac_core *core) {
+    static Shot never;
+    rac_timer *last = nullptr;
+    while (rac_timer *timer = never.start(core, 3600000)) last = timer;
+    return last;
+  };
+  Planner rows[] = {{"i", "+", 5}, {"oi", "-+", 5}, {"ii", "+-", 5}, {"o", "-", 1}};
+  for (Planner &row : rows) {
+    SCOPED_TRACE(row.plan);
+    Engine engine(1);
+    row.core = engine.core;
+    StopTimer(take_all(engine.core));
+    ASSERT_TRUE(row.start());
+    EXPECT_TRUE(eventually([&] { return row.runs == row.runs_expected; }, std::chrono::seconds(9)))
+        << "lost after " << row.runs;
+    probe_barrier(engine.core);
+    EXPECT_FALSE(row.wrong);
+    EXPECT_EQ(free_timers(engine.core), 1u) << "it gives back one slot, its own";
+  }
+  const Folder folder;
+  const std::string file = folder / "monitor";
+  Engine engine(2);
+  ASSERT_EQ(probe_set_profile_monitor(engine.core, file.c_str(), 1001), 0);
+  take_all(engine.core);
+  EXPECT_TRUE(eventually([&] {
+    const std::string report = read_file(file);
+    return report.find("Probe free  timers\t\t\t: 0") !=
+           report.rfind("Probe free  timers\t\t\t: 0");
+  })) << "the monitor goes on";
+}
+
 TEST(Timers, AnOldHandleFindsNothing) {
   Shot first, second;
   Engine engine(2);
