@@ -7,19 +7,21 @@ namespace c2ms {
 
 namespace {
 
+double T(const char *n, double d) { const char *v = getenv(n); return v ? atof(v) : d; }
 constexpr double assumed_rate = 250'000;    // of the first connection, before anything is known
+constexpr double sooner = 0.95;  // of two that are as quick neither leaves it to the other
 constexpr double least_round_trip = 0.0005;
 constexpr double long_silence = 0.1;        // shorter ones are how packets bunch
-const double least_run_s = getenv("LR") ? atof(getenv("LR")) : 0.06;        // of a request that is one of many
+const double least_run_s = T("LR", 0.06);        // of a request that is one of many
 constexpr double most_run_s = 0.5;
-constexpr double least_run_bytes = 64 * 1024;
+const double least_run_bytes = T("LB", 16) * 1024;
 // A run covers the round trip of the next request, with some room for a rate that grows.
-const double round_trips_of_run = getenv("RT") ? atof(getenv("RT")) : 1.5;
-const double round_trips_shared = getenv("RS") ? atof(getenv("RS")) : 0.8;
-const double ahead_trips = getenv("AT") ? atof(getenv("AT")) : 1.5;
-constexpr double lead_share = 8;            // of the lead that a run may take to come
+const double round_trips_of_run = T("RT",1);
+const double round_trips_shared = T("RS", 1);
+const double ahead_trips = T("AT", 1.5);
+const double lead_share = T("LS", 8);            // of the lead that a run may take to come
 // Two runs of each connection, the answer and the one asked for ahead, must leave the ring some room.
-constexpr double ring_share = 2.25;
+const double ring_share = T("RG", 2.25);
 constexpr double comfortable_lead = 2;      // seconds; with more, small requests wait until they are bigger
 constexpr double helps_much = 0.5;          // of the time that the pack would need otherwise
 constexpr double helps_slack = 0.03;
@@ -51,12 +53,14 @@ double sum_of_rates(std::span<const lane> lanes) {
   return sum;
 }
 
-// Bytes that the others bring within `span` seconds beyond what they owe already.
-double others_bring(std::span<const lane> lanes, size_t who, double span) {
-  double sum = 0;
+// Whole packs that the others bring within `span` seconds beyond what they owe already. Parts of packs do not count:
+// together they would look like a pack that nobody brings.
+int64_t others_bring(std::span<const lane> lanes, size_t who, double span, double pack_bytes) {
+  int64_t sum = 0;
   for (size_t i = 0; i < lanes.size(); ++i) {
     if (i == who || !lanes[i].usable) continue;
-    sum += rate_of(lanes, i) * std::max(span - free_in(lanes, i), 0.0);
+    const double bytes = rate_of(lanes, i) * (span * sooner - free_in(lanes, i));
+    if (bytes > 0) sum += static_cast<int64_t>(bytes / pack_bytes);
   }
   return sum;
 }
@@ -137,8 +141,7 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
   const double pack_bytes = ring.pack_bytes;
   const double starts = free_in(lanes, who);
   // The first pack that the others would not have brought when this connection has.
-  const double ahead = others_bring(lanes, who, starts + pack_bytes / rate) - pack_bytes;
-  const auto distance = static_cast<int64_t>(std::max(ahead, 0.0) / pack_bytes + 0.5);
+  const int64_t distance = others_bring(lanes, who, starts + pack_bytes / rate, pack_bytes);
   const found at = find_at(ring, distance);
   if (at.in == nullptr) return probe ? farthest(ring) : run{};
   const double wanted = lanes[who].rate > 0 ? rate * run_span(lanes, who, ring, reader) : least_run_bytes;
@@ -149,8 +152,7 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
     // What a reader waits for is spread: each pack to who brings it first.
     if (first + count < ring.urgent_end) {
       const double arrives = starts + (count + 1) * pack_bytes / rate;
-      const double before = static_cast<double>(at.distance + 1) * pack_bytes;
-      if (others_bring(lanes, who, arrives) > before) break;
+      if (others_bring(lanes, who, arrives, pack_bytes) > at.distance) break;
     }
     ++count;
   }
@@ -182,6 +184,32 @@ bool is_hopeless(std::span<const lane> lanes, size_t who) {
   constexpr double round_trips = 4, least = 0.2;
   const double rest = arrives_in(lanes, who, lanes[who].owed);
   return rest > std::max(least, round_trips * round_trip_of(lanes[who]));
+}
+
+size_t wants_connection(std::span<const lane> lanes) {
+  const size_t most = static_cast<size_t>(T("MC", 8)), most_each = 4;
+  size_t best = lanes.size(), least = lanes.size();
+  if (lanes.size() >= most) return best;
+  auto count = [&](size_t who) {
+    size_t sum = 0;
+    for (const lane &one : lanes) sum += one.server == lanes[who].server;
+    return sum;
+  };
+  for (size_t i = 0; i < lanes.size(); ++i) {
+    if (lanes[i].silence < 1) least = std::min(least, count(i));
+  }
+  for (size_t i = 0; i < lanes.size(); ++i) {
+    const lane &one = lanes[i];
+    if (!one.usable || one.rate <= 0 || one.owed <= 0 || one.silence > long_silence) continue;
+    if (count(i) > least || count(i) >= most_each) continue;
+    if (best < lanes.size() && one.rate * one.round_trip <= lanes[best].rate * lanes[best].round_trip) continue;
+    best = i;
+  }
+  return best;
+}
+
+bool may_repeat(double twice, double received) {
+  return twice < 256 * 1024 + 0.02 * received;
 }
 
 }  // namespace c2ms

@@ -72,4 +72,11 @@ size_t choose_helper(std::span<const lane> lanes, uint32_t holder, double missin
 /// connection.
 bool is_hopeless(std::span<const lane> lanes, size_t who);
 
+/// A lane whose server should get one more connection, while there are packs that nobody has been asked for;
+/// lanes.size() when none should.
+size_t wants_connection(std::span<const lane> lanes);
+
+/// True when a pack may be asked for that is under way already: what has come twice stays within its budget.
+bool may_repeat(double twice, double received);
+
 }  // namespace c2ms

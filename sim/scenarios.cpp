@@ -1,0 +1,96 @@
+#include "scenarios.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace sim {
+
+namespace {
+
+constexpr double download_s = 40, play_s = 60;
+
+link_spec walk(uint64_t seed) {
+  std::mt19937_64 random(seed);
+  std::uniform_real_distribution<> step(-1.5, 1.5);
+  link_spec one = steady(6, 0.06);
+  one.mbit.clear();
+  double rate = 6, outage = 5 + std::uniform_real_distribution<>(0, 20)(random);
+  for (double at = 0; at < 120; at += one.step) {
+    rate = std::clamp(rate + step(random), 1.0, 12.0);
+    if (at > outage + 2) outage += 20;
+    one.mbit.push_back(at >= outage ? 0 : rate);
+  }
+  return one;
+}
+
+network with(network net, size_t link, change what) {
+  net.links[link].changes.push_back(what);
+  return net;
+}
+
+double bytes_per_second(const network &net) {
+  double sum = 0;
+  for (const link_spec &one : net.links) sum += one.mean_mbit();
+  return (net.access_mbit > 0 ? std::min(sum, net.access_mbit) : sum) * 1e6 / 8;
+}
+
+scenario download(const char *name, const network &net, double share) {
+  scenario one{name, net, {}};
+  one.spec.client.film_bytes = bytes_per_second(net) * download_s;
+  one.spec.most_seconds = download_s * 20;
+  one.share = share;
+  return one;
+}
+
+scenario playing(const char *name, const network &net, double part, double stalled = 0) {
+  scenario one{name, net, {}};
+  one.spec.pace = bytes_per_second(net) * part;
+  one.spec.client.film_bytes = one.spec.pace * play_s;
+  one.stalled = stalled;
+  return one;
+}
+
+scenario seeking(const char *name, const network &net, double median_ms, double most_ms) {
+  scenario one = playing(name, net, 0.6);
+  one.spec.seek_each = 1;
+  one.median_ms = median_ms;
+  one.most_ms = most_ms;
+  return one;
+}
+
+}  // namespace
+
+std::vector<scenario> named_scenarios(int pack_bytes) {
+  const network s1{{steady(8, .03), steady(8, .03), steady(8, .03), steady(8, .03)}};
+  const network s2{{steady(4, .02), steady(8, .04), steady(12, .08), steady(16, .16)}};
+  const network s3{{steady(4, .02, .01), steady(8, .04, .01), steady(12, .08, .01), steady(16, .16, .01)}};
+  const network s4{{steady(10, .6), steady(10, .6), steady(10, .6), steady(10, .6)}};
+  const network s5{{steady(20, .04), steady(20, .04), steady(20, .04), steady(20, .04)}, 20};
+  const network s6{{steady(50, .01), steady(50, .01), steady(50, .01), steady(50, .01)}};
+  const network s7{{walk(4), walk(5), walk(6), walk(7)}};
+  const network quick{{steady(16, .03), steady(16, .03), steady(16, .03), steady(16, .03)}};
+  const network p6{{steady(8, .03), steady(8, .03), steady(8, .03), steady(.2, .03)}};
+  const double three_of_p6 = 24 / 24.2;
+  const change dies{10, never, 0};
+  std::vector<scenario> all{
+      download("S1", s1, .95), download("S2", s2, .87), download("S3", s3, .40), download("S4", s4, .58),
+      download("S5", s5, .96), download("S6", s6, .93), download("S7", s7, .90),
+      playing("P1", s2, .6), playing("P2", s3, .6, never), playing("P3", s7, .6, .5),
+      playing("P4", with(s1, 1, dies), .5), playing("P4 at 16 Mbit/s", with(quick, 1, dies), .5),
+      playing("P5", with(s1, 1, {10, never, .01}), .5), playing("P6 at 60 %", p6, .6 * three_of_p6),
+      playing("P6 at 85 %", p6, .85 * three_of_p6), playing("P7 at 50 %", with(with(s1, 1, dies), 2, dies), .5, 2),
+      playing("P7 at 40 %", with(with(s1, 1, dies), 2, dies), .4),
+      seeking("K2", s2, 130, 200), seeking("K4", s4, 700, 1300)};
+  for (scenario &one : all) {
+    one.spec.client.pack_bytes = pack_bytes;
+    if (one.name == "P3" || one.name == "S7") one.twice = .05;
+    if (one.spec.pace > 0) {
+      double trips = 0;
+      for (const link_spec &link : one.net.links) trips += link.round_trip / static_cast<double>(one.net.links.size());
+      one.start = 1.3 * fluid(one.net, one.spec).start + 4 * trips;
+    }
+  }
+  return all;
+}
+
+}  // namespace sim
