@@ -85,6 +85,7 @@ void Client::receive(double now) {
     const int64_t arrived = one.connection->step(now_);
     if (arrived <= 0) continue;
     received_ += static_cast<double>(arrived);
+    one.total += arrived;
     one.used_at = now_;
     if (one.answers.empty()) continue;
     one.estimate.received(us(now_), arrived);
@@ -193,6 +194,7 @@ Client::lanes_of Client::lanes() const {
     lane.round_trip = one.estimate.round_trip();
     lane.owed = static_cast<double>(one.estimate.owed());
     lane.silence = one.ready ? one.estimate.silence(us(now_)) : now_ - one.since;
+    lane.growing = one.estimate.growing(us(now_));
     lane.usable = one.ready;
     lane.server = static_cast<uint32_t>(one.server);
     all.push_back(lane);
@@ -353,9 +355,9 @@ void Client::grow() {
 }
 
 void Client::print(double now) {
-  std::printf("%7.2f at %7.0f lead %6.0f KiB |", now, position_ / 1024, (have() - position_) / 1024);
+  std::printf("%7.2f at %7.0f lead %6.0f of %7.0f KiB |", now, position_ / 1024, (have() - position_) / 1024, received_ / 1024);
   for (const channel &one : channels_) {
-    std::printf(" %zu%s r%5.0f o%5.0f s%4.1f", one.server, one.ready ? "" : "-", one.estimate.rate() / 1024,
+    std::printf(" %zu%s t%5.0f r%5.0f o%5.0f s%4.1f", one.server, one.ready ? "" : "-", double(one.total)/1000, one.estimate.rate() / 1024,
                 static_cast<double>(one.estimate.owed()) / 1024, one.estimate.silence(us(now)));
   }
   std::printf("\n");

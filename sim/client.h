@@ -57,6 +57,7 @@ class Client {
     bool first = true;  // of its server
     c2ms::Estimate estimate;
     std::vector<answer> answers;
+    int64_t total = 0;
     bool asked = false, ready = false;  // for the description; and it has come
     double since = 0, retry_at = 0, brake = 0, used_at = 0, probed_at = 0;
   };

@@ -47,13 +47,29 @@ void Connection::cut(double now) {
   epoch_ = last_cut_ = now;
 }
 
+// Slow start ends when a round's first packets find a queue, or when acknowledgements come as a train that is half a
+// round trip long.
+bool Connection::finds_queue(const flight &one, double now) {
+  const double trip = link_->spec().round_trip;
+  if (one.sent >= round_at_) {
+    round_at_ = now;
+    round_least_ = never;
+    round_count_ = 0;
+    train_ = true;
+  }
+  train_ = train_ && now - last_heard_ < 0.002;
+  if (round_count_++ < 8) round_least_ = std::min(round_least_, now - one.sent - trip);
+  if (window_ <= 16) return false;
+  if (train_ && now - round_at_ > trip / 2) return true;
+  return round_count_ == 8 && round_least_ > std::clamp(trip / 8, 0.004, 0.016);
+}
+
 void Connection::grow(const flight &one, double now) {
+  const bool queue = finds_queue(one, now);
   if (!limited_) return;
   const double trip = link_->spec().round_trip;
   if (window_ < threshold_) {
-    // Slow start ends when the queue begins to fill.
-    const double queued = now - one.sent - trip - link_->spec().jitter;
-    if (window_ > 16 && queued > std::clamp(trip / 8, 0.004, 0.016)) {
+    if (queue) {
       threshold_ = most_ = window_;
       epoch_ = now;
     }
@@ -89,11 +105,11 @@ void Connection::acknowledge(double now) {
       if (one.sent > last_cut_) cut(now);
       continue;
     }
-    last_heard_ = now;
     round_trip_ += (now - one.sent - round_trip_) / 8;
     timeouts_ = 0;
     if (!old) segments_[static_cast<size_t>(one.segment - first_segment_)].acknowledged = true;
     grow(one, now);
+    last_heard_ = now;
   }
   while (!segments_.empty() && segments_.front().arrived && segments_.front().acknowledged) {
     segments_.pop_front();

@@ -30,6 +30,7 @@ class Connection {
   };
   void read_requests(double now);
   void acknowledge(double now);
+  bool finds_queue(const flight &one, double now);
   void grow(const flight &one, double now);
   void cut(double now);
   void time_out(double now);
@@ -54,6 +55,9 @@ class Connection {
   double most_ = 0, epoch_ = 0;  // cubic: the window at the last cut, when that was
   bool limited_ = false;         // by the window
   double last_cut_ = -1, last_sent_ = 0, last_heard_ = 0, paced_until_ = 0;
+  double round_at_ = 0, round_least_ = 0;  // of slow start: when it began, the least of its queue
+  int round_count_ = 0;
+  bool train_ = false;
   double round_trip_ = 0;  // smoothed
   int timeouts_ = 0;
 };

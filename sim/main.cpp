@@ -1,9 +1,10 @@
 // sim: the named networks.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "scenarios.h"
+#include "judge.h"
 
 using namespace sim;
 
@@ -24,7 +25,48 @@ static void row(const scenario &one, uint64_t seed, bool verbose) {
   std::printf("  twice %.1f %%, %d requests, %d connections\n", 100 * got.twice / got.received, got.requests, got.connections);
 }
 
+static void random_ones(uint64_t first, uint64_t count) {
+  std::vector<double> stalled, slower, seek, twice;
+  uint64_t faulty = 0;
+  for (uint64_t seed = first; seed < first + count; ++seed) {
+    const scenario one = random_scenario(seed);
+    const verdict v = judge(one, seed);
+    if (one.spec.seek_each > 0) seek.push_back(v.seek);
+    else if (one.spec.pace > 0) stalled.push_back(v.stalled);
+    else slower.push_back(v.slower);
+    twice.push_back(100 * v.got.twice / v.got.received);
+    if (v.faults.empty()) continue;
+    ++faulty;
+    std::printf("%lu:%s\n", seed, v.faults.c_str());
+  }
+  auto parts = [](const char *name, std::vector<double> all) {
+    std::sort(all.begin(), all.end());
+    if (all.empty()) return;
+    double sum = 0;
+    for (double d : all) sum += std::max(d, 0.0);
+    auto at = [&](double p) { return all[static_cast<size_t>(p * static_cast<double>(all.size() - 1))]; };
+    std::printf("%-8s %4zu  mean %6.3f median %6.2f 90 %% %6.2f 98 %% %6.2f most %6.2f\n", name, all.size(), sum / double(all.size()), at(.5), at(.9), at(.98), at(1));
+  };
+  parts("stalled", stalled);
+  parts("slower", slower);
+  parts("seek", seek);
+  parts("twice %", twice);
+  std::printf("faulty %lu of %lu\n", faulty, count);
+}
+
 int main(int argc, char **argv) {
+  if (argc > 2 && !strcmp(argv[1], "show")) {
+    const scenario one = random_scenario(strtoul(argv[2], nullptr, 10));
+    for (const link_spec &link : one.net.links) std::printf("# %s\n", link.text().c_str());
+    std::printf("# pace %.0f KB/s film %.0f KB pack %d access %.1f seek %.1f\n", one.spec.pace / 1e3, one.spec.client.film_bytes / 1e3, one.spec.client.pack_bytes, one.net.access_mbit, one.spec.seek_each);
+    const verdict v = judge(one, strtoul(argv[2], nullptr, 10), argc > 3);
+    std::printf("# stalled %.2f longest %.2f (%.2f) start %.2f (%.2f) seconds %.1f (%.1f) twice %.1f starved %.2f\n#%s\n", v.got.stalled, v.got.longest, fluid(reachable(one.net), one.spec).stalled, v.got.start, fluid(reachable(one.net), one.spec).start, v.got.seconds, ideal_seconds(reachable(one.net), one.spec), 100 * v.got.twice / v.got.received, v.got.starved, v.faults.c_str());
+    return 0;
+  }
+  if (argc > 1 && std::atoi(argv[1]) > 0) {
+    random_ones(argc > 2 ? strtoul(argv[2], nullptr, 10) : 1, strtoul(argv[1], nullptr, 10));
+    return 0;
+  }
   const char *name = argc > 1 ? argv[1] : "";
   const char *packs = std::getenv("PK");
   for (const int kib : {packs ? std::atoi(packs) : 16}) {

@@ -48,7 +48,7 @@ class Play {
     if (spec_.seek_each > 0) seek(now);
     if (started_) return take_due(now);
     // A seek has read what it waited for; a start waits for more.
-    waits_until_ = std::min(position_ + seek_bytes, film());
+    waits_until_ = std::min((spec_.seek_each > 0 ? position_ : client_.have()) + seek_bytes, film());
     const double enough = spec_.seek_each > 0 ? seek_bytes : start_bytes(spec_);
     if (client_.have() < std::min(position_ + enough, film())) return;
     if (spec_.seek_each > 0 && sought_at_ > 0) result_.seeks.push_back(now - sought_at_);
@@ -148,6 +148,25 @@ outcome fluid(const network &net, const play_spec &spec) {
     position = std::min(wanted, have);
   }
   return result;
+}
+
+network reachable(const network &net) {
+  constexpr double used = 0.8, of_access = 0.9;
+  constexpr double connections = 8;
+  network all = net;
+  all.access_mbit *= of_access;
+  const double each = std::min(std::floor(connections / static_cast<double>(net.links.size())), 4.0);
+  for (link_spec &one : all.links) {
+    double most = never;
+    // A window of 1.2 / sqrt(loss) packets for each round trip.
+    if (one.loss > 0) most = each * 1.2 / std::sqrt(one.loss) * 1500 * 8e-6 / (one.round_trip + one.think + 0.02);
+    if (one.cap_mbit > 0) most = std::min(most, each * one.cap_mbit);
+    for (double &rate : one.mbit) rate = std::min(rate, most) * used;
+    for (change &each_change : one.changes) {
+      if (each_change.to < never) each_change.to += std::min(each_change.to - each_change.from, 20.0);
+    }
+  }
+  return all;
 }
 
 double ideal_seconds(const network &net, const play_spec &spec) {

@@ -33,9 +33,12 @@ struct outcome {
 
 outcome play(const network &net, const play_spec &spec, uint64_t seed, bool verbose = false);
 
-/// The same by a fluid with the same ring: the least that is possible. `usable` is the part of the links' rate that it
-/// gets, `late` how long after a change of a link it notices.
+/// The same by a fluid with the same ring, which fills all links at once.
 outcome fluid(const network &net, const play_spec &spec);
+
+/// What TCP can reach of a network: a part of each rate, less where packets get lost, and a link that was silent for some
+/// time needs as long again until it is used. Its fluid is what a play is measured by.
+network reachable(const network &net);
 
 /// Seconds that the links need for the film when nothing is lost between them.
 double ideal_seconds(const network &net, const play_spec &spec);

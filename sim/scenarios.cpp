@@ -93,4 +93,85 @@ std::vector<scenario> named_scenarios(int pack_bytes) {
   return all;
 }
 
+namespace {
+
+class Dice {
+ public:
+  explicit Dice(uint64_t seed) : random_(seed) {}
+  bool once_in(double n) { return between(0, n) < 1; }
+  double between(double low, double high) { return std::uniform_real_distribution<>(low, high)(random_); }
+  double log_between(double low, double high) { return std::exp(between(std::log(low), std::log(high))); }
+  int whole(int low, int high) { return std::uniform_int_distribution<>(low, high)(random_); }
+
+ private:
+  std::mt19937_64 random_;
+};
+
+void wander(link_spec &one, Dice &dice) {
+  const double middle = one.mbit[0];
+  double rate = middle;
+  one.mbit.clear();
+  for (int i = 0; i < 300; ++i) {
+    rate = std::clamp(rate * dice.log_between(0.8, 1.25), middle / 4, middle * 2);
+    one.mbit.push_back(rate);
+  }
+}
+
+// Outages, a death, a fall to a hundredth; the last two for good or for some time.
+void break_down(link_spec &one, Dice &dice, double seconds) {
+  if (dice.once_in(4)) {
+    for (int i = dice.whole(1, 3); i > 0; --i) {
+      const double from = dice.between(3, seconds);
+      one.changes.push_back({from, from + dice.between(0.5, 3), 0});
+    }
+  }
+  if (!dice.once_in(6)) return;
+  const double from = dice.between(3, seconds);
+  const double to = dice.once_in(2) ? never : from + dice.between(10, 40);
+  one.changes.push_back({from, to, dice.once_in(2) ? 0 : 0.01});
+}
+
+link_spec random_link(Dice &dice, bool lossy, double seconds) {
+  link_spec one = steady(dice.log_between(0.2, 50), dice.log_between(0.005, 0.6));
+  if (lossy) one.loss = dice.log_between(0.0005, 0.02);
+  if (dice.once_in(3)) one.jitter = dice.between(0, one.round_trip / 4);
+  if (dice.once_in(2)) one.think = dice.between(0.005, 0.05);
+  if (dice.once_in(6)) one.cap_mbit = std::max(one.mbit[0] * dice.between(0.2, 0.8), 0.2);
+  one.one_at_a_time = dice.once_in(6);
+  if (dice.once_in(3)) wander(one, dice);
+  break_down(one, dice, seconds);
+  return one;
+}
+
+}  // namespace
+
+scenario random_scenario(uint64_t seed) {
+  constexpr double most_mbit = 60;  // of all links: more only takes longer to compute
+  Dice dice(seed * 7919 + 1);
+  const double seconds = dice.between(20, 50);
+  const bool lossy = dice.once_in(3);
+  network net;
+  for (int i = dice.whole(2, 6); i > 0; --i) net.links.push_back(random_link(dice, lossy, seconds));
+  double sum = 0;
+  for (const link_spec &one : net.links) sum += one.mean_mbit();
+  for (link_spec &one : net.links) {
+    for (double &rate : one.mbit) rate *= std::min(most_mbit / sum, 1.0);
+    one.cap_mbit *= std::min(most_mbit / sum, 1.0);
+  }
+  if (dice.once_in(10)) net.access_mbit = std::min(sum, most_mbit) * dice.between(0.3, 0.9);
+  scenario one{"random " + std::to_string(seed), net, {}};
+  const int kind = dice.whole(0, 9);
+  const double part = dice.between(0.3, 0.85);
+  one.spec.pace = kind < 2 ? 0 : bytes_per_second(net) * part;
+  one.spec.client.film_bytes = bytes_per_second(net) * (kind < 2 ? 0.7 : part) * seconds;
+  one.spec.client.pack_bytes = dice.once_in(4) ? 64 * 1024 : (dice.once_in(2) ? 16 : 32) * 1024;
+  one.spec.client.ring_bytes = std::max<double>(8 << 20, 32.0 * one.spec.client.pack_bytes);
+  one.spec.most_seconds = seconds * 10;
+  if (kind >= 2 && kind < 4) {
+    one.spec.seek_each = dice.between(0.5, 3);
+    one.spec.seeks = static_cast<int>(seconds / one.spec.seek_each / 2);
+  }
+  return one;
+}
+
 }  // namespace sim

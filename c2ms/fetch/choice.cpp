@@ -8,16 +8,16 @@ namespace c2ms {
 namespace {
 
 double T(const char *n, double d) { const char *v = getenv(n); return v ? atof(v) : d; }
-constexpr double assumed_rate = 250'000;    // of the first connection, before anything is known
+const double assumed_rate = T("AR", 250) * 1000;    // of the first connection, before anything is known
 constexpr double sooner = 0.95;  // of two that are as quick neither leaves it to the other
 constexpr double least_round_trip = 0.0005;
 constexpr double long_silence = 0.1;        // shorter ones are how packets bunch
 const double least_run_s = T("LR", 0.06);        // of a request that is one of many
 constexpr double most_run_s = 0.5;
-const double least_run_bytes = T("LB", 16) * 1024;
+const double least_run_bytes = T("LB", 48) * 1024;
 // A run covers the round trip of the next request, with some room for a rate that grows.
 const double round_trips_of_run = T("RT",1);
-const double round_trips_shared = T("RS", 1);
+const double round_trips_growing = T("RG2", 3);
 const double ahead_trips = T("AT", 1.5);
 const double lead_share = T("LS", 8);            // of the lead that a run may take to come
 // Two runs of each connection, the answer and the one asked for ahead, must leave the ring some room.
@@ -65,17 +65,10 @@ int64_t others_bring(std::span<const lane> lanes, size_t who, double span, doubl
   return sum;
 }
 
-bool shares_server(std::span<const lane> lanes, size_t who) {
-  for (size_t i = 0; i < lanes.size(); ++i) {
-    if (i != who && lanes[i].usable && lanes[i].server == lanes[who].server) return true;
-  }
-  return false;
-}
-
 // How long a run should take to come.
 double run_span(std::span<const lane> lanes, size_t who, const ring_view &ring,
                 const reader_view &reader) {
-  double span = std::max(least_run_s, (shares_server(lanes, who) ? round_trips_shared : round_trips_of_run) * round_trip_of(lanes[who]));
+  double span = std::max(least_run_s, (lanes[who].growing ? round_trips_growing : round_trips_of_run) * round_trip_of(lanes[who]));
   if (reader.pace > 0) {
     const double by_lead = std::min(reader.lead / reader.pace / lead_share, most_run_s);
     span = std::max(span, by_lead);

@@ -22,6 +22,7 @@ struct lane {
   double owed = 0;        // bytes still to come of what it has been asked for
   double silence = 0;     // how long bytes that could have come have not come
   uint32_t server = 0;    // connections with the same number share a server, and mostly a way to it
+  bool growing = false;   // its rate still rises: it could bring more than it is known to
   bool usable = false;    // it delivers, or could
 };
 

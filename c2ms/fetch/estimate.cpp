@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 
 namespace c2ms {
 
 namespace {
+double T2(const char *n, double d) { const char *v = getenv(n); return v ? atof(v) : d; }
 
 constexpr int64_t least_window_us = 20'000;    // shorter ones measure how packets bunch, not the rate
 constexpr int64_t least_pause_us = 3'000;
@@ -13,6 +15,9 @@ constexpr int64_t least_elapsed_us = 200;      // an answer that came at once: i
 constexpr double least_memory_us = 150'000;    // of the rate; twice the round trip when that is longer
 constexpr double most_memory_us = 1'000'000;
 constexpr int64_t round_trip_memory_us = 10'000'000;  // then a longer one is believed
+
+constexpr double rises = 1.25;                        // in three round trips, or it has settled
+constexpr double growth_round_trips = 3;
 
 }  // namespace
 
@@ -48,6 +53,7 @@ void Estimate::let_off(int64_t bytes) {
 void Estimate::disconnected() {
   owed_ = 0;
   awaits_first_ = false;
+  peak_ = 0;
 }
 
 double Estimate::silence(int64_t now_us) const {
@@ -55,15 +61,20 @@ double Estimate::silence(int64_t now_us) const {
   return static_cast<double>(std::max<int64_t>(now_us - heard_at_us_, 0)) * 1e-6;
 }
 
+bool Estimate::growing(int64_t now_us) const {
+  return static_cast<double>(now_us - peak_at_us_) < growth_round_trips * round_trip_us_;
+}
+
 void Estimate::measure_round_trip(int64_t now_us) {
   awaits_first_ = false;
   const auto trip = static_cast<double>(std::max<int64_t>(now_us - asked_at_us_, 1));
+  const bool first = round_trip_us_ == 0;
   const bool stale = now_us - round_trip_at_us_ > round_trip_memory_us;
-  if (round_trip_us_ == 0 || trip <= round_trip_us_ * 1.1 || stale) {
+  if (first || trip <= round_trip_us_ * 1.1 || stale) {
     round_trip_at_us_ = now_us;
-    round_trip_us_ = round_trip_us_ == 0 || stale ? trip : std::min(round_trip_us_, trip);
+    round_trip_us_ = first || stale ? trip : std::min(round_trip_us_, trip);
   }
-  window_at_us_ = std::min(window_at_us_, now_us);
+  if (first || now_us < window_at_us_) window_at_us_ = now_us;
 }
 
 // A pause for want of a request says nothing about the connection's rate.
@@ -81,11 +92,14 @@ void Estimate::measure_rate(int64_t now_us, bool ended) {
   // All of a short answer at once says only how long it took altogether.
   if (elapsed < least_elapsed_us) elapsed = std::max(now_us - asked_at_us_, least_elapsed_us);
   const double sample = static_cast<double>(window_bytes_) * 1e6 / static_cast<double>(elapsed);
-  const double memory_us = std::clamp(2 * round_trip_us_, least_memory_us, most_memory_us);
+  const double memory_us = std::clamp(T2("MF", 2) * round_trip_us_, least_memory_us, most_memory_us);
   const double weight = 1 - std::exp(-static_cast<double>(elapsed) / memory_us);
   rate_ = rate_ == 0 ? sample : rate_ + weight * (sample - rate_);
   window_at_us_ = now_us;
   window_bytes_ = 0;
+  if (rate_ < peak_ * rises) return;
+  peak_ = rate_;
+  peak_at_us_ = now_us;
 }
 
 }  // namespace c2ms

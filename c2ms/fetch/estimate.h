@@ -32,6 +32,9 @@ class Estimate {
   /// Seconds from a request to the first byte of its answer, the smallest of late; 0 while nothing is known.
   double round_trip() const { return round_trip_us_ * 1e-6; }
 
+  /// True while the rate still rises from one round trip to the next, as it does on a young connection.
+  bool growing(int64_t now_us) const;
+
   /// Seconds for which bytes that could have come have not come. 0 while nothing is owed.
   double silence(int64_t now_us) const;
 
@@ -42,6 +45,8 @@ class Estimate {
 
   int64_t owed_ = 0;
   double rate_ = 0;
+  double peak_ = 0;               // of the rate, and when it last rose much above the one before
+  int64_t peak_at_us_ = 0;
   double round_trip_us_ = 0;
   int64_t round_trip_at_us_ = 0;  // when the smallest was last confirmed
   int64_t asked_at_us_ = 0;       // when the connection was last asked while it owed nothing
