@@ -300,7 +300,7 @@ bool Client::help_with(int32_t index) {
   const auto missing = static_cast<double>(size_of(index) - at(index).bytes);
   const size_t who = c2ms::choose_helper(all, all[holder.who].server, missing, holder.expected, needed);
   if (who >= all.size()) return false;
-  if (!c2ms::may_repeat(twice_, received_)) return false;
+  if (!c2ms::may_repeat(twice_, received_, needed <= 0)) return false;
   c2ms::run run{index, 1};
   const auto before = lanes();
   while (run.first + run.count < end()) {
@@ -361,6 +361,12 @@ void Client::print(double now) {
                 static_cast<double>(one.estimate.owed()) / 1024, one.estimate.silence(us(now)));
   }
   std::printf("\n");
+  if (contiguous_ < end() && have() - position_ < 64*1024 && position_ > 0) {
+    const auto all = lanes();
+    std::printf("   first missing %d ready %d bearers %d needed %.2f:", contiguous_, at(contiguous_).ready, at(contiguous_).bearers, needed_in(contiguous_, all));
+    for (size_t i = 0; i < channels_.size(); ++i) for (const answer &a : channels_[i].answers) if (contiguous_ >= a.first && contiguous_ < a.first + a.count) std::printf(" lane %zu run %d+%d got %ld", i, a.first, a.count, a.got);
+    std::printf(" soonest %.2f, stretches %zu\n", soonest(contiguous_, all, 99).expected, idle().size());
+  }
 }
 
 }  // namespace sim

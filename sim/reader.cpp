@@ -112,10 +112,20 @@ class Play {
   outcome result_;
 };
 
+// What two connections bring that double their window each round trip, after one each for themselves, the description
+// and the request.
+double first_windows_mbit(const link_spec &one, double now) {
+  const double trips = std::min((now - one.think) / one.round_trip - 3, 30.0);
+  if (trips < 0) return 0;
+  return 2 * 10 * 1500 * 8e-6 * std::pow(2, std::floor(trips)) / one.round_trip;
+}
+
 double bytes_per_second(const network &net, double now) {
   double sum = 0;
   for (const link_spec &one : net.links) {
-    sum += one.mbit_at(now) * (1 - one.loss);
+    double rate = one.mbit_at(now) * (1 - one.loss);
+    if (net.slow_start) rate = std::min(rate, first_windows_mbit(one, now));
+    sum += rate;
   }
   if (net.access_mbit > 0) sum = std::min(sum, net.access_mbit);
   return sum * 1e6 / 8 * packet_bytes / 1500;
@@ -154,6 +164,7 @@ network reachable(const network &net) {
   constexpr double used = 0.8, of_access = 0.9;
   constexpr double connections = 8;
   network all = net;
+  all.slow_start = true;
   all.access_mbit *= of_access;
   const double each = std::min(std::floor(connections / static_cast<double>(net.links.size())), 4.0);
   for (link_spec &one : all.links) {
@@ -161,7 +172,9 @@ network reachable(const network &net) {
     // A window of 1.2 / sqrt(loss) packets for each round trip.
     if (one.loss > 0) most = each * 1.2 / std::sqrt(one.loss) * 1500 * 8e-6 / (one.round_trip + one.think + 0.02);
     if (one.cap_mbit > 0) most = std::min(most, each * one.cap_mbit);
-    for (double &rate : one.mbit) rate = std::min(rate, most) * used;
+    // A server that reads no request ahead is idle between two answers, and those may be half a second long.
+    const double part = one.one_at_a_time ? 0.5 / (0.5 + one.round_trip + one.think) : 1;
+    for (double &rate : one.mbit) rate = std::min(rate, most) * used * part;
     for (change &each_change : one.changes) {
       if (each_change.to < never) each_change.to += std::min(each_change.to - each_change.from, 20.0);
     }

@@ -8,6 +8,7 @@ namespace sim {
 struct network {
   std::vector<link_spec> links;
   double access_mbit = 0;  // of a line that all links share; 0: none
+  bool slow_start = false;  // of a fluid: links come up as TCP's first windows do
 };
 
 struct play_spec {

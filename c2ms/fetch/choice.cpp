@@ -81,6 +81,8 @@ struct found {
   const stretch *in = nullptr;
   int32_t offset = 0;    // in that stretch
   int64_t distance = 0;  // idle packs before it
+
+  int32_t count() const { return in->count - offset; }  // packs of the stretch from there on
 };
 
 // The first idle pack that has at least `distance` idle packs before it.
@@ -94,6 +96,16 @@ found find_at(const ring_view &ring, int64_t distance) {
     passed += idle.count;
   }
   return {};
+}
+
+// The first stretch from `at` on that keeps a connection busy with `least` bytes, or the longest.
+found long_enough(const ring_view &ring, const found &at, double least) {
+  found next = at, best = at;
+  for (; next.in <= &ring.idle.back(); next = {next.in + 1, 0, next.distance + next.count()}) {
+    if (next.count() > best.count()) best = next;
+    if (static_cast<double>(next.count()) * ring.pack_bytes >= least) return next;
+  }
+  return best;
 }
 
 run farthest(const ring_view &ring) {
@@ -135,9 +147,10 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
   const double starts = free_in(lanes, who);
   // The first pack that the others would not have brought when this connection has.
   const int64_t distance = others_bring(lanes, who, starts + pack_bytes / rate, pack_bytes);
-  const found at = find_at(ring, distance);
-  if (at.in == nullptr) return probe ? farthest(ring) : run{};
   const double wanted = lanes[who].rate > 0 ? rate * run_span(lanes, who, ring, reader) : least_run_bytes;
+  found at = find_at(ring, distance);
+  if (at.in == nullptr) return probe ? farthest(ring) : run{};
+  if (lanes[who].owed > 0) at = long_enough(ring, at, wanted * T("LE", 1) - lanes[who].owed);
   const int32_t most = at.in->count - at.offset;
   const int32_t first = at.in->first + at.offset;
   int32_t count = 1;
@@ -188,8 +201,20 @@ size_t wants_connection(std::span<const lane> lanes) {
     for (const lane &one : lanes) sum += one.server == lanes[who].server;
     return sum;
   };
+  size_t rival = 0;
   for (size_t i = 0; i < lanes.size(); ++i) {
     if (lanes[i].silence < 1) least = std::min(least, count(i));
+  }
+  for (size_t i = 0; i < lanes.size(); ++i) {
+    const lane &one = lanes[i];
+    if (one.silence > 1 || count(i) > least) continue;
+    ++rival;
+  }
+  const bool enough = rival <= most - lanes.size();
+  for (size_t i = 0; i < lanes.size(); ++i) {
+    const lane &one = lanes[i];
+    if (one.silence > 1 || count(i) > least) continue;
+    if (!enough && (one.rate <= 0 || one.growing)) return lanes.size();
   }
   for (size_t i = 0; i < lanes.size(); ++i) {
     const lane &one = lanes[i];
@@ -201,8 +226,8 @@ size_t wants_connection(std::span<const lane> lanes) {
   return best;
 }
 
-bool may_repeat(double twice, double received) {
-  return twice < 256 * 1024 + 0.02 * received;
+bool may_repeat(double twice, double received, bool waits) {
+  return waits || twice < 256 * 1024 + 0.02 * received;
 }
 
 }  // namespace c2ms

@@ -77,7 +77,8 @@ bool is_hopeless(std::span<const lane> lanes, size_t who);
 /// lanes.size() when none should.
 size_t wants_connection(std::span<const lane> lanes);
 
-/// True when a pack may be asked for that is under way already: what has come twice stays within its budget.
-bool may_repeat(double twice, double received);
+/// True when a pack may be asked for that is under way already: of `received` bytes `twice` have come a second time.
+/// A reader that `waits` is helped always.
+bool may_repeat(double twice, double received, bool waits);
 
 }  // namespace c2ms
