@@ -16,7 +16,7 @@ const double least_run_s = T("LR", 0.06);        // of a request that is one of 
 constexpr double most_run_s = 0.5;
 const double least_run_bytes = T("LB", 48) * 1024;
 // A run covers the round trip of the next request, with some room for a rate that grows.
-const double round_trips_of_run = T("RT",1);
+const double round_trips_of_run = T("RT", 1.5);
 const double round_trips_growing = T("RG2", 3);
 const double ahead_trips = T("AT", 1.5);
 const double lead_share = T("LS", 8);            // of the lead that a run may take to come
@@ -150,7 +150,11 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
   const double wanted = lanes[who].rate > 0 ? rate * run_span(lanes, who, ring, reader) : least_run_bytes;
   found at = find_at(ring, distance);
   if (at.in == nullptr) return probe ? farthest(ring) : run{};
-  if (lanes[who].owed > 0) at = long_enough(ring, at, wanted * T("LE", 1) - lanes[who].owed);
+  // What comes first is left for the request after this one only when the reader will not miss it before that.
+  const bool in_time = reader.pace > 0 && reader.lead / reader.pace > 2 * (starts + wanted / rate);
+  if (lanes[who].owed > 0 && (at.in != &ring.idle.front() || in_time)) {
+    at = long_enough(ring, at, wanted * T("LE", 1) - lanes[who].owed);
+  }
   const int32_t most = at.in->count - at.offset;
   const int32_t first = at.in->first + at.offset;
   int32_t count = 1;
