@@ -159,6 +159,7 @@ void Client::moved(double position) {
 }
 
 void Client::seek(double position) {
+  sought_at_ = now_;
   position_ = position;
   contiguous_ = 0;
   idle_known_ = false;
@@ -208,7 +209,7 @@ c2ms::ring_view Client::ring() {
 }
 
 c2ms::reader_view Client::reader() {
-  return {pace_, have() - position_};
+  return {pace_, have() - position_, now_ - sought_at_};
 }
 
 void Client::ask(double now, double pace, double wanted) {
@@ -230,7 +231,7 @@ void Client::ask_one(size_t who) {
   channel &one = channels_[who];
   if (!one.ready || one.answers.size() >= 2 || idle().empty()) return;
   const auto all = lanes();
-  if (one.answers.size() == 1 && !c2ms::asks_ahead(all, who)) return;
+  if (one.answers.size() == 1 && !c2ms::asks_ahead(all, who, reader())) return;
   const bool probe = one.answers.empty() && now_ - one.probed_at > probe_s;
   const c2ms::run run = c2ms::choose_run(all, who, ring(), reader(), probe);
   if (run.count == 0) return;

@@ -102,7 +102,7 @@ class Client {
   bool idle_known_ = false, completed_ = false;
   int32_t ring_packs_ = 0, contiguous_ = 0;
   double now_ = 0, position_ = 0, pace_ = 0, wanted_ = 0;
-  double helped_at_ = 0, twice_ = 0, received_ = 0, starved_ = 0;
+  double sought_at_ = -never, helped_at_ = 0, twice_ = 0, received_ = 0, starved_ = 0;
   int requests_ = 0, opened_ = 0;
 };
 

@@ -16,9 +16,9 @@ const double least_run_s = T("LR", 0.06);        // of a request that is one of 
 constexpr double most_run_s = 0.5;
 const double least_run_bytes = T("LB", 48) * 1024;
 // A run covers the round trip of the next request, with some room for a rate that grows.
-const double round_trips_of_run = T("RT", 1.5);
+const double round_trips_of_run = T("RT", 2);
 const double round_trips_growing = T("RG2", 3);
-const double ahead_trips = T("AT", 1.5);
+const double seeks_again = T("SA", 2);  // seconds in which another seek is likely
 const double lead_share = T("LS", 8);            // of the lead that a run may take to come
 // Two runs of each connection, the answer and the one asked for ahead, must leave the ring some room.
 const double ring_share = T("RG", 2.25);
@@ -68,7 +68,7 @@ int64_t others_bring(std::span<const lane> lanes, size_t who, double span, doubl
 // How long a run should take to come.
 double run_span(std::span<const lane> lanes, size_t who, const ring_view &ring,
                 const reader_view &reader) {
-  double span = std::max(least_run_s, (lanes[who].growing ? round_trips_growing : round_trips_of_run) * round_trip_of(lanes[who]));
+  double span = std::max(least_run_s, (reader.since_seek < seeks_again ? T("RF", .5) : lanes[who].growing ? round_trips_growing : round_trips_of_run) * round_trip_of(lanes[who]));
   if (reader.pace > 0) {
     const double by_lead = std::min(reader.lead / reader.pace / lead_share, most_run_s);
     span = std::max(span, by_lead);
@@ -170,8 +170,9 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
   return {first, count};
 }
 
-bool asks_ahead(std::span<const lane> lanes, size_t who) {
+bool asks_ahead(std::span<const lane> lanes, size_t who, const reader_view &reader) {
   const lane &one = lanes[who];
+  const double ahead_trips = reader.since_seek < seeks_again ? T("AS", 1) : T("AT", 1.5);
   return one.rate > 0 && one.owed <= one.rate * std::max(round_trip_of(one) * ahead_trips, 0.02);
 }
 

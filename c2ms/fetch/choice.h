@@ -43,6 +43,7 @@ struct ring_view {
 struct reader_view {
   double pace = 0;  // bytes per second that it takes; 0: not known, or whatever comes
   double lead = 0;  // bytes ahead of it without a hole
+  double since_seek = 1e9;  // seconds since it came to this place; a play's start is no seek
 };
 
 /// Neighbouring packs to be asked for by one request; count 0: none.
@@ -56,7 +57,7 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring, c
                bool probe = false);
 
 /// True when the next request should leave now: it will reach the server before the answer that is under way ends.
-bool asks_ahead(std::span<const lane> lanes, size_t who);
+bool asks_ahead(std::span<const lane> lanes, size_t who, const reader_view &reader);
 
 /// Seconds until a new request's first byte could arrive on a connection.
 double free_in(std::span<const lane> lanes, size_t who);
