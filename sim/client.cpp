@@ -72,9 +72,11 @@ bool Client::prepare(channel &one) {
   if (!one.connection->is_open(now_)) return false;
   if (!one.asked) {
     one.asked = true;
+    one.asked_at = now_;
     one.connection->request(now_, description_bytes);
   }
   one.ready = one.connection->step(now_) > 0;
+  if (one.ready) one.estimate.exchanged(us(now_), us(now_ - one.asked_at));
   return one.ready;
 }
 

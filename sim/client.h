@@ -59,7 +59,7 @@ class Client {
     std::vector<answer> answers;
     int64_t total = 0;
     bool asked = false, ready = false;  // for the description; and it has come
-    double since = 0, retry_at = 0, brake = 0, used_at = 0, probed_at = 0;
+    double since = 0, asked_at = 0, retry_at = 0, brake = 0, used_at = 0, probed_at = 0;
   };
   using lanes_of = std::vector<c2ms::lane>;
 

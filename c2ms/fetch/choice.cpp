@@ -192,8 +192,9 @@ size_t choose_helper(std::span<const lane> lanes, uint32_t holder, double missin
 
 bool is_hopeless(std::span<const lane> lanes, size_t who) {
   // A new connection costs a round trip each for itself, the description and the request.
-  constexpr double round_trips = 4, least = 0.2;
+  constexpr double round_trips = 4, least = 0.2, least_unknown = 2;
   const double rest = arrives_in(lanes, who, lanes[who].owed);
+  if (lanes[who].rate <= 0) return rest > least_unknown;
   return rest > std::max(least, round_trips * round_trip_of(lanes[who]));
 }
 

@@ -21,6 +21,12 @@ constexpr double growth_round_trips = 3;
 
 }  // namespace
 
+void Estimate::exchanged(int64_t now_us, int64_t took_us) {
+  if (round_trip_us_ != 0) return;
+  round_trip_us_ = static_cast<double>(std::max<int64_t>(took_us, 1));
+  round_trip_at_us_ = now_us;
+}
+
 void Estimate::asked(int64_t now_us, int64_t bytes) {
   if (owed_ <= 0) {
     owed_ = 0;
@@ -68,13 +74,12 @@ bool Estimate::growing(int64_t now_us) const {
 void Estimate::measure_round_trip(int64_t now_us) {
   awaits_first_ = false;
   const auto trip = static_cast<double>(std::max<int64_t>(now_us - asked_at_us_, 1));
-  const bool first = round_trip_us_ == 0;
-  const bool stale = now_us - round_trip_at_us_ > round_trip_memory_us;
-  if (first || trip <= round_trip_us_ * 1.1 || stale) {
-    round_trip_at_us_ = now_us;
-    round_trip_us_ = first || stale ? trip : std::min(round_trip_us_, trip);
-  }
-  if (first || now_us < window_at_us_) window_at_us_ = now_us;
+  const bool unknown = round_trip_us_ == 0 || now_us - round_trip_at_us_ > round_trip_memory_us;
+  // Nothing could come before the first byte while the round trip was not known.
+  if (round_trip_us_ == 0 || now_us < window_at_us_) window_at_us_ = now_us;
+  if (!unknown && trip > round_trip_us_ * 1.1) return;
+  round_trip_at_us_ = now_us;
+  round_trip_us_ = unknown ? trip : std::min(round_trip_us_, trip);
 }
 
 // A pause for want of a request says nothing about the connection's rate.

@@ -11,6 +11,9 @@ namespace c2ms {
 
 class Estimate {
  public:
+  /// Something small, the connection itself or a description, took `took_us` from request to answer.
+  void exchanged(int64_t now_us, int64_t took_us);
+
   /// A request for `bytes` has been sent.
   void asked(int64_t now_us, int64_t bytes);
 
