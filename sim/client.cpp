@@ -196,6 +196,7 @@ Client::lanes_of Client::lanes() const {
     lane.rate = one.estimate.rate();
     lane.round_trip = one.estimate.round_trip();
     lane.owed = static_cast<double>(one.estimate.owed());
+    lane.brought = static_cast<double>(one.estimate.brought());
     lane.silence = one.ready ? one.estimate.silence(us(now_)) : now_ - one.since;
     lane.growing = one.estimate.growing(us(now_));
     lane.usable = one.ready;

@@ -14,7 +14,7 @@ constexpr double least_round_trip = 0.0005;
 constexpr double long_silence = 0.1;        // shorter ones are how packets bunch
 const double least_run_s = T("LR", 0.06);        // of a request that is one of many
 constexpr double most_run_s = 0.5;
-const double least_run_bytes = T("LB", 48) * 1024;
+const double first_run_bytes = T("LB", 48) * 1024;
 // A run covers the round trip of the next request, with some room for a rate that grows.
 const double round_trips_of_run = T("RT", 2);
 const double round_trips_growing = T("RG2", 3);
@@ -147,7 +147,8 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
   const double starts = free_in(lanes, who);
   // The first pack that the others would not have brought when this connection has.
   const int64_t distance = others_bring(lanes, who, starts + pack_bytes / rate, pack_bytes);
-  const double wanted = lanes[who].rate > 0 ? rate * run_span(lanes, who, ring, reader) : least_run_bytes;
+  // A connection that has brought little cannot bring much at once, whatever its first packets looked like.
+  const double wanted = std::min(rate * run_span(lanes, who, ring, reader), std::max(first_run_bytes, lanes[who].brought * T("BR", 1)));
   found at = find_at(ring, distance);
   if (at.in == nullptr) return probe ? farthest(ring) : run{};
   // What comes first is left for the request after this one only when the reader will not miss it before that.

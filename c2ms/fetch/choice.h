@@ -20,6 +20,7 @@ struct lane {
   double rate = 0;        // while it is kept busy; 0: not known yet
   double round_trip = 0;  // from a request to its first byte
   double owed = 0;        // bytes still to come of what it has been asked for
+  double brought = 0;     // bytes, since it was connected
   double silence = 0;     // how long bytes that could have come have not come
   uint32_t server = 0;    // connections with the same number share a server, and mostly a way to it
   bool growing = false;   // its rate still rises: it could bring more than it is known to

@@ -10,6 +10,7 @@ namespace {
 double T2(const char *n, double d) { const char *v = getenv(n); return v ? atof(v) : d; }
 
 constexpr int64_t least_window_us = 20'000;    // shorter ones measure how packets bunch, not the rate
+constexpr int64_t most_window_us = 300'000;    // a window holds a round trip: TCP sends in bursts, one each
 constexpr int64_t least_pause_us = 3'000;
 constexpr int64_t least_elapsed_us = 200;      // an answer that came at once: its span is not known better
 constexpr double least_memory_us = 150'000;    // of the rate; twice the round trip when that is longer
@@ -49,6 +50,7 @@ void Estimate::received(int64_t now_us, int64_t bytes) {
   excuse_pause(now_us);
   heard_at_us_ = now_us;
   window_bytes_ += bytes;
+  brought_ += bytes;
   measure_rate(now_us, owed_ == 0);
 }
 
@@ -57,7 +59,7 @@ void Estimate::let_off(int64_t bytes) {
 }
 
 void Estimate::disconnected() {
-  owed_ = 0;
+  owed_ = brought_ = 0;
   awaits_first_ = false;
   peak_ = 0;
 }
@@ -93,7 +95,8 @@ void Estimate::excuse_pause(int64_t now_us) {
 // A window ends when it is long enough, or with the last byte that is owed.
 void Estimate::measure_rate(int64_t now_us, bool ended) {
   int64_t elapsed = now_us - window_at_us_;
-  if (elapsed < least_window_us && !ended) return;
+  const int64_t whole = std::clamp(static_cast<int64_t>(round_trip_us_ * T2("WT", 1)), least_window_us, most_window_us);
+  if (elapsed < whole && !ended) return;
   // All of a short answer at once says only how long it took altogether.
   if (elapsed < least_elapsed_us) elapsed = std::max(now_us - asked_at_us_, least_elapsed_us);
   const double sample = static_cast<double>(window_bytes_) * 1e6 / static_cast<double>(elapsed);

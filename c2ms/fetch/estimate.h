@@ -29,6 +29,9 @@ class Estimate {
   /// Bytes that are still to come.
   int64_t owed() const { return owed_; }
 
+  /// Bytes that have come since it was connected.
+  int64_t brought() const { return brought_; }
+
   /// Bytes per second while it has something to send; 0 while nothing is known.
   double rate() const { return rate_; }
 
@@ -46,7 +49,7 @@ class Estimate {
   void excuse_pause(int64_t now_us);
   void measure_rate(int64_t now_us, bool ended);
 
-  int64_t owed_ = 0;
+  int64_t owed_ = 0, brought_ = 0;
   double rate_ = 0;
   double peak_ = 0;               // of the rate, and when it last rose much above the one before
   int64_t peak_at_us_ = 0;
