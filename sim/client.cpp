@@ -14,7 +14,9 @@ constexpr int32_t help_packs = 64;      // that are looked at
 constexpr int64_t description_bytes = 1400;
 constexpr double connect_timeout = 7.55;
 constexpr double first_brake = 0.25;
+constexpr double starved_s = 0.2;
 constexpr double idle_s = 30;
+constexpr int most_bearers = 2;         // that a pack has when another one is asked
 
 int64_t us(double seconds) {
   return static_cast<int64_t>(seconds * 1e6);
@@ -87,7 +89,6 @@ void Client::receive(double now) {
     const int64_t arrived = one.connection->step(now_);
     if (arrived <= 0) continue;
     received_ += static_cast<double>(arrived);
-    one.total += arrived;
     one.used_at = now_;
     if (one.answers.empty()) continue;
     one.estimate.received(us(now_), arrived);
@@ -215,8 +216,27 @@ c2ms::reader_view Client::reader() {
   return {pace_, have() - position_, now_ - sought_at_};
 }
 
+// Time for which the reader waits although a connection is idle that would long have brought what it waits for.
+void Client::count_starved(double step) {
+  if (have() >= wanted_ || waits_for_ != contiguous_) {
+    waits_for_ = contiguous_;
+    waits_since_ = now_;
+    return;
+  }
+  for (const channel &one : channels_) {
+    if (!one.ready || !one.answers.empty()) continue;
+    const link_spec &link = links_[one.server]->spec();
+    const double rate = link.mbit_at(now_) * 1e6 / 8;
+    const double brings = link.round_trip + link.jitter + link.think + spec_.pack_bytes / std::max(rate, 1.0);
+    if (now_ - std::max(waits_since_, one.used_at) < 2 * brings + starved_s) continue;
+    starved_ += step;
+    return;
+  }
+}
+
 void Client::ask(double now, double pace, double wanted) {
-  now_ = now;
+  count_starved(now - asked_at_);
+  asked_at_ = now_ = now;
   pace_ = pace;
   wanted_ = wanted;
   have();
@@ -272,21 +292,16 @@ Client::bearer Client::soonest(int32_t index, const lanes_of &all, size_t but) c
   return best;
 }
 
-// Seconds until the reader comes to a pack, or until the ring is full for want of it.
-double Client::needed_in(int32_t index, const lanes_of &all) {
-  const double ahead = std::max(static_cast<double>(index) * spec_.pack_bytes - position_, 0.0);
-  if (pace_ > 0) return ahead / pace_;
-  if (static_cast<double>(index) * spec_.pack_bytes < wanted_) return 0;
-  double rate = 0, room = 0;
-  for (const c2ms::lane &one : all) rate += one.usable ? one.rate : 0;
-  for (const c2ms::stretch &one : idle()) room += one.count * static_cast<double>(spec_.pack_bytes);
-  return rate > 0 ? room / rate : 0;
+double Client::needed(int32_t index, const lanes_of &all) {
+  const double start = static_cast<double>(index) * spec_.pack_bytes;
+  if (start < wanted_) return 0;
+  return c2ms::needed_in(all, ring(), reader(), start - position_);
 }
 
 void Client::help() {
   const int32_t last = std::min(contiguous_ + help_packs, end());
   for (int32_t k = contiguous_; k < last;) {
-    if (at(k).ready || at(k).bearers == 0 || at(k).bearers > 2 || !help_with(k)) ++k;
+    if (at(k).ready || at(k).bearers == 0 || at(k).bearers > most_bearers || !help_with(k)) ++k;
   }
 }
 
@@ -294,29 +309,28 @@ void Client::help() {
 bool Client::help_with(int32_t index) {
   auto all = lanes();
   const bearer holder = soonest(index, all, channels_.size());
-  const double needed = needed_in(index, all);
-  if (holder.expected <= needed) return false;
+  const double when = needed(index, all);
+  if (holder.expected <= when) return false;
   for (size_t i = 0; i < channels_.size(); ++i) {
     bool bears = channels_[i].answers.size() >= 2;
     for (const answer &each : channels_[i].answers) bears |= index >= each.first && index < each.first + each.count;
     if (bears) all[i].usable = false;
   }
   const auto missing = static_cast<double>(size_of(index) - at(index).bytes);
-  const size_t who = c2ms::choose_helper(all, all[holder.who].server, missing, holder.expected, needed);
+  const size_t who = c2ms::choose_helper(all, all[holder.who].server, missing, holder.expected, when);
   if (who >= all.size()) return false;
-  if (!c2ms::may_repeat(twice_, received_, needed <= 0)) return false;
-  c2ms::run run{index, 1};
-  const auto before = lanes();
-  while (run.first + run.count < end()) {
-    const int32_t next = run.first + run.count;
-    if (at(next).ready || at(next).bearers == 0 || at(next).bearers > 2) break;
-    if ((run.count + 1) * spec_.pack_bytes > std::max(all[who].rate, 1.0) * 0.06) break;
-    const bearer other = soonest(next, before, channels_.size());
-    if (other.who != holder.who || other.expected <= needed_in(next, before)) break;
-    ++run.count;
-  }
-  request(channels_[who], run);
+  if (!c2ms::may_repeat(twice_, received_, when <= 0)) return false;
+  int32_t late = 1;
+  while (index + late < end() && is_late(index + late, holder.who)) ++late;
+  request(channels_[who], {index, c2ms::choose_help(all, who, late, spec_.pack_bytes)});
   return true;
+}
+
+bool Client::is_late(int32_t index, size_t holder) {
+  if (at(index).ready || at(index).bearers == 0 || at(index).bearers > most_bearers) return false;
+  const auto all = lanes();
+  const bearer other = soonest(index, all, channels_.size());
+  return other.who == holder && other.expected > needed(index, all);
 }
 
 bool Client::wanted_from(size_t who, const lanes_of &all) {
@@ -361,13 +375,13 @@ void Client::grow() {
 void Client::print(double now) {
   std::printf("%7.2f at %7.0f lead %6.0f of %7.0f KiB |", now, position_ / 1024, (have() - position_) / 1024, received_ / 1024);
   for (const channel &one : channels_) {
-    std::printf(" %zu%s t%5.0f r%5.0f o%5.0f s%4.1f", one.server, one.ready ? "" : "-", double(one.total)/1000, one.estimate.rate() / 1024,
+    std::printf(" %zu%s r%5.0f o%5.0f s%4.1f", one.server, one.ready ? "" : "-", one.estimate.rate() / 1024,
                 static_cast<double>(one.estimate.owed()) / 1024, one.estimate.silence(us(now)));
   }
   std::printf("\n");
   if (contiguous_ < end() && have() - position_ < 64*1024 && position_ > 0) {
     const auto all = lanes();
-    std::printf("   first missing %d ready %d bearers %d needed %.2f:", contiguous_, at(contiguous_).ready, at(contiguous_).bearers, needed_in(contiguous_, all));
+    std::printf("   first missing %d ready %d bearers %d needed %.2f:", contiguous_, at(contiguous_).ready, at(contiguous_).bearers, needed(contiguous_, all));
     for (size_t i = 0; i < channels_.size(); ++i) for (const answer &a : channels_[i].answers) if (contiguous_ >= a.first && contiguous_ < a.first + a.count) std::printf(" lane %zu run %d+%d got %ld", i, a.first, a.count, a.got);
     std::printf(" soonest %.2f, stretches %zu\n", soonest(contiguous_, all, 99).expected, idle().size());
   }

@@ -57,7 +57,6 @@ class Client {
     bool first = true;  // of its server
     c2ms::Estimate estimate;
     std::vector<answer> answers;
-    int64_t total = 0;
     bool asked = false, ready = false;  // for the description; and it has come
     double since = 0, asked_at = 0, retry_at = 0, brake = 0, used_at = 0, probed_at = 0;
   };
@@ -72,6 +71,7 @@ class Client {
   void request(channel &one, c2ms::run run);
   void help();
   bool help_with(int32_t index);
+  bool is_late(int32_t index, size_t holder);
   void leave_hopeless();
   bool wanted_from(size_t who, const lanes_of &all);
   void grow();
@@ -85,7 +85,8 @@ class Client {
   const std::vector<c2ms::stretch> &idle();
   c2ms::ring_view ring();
   c2ms::reader_view reader();
-  double needed_in(int32_t index, const lanes_of &all);
+  double needed(int32_t index, const lanes_of &all);
+  void count_starved(double step);
   pack &at(int32_t index) { return packs_[static_cast<size_t>(index)]; }
   const pack &at(int32_t index) const { return packs_[static_cast<size_t>(index)]; }
   int64_t size_of(int32_t index) const;
@@ -100,9 +101,9 @@ class Client {
   std::vector<pack> packs_;
   std::vector<c2ms::stretch> idle_;
   bool idle_known_ = false, completed_ = false;
-  int32_t ring_packs_ = 0, contiguous_ = 0;
+  int32_t ring_packs_ = 0, contiguous_ = 0, waits_for_ = -1;
   double now_ = 0, position_ = 0, pace_ = 0, wanted_ = 0;
-  double sought_at_ = -never, helped_at_ = 0, twice_ = 0, received_ = 0, starved_ = 0;
+  double sought_at_ = -never, helped_at_ = 0, twice_ = 0, received_ = 0, starved_ = 0, asked_at_ = 0, waits_since_ = 0;
   int requests_ = 0, opened_ = 0;
 };
 

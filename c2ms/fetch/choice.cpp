@@ -1,30 +1,45 @@
 #include "c2ms/fetch/choice.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace c2ms {
 
 namespace {
 
-double T(const char *n, double d) { const char *v = getenv(n); return v ? atof(v) : d; }
-const double assumed_rate = T("AR", 250) * 1000;    // of the first connection, before anything is known
-constexpr double sooner = 0.95;  // of two that are as quick neither leaves it to the other
+constexpr double assumed_rate = 250'000;   // 2 Mbit/s: of the first connection, before anything is known
 constexpr double least_round_trip = 0.0005;
-constexpr double long_silence = 0.1;        // shorter ones are how packets bunch
-const double least_run_s = T("LR", 0.06);        // of a request that is one of many
-constexpr double most_run_s = 0.5;
-const double first_run_bytes = T("LB", 48) * 1024;
-// A run covers the round trip of the next request, with some room for a rate that grows.
-const double round_trips_of_run = T("RT", 2);
-const double round_trips_growing = T("RG2", 3);
-const double seeks_again = T("SA", 2);  // seconds in which another seek is likely
-const double lead_share = T("LS", 8);            // of the lead that a run may take to come
-// Two runs of each connection, the answer and the one asked for ahead, must leave the ring some room.
-const double ring_share = T("RG", 2.25);
-constexpr double comfortable_lead = 2;      // seconds; with more, small requests wait until they are bigger
-constexpr double helps_much = 0.5;          // of the time that the pack would need otherwise
-constexpr double helps_slack = 0.03;
+constexpr double long_silence = 0.1;       // shorter ones are how packets bunch
+constexpr double sooner = 0.95;            // of two that are as quick neither leaves it to the other
+
+// How long a request should take to come. Two are under way on a connection, so two round trips each keep it busy even
+// when a run is cut short by its neighbours. A rate that still rises may double within a round trip.
+constexpr double round_trips_of_run = 2;
+constexpr double round_trips_growing = 3;
+constexpr double least_run_s = 0.06;       // requests cost bytes, packets and time of both processors
+constexpr double most_run_s = 0.5;         // with any lead: what a connection holds when it dies must be fetched again
+constexpr double lead_share = 8;           // of the lead that a run may take to come
+constexpr double ring_share = 2.25;        // two runs of each connection leave the ring some room
+constexpr double first_run_bytes = 48 * 1024;  // a little more than TCP's first windows carry
+
+// The next request leaves earlier than a round trip before the end: the answer may come quicker than it did so far.
+constexpr double ahead_trips = 1.5;
+constexpr double least_ahead_s = 0.02;     // how late a program may learn that something has come
+
+// After a seek another one is likely. What is under way then delays it, so connections owe one round trip at most.
+constexpr double seeks_again_s = 2;
+constexpr double run_after_seek = 0.5, ahead_after_seek = 1;
+
+constexpr double comfortable_lead = 2;     // seconds; with more, small requests wait until they are bigger
+constexpr double helps_much = 0.5;         // of the time that the pack would need otherwise: estimates err by a third
+constexpr double helps_slack = 0.03;       // a look at it each 20 ms, and some
+
+// The last in doubt, a request for help, may bring a whole answer twice: the share is below the 3 % that are allowed.
+constexpr double free_repeats = 256 * 1024;
+constexpr double repeated_share = 0.02;
+
+constexpr size_t most_connections = 8;     // of a session
+constexpr size_t most_each = 4;            // of them to one server
+constexpr double opens_within = 1;         // seconds; a server that takes longer is not waited for
 
 double known_rate(std::span<const lane> lanes) {
   double sum = 0;
@@ -43,6 +58,18 @@ double rate_of(std::span<const lane> lanes, size_t who) {
 
 double round_trip_of(const lane &one) {
   return std::max(one.round_trip, least_round_trip);
+}
+
+// A connection that owes nothing is no better than those beside it: connections die together on one way.
+double silence_beside(std::span<const lane> lanes, size_t who) {
+  double least = 0;
+  bool any = false;
+  for (const lane &one : lanes) {
+    if (!one.usable || one.server != lanes[who].server || one.owed <= 0) continue;
+    least = any ? std::min(least, one.silence) : one.silence;
+    any = true;
+  }
+  return least > long_silence ? least : 0;
 }
 
 double sum_of_rates(std::span<const lane> lanes) {
@@ -65,16 +92,34 @@ int64_t others_bring(std::span<const lane> lanes, size_t who, double span, doubl
   return sum;
 }
 
-// How long a run should take to come.
-double run_span(std::span<const lane> lanes, size_t who, const ring_view &ring,
-                const reader_view &reader) {
-  double span = std::max(least_run_s, (reader.since_seek < seeks_again ? T("RF", .5) : lanes[who].growing ? round_trips_growing : round_trips_of_run) * round_trip_of(lanes[who]));
-  if (reader.pace > 0) {
-    const double by_lead = std::min(reader.lead / reader.pace / lead_share, most_run_s);
-    span = std::max(span, by_lead);
-  }
+bool sought(const reader_view &reader) {
+  return reader.since_seek < seeks_again_s;
+}
+
+double run_round_trips(const lane &one, const reader_view &reader) {
+  if (sought(reader)) return run_after_seek;
+  return one.growing ? round_trips_growing : round_trips_of_run;
+}
+
+// Bytes that a request should be for.
+double run_bytes(std::span<const lane> lanes, size_t who, const ring_view &ring, const reader_view &reader) {
+  const lane &one = lanes[who];
+  double span = std::max(least_run_s, run_round_trips(one, reader) * round_trip_of(one));
+  if (reader.pace > 0) span = std::max(span, std::min(reader.lead / reader.pace / lead_share, most_run_s));
   const double ring_bytes = static_cast<double>(ring.packs) * ring.pack_bytes;
-  return std::min(span, ring_bytes / (ring_share * std::max(sum_of_rates(lanes), 1.0)));
+  span = std::min(span, ring_bytes / (ring_share * std::max(sum_of_rates(lanes), 1.0)));
+  // A connection that has brought little cannot bring much at once, whatever its first packets looked like.
+  return std::min(rate_of(lanes, who) * span, std::max(first_run_bytes, one.brought));
+}
+
+size_t connections_beside(std::span<const lane> lanes, size_t who) {
+  return static_cast<size_t>(std::count_if(lanes.begin(), lanes.end(), [&](const lane &one) {
+    return one.server == lanes[who].server;
+  }));
+}
+
+double window_of(const lane &one) {
+  return one.rate * one.round_trip;
 }
 
 struct found {
@@ -127,34 +172,37 @@ bool nibbles(const ring_view &ring, const reader_view &reader, const found &at, 
 
 double free_in(std::span<const lane> lanes, size_t who) {
   const lane &one = lanes[who];
-  const double rest = arrives_in(lanes, who, one.owed);
-  return std::max(round_trip_of(one), rest);
+  if (one.owed > 0) return std::max(round_trip_of(one), arrives_in(lanes, who, one.owed));
+  return round_trip_of(one) + silence_beside(lanes, who);
 }
 
 double arrives_in(std::span<const lane> lanes, size_t who, double bytes) {
-  const lane &one = lanes[who];
   if (bytes <= 0) return 0;
   // A connection that has been silent for long is expected to be silent for as long again.
-  const double silent = one.silence > long_silence ? one.silence : 0;
+  const double silent = lanes[who].silence > long_silence ? lanes[who].silence : 0;
   return silent + bytes / rate_of(lanes, who);
 }
 
-run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
-               const reader_view &reader,
-               bool probe) {
+double needed_in(std::span<const lane> lanes, const ring_view &ring, const reader_view &reader, double ahead) {
+  if (reader.pace > 0) return std::max(ahead, 0.0) / reader.pace;
+  double room = 0;
+  for (const stretch &one : ring.idle) room += static_cast<double>(one.count) * ring.pack_bytes;
+  return room / std::max(sum_of_rates(lanes), 1.0);
+}
+
+run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring, const reader_view &reader, bool probe) {
   const double rate = rate_of(lanes, who);
   const double pack_bytes = ring.pack_bytes;
   const double starts = free_in(lanes, who);
   // The first pack that the others would not have brought when this connection has.
   const int64_t distance = others_bring(lanes, who, starts + pack_bytes / rate, pack_bytes);
-  // A connection that has brought little cannot bring much at once, whatever its first packets looked like.
-  const double wanted = std::min(rate * run_span(lanes, who, ring, reader), std::max(first_run_bytes, lanes[who].brought * T("BR", 1)));
+  const double wanted = run_bytes(lanes, who, ring, reader);
   found at = find_at(ring, distance);
   if (at.in == nullptr) return probe ? farthest(ring) : run{};
   // What comes first is left for the request after this one only when the reader will not miss it before that.
   const bool in_time = reader.pace > 0 && reader.lead / reader.pace > 2 * (starts + wanted / rate);
   if (lanes[who].owed > 0 && (at.in != &ring.idle.front() || in_time)) {
-    at = long_enough(ring, at, wanted * T("LE", 1) - lanes[who].owed);
+    at = long_enough(ring, at, wanted - lanes[who].owed);
   }
   const int32_t most = at.in->count - at.offset;
   const int32_t first = at.in->first + at.offset;
@@ -173,8 +221,8 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
 
 bool asks_ahead(std::span<const lane> lanes, size_t who, const reader_view &reader) {
   const lane &one = lanes[who];
-  const double ahead_trips = reader.since_seek < seeks_again ? T("AS", 1) : T("AT", 1.5);
-  return one.rate > 0 && one.owed <= one.rate * std::max(round_trip_of(one) * ahead_trips, 0.02);
+  const double trips = sought(reader) ? ahead_after_seek : ahead_trips;
+  return one.rate > 0 && one.owed <= one.rate * std::max(round_trip_of(one) * trips, least_ahead_s);
 }
 
 size_t choose_helper(std::span<const lane> lanes, uint32_t holder, double missing, double expected, double needed) {
@@ -199,42 +247,37 @@ bool is_hopeless(std::span<const lane> lanes, size_t who) {
   return rest > std::max(least, round_trips * round_trip_of(lanes[who]));
 }
 
+int32_t choose_help(std::span<const lane> lanes, size_t helper, int32_t late, int32_t pack_bytes) {
+  const double packs = rate_of(lanes, helper) * least_run_s / pack_bytes;
+  return std::clamp(static_cast<int32_t>(packs), 1, std::max(late, 1));
+}
+
 size_t wants_connection(std::span<const lane> lanes) {
-  const size_t most = static_cast<size_t>(T("MC", 8)), most_each = 4;
-  size_t best = lanes.size(), least = lanes.size();
-  if (lanes.size() >= most) return best;
-  auto count = [&](size_t who) {
-    size_t sum = 0;
-    for (const lane &one : lanes) sum += one.server == lanes[who].server;
-    return sum;
-  };
-  size_t rival = 0;
+  const size_t none = lanes.size();
+  if (lanes.size() >= most_connections) return none;
+  // Every server gets another one before one of them gets two.
+  size_t least = none;
   for (size_t i = 0; i < lanes.size(); ++i) {
-    if (lanes[i].silence < 1) least = std::min(least, count(i));
+    if (lanes[i].silence < opens_within) least = std::min(least, connections_beside(lanes, i));
   }
+  if (least >= most_each) return none;
+  size_t rivals = 0, best = none;
+  bool settled = true;
   for (size_t i = 0; i < lanes.size(); ++i) {
     const lane &one = lanes[i];
-    if (one.silence > 1 || count(i) > least) continue;
-    ++rival;
-  }
-  const bool enough = rival <= most - lanes.size();
-  for (size_t i = 0; i < lanes.size(); ++i) {
-    const lane &one = lanes[i];
-    if (one.silence > 1 || count(i) > least) continue;
-    if (!enough && (one.rate <= 0 || one.growing)) return lanes.size();
-  }
-  for (size_t i = 0; i < lanes.size(); ++i) {
-    const lane &one = lanes[i];
+    if (one.silence >= opens_within || connections_beside(lanes, i) > least) continue;
+    ++rivals;
+    settled = settled && one.rate > 0 && !one.growing;
     if (!one.usable || one.rate <= 0 || one.owed <= 0 || one.silence > long_silence) continue;
-    if (count(i) > least || count(i) >= most_each) continue;
-    if (best < lanes.size() && one.rate * one.round_trip <= lanes[best].rate * lanes[best].round_trip) continue;
-    best = i;
+    if (best == none || window_of(one) > window_of(lanes[best])) best = i;
   }
-  return best;
+  // Where not every server can have one, those get it that bring most in a round trip, and that must be known.
+  const bool enough = lanes.size() + rivals <= most_connections;
+  return enough || settled ? best : none;
 }
 
 bool may_repeat(double twice, double received, bool waits) {
-  return waits || twice < 256 * 1024 + 0.02 * received;
+  return waits || twice < free_repeats + repeated_share * received;
 }
 
 }  // namespace c2ms
