@@ -226,7 +226,8 @@ void Client::count_starved(double step) {
   for (const channel &one : channels_) {
     if (!one.ready || !one.answers.empty()) continue;
     const link_spec &link = links_[one.server]->spec();
-    const double rate = link.mbit_at(now_) * 1e6 / 8;
+    double rate = link.mbit_at(now_) * 1e6 / 8;
+    if (access_ != nullptr) rate = std::min(rate, access_->spec().mbit_at(now_) * 1e6 / 8 / static_cast<double>(channels_.size()));
     const double brings = link.round_trip + link.jitter + link.think + spec_.pack_bytes / std::max(rate, 1.0);
     if (now_ - std::max(waits_since_, one.used_at) < 2 * brings + starved_s) continue;
     starved_ += step;
@@ -372,19 +373,17 @@ void Client::grow() {
   open(channels_.back());
 }
 
-void Client::print(double now) {
-  std::printf("%7.2f at %7.0f lead %6.0f of %7.0f KiB |", now, position_ / 1024, (have() - position_) / 1024, received_ / 1024);
+void Client::print() {
+  std::printf("%7.2f at %7.0f lead %6.0f of %7.0f KiB |", now_, position_ / 1024, (have() - position_) / 1024, received_ / 1024);
   for (const channel &one : channels_) {
     std::printf(" %zu%s r%5.0f o%5.0f s%4.1f", one.server, one.ready ? "" : "-", one.estimate.rate() / 1024,
-                static_cast<double>(one.estimate.owed()) / 1024, one.estimate.silence(us(now)));
+                static_cast<double>(one.estimate.owed()) / 1024, one.estimate.silence(us(now_)));
   }
   std::printf("\n");
-  if (contiguous_ < end() && have() - position_ < 64*1024 && position_ > 0) {
-    const auto all = lanes();
-    std::printf("   first missing %d ready %d bearers %d needed %.2f:", contiguous_, at(contiguous_).ready, at(contiguous_).bearers, needed(contiguous_, all));
-    for (size_t i = 0; i < channels_.size(); ++i) for (const answer &a : channels_[i].answers) if (contiguous_ >= a.first && contiguous_ < a.first + a.count) std::printf(" lane %zu run %d+%d got %ld", i, a.first, a.count, a.got);
-    std::printf(" soonest %.2f, stretches %zu\n", soonest(contiguous_, all, 99).expected, idle().size());
-  }
+  if (have() >= wanted_ || contiguous_ >= end()) return;
+  const bearer who = soonest(contiguous_, lanes(), channels_.size());
+  std::printf("        waits for %d, %d asked, the soonest %zu in %.2f s\n", contiguous_, at(contiguous_).bearers, who.who,
+              who.expected);
 }
 
 }  // namespace sim

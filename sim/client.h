@@ -38,7 +38,7 @@ class Client {
   int opened() const { return opened_; }
   /// Seconds for which the reader waited while a connection that could have brought the pack sooner was not asked.
   double starved() const { return starved_; }
-  void print(double now);
+  void print();
 
  private:
   struct pack {

@@ -1,4 +1,4 @@
-// sim: the named networks.
+// sim: the named networks; sim N [SEED]: N random ones from SEED on; sim one SEED, sim one NAME: that one with a trace.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -6,72 +6,103 @@
 
 #include "judge.h"
 
+namespace {
+
 using namespace sim;
 
-static void row(const scenario &one, uint64_t seed, bool verbose) {
-  const outcome got = play(one.net, one.spec, seed, verbose);
-  std::printf("%-16s", one.name.c_str());
-  if (one.spec.pace <= 0) {
-    const double share = ideal_seconds(one.net, one.spec) / got.seconds;
-    std::printf(" share %.3f (%.2f)%s", share, one.share, share < one.share ? " <--" : "");
-  } else if (!got.seeks.empty()) {
-    auto part = [&](double p) { return 1e3 * got.seeks[static_cast<size_t>(static_cast<double>(got.seeks.size()-1) * p)]; };
-    std::printf(" seeks %4.0f (%.0f) %4.0f (%.0f) worst %4.0f%s", part(.5), one.median_ms, part(.9), one.most_ms, part(1),
-                part(.5) > one.median_ms || part(.9) > one.most_ms ? " <--" : "");
-  } else {
-    std::printf(" stalled %5.2f (%.2f) longest %5.2f fluid %.2f start %4.2f (%.2f)%s", got.stalled, one.stalled >= never ? 99 : one.stalled, got.longest,
-                fluid(one.net, one.spec).stalled, got.start, one.start, got.stalled > one.stalled || got.start > one.start ? " <--" : "");
-  }
-  std::printf("  twice %.1f %%, %d requests, %d connections\n", 100 * got.twice / got.received, got.requests, got.connections);
+constexpr size_t worst_shown = 20;
+
+void describe(const scenario &one) {
+  for (const link_spec &link : one.net.links) std::printf("  %s\n", link.text().c_str());
+  std::printf("  pace %.0f KB/s, film %.1f MB, packs of %d KiB, access %.1f Mbit/s (0: none), seeks each %.1f s\n",
+              one.spec.pace / 1e3, one.spec.client.film_bytes / 1e6, one.spec.client.pack_bytes / 1024, one.net.access_mbit,
+              one.spec.seek_each);
 }
 
-static void random_ones(uint64_t first, uint64_t count) {
-  std::vector<double> stalled, slower, seek, twice;
-  uint64_t faulty = 0;
+int show_named() {
+  bool fine = true;
+  for (const int kib : {16, 32}) {
+    std::printf("packs of %d KiB\n", kib);
+    for (const scenario &one : named_scenarios(kib * 1024)) {
+      const verdict v = judge_named(one, 1);
+      std::puts(summary(one, v).c_str());
+      fine = fine && v.broken.empty() && v.behind.empty();
+    }
+  }
+  return fine ? 0 : 1;
+}
+
+int show_one(const char *which) {
+  const uint64_t seed = std::strtoull(which, nullptr, 10);
+  if (seed > 0) {
+    const scenario one = random_scenario(seed);
+    describe(one);
+    std::puts(summary(one, judge(one, seed, true)).c_str());
+    return 0;
+  }
+  for (const scenario &one : named_scenarios(32 * 1024)) {
+    if (one.name == which) std::puts(summary(one, judge_named(one, 1, true)).c_str());
+  }
+  return 0;
+}
+
+void row(const char *what, std::vector<double> all) {
+  if (all.empty()) return;
+  std::sort(all.begin(), all.end());
+  std::printf("%-30s %5zu", what, all.size());
+  for (const double part : {0.5, 0.9, 0.98, 1.0}) {
+    std::printf(" %8.2f", all[static_cast<size_t>(part * static_cast<double>(all.size() - 1))]);
+  }
+  std::printf("\n");
+}
+
+int show_random(uint64_t count, uint64_t first) {
+  std::vector<double> stalled, start, share, seeks, twice;
+  std::vector<std::pair<double, uint64_t>> worst;
+  size_t broken = 0, behind = 0;
   for (uint64_t seed = first; seed < first + count; ++seed) {
     const scenario one = random_scenario(seed);
     const verdict v = judge(one, seed);
-    if (one.spec.seek_each > 0) seek.push_back(v.seek);
-    else if (one.spec.pace > 0) stalled.push_back(v.stalled);
-    else slower.push_back(v.slower);
     twice.push_back(100 * v.got.twice / v.got.received);
-    if (v.faults.empty()) continue;
-    ++faulty;
-    std::printf("%lu:%s\n", seed, v.faults.c_str());
+    if (one.spec.seek_each > 0) {
+      seeks.push_back(seek_ms(v.got, 0.5));
+    } else if (one.spec.pace > 0) {
+      stalled.push_back(v.stalled);
+      start.push_back(v.got.start / v.best.start);
+    } else {
+      share.push_back(v.best.seconds / v.got.seconds);
+    }
+    broken += !v.broken.empty();
+    behind += !v.behind.empty();
+    if (!v.broken.empty()) worst.emplace_back(1e6, seed);
+    if (v.broken.empty() && !v.behind.empty()) worst.emplace_back(v.stalled, seed);
   }
-  auto parts = [](const char *name, std::vector<double> all) {
-    std::sort(all.begin(), all.end());
-    if (all.empty()) return;
-    double sum = 0;
-    for (double d : all) sum += std::max(d, 0.0);
-    auto at = [&](double p) { return all[static_cast<size_t>(p * static_cast<double>(all.size() - 1))]; };
-    std::printf("%-8s %4zu  mean %6.3f median %6.2f 90 %% %6.2f 98 %% %6.2f most %6.2f\n", name, all.size(), sum / double(all.size()), at(.5), at(.9), at(.98), at(1));
-  };
-  parts("stalled", stalled);
-  parts("slower", slower);
-  parts("seek", seek);
-  parts("twice %", twice);
-  std::printf("faulty %lu of %lu\n", faulty, count);
+  std::printf("%-30s %5s %8s %8s %8s %8s\n", "", "", "median", "90 %", "98 %", "most");
+  row("seconds stalled beyond fluid", stalled);
+  row("start by the fluid's", start);
+  row("download, share of the fluid", share);
+  row("median seek, ms", seeks);
+  row("downloaded twice, %", twice);
+  std::printf("%zu of %zu broken, %zu behind\n", broken, static_cast<size_t>(count), behind);
+  std::sort(worst.rbegin(), worst.rend());
+  worst.resize(std::min(worst.size(), worst_shown));
+  for (const auto &[much, seed] : worst) {
+    const scenario one = random_scenario(seed);
+    std::puts(summary(one, judge(one, seed)).c_str());
+    describe(one);
+  }
+  return broken == 0 ? 0 : 1;
 }
 
+}  // namespace
+
 int main(int argc, char **argv) {
-  if (argc > 2 && !strcmp(argv[1], "show")) {
-    const scenario one = random_scenario(strtoul(argv[2], nullptr, 10));
-    for (const link_spec &link : one.net.links) std::printf("# %s\n", link.text().c_str());
-    std::printf("# pace %.0f KB/s film %.0f KB pack %d access %.1f seek %.1f\n", one.spec.pace / 1e3, one.spec.client.film_bytes / 1e3, one.spec.client.pack_bytes, one.net.access_mbit, one.spec.seek_each);
-    const verdict v = judge(one, strtoul(argv[2], nullptr, 10), argc > 3);
-    std::printf("# stalled %.2f longest %.2f (%.2f) start %.2f (%.2f) seconds %.1f (%.1f) twice %.1f starved %.2f\n#%s\n", v.got.stalled, v.got.longest, fluid(reachable(one.net), one.spec).stalled, v.got.start, fluid(reachable(one.net), one.spec).start, v.got.seconds, ideal_seconds(reachable(one.net), one.spec), 100 * v.got.twice / v.got.received, v.got.starved, v.faults.c_str());
-    return 0;
+  if (argc < 2) return show_named();
+  if (argc == 3 && std::strcmp(argv[1], "one") == 0) return show_one(argv[2]);
+  const uint64_t count = std::strtoull(argv[1], nullptr, 10);
+  if (count == 0) {
+    std::puts("usage: sim [N [SEED] | one SEED | one NAME]");
+    return 2;
   }
-  if (argc > 1 && std::atoi(argv[1]) > 0) {
-    random_ones(argc > 2 ? strtoul(argv[2], nullptr, 10) : 1, strtoul(argv[1], nullptr, 10));
-    return 0;
-  }
-  const char *name = argc > 1 ? argv[1] : "";
-  const char *packs = std::getenv("PK");
-  for (const int kib : {packs ? std::atoi(packs) : 16}) {
-    for (const scenario &one : named_scenarios(kib * 1024)) {
-      if (one.name.rfind(name, 0) == 0) row(one, argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1, argc > 3);
-    }
-  }
+  return show_random(count, argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 1);
 }

@@ -8,6 +8,7 @@ namespace sim {
 namespace {
 
 constexpr double step_s = 0.001;
+constexpr double print_s = 0.1;
 constexpr double piece_bytes = 32 * 1024;
 constexpr double start_media_s = 2;
 constexpr double seek_bytes = 64 * 1024;
@@ -28,7 +29,7 @@ class Play {
       client_.receive(now);
       read(now);
       client_.ask(now, started_ ? spec_.pace : 0, waits_until_);
-      if (verbose && std::fmod(now, 0.1) < step_s) client_.print(now);
+      if (verbose && std::fmod(now, print_s) < step_s) client_.print();
     }
     result_.seconds = now;
     result_.received = client_.received();

@@ -73,23 +73,15 @@ std::vector<scenario> named_scenarios(int pack_bytes) {
   const double three_of_p6 = 24 / 24.2;
   const change dies{10, never, 0};
   std::vector<scenario> all{
-      download("S1", s1, .95), download("S2", s2, .87), download("S3", s3, .40), download("S4", s4, .58),
+      download("S1", s1, .95), download("S2", s2, .87), download("S3", s3, .37), download("S4", s4, .5),
       download("S5", s5, .96), download("S6", s6, .93), download("S7", s7, .90),
       playing("P1", s2, .6), playing("P2", s3, .6, never), playing("P3", s7, .6, .5),
       playing("P4", with(s1, 1, dies), .5), playing("P4 at 16 Mbit/s", with(quick, 1, dies), .5),
       playing("P5", with(s1, 1, {10, never, .01}), .5), playing("P6 at 60 %", p6, .6 * three_of_p6),
       playing("P6 at 85 %", p6, .85 * three_of_p6), playing("P7 at 50 %", with(with(s1, 1, dies), 2, dies), .5, 2),
       playing("P7 at 40 %", with(with(s1, 1, dies), 2, dies), .4),
-      seeking("K2", s2, 130, 200), seeking("K4", s4, 700, 1300)};
-  for (scenario &one : all) {
-    one.spec.client.pack_bytes = pack_bytes;
-    if (one.name == "P3" || one.name == "S7") one.twice = .05;
-    if (one.spec.pace > 0) {
-      double trips = 0;
-      for (const link_spec &link : one.net.links) trips += link.round_trip / static_cast<double>(one.net.links.size());
-      one.start = 1.3 * fluid(one.net, one.spec).start + 4 * trips;
-    }
-  }
+      seeking("K2", s2, 180, 230), seeking("K4", s4, 1100, 1600)};
+  for (scenario &one : all) one.spec.client.pack_bytes = pack_bytes;
   return all;
 }
 

@@ -9,12 +9,10 @@ struct scenario {
   std::string name;
   network net;
   play_spec spec;
-  // What must be reached; 0 means that it is not asked for.
+  // What must be reached.
   double share = 0;        // of the ideal
   double stalled = 0;      // seconds at most
-  double start = 0;        // seconds at most
   double median_ms = 0, most_ms = 0;  // of seeks; of nine in ten
-  double twice = 0.03;     // of what was received
 };
 
 std::vector<scenario> named_scenarios(int pack_bytes);
