@@ -43,6 +43,7 @@ void go_to_start(c2ms_cache *cache) REQUIRES(cache->lock) {
   cache->first_index = 0;
   cache->wanted_from = 0;
   cache->idle_from = 0;
+  cache->sought_us = 0;
 }
 
 // The lead that a player wants; no more than the ring can hold ahead. Without a ring it is kept as
@@ -315,25 +316,43 @@ int32_t c2ms_cache_bind(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32
   return bound;
 }
 
-bool c2ms_cache_bind_again(c2ms_cache *cache, c2ms_unit *unit, int32_t index) {
-  const adif::Guard lock(cache->lock);
-  if (index < 0 || cache->packnum < 1) return false;
+namespace {
+
+// Binds one more pack that others are fetching; false ends the run before it.
+bool bind_again_next(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count, uint64_t *bytes)
+    REQUIRES(cache->lock) {
+  const int32_t index = first + count;
+  if (index >= cache->total_packs) return false;
   c2ms_pack *const pack = pack_at(cache, index);
-  const adif::Guard pack_lock(pack->lock);
+  const adif::Guard lock(pack->lock);
   const bool in_flight = pack->state == pack_requested || pack->state == pack_receiving;
   if (pack->index != index || !in_flight || pack->len >= pack->size) return false;
-  if (std::any_of(pack->units, pack->units + pack->unit_count,
-                  [](const c2ms_unit *other) { return other->state == UNIT_INIT; }))
-    return false;
-  unit->state = UNIT_INIT;
-  if (c2ms_pack_bind_unit(pack, unit) != 0) return false;
-  describe(cache, unit, index, pack->len);
-  unit->pack.store(pack);
-  unit->run_packs = 1;
-  unit->range_flag = pack->flag;
-  unit->range_length = static_cast<uint32_t>(pack->size - pack->len);
-  unit->redundant = true;
+  if (count > 0 && pack->len > 0) return false;
+  const bool unsent = std::any_of(pack->units, pack->units + pack->unit_count,
+                                  [unit](const c2ms_unit *other) { return other->state == UNIT_INIT; });
+  if (unsent || c2ms_pack_bind_unit(pack, unit) != 0) return false;
+  if (count == 0) {
+    describe(cache, unit, first, pack->len);
+    unit->pack.store(pack);
+    unit->range_flag = pack->flag;
+  }
+  *bytes += static_cast<uint64_t>(pack->size - pack->len);
   return true;
+}
+
+}  // namespace
+
+int32_t c2ms_cache_bind_again(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count) {
+  const adif::Guard lock(cache->lock);
+  if (first < 0 || cache->packnum < 1) return 0;
+  uint64_t bytes = 0;
+  int32_t bound = 0;
+  while (bound < count && bind_again_next(cache, unit, first, bound, &bytes)) ++bound;
+  unit->state = UNIT_INIT;
+  unit->redundant = true;
+  unit->run_packs = bound;
+  unit->range_length = static_cast<uint32_t>(bytes);
+  return bound;
 }
 
 void c2ms_cache_go_on(c2ms_cache *cache, c2ms_unit *unit) {
@@ -382,6 +401,7 @@ int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos, c2ms::cache_use use) {
     pos = std::min(pos, cache->media_size - 1);
     if (pos == cache->read_pos) return 0;
     cache->seek_count.fetch_add(1);
+    cache->sought_us = c2ms::now_us();
     cache->other_pos = c2ms::no_place;
     c2ms_cache_seek_to(cache, pos);
     c2ms::trace_seek(cache);

@@ -54,9 +54,9 @@ void c2ms_cache_window_changed(c2ms_cache *cache) REQUIRES(cache->lock);
 /// tells it what to ask for. Bytes that the first one holds are not asked for again. The number of
 /// packs, 0 when the first is not idle any more.
 int32_t c2ms_cache_bind(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count);
-/// Binds a unit to a pack that others are fetching, for what it lacks. False when nothing is lacking, the
-/// pack is idle, has five units, or one that has not been sent.
-bool c2ms_cache_bind_again(c2ms_cache *cache, c2ms_unit *unit, int32_t index);
+/// Binds a unit to neighbouring packs that others are fetching, for what they lack: as many of `count` as are still
+/// under way, have room for it and no unit that has not been sent. The number of packs.
+int32_t c2ms_cache_bind_again(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count);
 /// The unit's answer goes on in pack `pack_index` of its run: finds out whether the pack wants it.
 void c2ms_cache_go_on(c2ms_cache *cache, c2ms_unit *unit);
 /// Takes a unit away from a pack; true when that is idle now.

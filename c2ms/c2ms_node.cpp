@@ -175,6 +175,7 @@ int c2ms_node_connect(c2ms_node *node) {
   if (node == nullptr) return -1;
   if (node->state != C2MS_NODE_DISCONNECTED) return 0;
   c2ms_node_state_to(node, C2MS_NODE_CONNECTING);
+  node->opened_us = now_us();
   if (!is_media(node) && node->times > max_failed_attempts) return give_up(node);
   stop_timer(&node->life_timer);
   drop_device(node);
@@ -298,7 +299,8 @@ bool c2ms::may_ask_ahead(c2ms_node *node) {
   }
   const session_lanes known = lanes_of(node->session);
   const size_t who = known.find(node);
-  return who < known.count && asks_ahead(known.all(), who);
+  c2ms_cache *const cache = node->session->cache.load();
+  return cache != nullptr && who < known.count && asks_ahead(known.all(), who, reader_of(cache));
 }
 
 bool c2ms::ask_ahead(c2ms_node *node) {

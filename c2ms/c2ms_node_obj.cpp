@@ -57,6 +57,7 @@ void reset_fields(c2ms_node *node) {
   node->last_active_us = 0;
   node->asked_us = 0;
   node->takes_ahead = true;
+  node->opened_us = 0;
   node->probed_us = 0;
   node->anew_us = 0;
   node->estimate = {};

@@ -243,6 +243,17 @@ int c2ms_node_recv_srvlist(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit,
   return 0;
 }
 
+namespace {
+
+// What a description took tells how far the server is, before anything is asked of it.
+void note_exchange(c2ms_node *node, const c2ms_unit &unit) {
+  const int64_t now = now_us();
+  const adif::Guard lock(node->session->speed_lock);
+  if (is_set(unit.sent_time)) node->estimate.exchanged(now, now - to_us(unit.sent_time));
+}
+
+}  // namespace
+
 int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
   control_body body;
   const int bad = open_body(session, node, unit, &body);
@@ -250,6 +261,7 @@ int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *uni
   description media;
   if (!parse_description(body.bytes, body.length, &media)) return not_understood(node);
   node->load = media.load;
+  note_exchange(node, *unit);
   if (session->desc_count == 0) {
     std::memcpy(session->media_name, media.name, sizeof session->media_name);
     session->media_size = media.size;

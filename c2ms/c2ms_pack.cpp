@@ -141,7 +141,7 @@ int c2ms_pack_redownload(c2ms_pack *pack) {
     index = pack->index;
   }
   if (cache == nullptr) return 0;
-  c2ms_unit *const unit = c2ms_sess_unit_issue_again(cache->session, index);
+  c2ms_unit *const unit = c2ms_sess_unit_issue_again(cache->session, index, 1);
   return unit == nullptr ? 0 : c2ms_sess_unit_put(cache->session, unit);
 }
 

@@ -266,6 +266,7 @@ struct c2ms_cache {
   c2ms::wait_count waits[c2ms::wait_causes] GUARDED_BY(lock);
   uint32_t served_seek GUARDED_BY(lock) = 0;  // seek_count of the last bytes that were delivered
   c2ms::Pace pace GUARDED_BY(lock);           // at which the reader takes bytes
+  int64_t sought_us GUARDED_BY(lock) = 0;     // when the reader last went elsewhere; 0: it has not
   int32_t urgent_end GUARDED_BY(lock) = 0;    // packs before it are what the first read after a seek needs
   // Written under lock; read without it where a second look under a pack's lock follows.
   uint64_t media_size = 0;
@@ -349,6 +350,7 @@ struct c2ms_node {
   c2ms_unit *next_unit GUARDED_BY(download_lock) = nullptr;
   int64_t asked_us = 0;  // when the range was asked for that is still to come; 0: none is
   bool takes_ahead = true;     // its server has answered every request that was sent ahead
+  int64_t opened_us = 0;       // when it last began to connect
   int64_t probed_us = 0;       // when it was last asked for anything
   int64_t anew_us = 0;         // when a hopeless answer was last given up
   c2ms::Estimate estimate;     // guarded by the session's speed lock

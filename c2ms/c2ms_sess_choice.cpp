@@ -10,15 +10,7 @@ namespace c2ms {
 
 namespace {
 
-// More stretches than this lie farther ahead than anybody is asked for at once.
-constexpr size_t most_stretches = 32;
 constexpr int64_t probe_us = 3'000'000;  // a node that gets nothing is tried again that often
-
-struct idle_packs {
-  std::array<stretch, most_stretches> stretches{};
-  size_t count = 0;
-  ring_view view;
-};
 
 lane lane_of(const c2ms_node *node, int64_t now) {
   const Estimate &estimate = node->estimate;
@@ -27,8 +19,12 @@ lane lane_of(const c2ms_node *node, int64_t now) {
   one.round_trip = estimate.round_trip();
   one.owed = static_cast<double>(estimate.owed());
   one.silence = estimate.silence(now);
+  one.brought = static_cast<double>(estimate.brought());
+  one.growing = estimate.growing(now);
   one.server = node->ip ^ (node->port << 16);
   one.usable = node->state >= C2MS_NODE_READY;
+  // One that is being opened: for how long.
+  if (!one.usable) one.silence = static_cast<double>(now - node->opened_us) * 1e-6;
   return one;
 }
 
@@ -41,7 +37,7 @@ idle_packs idle_of(c2ms_cache *cache) {
     stretch &last = found.stretches[found.count == 0 ? 0 : found.count - 1];
     if (found.count > 0 && last.first + last.count == i) {
       ++last.count;
-    } else if (found.count < most_stretches) {
+    } else if (found.count < found.stretches.size()) {
       found.stretches[found.count++] = {i, 1};
     } else {
       break;
@@ -74,17 +70,27 @@ session_lanes lanes_of(c2ms_sess *sess) {
 }
 
 reader_view reader_of(c2ms_cache *cache) {
+  reader_view reader;
+  const int64_t now = now_us();
   const adif::Guard lock(cache->lock);
-  return {cache->pace.rate(), static_cast<double>(c2ms_cache_lead(cache))};
+  reader.pace = cache->pace.rate();
+  reader.lead = static_cast<double>(c2ms_cache_lead(cache));
+  if (cache->sought_us != 0) reader.since_seek = static_cast<double>(now - cache->sought_us) * 1e-6;
+  return reader;
+}
+
+bool fill_ring_view(c2ms_cache *cache, idle_packs *out) {
+  *out = idle_of(cache);
+  out->view.idle = {out->stretches.data(), out->count};
+  return out->count > 0;
 }
 
 run choose_work(c2ms_sess *sess, c2ms_node *node) {
   c2ms_cache *const cache = sess->cache.load();
   if (cache == nullptr || cache->packnum < 1) return {};
-  idle_packs idle = idle_of(cache);
-  if (idle.count == 0) return {};
+  idle_packs idle;
+  if (!fill_ring_view(cache, &idle)) return {};
   if (node == nullptr) return {idle.stretches[0].first, 1};
-  idle.view.idle = {idle.stretches.data(), idle.count};
   const session_lanes known = lanes_of(sess);
   const size_t who = known.find(node);
   if (who == known.count) return {};

@@ -21,6 +21,16 @@ struct session_lanes {
 };
 session_lanes lanes_of(c2ms_sess *sess);
 
+/// The idle packs ahead of a session's reader, with room for the view's stretches. More of them lie farther ahead than
+/// anybody is asked for at once.
+struct idle_packs {
+  std::array<stretch, 32> stretches{};
+  size_t count = 0;
+  ring_view view;
+};
+/// Fills it in place, as the view points into it. False when no pack is idle.
+bool fill_ring_view(c2ms_cache *cache, idle_packs *out);
+
 /// The packs that a node should ask for now; count 0: none. Without a node: the first idle pack.
 run choose_work(c2ms_sess *sess, c2ms_node *node);
 

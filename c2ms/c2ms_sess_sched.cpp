@@ -98,10 +98,10 @@ c2ms_unit *c2ms_sess_unit_issue(c2ms_sess *sess, int32_t first, int32_t count) {
   return unit;
 }
 
-c2ms_unit *c2ms_sess_unit_issue_again(c2ms_sess *sess, int32_t index) {
+c2ms_unit *c2ms_sess_unit_issue_again(c2ms_sess *sess, int32_t first, int32_t count) {
   c2ms_unit *const unit = c2ms_unit_fetch(sess);
   if (unit == nullptr) return nullptr;
-  if (!c2ms_cache_bind_again(&sess->cache_record, unit, index)) {
+  if (c2ms_cache_bind_again(&sess->cache_record, unit, first, count) < 1) {
     c2ms_unit_recycle(unit);
     return nullptr;
   }

@@ -15,11 +15,11 @@ namespace c2ms {
 
 namespace {
 
-constexpr int32_t most_watched = 32;      // packs ahead of the reader
-constexpr double near_s = 2;              // a deadline that is nearer is watched
-constexpr double twice_share = 0.02;      // of what has been received may be asked for a second time
-constexpr double twice_least = 512 * 1024;
+constexpr int32_t most_watched = 32;    // packs ahead of the reader
+constexpr double near_s = 2;            // a deadline that is nearer is watched
 constexpr int64_t anew_pause_us = 1'000'000;
+constexpr int64_t unused_us = 30'000'000;  // a connection beside its server's first with nothing to do is closed
+// A server that was asked ahead has had enough time to answer.
 constexpr double unanswered_round_trips = 3, unanswered_least = 0.3;
 
 struct late_pack {
@@ -35,6 +35,7 @@ struct watched {
   int32_t pack_bytes = 0;
   double pace = 0, lead = 0;
   bool waits = false;
+  int32_t need_last = 0;  // of a reader that waits
 };
 
 watched look(c2ms_cache *cache) {
@@ -45,6 +46,7 @@ watched look(c2ms_cache *cache) {
   seen.pace = cache->pace.rate();
   seen.lead = static_cast<double>(c2ms_cache_lead(cache));
   seen.waits = cache->need_index.load() >= 0;
+  seen.need_last = cache->need_last;
   if (cache->packnum < 1) return seen;
   const int64_t range_end = int64_t{cache->first_index} + cache->packnum;
   const auto end = static_cast<int32_t>(std::min<int64_t>(range_end, cache->total_packs));
@@ -66,13 +68,14 @@ int64_t bytes_before_end(const c2ms_unit *unit, int32_t index) {
   return std::min<int64_t>(end, unit->range_length) - unit->received;
 }
 
-// When a pack is expected, and from which server.
+// When a pack is expected, and which lane brings it.
 struct expectation {
   double seconds = 1e9;
-  uint32_t server = 0;
+  size_t who = 0;
 };
 
-expectation expect(const session_lanes &known, int32_t index) {
+// The lanes that bear the pack are taken out of `helpers`.
+expectation expect(const session_lanes &known, int32_t index, session_lanes *helpers) {
   expectation best;
   for (size_t i = 0; i < known.count; ++i) {
     const adif::Guard lock(known.nodes[i]->download_lock);
@@ -81,8 +84,9 @@ expectation expect(const session_lanes &known, int32_t index) {
       if (unit == nullptr) break;
       const int64_t bytes = bytes_before_end(unit, index);
       if (bytes >= 0) {
+        helpers->lanes[i].usable = false;
         const double arrives = arrives_in(known.all(), i, before + static_cast<double>(bytes));
-        if (arrives < best.seconds) best = {arrives, known.lanes[i].server};
+        if (arrives < best.seconds) best = {arrives, i};
       }
       before += static_cast<double>(unit->range_length) - unit->received;
     }
@@ -96,16 +100,13 @@ bool has_room_ahead(c2ms_node *node) {
   return node->takes_ahead && node->next_unit == nullptr;
 }
 
-// True while what came twice is a small part of what was received. A reader that waits is helped always.
-bool may_repeat(c2ms_sess *sess, const watched &seen) {
-  if (seen.waits) return true;
+bool in_budget(c2ms_sess *sess, bool waits) {
   const adif::Guard lock(sess->speed_lock);
-  const double all = static_cast<double>(sess->total_bytes.load());
-  return static_cast<double>(sess->twice) < all * twice_share + twice_least;
+  return may_repeat(static_cast<double>(sess->twice), static_cast<double>(sess->total_bytes.load()), waits);
 }
 
-void ask_helper(c2ms_sess *sess, c2ms_node *node, const late_pack &late) {
-  c2ms_unit *const unit = c2ms_sess_unit_issue_again(sess, late.index);
+void ask_helper(c2ms_sess *sess, c2ms_node *node, int32_t first, int32_t count) {
+  c2ms_unit *const unit = c2ms_sess_unit_issue_again(sess, first, count);
   if (unit == nullptr) return;
   unit->meant_for = node->node_id;
   c2ms_sess_unit_put(sess, unit);
@@ -116,27 +117,35 @@ void ask_helper(c2ms_sess *sess, c2ms_node *node, const late_pack &late) {
   }
 }
 
-// Seconds until the reader needs a pack. Who takes what comes needs it when all before it could have come.
-double needed_in(const watched &seen, const session_lanes &known, int32_t index) {
-  const uint64_t begin = static_cast<uint64_t>(index) * static_cast<uint64_t>(seen.pack_bytes);
-  double pace = seen.pace;
-  for (const lane &one : known.all()) pace += seen.pace <= 0 && one.usable ? one.rate : 0;
-  if (begin <= seen.position || pace <= 0) return 0;
-  return static_cast<double>(begin - seen.position) / pace;
+// Neighbouring packs from the i-th watched one on that nobody has been asked for help with.
+int32_t late_alike(const watched &seen, size_t i) {
+  int32_t count = 1;
+  for (size_t k = i + 1; k < seen.count; ++k, ++count) {
+    if (seen.packs[k].index != seen.packs[k - 1].index + 1 || seen.packs[k].units > 1) break;
+  }
+  return count;
 }
 
 void help(c2ms_sess *sess, const watched &seen) {
+  idle_packs idle;
+  fill_ring_view(&sess->cache_record, &idle);
+  reader_view reader;
+  reader.pace = seen.pace;
   for (size_t i = 0; i < seen.count; ++i) {
     const late_pack &late = seen.packs[i];
     const session_lanes known = lanes_of(sess);
-    const double needed = needed_in(seen, known, late.index);
-    if (needed > near_s || !may_repeat(sess, seen)) return;
+    const double ahead = static_cast<double>(late.index) * seen.pack_bytes - static_cast<double>(seen.position);
+    const bool blocks = seen.waits && late.index <= seen.need_last;
+    const double needed = blocks ? 0 : needed_in(known.all(), idle.view, reader, ahead);
+    if (needed > near_s || !in_budget(sess, needed <= 0)) return;
     if (late.units > 2) continue;
-    const expectation expected = expect(known, late.index);
-    const size_t who =
-        choose_helper(known.all(), expected.server, late.size - late.len, expected.seconds, needed);
+    session_lanes helpers = known;
+    const expectation expected = expect(known, late.index, &helpers);
+    const uint32_t holder = known.lanes[expected.who].server;
+    const size_t who = choose_helper(helpers.all(), holder, late.size - late.len, expected.seconds, needed);
     if (who >= known.count) continue;
-    ask_helper(sess, known.nodes[who], late);
+    const int32_t count = choose_help(known.all(), who, late_alike(seen, i), seen.pack_bytes);
+    ask_helper(sess, known.nodes[who], late.index, count);
   }
 }
 
@@ -173,6 +182,33 @@ void give_up_hopeless(c2ms_sess *sess) {
   }
 }
 
+// One more connection where that adds, one fewer where it has had nothing to do for long.
+void fit_connections(c2ms_sess *sess) {
+  const session_lanes known = lanes_of(sess);
+  idle_packs idle;
+  if (fill_ring_view(&sess->cache_record, &idle)) {
+    const size_t like = wants_connection(known.all());
+    if (like >= known.count) return;
+    const c2ms_node *const node = known.nodes[like];
+    c2ms_node_open(sess, node->host, node->ip, node->port, node_serves_media, 0, node->level);
+    return;
+  }
+  if (known.count <= wanted_media_nodes) return;
+  const int64_t now = now_us();
+  for (size_t i = 1; i < known.count; ++i) {
+    c2ms_node *const node = known.nodes[i];
+    if (node->state != C2MS_NODE_READY || now - std::max(node->probed_us, node->opened_us) < unused_us) continue;
+    const auto before = known.lanes.begin() + static_cast<ptrdiff_t>(i);
+    const bool beside = std::any_of(known.lanes.begin(), before, [&](const lane &other) {
+      return other.server == known.lanes[i].server;
+    });
+    if (beside) {
+      c2ms_node_close(node);
+      return;
+    }
+  }
+}
+
 bool is_near(const watched &seen) {
   if (seen.count == 0) return false;
   return seen.waits || (seen.pace > 0 && seen.lead < near_s * seen.pace);
@@ -186,6 +222,7 @@ void watch_session(c2ms_sess *sess) {
   const watched seen = look(cache);
   help(sess, seen);
   give_up_hopeless(sess);
+  fit_connections(sess);
   if (is_near(seen) || sess->ready_num < sess->active_num) start_watch(sess);
 }
 

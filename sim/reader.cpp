@@ -1,0 +1,194 @@
+#include "reader.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace sim {
+
+namespace {
+
+constexpr double step_s = 0.001;
+constexpr double print_s = 0.1;
+constexpr double piece_bytes = 32 * 1024;
+constexpr double start_media_s = 2;
+constexpr double seek_bytes = 64 * 1024;
+
+// Two seconds of media, or as much as the ring can hold.
+double start_bytes(const play_spec &spec) {
+  return std::min(start_media_s * spec.pace, spec.client.ring_bytes * 3 / 4);
+}
+
+class Play {
+ public:
+  Play(const network &net, const play_spec &spec, uint64_t seed)
+      : spec_(spec), client_(net.links, net.access_mbit, spec.client, seed) {}
+
+  outcome run(bool verbose) {
+    double now = 0;
+    for (; now < spec_.most_seconds && !result_.complete; now += step_s) {
+      client_.receive(now);
+      read(now);
+      client_.ask(now, started_ ? spec_.pace : 0, waits_until_);
+      if (verbose && std::fmod(now, print_s) < step_s) client_.print();
+    }
+    result_.seconds = now;
+    result_.received = client_.received();
+    result_.twice = client_.twice();
+    result_.requests = client_.requests();
+    result_.connections = client_.opened();
+    result_.starved = client_.starved();
+    std::sort(result_.seeks.begin(), result_.seeks.end());
+    return result_;
+  }
+
+ private:
+  double film() const { return spec_.client.film_bytes; }
+
+  void read(double now) {
+    if (spec_.pace <= 0) return download();
+    if (spec_.seek_each > 0) seek(now);
+    if (started_) return take_due(now);
+    // A seek has read what it waited for; a start waits for more.
+    waits_until_ = std::min((spec_.seek_each > 0 ? position_ : client_.have()) + seek_bytes, film());
+    const double enough = spec_.seek_each > 0 ? seek_bytes : start_bytes(spec_);
+    if (client_.have() < std::min(position_ + enough, film())) return;
+    if (spec_.seek_each > 0 && sought_at_ > 0) result_.seeks.push_back(now - sought_at_);
+    if (result_.start == 0) result_.start = now;
+    started_ = true;
+    due_ = now;
+    waits_until_ = 0;
+    next_seek_ = now + spec_.seek_each;
+  }
+
+  void download() {
+    advance(client_.have());
+  }
+
+  void advance(double position) {
+    result_.read += position - position_;
+    position_ = position;
+    client_.moved(position);
+    result_.complete |= position >= film();
+  }
+
+  void seek(double now) {
+    if (!started_ || now < next_seek_) return;
+    if (static_cast<int>(result_.seeks.size()) >= spec_.seeks) {
+      result_.complete = true;
+      return;
+    }
+    position_ = std::floor(std::fmod(position_ + film() * 0.37, film() * 0.8));
+    client_.seek(position_);
+    sought_at_ = now;
+    started_ = false;
+    waits_since_ = 0;
+  }
+
+  void take_due(double now) {
+    while (due_ <= now && !result_.complete) {
+      const double end = std::min(position_ + piece_bytes, film());
+      if (client_.have() < end) {
+        if (waits_since_ == 0) waits_since_ = now;
+        waits_until_ = end;
+        return;
+      }
+      waits_until_ = 0;
+      if (waits_since_ > 0) {
+        const double waited = now - waits_since_;
+        result_.stalled += waited;
+        result_.longest = std::max(result_.longest, waited);
+        due_ += waited;
+        waits_since_ = 0;
+      }
+      advance(end);
+      due_ += piece_bytes / spec_.pace;
+    }
+  }
+
+  const play_spec spec_;
+  Client client_;
+  double position_ = 0, due_ = 0, waits_since_ = 0, waits_until_ = seek_bytes;
+  double next_seek_ = never, sought_at_ = 0;
+  bool started_ = false;
+  outcome result_;
+};
+
+// What two connections bring that double their window each round trip, after one each for themselves, the description
+// and the request.
+double first_windows_mbit(const link_spec &one, double now) {
+  const double trips = std::min((now - one.think) / one.round_trip - 3, 30.0);
+  if (trips < 0) return 0;
+  return 2 * 10 * 1500 * 8e-6 * std::pow(2, std::floor(trips)) / one.round_trip;
+}
+
+double bytes_per_second(const network &net, double now) {
+  double sum = 0;
+  for (const link_spec &one : net.links) {
+    double rate = one.mbit_at(now) * (1 - one.loss);
+    if (net.slow_start) rate = std::min(rate, first_windows_mbit(one, now));
+    sum += rate;
+  }
+  if (net.access_mbit > 0) sum = std::min(sum, net.access_mbit);
+  return sum * 1e6 / 8 * packet_bytes / 1500;
+}
+
+}  // namespace
+
+outcome play(const network &net, const play_spec &spec, uint64_t seed, bool verbose) {
+  return Play(net, spec, seed).run(verbose);
+}
+
+outcome fluid(const network &net, const play_spec &spec) {
+  outcome result;
+  double have = 0, position = 0, waits = 0;
+  const double film = spec.client.film_bytes;
+  bool started = false;
+  for (double now = 0; now < spec.most_seconds && position < film; now += step_s) {
+    const double room = spec.client.ring_bytes * 7 / 8 - (have - position);
+    have = std::min(have + std::min(bytes_per_second(net, now) * step_s, room), film);
+    result.seconds = now;
+    if (!started) {
+      started = have >= std::min(start_bytes(spec), film);
+      result.start = now;
+      continue;
+    }
+    const double wanted = std::min(position + spec.pace * step_s, film);
+    waits = have + 1e-6 < wanted ? waits + step_s : 0;
+    result.longest = std::max(result.longest, waits);
+    if (waits > 0) result.stalled += step_s;
+    position = std::min(wanted, have);
+  }
+  return result;
+}
+
+network reachable(const network &net) {
+  constexpr double used = 0.8, of_access = 0.9;
+  constexpr double connections = 8;
+  network all = net;
+  all.slow_start = true;
+  all.access_mbit *= of_access;
+  const double each = std::min(std::floor(connections / static_cast<double>(net.links.size())), 4.0);
+  for (link_spec &one : all.links) {
+    double most = never;
+    // A window of 1.2 / sqrt(loss) packets for each round trip.
+    if (one.loss > 0) most = each * 1.2 / std::sqrt(one.loss) * 1500 * 8e-6 / (one.round_trip + one.think + 0.02);
+    if (one.cap_mbit > 0) most = std::min(most, each * one.cap_mbit);
+    // A server that reads no request ahead is idle between two answers, and those may be half a second long.
+    const double part = one.one_at_a_time ? 0.5 / (0.5 + one.round_trip + one.think) : 1;
+    for (double &rate : one.mbit) rate = std::min(rate, most) * used * part;
+    for (change &each_change : one.changes) {
+      if (each_change.to < never) each_change.to += std::min(each_change.to - each_change.from, 20.0);
+    }
+  }
+  return all;
+}
+
+double ideal_seconds(const network &net, const play_spec &spec) {
+  double have = 0, now = 0;
+  for (; have < spec.client.film_bytes && now < spec.most_seconds; now += step_s) {
+    have += bytes_per_second(net, now) * step_s;
+  }
+  return now;
+}
+
+}  // namespace sim
