@@ -60,9 +60,10 @@ static int run(c2ms_mgmt *library, char **argv) {
   if (!p.film) return 1;
   const double opened = clock_seconds() - p.began;
   start_samples(&p);
-  const int result = strcmp(argv[1], "play") == 0   ? play(&p)
-                     : strcmp(argv[1], "seek") == 0 ? seek_about(&p, 30, (unsigned)atoi(argv[6]))
-                                                    : download(&p);
+  const int result = strcmp(argv[1], "play") == 0 ? play(&p)
+                     : strcmp(argv[1], "seek") == 0
+                         ? seek_about(&p, atoi(argv[7]), (unsigned)atoi(argv[6]))
+                         : download(&p);
   p.finished = clock_seconds() - p.began;
   const int cut = stop_samples();
   c2ms_stats stats = {0};
@@ -74,9 +75,10 @@ static int run(c2ms_mgmt *library, char **argv) {
 }
 
 int main(int argc, char **argv) {
-  if (argc != 7)
-    return fprintf(stderr,
-                   "usage: lab-player download|play|seek URL PACK BYTES_PER_S LIMIT_S SEED\n"),
+  if (argc != 8)
+    return fprintf(
+               stderr,
+               "usage: lab-player download|play|seek URL PACK BYTES_PER_S LIMIT_S SEED SEEKS\n"),
            2;
   c2ms_set_diag(NULL, NULL);
   c2ms_mgmt *const library = c2ms_mgmt_init(NULL, 0, 0, NULL, 8 << 20);

@@ -7,6 +7,7 @@
 
 #define PIECE (32 << 10)     /* what a player takes at a time */
 #define SEEK_READ (64 << 10) /* what it wants after a seek */
+#define MOST_SEEKS 1000
 
 struct player {
   c2ms_sess *film;
@@ -19,7 +20,7 @@ struct player {
   double stalled, longest; /* seconds that pieces came too late */
   int stalls, seeks;
   uint64_t taken; /* bytes */
-  double seek_ms[1000];
+  double seek_ms[MOST_SEEKS];
 };
 
 double clock_seconds(void);

@@ -91,7 +91,7 @@ class Ours:
             raise world.Failed("c2ms-server did not start")
         environment = dict(os.environ, LD_LIBRARY_PATH=lab.library)
         player = here.run([lab.program("lab-player"), plan.do, url, str(self.pack << 10), str(plan.rate),
-                           str(plan.limit), str(plan.seed)], here.client, stdout=subprocess.PIPE, text=True,
+                           str(plan.limit), str(plan.seed), str(plan.scenario.get("seeks", 30))], here.client, stdout=subprocess.PIPE, text=True,
                           env=environment)
         said, _ = player.communicate(timeout=plan.limit + 120)
         if player.returncode != 0:

@@ -8,6 +8,7 @@ import math
 import os
 import random
 
+import anynet
 import world
 
 PAYLOAD = 1448 / 1500  # of a full packet, the rest is headers
@@ -21,6 +22,14 @@ def load():
     with open(os.path.join(os.path.dirname(__file__), "scenarios.json")) as file:
         known = json.load(file)
     return {name: resolve(known, name) for name in known}
+
+
+def by_name(known, name):
+    if name.startswith("random:"):
+        return anynet.random_scenario(name)
+    if name not in known:
+        raise world.Failed(f"no scenario {name}; there are {', '.join(known)} and random:SEED")
+    return known[name]
 
 
 def resolve(known, name):
@@ -112,7 +121,7 @@ class Net:
         self.seed = seed
         self.links = [Link(each, rng) for each in scenario["links"]]
         self.access = scenario.get("access")
-        self.mbit = sum(link.mean_mbit() for link in self.links)
+        self.mbit = sum(link.mean_mbit() for link in self.links)  # outages not taken off
         if self.access:
             self.mbit = min(self.mbit, self.access["mbit"])
         best = max(range(len(self.links)), key=lambda i: self.links[i].mean_mbit())

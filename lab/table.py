@@ -7,7 +7,7 @@ MIB = 1 << 20
 def line(one):
     """One run, as it ends."""
     words = f"{one['scenario']:6} seed {one['seed']}  {one['who']:16} {figure(one)}"
-    if one["do"] != "seek":
+    if one["do"] != "seek" and one["twice"] is not None:
         words += f"  twice {one['twice'] / MIB:.1f} MiB"
     if one.get("cut"):
         words += "  (cut short)"
@@ -76,6 +76,6 @@ def markdown(found):
 
 def note(one):
     words = ""
-    if one["do"] != "seek" and one["twice"] > one["size"] / 100:
+    if one["do"] != "seek" and (one["twice"] or 0) > one["size"] / 100:
         words += f" (twice {one['twice'] / MIB:.1f} MiB)"
     return words + ("" if one["on_time"] else " (late)")

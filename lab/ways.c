@@ -6,6 +6,7 @@
 
 #define START_S 2.0        /* of media before a play begins */
 #define NOT_LATE_S 0.010   /* less is no stall */
+#define SAME_STALL_S 0.5   /* between late pieces */
 #define END_OF_FILE (-200) /* of the data calls */
 
 static uint8_t buffer[SEEK_READ];
@@ -41,6 +42,20 @@ static void wait_for_start(struct player *p) {
   }
 }
 
+/* Late pieces that follow each other closely are one stall. */
+static void stall_for(struct player *p, double late) {
+  static double end, length;
+  const double now = clock_seconds();
+  if (now - late - end > SAME_STALL_S) {
+    length = 0;
+    ++p->stalls;
+  }
+  end = now;
+  length += late;
+  p->stalled += late;
+  if (length > p->longest) p->longest = length;
+}
+
 /* Takes pieces at their due times until `end`; what comes late moves all that follows. */
 static int pace(struct player *p, uint64_t pos, uint64_t end) {
   double due = clock_seconds();
@@ -49,10 +64,8 @@ static int pace(struct player *p, uint64_t pos, uint64_t end) {
     got = take(p, pos, PIECE);
     const double late = clock_seconds() - due;
     if (late > NOT_LATE_S) {
+      stall_for(p, late);
       due += late;
-      p->stalled += late;
-      ++p->stalls;
-      if (late > p->longest) p->longest = late;
     }
     if (got <= 0) return got < 0 ? got : -1;
     due += (double)got / p->rate;
@@ -72,6 +85,7 @@ int seek_about(struct player *p, int count, unsigned seed) {
   if (got != 0) return got;
   p->started = clock_seconds() - p->began;
   srandom(seed);
+  if (count > MOST_SEEKS) count = MOST_SEEKS;
   for (p->seeks = 0; p->seeks < count; ++p->seeks) {
     const uint64_t pos = ((uint64_t)random() << 31 | (uint64_t)random()) % room;
     const double begin = clock_seconds();
