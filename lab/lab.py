@@ -112,6 +112,7 @@ def main(words):
 
 
 if __name__ == "__main__":
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # even where it was ignored
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     try:
         sys.exit(main(sys.argv[1:]))

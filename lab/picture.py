@@ -7,7 +7,7 @@ import table
 import timeline
 from svg import Svg
 
-LEFT, LABEL, BAR, ROW = 20, 190, 330, 13
+LEFT, LABEL, BAR, ROW = 20, 220, 300, 13
 OURS, THEIRS = ["#a9c9ee", "#6ea4de", "#2f6fb5", "#12407a"], ["#e8a33d", "#c98a2b", "#9aa5b1"]
 RED = "#d64545"
 MOST_STALL_S = 40
@@ -60,8 +60,8 @@ def stalls(svg, x, y, rows, shade, whats):
             words += f", twice {one['twice'] / MIB:.1f} MiB" if one["twice"] > 0.005 * one["size"] else ""
             svg.text(x + LABEL + max(width, 2) + 4, at + 9, words, 9)
         least = next(iter(columns.values()))["ideal"]
-        what = f"{whats[name]} (ideal {least['stalled_s']:.1f}, start {least['start_s']:.1f})"
-        y = name_row(svg, x, y, name, what, len(columns))
+        ideal = f"{name}   ideal: {least['stalled_s']:.1f}, start {least['start_s']:.1f}"
+        y = name_row(svg, x, y, ideal, whats[name], len(columns))
     return y + 16
 
 
@@ -110,20 +110,21 @@ def draw(found, path, congestion):
     svg.text(LEFT, 26, f"The library on emulated networks ({congestion}); medians of the seeds", 16, weight="bold")
     kinds = {"download": shares, "play": stalls, "seek": seeks}
     left = right = 56
+    has_downloads = any(next(iter(columns.values()))["do"] == "download" for columns in rows.values())
     for do, paint in kinds.items():
         those = {name: columns for name, columns in rows.items() if next(iter(columns.values()))["do"] == do}
         if do == "download" and those:
             left = paint(svg, LEFT, left, those, shade, whats)
         elif those:
-            right = paint(svg, LEFT + 640, right, those, shade, whats)
+            right = paint(svg, LEFT + (640 if has_downloads else 0), right, those, shade, whats)
     y = max(left, right) + 10
     shown = told_over_time(found)
     if shown:
         timeline.legend(svg, LEFT, y)
     for i, one in enumerate(shown):
         x = LEFT + 50 + (i % 2) * 560
-        top = y + 34 + (i // 2) * 190
+        top = y + 46 + (i // 2) * 200
         net = run.Plan(scenarios.by_name(known, one["scenario"]), one["seed"]).net
-        title = f"{one['scenario']}: {whats[one['scenario']]} — {one['who']}, {table.figure(one)}"
-        timeline.draw(svg, x, top, one, net, title)
+        title = f"{one['scenario']}, {one['who']} KiB: {table.figure(one)}"
+        timeline.draw(svg, x, top, one, net, title, whats[one["scenario"]])
     svg.write(path)

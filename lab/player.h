@@ -17,7 +17,8 @@ struct player {
   double began;            /* when the open began, by the clock */
   double started;          /* seconds from then: the first byte was there, or the play began */
   double finished;         /* seconds from then */
-  double stalled, longest; /* seconds that pieces came too late */
+  _Atomic double stalled;  /* seconds that pieces came too late; samples see it grow */
+  double longest;          /* stall */
   int stalls, seeks;
   uint64_t taken; /* bytes */
   double seek_ms[MOST_SEEKS];

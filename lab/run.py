@@ -8,7 +8,7 @@ import scenario as scenarios
 import world
 from scenario import PAYLOAD
 
-ATTEMPTS = 4
+ATTEMPTS = 3
 SEEK_IDEAL_BYTES = 64 << 10
 
 

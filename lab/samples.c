@@ -10,7 +10,7 @@
 #define MOST 20000
 
 static struct {
-  double time;
+  double time, stalled;
   uint64_t position, ahead, received;
 } sample[MOST];
 static int samples;
@@ -24,6 +24,7 @@ static void *look(void *argument) {
     const double now = clock_seconds();
     if (c2ms_sess_stats(p->film, &stats, sizeof stats) == 0) {
       sample[samples].time = now - p->began;
+      sample[samples].stalled = p->stalled;
       sample[samples].position = stats.position;
       sample[samples].ahead = stats.buffered_ahead;
       sample[samples++].received = stats.bytes_received;
@@ -50,7 +51,7 @@ int stop_samples(void) {
 void print_samples(void) {
   printf("\"samples\": [");
   for (int i = 0; i < samples; ++i)
-    printf("%s[%.3f,%" PRIu64 ",%" PRIu64 ",%" PRIu64 "]", i ? ",\n" : "\n", sample[i].time,
-           sample[i].position, sample[i].ahead, sample[i].received);
+    printf("%s[%.3f,%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%.3f]", i ? ",\n" : "\n", sample[i].time,
+           sample[i].position, sample[i].ahead, sample[i].received, sample[i].stalled);
   printf("]");
 }

@@ -15,7 +15,8 @@ class Svg:
                            f'fill="{colour}" fill-opacity="{opacity}"/>')
 
     def text(self, x, y, words, size=11, anchor="start", colour="#1d2b3a", weight="normal"):
-        self.reach(x, y)
+        wide = 0.56 * size * len(words)
+        self.reach(x + {"start": wide, "middle": wide / 2, "end": 0}[anchor], y)
         self.shapes.append(f'<text x="{x:.1f}" y="{y:.1f}" font-size="{size}" text-anchor="{anchor}" fill="{colour}" '
                            f'font-weight="{weight}">{html.escape(words)}</text>')
 

@@ -1,6 +1,9 @@
 """One run over time: what each server sends, what is ahead of the reader, where the reader is."""
 import bisect
 
+from scenario import PAYLOAD
+
+AHEAD_COLOUR = "#b9c7d3"
 SERVERS = ["#3b7dd8", "#57a773", "#e8a33d", "#8e5bd0", "#2aa5a0", "#b0793b", "#7a8b99", "#c75b9b"]
 BIN_S = 0.5
 WIDTH, SENT, AHEAD = 420, 90, 45
@@ -8,9 +11,9 @@ RING_MIB = 7
 
 
 def binned(sent, sample_s, bins):
-    """Mbit/s for each bin of one link's samples."""
+    """Mbit/s of payload for each bin of one link's samples."""
     per = round(BIN_S / sample_s)
-    return [sum(sent[i * per:(i + 1) * per]) * 8e-6 / BIN_S for i in range(bins)]
+    return [sum(sent[i * per:(i + 1) * per]) * 8e-6 * PAYLOAD / BIN_S for i in range(bins)]
 
 
 def nice(value):
@@ -21,12 +24,13 @@ def nice(value):
     return value
 
 
-def draw(svg, left, top, one, net, title):
+def draw(svg, left, top, one, net, title, what):
     """Draws a panel; net: the network, for what it could have carried."""
     length = one["finished_s"]
     bins = max(int(length / BIN_S), 1)
     x = lambda seconds: left + seconds / length * WIDTH
-    svg.text(left, top - 6, title, 12, weight="bold")
+    svg.text(left, top - 18, title, 12, weight="bold")
+    svg.text(left, top - 6, what, 9, colour="#5a6875")
     capacity = [net.bytes_per_s(i * BIN_S) * 8e-6 for i in range(bins)]
     most = max(max(capacity) * 1.08, 0.1)
     base = top + SENT
@@ -55,13 +59,16 @@ def reader(svg, left, top, one, x):
     samples = one["samples"]
     if not samples:
         return
-    for before, after in zip(samples, samples[1:]):
-        waits = one["do"] == "play" and after[0] > one["started_s"] and after[1] == before[1] and before[1] < one["size"]
-        if waits and after[2] < 1 << 15:
-            svg.rect(x(before[0]), top, x(after[0]) - x(before[0]), AHEAD, "#d64545", 0.55)
-    points = [(x(at), base - min(ahead / (RING_MIB << 20), 1) * AHEAD) for at, _, ahead, _ in samples]
-    svg.area([(points[0][0], base), *points, (points[-1][0], base)], "#57a773", 0.55)
-    svg.line([(x(at), base - place / one["size"] * AHEAD) for at, place, _, _ in samples], "#1d2b3a", 1.2)
+    times = [sample[0] for sample in samples]
+    points = [(x(sample[0]), base - min(sample[2] / (RING_MIB << 20), 1) * AHEAD) for sample in samples]
+    svg.area([(points[0][0], base), *points, (points[-1][0], base)], AHEAD_COLOUR)
+    for at in range(int(times[-1] / BIN_S) + 1):
+        first, last = (bisect.bisect(times, edge * BIN_S) for edge in (at, at + 1))
+        stalled = samples[min(last, len(samples) - 1)][4] - samples[max(first - 1, 0)][4]
+        if stalled > 0.02:
+            begin = x(at * BIN_S)
+            svg.rect(begin, top, x((at + 1) * BIN_S) - begin, AHEAD, "#d64545", min(stalled / BIN_S, 1) * 0.75)
+    svg.line([(x(sample[0]), base - sample[1] / one["size"] * AHEAD) for sample in samples], "#1d2b3a", 1.2)
     svg.text(left - 5, top + 9, f"{RING_MIB} MiB", 10, "end")
 
 
@@ -84,7 +91,7 @@ def legend(svg, left, top):
         svg.line([(at, top - 4), (at + 18, top - 4)], colour, 1.4, dash)
         svg.text(at + 22, top, words)
         at += 44 + 5.6 * len(words)
-    svg.rect(at, top - 9, 10, 10, "#57a773", 0.55)
+    svg.rect(at, top - 9, 10, 10, AHEAD_COLOUR)
     svg.text(at + 14, top, "ahead of the reader")
-    svg.rect(at + 130, top - 9, 10, 10, "#d64545", 0.55)
-    svg.text(at + 144, top, "stalled")
+    svg.rect(at + 130, top - 9, 10, 10, "#d64545", 0.75)
+    svg.text(at + 144, top, "stalled (the paler, the less)")

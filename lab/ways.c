@@ -52,7 +52,7 @@ static void stall_for(struct player *p, double late) {
   }
   end = now;
   length += late;
-  p->stalled += late;
+  p->stalled = p->stalled + late;
   if (length > p->longest) p->longest = length;
 }
 
