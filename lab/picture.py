@@ -125,6 +125,7 @@ def draw(found, path, congestion):
         x = LEFT + 50 + (i % 2) * 560
         top = y + 46 + (i // 2) * 200
         net = run.Plan(scenarios.by_name(known, one["scenario"]), one["seed"]).net
-        title = f"{one['scenario']}, {one['who']} KiB: {table.figure(one)}"
+        unit = " KiB" if one["who"] != "c2ms" else ""
+        title = f"{one['scenario']}, {one['who']}{unit}: {table.figure(one)}"
         timeline.draw(svg, x, top, one, net, title, whats[one["scenario"]])
     svg.write(path)

@@ -11,14 +11,14 @@
 
 struct player {
   c2ms_sess *film;
-  uint64_t size, wrong;    /* wrong: pieces that were not the film's bytes */
-  double rate;             /* bytes per second of a play; 0: a download */
-  double limit;            /* seconds after which it is cut short */
-  double began;            /* when the open began, by the clock */
-  double started;          /* seconds from then: the first byte was there, or the play began */
-  double finished;         /* seconds from then */
-  _Atomic double stalled;  /* seconds that pieces came too late; samples see it grow */
-  double longest;          /* stall */
+  uint64_t size, wrong;   /* wrong: pieces that were not the film's bytes */
+  double rate;            /* bytes per second of a play; 0: a download */
+  double limit;           /* seconds after which it is cut short */
+  double began;           /* when the open began, by the clock */
+  double started;         /* seconds from then: the first byte was there, or the play began */
+  double finished;        /* seconds from then */
+  _Atomic double stalled; /* seconds that pieces came too late; samples see it grow */
+  double longest;         /* stall */
   int stalls, seeks;
   uint64_t taken; /* bytes */
   double seek_ms[MOST_SEEKS];

@@ -56,17 +56,22 @@ static void stall_for(struct player *p, double late) {
   if (length > p->longest) p->longest = length;
 }
 
+/* How much too late a busy machine ended the sleep: that is no fault of the library's. */
+static double sleep_until(double due) {
+  if (clock_seconds() >= due) return 0;
+  wait_until(due);
+  return clock_seconds() - due;
+}
+
 /* Takes pieces at their due times until `end`; what comes late moves all that follows. */
 static int pace(struct player *p, uint64_t pos, uint64_t end) {
   double due = clock_seconds();
   for (int got; pos < end; pos += (uint64_t)got) {
-    wait_until(due);
+    const double overslept = sleep_until(due);
     got = take(p, pos, PIECE);
     const double late = clock_seconds() - due;
-    if (late > NOT_LATE_S) {
-      stall_for(p, late);
-      due += late;
-    }
+    if (late - overslept > NOT_LATE_S) stall_for(p, late - overslept);
+    if (late > NOT_LATE_S) due += late;
     if (got <= 0) return got < 0 ? got : -1;
     due += (double)got / p->rate;
   }
