@@ -85,8 +85,9 @@ void emulator::receive(int device, bool to_client) {
     lab::packet bytes(biggest_packet);
     const ssize_t size = read(device, bytes.data(), bytes.size());
     if (size <= 0) return;
-    if (started_ < 0) started_ = clock_now();
     bytes.resize(static_cast<size_t>(size));
+    if (!lab::is_ipv4(bytes)) continue;  // devices greet each other as soon as they are up
+    if (started_ < 0) started_ = clock_now();
     network_.take(now(), to_client, std::move(bytes));
   }
 }

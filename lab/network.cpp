@@ -22,6 +22,10 @@ uint64_t &slot(std::vector<uint64_t> &samples, nanoseconds now) {
 
 }  // namespace
 
+bool is_ipv4(const packet &bytes) {
+  return bytes.size() >= ip_header && bytes[0] >> 4 == 4;
+}
+
 network::network(const network_settings &settings) {
   for (const link_settings &each : settings.links) {
     const uint64_t seed = settings.seed * 1000 + 10 * routes_.size();
@@ -57,7 +61,7 @@ void network::count(route &r, bool to_client, const verdict &v, size_t size, nan
 }
 
 void network::take(nanoseconds now, bool to_client, packet bytes) {
-  if (bytes.size() < ip_header || bytes[0] >> 4 != 4) return;
+  if (!is_ipv4(bytes)) return;
   const uint32_t server = address_at(bytes, to_client ? ip_source : ip_target);
   const auto found = std::find_if(routes_.begin(), routes_.end(), [server](const route &each) {
     return each.path.address() == server;

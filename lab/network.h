@@ -35,6 +35,8 @@ std::string read_settings(std::FILE *in, network_settings *settings);
 
 using packet = std::vector<uint8_t>;
 
+bool is_ipv4(const packet &bytes);
+
 struct arrival {
   nanoseconds when = 0;
   bool to_client = false;
