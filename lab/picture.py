@@ -29,7 +29,7 @@ def heading(svg, x, y, title, words):
 
 
 def name_row(svg, x, y, name, what, count):
-    svg.text(x, y + 10, name, 11, weight="bold")
+    svg.text(x, y + 10, name, 11 if len(name) < 32 else 8.5, weight="bold")
     svg.text(x, y + 22, what, 8, colour="#5a6875")
     return y + max(count * ROW, 26) + 6
 
