@@ -99,11 +99,12 @@ static std::string url_name(std::string name) {
 }
 
 std::string media_server::url(const file_id &id) const {
+  const std::string host = address(entry_server);
   std::string text;
   loop_->run([&] {
     const media_file *file = loop_->files.find(id);
     const server_options &options = loop_->options;
-    text = "kesp://127.0.0.1:" + std::to_string(loop_->node(entry_server).port) + "/" +
+    text = "kesp://" + host + ":" + std::to_string(loop_->node(entry_server).port) + "/" +
            url_name(file == nullptr ? "unknown" : file->name) + "?fid=" + hex(id) +
            ";auth=" + hex(loop_->auth()) +
            ";stamp=" + std::to_string(static_cast<uint32_t>(options.stamp)) +

@@ -44,6 +44,8 @@ struct server_options {
   node_options entry{};
   uint16_t port = 0;              ///< of the entry; nodes follow at port + 1, ...; 0: any
   bool spread_addresses = false;  ///< node i at 127.0.0.(2 + i), all on the entry's port
+  std::vector<std::string> listen{};  ///< dotted addresses instead of the loopback's: one for all,
+                                      ///< or the entry's and each node's, all on the entry's port
   bool entry_is_node = false;     ///< the entry, which serves media anyway, lists itself last
   bool encipher = false;          ///< server lists and descriptions are enciphered (result 1)
   bool check_auth = true;         ///< result 30 unless auth, stamp and keyid are the URL's
@@ -117,7 +119,7 @@ class media_server {
   void stop();  ///< closes everything at once; no call after this but those that only read
   std::string error() const;
 
-  /// "kesp://127.0.0.1:PORT/name?fid=...;auth=...;stamp=...;keyid=..." for a file added before.
+  /// "kesp://ADDRESS:PORT/name?fid=...;auth=...;stamp=...;keyid=..." for a file added before.
   /// Only after start(), as the next two.
   std::string url(const file_id &id) const;
   std::string address(int node) const;  ///< dotted

@@ -33,7 +33,7 @@ server_loop::server_loop(server_options o) : options(std::move(o)) {
       n.options = options.entry;
     else if (static_cast<size_t>(i) < options.node.size())
       n.options = options.node[i];
-    n.address = INADDR_LOOPBACK + (options.spread_addresses ? static_cast<uint32_t>(i + 1) : 0);
+    n.address = address_of(i);
     for (const fault &order : n.options.faults) n.faults.push_back({order});
   }
 }
@@ -49,6 +49,13 @@ server_loop::~server_loop() {
 }
 
 // --- ports ---
+
+uint32_t server_loop::address_of(int index) const {
+  const auto place = static_cast<size_t>(index + 1);
+  if (options.listen.empty())
+    return INADDR_LOOPBACK + (options.spread_addresses ? static_cast<uint32_t>(place) : 0);
+  return ntohl(inet_addr(options.listen[std::min(place, options.listen.size() - 1)].c_str()));
+}
 
 static int bound_socket(uint32_t address, uint16_t port) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -79,10 +86,10 @@ bool server_loop::open_port(server_node &n, uint16_t port) {
   return false;
 }
 
-// With spread addresses one free port has to suit all of them: it may take a few attempts to find
+// With several addresses one free port has to suit all of them: it may take a few attempts to find
 // it.
 bool server_loop::open_ports() {
-  const bool same = options.spread_addresses;
+  const bool same = one_port();
   for (int attempt = 0; attempt < (same && options.port == 0 ? 20 : 1); ++attempt) {
     uint16_t port = options.port;
     bool opened = true;

@@ -122,6 +122,8 @@ class server_loop {
     bool operator>(const timer &other) const { return when > other.when; }
   };
 
+  bool one_port() const { return options.spread_addresses || options.listen.size() > 1; }
+  uint32_t address_of(int index) const;
   bool open_ports();
   bool open_port(server_node &n, uint16_t port);
   bool update_listener(server_node &n);

@@ -1,6 +1,7 @@
 // c2ms-server: serves files or generated content to players on this machine, for trying things out
 // and for scripts. It prints the URL to open for each file and the totals of its servers at the
 // end.
+#include <arpa/inet.h>
 #include <getopt.h>
 #include <sys/stat.h>
 
@@ -46,6 +47,8 @@ void print_help() {
       "  --port P            port of the entry server, nodes follow (default: any free ports)\n"
       "  --nodes N           media nodes, 0 to 100 (default 4)\n"
       "  --spread            nodes at 127.0.0.2, 127.0.0.3, ... on the entry server's port\n"
+      "  --listen A[,A...]   listen at this address instead of the loopback's, or at one for the\n"
+      "                      entry server and one for each node, all on the entry server's port\n"
       "  --rate R[,R...]     bytes per second of node 0, 1, ...; k, M and G multiply by 1000s;\n"
       "                      the last one holds for the nodes that follow; 0: no limit\n"
       "  --delay MS[,MS...]  milliseconds before each response of node 0, 1, ...\n"
@@ -104,6 +107,20 @@ std::vector<Number> numbers(std::string_view text, uint64_t limit, const char *o
   return out;
 }
 
+// Addresses divided by commas.
+std::vector<std::string> parse_addresses(std::string_view text) {
+  std::vector<std::string> out;
+  for (size_t at = 0; at <= text.size();) {
+    const size_t comma = std::min(text.find(',', at), text.size());
+    out.emplace_back(text.substr(at, comma - at));
+    in_addr address{};
+    if (inet_pton(AF_INET, out.back().c_str(), &address) != 1)
+      usage_error("--listen: '" + out.back() + "' is no address");
+    at = comma + 1;
+  }
+  return out;
+}
+
 generated_file parse_generated(std::string_view text) {
   const size_t colon = text.rfind(':');
   if (colon == std::string_view::npos || colon == 0)
@@ -139,6 +156,7 @@ settings parse(int argc, char **argv) {
     port = 1,
     nodes,
     spread,
+    listen,
     rate,
     delay,
     encipher,
@@ -154,6 +172,7 @@ settings parse(int argc, char **argv) {
       {"port", required_argument, nullptr, port},
       {"nodes", required_argument, nullptr, nodes},
       {"spread", no_argument, nullptr, spread},
+      {"listen", required_argument, nullptr, listen},
       {"rate", required_argument, nullptr, rate},
       {"delay", required_argument, nullptr, delay},
       {"encipher", no_argument, nullptr, encipher},
@@ -179,6 +198,9 @@ settings parse(int argc, char **argv) {
         break;
       case spread:
         s.server.spread_addresses = true;
+        break;
+      case listen:
+        s.server.listen = parse_addresses(optarg);
         break;
       case rate:
         s.rates = numbers<double>(optarg, UINT64_MAX, "--rate");
@@ -220,7 +242,12 @@ settings parse(int argc, char **argv) {
   }
   s.paths.assign(argv + optind, argv + argc);
   if (!serves_media(s) && !takes_reports(s)) usage_error("no file to serve");
-  if (s.server.port != 0 && !s.server.spread_addresses && s.server.port + s.server.nodes > 65535)
+  const size_t addresses = s.server.listen.size();
+  if (addresses > 0 && s.server.spread_addresses) usage_error("--spread or --listen, not both");
+  if (addresses > 1 && addresses != static_cast<size_t>(s.server.nodes) + 1)
+    usage_error("--listen: one address, or one for the entry server and one for each node");
+  const bool one_port = s.server.spread_addresses || addresses > 1;
+  if (s.server.port != 0 && !one_port && s.server.port + s.server.nodes > 65535)
     usage_error("--port: no room for the nodes' ports above it");
   return s;
 }
