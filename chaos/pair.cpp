@@ -135,7 +135,6 @@ void Pair::locate(const uint8_t *bytes, int n, size_t over_at_begin) {
   const std::lock_guard lock(moves_lock_);
   // A few bytes lie in many places: where these were from stays open, and so does what follows.
   const auto count = static_cast<size_t>(n);
-  const bool clear = n >= least_located;
   const auto lies_at = [&](uint64_t pos) {
     return refserver::content_mismatch(world_.film, pos, bytes, count) == count;
   };
@@ -145,20 +144,18 @@ void Pair::locate(const uint8_t *bytes, int n, size_t over_at_begin) {
   uint64_t at = expected_;
   bool found = !moved && located_ && lies_at(at);
   for (size_t i = moves_.size(); !found && i-- > first;) found = lies_at(at = moves_[i].to);
+  for (size_t i = perhaps_.size(); !found && i-- > 0;) found = lies_at(at = perhaps_[i]);
   if (!found && !moved && !located_) found = (at = world_.place_of(bytes, count)) != World::nowhere;
   if (!found) {
     world_.findings.add("%d bytes from %lld that no order of the calls explains, expected at %llu",
                         n, static_cast<long long>(world_.place_of(bytes, count)),
                         static_cast<unsigned long long>(expected_));
   }
-  located_ = clear;
-  expected_ = at + count;
-  oldest_possible_ = over_at_begin;
-  known_then_ = moves_.size();
+  ended_at(at + count, n >= least_located, over_at_begin);
 }
 
-// Its bytes are those of the position in one of the ranges that were selected meanwhile. Where it
-// leaves the position is not followed: the next read may begin anywhere.
+// Its bytes are those of the position in one of the ranges that were selected meanwhile. One that
+// delivers nothing may have moved the position all the same.
 int Pair::read_at_once(c2ms_sess *sess, uint8_t *buffer, int32_t len, size_t over_at_begin) {
   const uint64_t pos = reader_dice_.below(world_.size);
   const int budget_ms = reader_dice_.between(0, 30);
@@ -166,16 +163,28 @@ int Pair::read_at_once(c2ms_sess *sess, uint8_t *buffer, int32_t len, size_t ove
                       [&] { return c2ms_sess_read_at(sess, pos, buffer, len, budget_ms); });
   const std::lock_guard lock(moves_lock_);
   const auto count = static_cast<size_t>(std::clamp(n, 0, len));
-  bool found = count == 0;
-  for (size_t i = moves_.size(); !found && i-- > std::max<size_t>(over_at_begin, 1) - 1;)
-    found = refserver::content_mismatch(world_.film, moves_[i].base + pos, buffer, count) == count;
-  if (!found)
+  bool found = false;
+  uint64_t at = 0;
+  for (size_t i = moves_.size(); !found && i-- > std::max<size_t>(over_at_begin, 1) - 1;) {
+    at = moves_[i].base + pos;
+    if (n == 0) perhaps_.push_back(at);
+    found = n > 0 && refserver::content_mismatch(world_.film, at, buffer, count) == count;
+  }
+  if (n <= 0) return n;
+  if (!found) {
     world_.findings.add("%d bytes from elsewhere than %llu", n,
                         static_cast<unsigned long long>(pos));
-  located_ = false;
+  }
+  ended_at(at + count, n >= least_located, over_at_begin);
+  return n;
+}
+
+void Pair::ended_at(uint64_t pos, bool located, size_t over_at_begin) {
+  located_ = located;
+  expected_ = pos;
   oldest_possible_ = over_at_begin;
   known_then_ = moves_.size();
-  return n;
+  perhaps_.clear();
 }
 
 void Pair::read_once(c2ms_sess *sess) {

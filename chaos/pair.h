@@ -38,6 +38,7 @@ class Pair {
   size_t moves_over() const;
   void read_once(c2ms_sess *sess);
   int read_at_once(c2ms_sess *sess, uint8_t *buffer, int32_t len, size_t over_at_begin);
+  void ended_at(uint64_t pos, bool located, size_t over_at_begin);
   void locate(const uint8_t *bytes, int n, size_t over_at_begin);
 
   World &world_;
@@ -55,8 +56,9 @@ class Pair {
   // The reader's.
   bool located_ = false;  // it is known where the last delivery was from
   uint64_t expected_ = 0;
-  size_t oldest_possible_ = 0;  // moves before it were over when the last located read began
-  size_t known_then_ = 0;       // moves that had begun when it ended
+  size_t oldest_possible_ = 0;     // moves before it were over when the last located read began
+  size_t known_then_ = 0;          // moves that had begun when it ended
+  std::vector<uint64_t> perhaps_;  // where reads at a position that delivered nothing may have gone
 };
 
 }  // namespace chaos

@@ -237,27 +237,31 @@ TEST_F(Core, LinesAreToldInOrder) {
   }).join();
   ASSERT_EQ(lines.size(), 8000u);
   for (size_t i = 0; i < lines.size(); ++i) ASSERT_EQ(lines[i], std::to_string(i));
-  c2ms_node *const node = c2ms_node_fetch(sess);
-  node->type = c2ms::node_serves_media;
   const struct {
-    uint32_t command, id, state;
+    uint32_t command, session, state;
     const char *line;
   } rows[] = {{7563, 999, 0, "\nc2ms_pump: IOE_TIMEOUT recved, sessid=999 timercmd=7563"},
               {7564, 999, 0, ""},
-              {7550, node->node_id, C2MS_NODE_READY, ""},
-              {7550, node->node_id, C2MS_NODE_CONNECTING, "t_build_node_conn timeout, now node"}};
+              {7550, 0, C2MS_NODE_READY, ""},
+              {7550, 0, C2MS_NODE_CONNECTING, "t_build_node_conn timeout, now node"}};
   for (const auto &row : rows) {
     lines.clear();
-    c2ms_node_state_to(node, row.state);
-    rac_timer *const timer =
-        StartTimer2(mgmt->probe, 1'000'000, row.command, row.id, c2ms_pump, mgmt);
-    node->connect_timer = timer;
-    c2ms_pump(mgmt, timer, 9, 64);
-    StopTimer(timer);
+    {
+      const c2ms::StrandGuard strand(sess);
+      c2ms_node *const node = c2ms_node_fetch(sess);
+      node->type = c2ms::node_serves_media;
+      c2ms_node_state_to(node, row.state);
+      const uint32_t id = row.session != 0 ? row.session : node->node_id;
+      rac_timer *const timer =
+          StartTimer2(mgmt->probe, 1'000'000, row.command, id, c2ms_pump, mgmt);
+      node->connect_timer = timer;
+      c2ms_pump(mgmt, timer, 9, 64);
+      StopTimer(timer);
+      c2ms_node_recycle(node);
+    }
     EXPECT_EQ(lines.empty() ? "" : lines[0].substr(0, std::strlen(row.line)), row.line);
     EXPECT_EQ(lines.empty(), *row.line == 0) << row.command;
   }
-  c2ms_node_recycle(node);
 }
 
 // Devices and timers that a node or session has had before change nothing of it.
