@@ -360,6 +360,7 @@ void Client::grow() {
   for (size_t i = channels_.size(); i-- > 0;) {
     channel &one = channels_[i];
     if (one.first || now_ - one.used_at < idle_s) continue;
+    give_up(one);
     channels_.erase(channels_.begin() + static_cast<long>(i));
   }
   if (idle().empty()) return;

@@ -39,6 +39,9 @@ constexpr double repeated_share = 0.02;
 
 constexpr size_t most_connections = 8;     // of a session
 constexpr size_t most_each = 4;            // of them to one server
+// Bytes; half of TCP's first window. Who brings less in a round trip is not held up by its window: a second connection
+// would only halve its rate, and twice as many packs would take twice as long.
+constexpr double least_window = 7240;
 constexpr double opens_within = 1;         // seconds; a server that takes longer is not waited for
 
 double known_rate(std::span<const lane> lanes) {
@@ -268,7 +271,7 @@ size_t wants_connection(std::span<const lane> lanes) {
     if (one.silence >= opens_within || connections_beside(lanes, i) > least) continue;
     ++rivals;
     settled = settled && one.rate > 0 && !one.growing;
-    if (!one.usable || one.rate <= 0 || one.owed <= 0 || one.silence > long_silence) continue;
+    if (!one.usable || one.owed <= 0 || one.silence > long_silence || window_of(one) < least_window) continue;
     if (best == none || window_of(one) > window_of(lanes[best])) best = i;
   }
   // Where not every server can have one, those get it that bring most in a round trip, and that must be known.
