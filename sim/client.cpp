@@ -9,14 +9,14 @@ namespace sim {
 namespace {
 
 constexpr double probe_s = 3;
-constexpr double help_s = 0.02;         // between two looks for late packs
-constexpr int32_t help_packs = 64;      // that are looked at
+constexpr double help_s = 0.02;     // between two looks for late packs
+constexpr int32_t help_packs = 64;  // that are looked at
 constexpr int64_t description_bytes = 1400;
 constexpr double connect_timeout = 7.55;
 constexpr double first_brake = 0.25;
 constexpr double starved_s = 0.2;
 constexpr double idle_s = 30;
-constexpr int most_bearers = 2;         // that a pack has when another one is asked
+constexpr int most_bearers = 2;  // that a pack has when another one is asked
 
 int64_t us(double seconds) {
   return static_cast<int64_t>(seconds * 1e6);
@@ -24,7 +24,8 @@ int64_t us(double seconds) {
 
 }  // namespace
 
-Client::Client(const std::vector<link_spec> &links, double access_mbit, const client_spec &spec, uint64_t seed)
+Client::Client(const std::vector<link_spec> &links, double access_mbit, const client_spec &spec,
+               uint64_t seed)
     : spec_(spec) {
   if (access_mbit > 0) access_ = std::make_unique<Link>(steady(access_mbit, 0), seed);
   for (const link_spec &one : links) {
@@ -104,7 +105,8 @@ int64_t Client::size_of(int32_t index) const {
 }
 
 int64_t Client::bytes_of(const answer &one) const {
-  return static_cast<int64_t>(one.count - 1) * spec_.pack_bytes + size_of(one.first + one.count - 1) - one.skipped;
+  return static_cast<int64_t>(one.count - 1) * spec_.pack_bytes +
+         size_of(one.first + one.count - 1) - one.skipped;
 }
 
 int32_t Client::end() const {
@@ -156,7 +158,8 @@ double Client::have() {
 }
 
 void Client::moved(double position) {
-  for (int32_t k = first(); (k + 1) * static_cast<double>(spec_.pack_bytes) <= position; ++k) at(k).bytes = 0;
+  for (int32_t k = first(); (k + 1) * static_cast<double>(spec_.pack_bytes) <= position; ++k)
+    at(k).bytes = 0;
   if (position != position_) idle_known_ = false;
   position_ = position;
 }
@@ -216,7 +219,8 @@ c2ms::reader_view Client::reader() {
   return {pace_, have() - position_, now_ - sought_at_};
 }
 
-// Time for which the reader waits although a connection is idle that would long have brought what it waits for.
+// Time for which the reader waits although a connection is idle that would long have brought what
+// it waits for.
 void Client::count_starved(double step) {
   if (have() >= wanted_ || waits_for_ != contiguous_) {
     waits_for_ = contiguous_;
@@ -227,8 +231,11 @@ void Client::count_starved(double step) {
     if (!one.ready || !one.answers.empty()) continue;
     const link_spec &link = links_[one.server]->spec();
     double rate = link.mbit_at(now_) * 1e6 / 8;
-    if (access_ != nullptr) rate = std::min(rate, access_->spec().mbit_at(now_) * 1e6 / 8 / static_cast<double>(channels_.size()));
-    const double brings = link.round_trip + link.jitter + link.think + spec_.pack_bytes / std::max(rate, 1.0);
+    if (access_ != nullptr)
+      rate = std::min(
+          rate, access_->spec().mbit_at(now_) * 1e6 / 8 / static_cast<double>(channels_.size()));
+    const double brings =
+        link.round_trip + link.jitter + link.think + spec_.pack_bytes / std::max(rate, 1.0);
     if (now_ - std::max(waits_since_, one.used_at) < 2 * brings + starved_s) continue;
     starved_ += step;
     return;
@@ -283,7 +290,8 @@ Client::bearer Client::soonest(int32_t index, const lanes_of &all, size_t but) c
     for (const answer &each : channels_[i].answers) {
       const double left = static_cast<double>(bytes_of(each) - each.got);
       if (i != but && index >= each.first && index < each.first + each.count) {
-        const double behind = static_cast<double>(each.first + each.count - 1 - index) * spec_.pack_bytes;
+        const double behind =
+            static_cast<double>(each.first + each.count - 1 - index) * spec_.pack_bytes;
         const double expected = c2ms::arrives_in(all, i, before + std::max(left - behind, 1.0));
         if (expected < best.expected) best = {expected, i};
       }
@@ -306,7 +314,8 @@ void Client::help() {
   }
 }
 
-// Asks the best helper for a late pack and for those behind it that are late too. True when somebody was asked.
+// Asks the best helper for a late pack and for those behind it that are late too. True when
+// somebody was asked.
 bool Client::help_with(int32_t index) {
   auto all = lanes();
   const bearer holder = soonest(index, all, channels_.size());
@@ -314,11 +323,13 @@ bool Client::help_with(int32_t index) {
   if (holder.expected <= when) return false;
   for (size_t i = 0; i < channels_.size(); ++i) {
     bool bears = channels_[i].answers.size() >= 2;
-    for (const answer &each : channels_[i].answers) bears |= index >= each.first && index < each.first + each.count;
+    for (const answer &each : channels_[i].answers)
+      bears |= index >= each.first && index < each.first + each.count;
     if (bears) all[i].usable = false;
   }
   const auto missing = static_cast<double>(size_of(index) - at(index).bytes);
-  const size_t who = c2ms::choose_helper(all, all[holder.who].server, missing, holder.expected, when);
+  const size_t who =
+      c2ms::choose_helper(all, all[holder.who].server, missing, holder.expected, when);
   if (who >= all.size()) return false;
   if (!c2ms::may_repeat(twice_, received_, when <= 0)) return false;
   int32_t late = 1;
@@ -341,7 +352,9 @@ bool Client::wanted_from(size_t who, const lanes_of &all) {
       if (k < first() || k >= end() || at(k).ready) continue;
       const double left = static_cast<double>(bytes_of(each) - each.got);
       const double behind = static_cast<double>(each.first + each.count - 1 - k) * spec_.pack_bytes;
-      if (soonest(k, all, who).expected > c2ms::arrives_in(all, who, before + std::max(left - behind, 1.0))) return true;
+      if (soonest(k, all, who).expected >
+          c2ms::arrives_in(all, who, before + std::max(left - behind, 1.0)))
+        return true;
     }
     before += static_cast<double>(bytes_of(each) - each.got);
   }
@@ -360,6 +373,7 @@ void Client::grow() {
   for (size_t i = channels_.size(); i-- > 0;) {
     channel &one = channels_[i];
     if (one.first || now_ - one.used_at < idle_s) continue;
+    give_up(one);
     channels_.erase(channels_.begin() + static_cast<long>(i));
   }
   if (idle().empty()) return;
@@ -374,16 +388,18 @@ void Client::grow() {
 }
 
 void Client::print() {
-  std::printf("%7.2f at %7.0f lead %6.0f of %7.0f KiB |", now_, position_ / 1024, (have() - position_) / 1024, received_ / 1024);
+  std::printf("%7.2f at %7.0f lead %6.0f of %7.0f KiB |", now_, position_ / 1024,
+              (have() - position_) / 1024, received_ / 1024);
   for (const channel &one : channels_) {
-    std::printf(" %zu%s r%5.0f o%5.0f s%4.1f", one.server, one.ready ? "" : "-", one.estimate.rate() / 1024,
-                static_cast<double>(one.estimate.owed()) / 1024, one.estimate.silence(us(now_)));
+    std::printf(" %zu%s r%5.0f o%5.0f s%4.1f", one.server, one.ready ? "" : "-",
+                one.estimate.rate() / 1024, static_cast<double>(one.estimate.owed()) / 1024,
+                one.estimate.silence(us(now_)));
   }
   std::printf("\n");
   if (have() >= wanted_ || contiguous_ >= end()) return;
   const bearer who = soonest(contiguous_, lanes(), channels_.size());
-  std::printf("        waits for %d, %d asked, the soonest %zu in %.2f s\n", contiguous_, at(contiguous_).bearers, who.who,
-              who.expected);
+  std::printf("        waits for %d, %d asked, the soonest %zu in %.2f s\n", contiguous_,
+              at(contiguous_).bearers, who.who, who.expected);
 }
 
 }  // namespace sim

@@ -1,5 +1,5 @@
-// A player's session in virtual time: the ring of packs and the connections, with the library's own estimates and
-// choice (c2ms/fetch) between them. The reader (reader.h) says what it takes.
+// A player's session in virtual time: the ring of packs and the connections, with the library's own
+// estimates and choice (c2ms/fetch) between them. The reader (reader.h) says what it takes.
 #pragma once
 
 #include <memory>
@@ -19,12 +19,13 @@ struct client_spec {
 
 class Client {
  public:
-  Client(const std::vector<link_spec> &links, double access_mbit, const client_spec &spec, uint64_t seed);
+  Client(const std::vector<link_spec> &links, double access_mbit, const client_spec &spec,
+         uint64_t seed);
 
   /// Moves connections and answers on to `now`.
   void receive(double now);
-  /// Asks for what is missing. `pace` is 0 while the reader takes whatever comes, `wanted` the end of what it waits for
-  /// (0 while it waits for nothing).
+  /// Asks for what is missing. `pace` is 0 while the reader takes whatever comes, `wanted` the end
+  /// of what it waits for (0 while it waits for nothing).
   void ask(double now, double pace, double wanted);
   /// The reader is at `position`, having read all before it.
   void moved(double position);
@@ -36,15 +37,16 @@ class Client {
   double received() const { return received_; }
   int requests() const { return requests_; }
   int opened() const { return opened_; }
-  /// Seconds for which the reader waited while a connection that could have brought the pack sooner was not asked.
+  /// Seconds for which the reader waited while a connection that could have brought the pack sooner
+  /// was not asked.
   double starved() const { return starved_; }
   void print();
 
  private:
   struct pack {
     bool ready = false;
-    int bearers = 0;     // answers under way that would bring its end
-    int32_t bytes = 0;   // of its beginning that are there
+    int bearers = 0;    // answers under way that would bring its end
+    int32_t bytes = 0;  // of its beginning that are there
   };
   struct answer {
     int32_t first, count;
@@ -103,7 +105,8 @@ class Client {
   bool idle_known_ = false, completed_ = false;
   int32_t ring_packs_ = 0, contiguous_ = 0, waits_for_ = -1;
   double now_ = 0, position_ = 0, pace_ = 0, wanted_ = 0;
-  double sought_at_ = -never, helped_at_ = 0, twice_ = 0, received_ = 0, starved_ = 0, asked_at_ = 0, waits_since_ = 0;
+  double sought_at_ = -never, helped_at_ = 0, twice_ = 0, received_ = 0, starved_ = 0,
+         asked_at_ = 0, waits_since_ = 0;
   int requests_ = 0, opened_ = 0;
 };
 

@@ -15,7 +15,8 @@ constexpr double longest_timeout = 60;
 void Connection::open(double now) {
   // A lost first packet is repeated after 1, 3 and 7 s.
   double leaves = now;
-  for (double again = 1; link_->loses_request(leaves) && again < longest_timeout; again *= 2) leaves += again;
+  for (double again = 1; link_->loses_request(leaves) && again < longest_timeout; again *= 2)
+    leaves += again;
   round_trip_ = link_->spec().round_trip;
   opened_at_ = leaves + round_trip_;
 }
@@ -23,7 +24,8 @@ void Connection::open(double now) {
 void Connection::request(double now, int64_t bytes) {
   const double trip = link_->spec().round_trip;
   double leaves = now;
-  for (double again = trip + least_timeout; link_->loses_request(leaves) && again < longest_timeout; again *= 2) {
+  for (double again = trip + least_timeout; link_->loses_request(leaves) && again < longest_timeout;
+       again *= 2) {
     leaves += again;
   }
   request_there_ = std::max(request_there_, leaves + trip / 2);
@@ -47,8 +49,8 @@ void Connection::cut(double now) {
   epoch_ = last_cut_ = now;
 }
 
-// Slow start ends when a round's first packets find a queue, or when acknowledgements come as a train that is half a
-// round trip long.
+// Slow start ends when a round's first packets find a queue, or when acknowledgements come as a
+// train that is half a round trip long.
 bool Connection::finds_queue(const flight &one, double now) {
   const double trip = link_->spec().round_trip;
   if (one.sent >= round_at_) {
@@ -84,7 +86,8 @@ void Connection::grow(const flight &one, double now) {
   window_ += target > window_ ? (target - window_) / window_ : 0.01 / window_;
 }
 
-// Acknowledgements come in the order of sending; a packet before one of them that has not arrived was lost.
+// Acknowledgements come in the order of sending; a packet before one of them that has not arrived
+// was lost.
 void Connection::acknowledge(double now) {
   const double back = link_->spec().round_trip / 2;
   size_t end = 0, last = 0;
@@ -117,12 +120,14 @@ void Connection::acknowledge(double now) {
   }
 }
 
-// First the last packet is repeated alone, then all that is not acknowledged, after waits that double.
+// First the last packet is repeated alone, then all that is not acknowledged, after waits that
+// double.
 void Connection::time_out(double now) {
   if (segments_.empty()) return;
   const double since = now - std::max(last_sent_, last_heard_);
-  const double patience = timeouts_ == 0 ? 2 * round_trip_ + 0.02
-                                         : (round_trip_ + least_timeout) * std::pow(2, timeouts_ - 1);
+  const double patience = timeouts_ == 0
+                              ? 2 * round_trip_ + 0.02
+                              : (round_trip_ + least_timeout) * std::pow(2, timeouts_ - 1);
   if (since < std::min(patience, longest_timeout)) return;
   if (timeouts_++ == 0) {
     put(first_segment_ + static_cast<int64_t>(segments_.size()) - 1, now);
@@ -163,8 +168,9 @@ void Connection::send(double now) {
       limited_ = false;
       break;
     }
-    while (!repeats_.empty() && (repeats_.front() < first_segment_ ||
-                                 segments_[static_cast<size_t>(repeats_.front() - first_segment_)].acknowledged)) {
+    while (!repeats_.empty() &&
+           (repeats_.front() < first_segment_ ||
+            segments_[static_cast<size_t>(repeats_.front() - first_segment_)].acknowledged)) {
       repeats_.pop_front();
     }
     int64_t next = first_segment_ + static_cast<int64_t>(segments_.size());
@@ -180,7 +186,8 @@ void Connection::send(double now) {
     }
     put(next, now);
     if (link_->spec().cap_mbit > 0) {
-      paced_until_ = std::max(paced_until_, now - 0.002) + 1500 * 8 / (link_->spec().cap_mbit * 1e6);
+      paced_until_ =
+          std::max(paced_until_, now - 0.002) + 1500 * 8 / (link_->spec().cap_mbit * 1e6);
     }
   }
 }
@@ -190,7 +197,8 @@ int64_t Connection::deliver(double now) {
     const flight &one = air_[heard_];
     if (one.arrives >= never) continue;
     if (one.arrives > now) break;
-    if (one.segment >= first_segment_) segments_[static_cast<size_t>(one.segment - first_segment_)].arrived = true;
+    if (one.segment >= first_segment_)
+      segments_[static_cast<size_t>(one.segment - first_segment_)].arrived = true;
   }
   int64_t bytes = 0;
   while (delivered_ < first_segment_ + static_cast<int64_t>(segments_.size()) &&

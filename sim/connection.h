@@ -1,6 +1,7 @@
-// A TCP connection in virtual time, a packet at a time, and the server at its end, which answers one request after the
-// other. Enough of TCP to be unkind: slow start that ends early or with losses, cubic growth, repeats after a round
-// trip, timeouts that double, a window that pauses make small, bytes in order only.
+// A TCP connection in virtual time, a packet at a time, and the server at its end, which answers
+// one request after the other. Enough of TCP to be unkind: slow start that ends early or with
+// losses, cubic growth, repeats after a round trip, timeouts that double, a window that pauses make
+// small, bytes in order only.
 #pragma once
 
 #include <deque>
@@ -43,12 +44,12 @@ class Connection {
   double opened_at_ = never;
   std::deque<std::pair<double, int64_t>> requests_;  // when each reaches the server, its bytes
   double request_there_ = 0;
-  double answers_at_ = 0;     // when the server starts the answer at hand
-  int64_t backlog_ = 0;       // bytes that the server has still to send
+  double answers_at_ = 0;  // when the server starts the answer at hand
+  int64_t backlog_ = 0;    // bytes that the server has still to send
   std::deque<segment> segments_;
   int64_t first_segment_ = 0, delivered_ = 0;
-  std::deque<flight> air_;    // in the order of sending
-  size_t heard_ = 0;          // of air_: those that have arrived or were lost
+  std::deque<flight> air_;  // in the order of sending
+  size_t heard_ = 0;        // of air_: those that have arrived or were lost
   std::deque<int64_t> repeats_;
   double window_ = 10, threshold_ = never;  // packets
   double flying_ = 0;

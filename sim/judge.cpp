@@ -7,13 +7,15 @@ namespace sim {
 
 namespace {
 
-constexpr double free_repeats = 512 * 1024;  // bytes: what was under way twice when the budget ended comes on top of it
-constexpr double repeats = 0.03;             // of what was received
+constexpr double free_repeats =
+    512 * 1024;  // bytes: what was under way twice when the budget ended comes on top of it
+constexpr double repeats = 0.03;  // of what was received
 constexpr double starved_s = 0.1;
 
 double exchange(const network &net) {
   double most = 0;
-  for (const link_spec &one : net.links) most = std::max(most, one.round_trip + one.jitter + one.think);
+  for (const link_spec &one : net.links)
+    most = std::max(most, one.round_trip + one.jitter + one.think);
   return most;
 }
 
@@ -27,7 +29,13 @@ void blame(std::string &into, const char *what, double is, double most) {
 verdict run(const scenario &one, uint64_t seed, bool verbose) {
   verdict v;
   v.got = play(one.net, one.spec, seed, verbose);
-  blame(v.broken, "bytes missing", v.got.complete ? 0 : one.spec.client.film_bytes - v.got.read, 0);
+  const network net = reachable(one.net);
+  const double least = one.spec.seek_each > 0 ? 0
+                       : one.spec.pace > 0    ? fluid(net, one.spec).seconds
+                                              : ideal_seconds(net, one.spec);
+  const bool possible = least < one.spec.most_seconds / 2;
+  blame(v.broken, "bytes missing",
+        v.got.complete || !possible ? 0 : one.spec.client.film_bytes - v.got.read, 0);
   blame(v.broken, "bytes twice", v.got.twice, free_repeats + repeats * v.got.received);
   blame(v.broken, "seconds starved", v.got.starved, starved_s);
   return v;
@@ -77,18 +85,21 @@ std::string summary(const scenario &one, const verdict &v) {
   int length = std::snprintf(line, sizeof line, "%-16s ", one.name.c_str());
   const auto rest = [&] { return sizeof line - static_cast<size_t>(length); };
   if (one.spec.pace <= 0) {
-    length += std::snprintf(line + length, rest(), "%5.1f s, fluid %5.1f, share %.3f", v.got.seconds, v.best.seconds,
-                            v.best.seconds / v.got.seconds);
+    length += std::snprintf(line + length, rest(), "%5.1f s, fluid %5.1f, share %.3f",
+                            v.got.seconds, v.best.seconds, v.best.seconds / v.got.seconds);
   } else if (one.spec.seek_each > 0) {
-    length += std::snprintf(line + length, rest(), "seeks %4.0f, %4.0f, %4.0f ms", seek_ms(v.got, 0.5),
-                            seek_ms(v.got, 0.9), seek_ms(v.got, 1));
+    length += std::snprintf(line + length, rest(), "seeks %4.0f, %4.0f, %4.0f ms",
+                            seek_ms(v.got, 0.5), seek_ms(v.got, 0.9), seek_ms(v.got, 1));
   } else {
-    length += std::snprintf(line + length, rest(), "stalled %5.2f s, longest %5.2f, fluid %5.2f; start %5.2f, fluid %5.2f",
-                            v.got.stalled, v.got.longest, v.best.stalled, v.got.start, v.best.start);
+    length +=
+        std::snprintf(line + length, rest(),
+                      "stalled %5.2f s, longest %5.2f, fluid %5.2f; start %5.2f, fluid %5.2f",
+                      v.got.stalled, v.got.longest, v.best.stalled, v.got.start, v.best.start);
   }
-  std::snprintf(line + length, rest(), "; twice %.1f %%, %d requests, %d connections", 100 * v.got.twice / v.got.received,
-                v.got.requests, v.got.connections);
-  return line + (v.broken.empty() ? "" : "; BROKEN" + v.broken) + (v.behind.empty() ? "" : "; behind:" + v.behind);
+  std::snprintf(line + length, rest(), "; twice %.1f %%, %d requests, %d connections",
+                100 * v.got.twice / v.got.received, v.got.requests, v.got.connections);
+  return line + (v.broken.empty() ? "" : "; BROKEN" + v.broken) +
+         (v.behind.empty() ? "" : "; behind:" + v.behind);
 }
 
 }  // namespace sim

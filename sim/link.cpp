@@ -10,8 +10,8 @@ namespace sim {
 namespace {
 constexpr double least_queue_bytes = 65536;
 constexpr double queue_seconds = 0.06;
-constexpr double slice = 0.05;         // of time in which a rate is taken as constant
-constexpr double longest_wait = 5;     // in a queue that does not move; then the packet counts as lost
+constexpr double slice = 0.05;      // of time in which a rate is taken as constant
+constexpr double longest_wait = 5;  // in a queue that does not move; then the packet counts as lost
 }  // namespace
 
 link_spec steady(double mbit, double round_trip, double loss) {
@@ -37,7 +37,8 @@ double link_spec::mean_mbit() const {
 std::string link_spec::text() const {
   char line[256];
   const auto [low, high] = std::minmax_element(mbit.begin(), mbit.end());
-  std::snprintf(line, sizeof line, "%.2f (%.2f to %.2f) Mbit/s, %.0f + %.0f ms, loss %.2f %%, think %.0f ms%s",
+  std::snprintf(line, sizeof line,
+                "%.2f (%.2f to %.2f) Mbit/s, %.0f + %.0f ms, loss %.2f %%, think %.0f ms%s",
                 mean_mbit(), *low, *high, round_trip * 1e3, jitter * 1e3, loss * 100, think * 1e3,
                 one_at_a_time ? ", one request at a time" : "");
   std::string all = line;
@@ -49,7 +50,8 @@ std::string link_spec::text() const {
   return all;
 }
 
-Link::Link(link_spec spec, uint64_t seed, Link *shared) : spec_(std::move(spec)), random_(seed), shared_(shared) {}
+Link::Link(link_spec spec, uint64_t seed, Link *shared)
+    : spec_(std::move(spec)), random_(seed), shared_(shared) {}
 
 double Link::leaves_at(double from, double bits) const {
   const bool constant = spec_.changes.empty() && spec_.mbit.size() == 1;
@@ -69,7 +71,8 @@ double Link::send(double now, int bytes) {
   if (now >= never) return never;
   const double rate = spec_.mbit_at(now) * 1e6 / 8;
   if (rate <= 0) return never;
-  const double room = std::max({rate * queue_seconds, rate * spec_.round_trip / 2, least_queue_bytes});
+  const double room =
+      std::max({rate * queue_seconds, rate * spec_.round_trip / 2, least_queue_bytes});
   const double starts = std::max(busy_until_, now);
   if ((starts - now) * rate + bytes > room) return never;
   const double left = leaves_at(starts, bytes * 8 * 1500.0 / packet_bytes);

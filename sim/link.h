@@ -1,5 +1,5 @@
-// One way from a server to the client in virtual time: a rate that may change, a short queue, a delay, losses.
-// Packets keep their order. Times are seconds, rates are Mbit/s on the wire.
+// One way from a server to the client in virtual time: a rate that may change, a short queue, a
+// delay, losses. Packets keep their order. Times are seconds, rates are Mbit/s on the wire.
 #pragma once
 
 #include <cstdint>
@@ -21,13 +21,14 @@ struct link_spec {
   std::vector<double> mbit{8};  // one for each `step` seconds; repeats
   double step = 0.2;
   double round_trip = 0.03;
-  double jitter = 0;        // added to a packet's delay, at most
-  double loss = 0;          // of each packet, both ways
+  double jitter = 0;  // added to a packet's delay, at most
+  double loss = 0;    // of each packet, both ways
   std::vector<change> changes;
   // The server at the other end.
-  double think = 0;         // seconds until it answers a request, at most; at least a tenth of it
-  double cap_mbit = 0;      // of one connection; 0: none
-  bool one_at_a_time = false;  // it reads a request when all of the answer before has been acknowledged
+  double think = 0;     // seconds until it answers a request, at most; at least a tenth of it
+  double cap_mbit = 0;  // of one connection; 0: none
+  bool one_at_a_time =
+      false;  // it reads a request when all of the answer before has been acknowledged
 
   double mbit_at(double now) const;
   double mean_mbit() const;
@@ -41,7 +42,8 @@ class Link {
   /// `next` may be a link that all packets pass first: an access line that several share.
   Link(link_spec spec, uint64_t seed, Link *shared = nullptr);
   const link_spec &spec() const { return spec_; }
-  /// Puts a packet into the queue at `now`: when it is at the other end, or `never` when it is lost.
+  /// Puts a packet into the queue at `now`: when it is at the other end, or `never` when it is
+  /// lost.
   double send(double now, int bytes);
   /// True when a packet to the server is lost.
   bool loses_request(double now);

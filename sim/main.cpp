@@ -1,4 +1,5 @@
-// sim: the named networks; sim N [SEED]: N random ones from SEED on; sim one SEED, sim one NAME: that one with a trace.
+// sim: the named networks; sim N [SEED]: N random ones from SEED on; sim one SEED, sim one NAME:
+// that one with a trace.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -14,9 +15,11 @@ constexpr size_t worst_shown = 20;
 
 void describe(const scenario &one) {
   for (const link_spec &link : one.net.links) std::printf("  %s\n", link.text().c_str());
-  std::printf("  pace %.0f KB/s, film %.1f MB, packs of %d KiB, access %.1f Mbit/s (0: none), seeks each %.1f s\n",
-              one.spec.pace / 1e3, one.spec.client.film_bytes / 1e6, one.spec.client.pack_bytes / 1024, one.net.access_mbit,
-              one.spec.seek_each);
+  std::printf(
+      "  pace %.0f KB/s, film %.1f MB, packs of %d KiB, access %.1f Mbit/s (0: none), seeks each "
+      "%.1f s\n",
+      one.spec.pace / 1e3, one.spec.client.film_bytes / 1e6, one.spec.client.pack_bytes / 1024,
+      one.net.access_mbit, one.spec.seek_each);
 }
 
 int show_named() {

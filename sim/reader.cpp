@@ -49,7 +49,8 @@ class Play {
     if (spec_.seek_each > 0) seek(now);
     if (started_) return take_due(now);
     // A seek has read what it waited for; a start waits for more.
-    waits_until_ = std::min((spec_.seek_each > 0 ? position_ : client_.have()) + seek_bytes, film());
+    waits_until_ =
+        std::min((spec_.seek_each > 0 ? position_ : client_.have()) + seek_bytes, film());
     const double enough = spec_.seek_each > 0 ? seek_bytes : start_bytes(spec_);
     if (client_.have() < std::min(position_ + enough, film())) return;
     if (spec_.seek_each > 0 && sought_at_ > 0) result_.seeks.push_back(now - sought_at_);
@@ -60,9 +61,7 @@ class Play {
     next_seek_ = now + spec_.seek_each;
   }
 
-  void download() {
-    advance(client_.have());
-  }
+  void download() { advance(client_.have()); }
 
   void advance(double position) {
     result_.read += position - position_;
@@ -113,8 +112,8 @@ class Play {
   outcome result_;
 };
 
-// What two connections bring that double their window each round trip, after one each for themselves, the description
-// and the request.
+// What two connections bring that double their window each round trip, after one each for
+// themselves, the description and the request.
 double first_windows_mbit(const link_spec &one, double now) {
   const double trips = std::min((now - one.think) / one.round_trip - 3, 30.0);
   if (trips < 0) return 0;
@@ -167,17 +166,21 @@ network reachable(const network &net) {
   network all = net;
   all.slow_start = true;
   all.access_mbit *= of_access;
-  const double each = std::min(std::floor(connections / static_cast<double>(net.links.size())), 4.0);
+  const double each =
+      std::min(std::floor(connections / static_cast<double>(net.links.size())), 4.0);
   for (link_spec &one : all.links) {
     double most = never;
     // A window of 1.2 / sqrt(loss) packets for each round trip.
-    if (one.loss > 0) most = each * 1.2 / std::sqrt(one.loss) * 1500 * 8e-6 / (one.round_trip + one.think + 0.02);
+    if (one.loss > 0)
+      most = each * 1.2 / std::sqrt(one.loss) * 1500 * 8e-6 / (one.round_trip + one.think + 0.02);
     if (one.cap_mbit > 0) most = std::min(most, each * one.cap_mbit);
-    // A server that reads no request ahead is idle between two answers, and those may be half a second long.
+    // A server that reads no request ahead is idle between two answers, and those may be half a
+    // second long.
     const double part = one.one_at_a_time ? 0.5 / (0.5 + one.round_trip + one.think) : 1;
     for (double &rate : one.mbit) rate = std::min(rate, most) * used * part;
     for (change &each_change : one.changes) {
-      if (each_change.to < never) each_change.to += std::min(each_change.to - each_change.from, 20.0);
+      if (each_change.to < never)
+        each_change.to += std::min(each_change.to - each_change.from, 20.0);
     }
   }
   return all;

@@ -63,7 +63,8 @@ scenario seeking(const char *name, const network &net, double median_ms, double 
 std::vector<scenario> named_scenarios(int pack_bytes) {
   const network s1{{steady(8, .03), steady(8, .03), steady(8, .03), steady(8, .03)}};
   const network s2{{steady(4, .02), steady(8, .04), steady(12, .08), steady(16, .16)}};
-  const network s3{{steady(4, .02, .01), steady(8, .04, .01), steady(12, .08, .01), steady(16, .16, .01)}};
+  const network s3{
+      {steady(4, .02, .01), steady(8, .04, .01), steady(12, .08, .01), steady(16, .16, .01)}};
   const network s4{{steady(10, .6), steady(10, .6), steady(10, .6), steady(10, .6)}};
   const network s5{{steady(20, .04), steady(20, .04), steady(20, .04), steady(20, .04)}, 20};
   const network s6{{steady(50, .01), steady(50, .01), steady(50, .01), steady(50, .01)}};
@@ -72,15 +73,25 @@ std::vector<scenario> named_scenarios(int pack_bytes) {
   const network p6{{steady(8, .03), steady(8, .03), steady(8, .03), steady(.2, .03)}};
   const double three_of_p6 = 24 / 24.2;
   const change dies{10, never, 0};
-  std::vector<scenario> all{
-      download("S1", s1, .95), download("S2", s2, .87), download("S3", s3, .37), download("S4", s4, .5),
-      download("S5", s5, .96), download("S6", s6, .93), download("S7", s7, .90),
-      playing("P1", s2, .6), playing("P2", s3, .6, never), playing("P3", s7, .6, .5),
-      playing("P4", with(s1, 1, dies), .5), playing("P4 at 16 Mbit/s", with(quick, 1, dies), .5),
-      playing("P5", with(s1, 1, {10, never, .01}), .5), playing("P6 at 60 %", p6, .6 * three_of_p6),
-      playing("P6 at 85 %", p6, .85 * three_of_p6), playing("P7 at 50 %", with(with(s1, 1, dies), 2, dies), .5, 2),
-      playing("P7 at 40 %", with(with(s1, 1, dies), 2, dies), .4),
-      seeking("K2", s2, 180, 230), seeking("K4", s4, 1100, 1600)};
+  std::vector<scenario> all{download("S1", s1, .95),
+                            download("S2", s2, .87),
+                            download("S3", s3, .37),
+                            download("S4", s4, .5),
+                            download("S5", s5, .96),
+                            download("S6", s6, .93),
+                            download("S7", s7, .90),
+                            playing("P1", s2, .6),
+                            playing("P2", s3, .6, never),
+                            playing("P3", s7, .6, .5),
+                            playing("P4", with(s1, 1, dies), .5),
+                            playing("P4 at 16 Mbit/s", with(quick, 1, dies), .5),
+                            playing("P5", with(s1, 1, {10, never, .01}), .5),
+                            playing("P6 at 60 %", p6, .6 * three_of_p6),
+                            playing("P6 at 85 %", p6, .85 * three_of_p6),
+                            playing("P7 at 50 %", with(with(s1, 1, dies), 2, dies), .5, 2),
+                            playing("P7 at 40 %", with(with(s1, 1, dies), 2, dies), .4),
+                            seeking("K2", s2, 180, 230),
+                            seeking("K4", s4, 1100, 1600)};
   for (scenario &one : all) one.spec.client.pack_bytes = pack_bytes;
   return all;
 }
@@ -91,8 +102,12 @@ class Dice {
  public:
   explicit Dice(uint64_t seed) : random_(seed) {}
   bool once_in(double n) { return between(0, n) < 1; }
-  double between(double low, double high) { return std::uniform_real_distribution<>(low, high)(random_); }
-  double log_between(double low, double high) { return std::exp(between(std::log(low), std::log(high))); }
+  double between(double low, double high) {
+    return std::uniform_real_distribution<>(low, high)(random_);
+  }
+  double log_between(double low, double high) {
+    return std::exp(between(std::log(low), std::log(high)));
+  }
   int whole(int low, int high) { return std::uniform_int_distribution<>(low, high)(random_); }
 
  private:

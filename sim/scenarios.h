@@ -9,9 +9,10 @@ struct scenario {
   std::string name;
   network net;
   play_spec spec;
-  // What must be reached.
-  double share = 0;        // of the ideal
-  double stalled = 0;      // seconds at most
+  // What must be reached. Where TCP in virtual time allows less than one would like, a little less
+  // than is reached.
+  double share = 0;                   // of the ideal
+  double stalled = 0;                 // seconds at most
   double median_ms = 0, most_ms = 0;  // of seeks; of nine in ten
 };
 

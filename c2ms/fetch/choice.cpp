@@ -6,43 +6,55 @@ namespace c2ms {
 
 namespace {
 
-constexpr double assumed_rate = 250'000;   // 2 Mbit/s: of the first connection, before anything is known
+constexpr double assumed_rate =
+    250'000;  // 2 Mbit/s: of the first connection, before anything is known
 constexpr double least_round_trip = 0.0005;
-constexpr double long_silence = 0.1;       // shorter ones are how packets bunch
-constexpr double sooner = 0.95;            // of two that are as quick neither leaves it to the other
+constexpr double long_silence = 0.1;  // shorter ones are how packets bunch
+constexpr double sooner = 0.95;       // of two that are as quick neither leaves it to the other
 
-// How long a request should take to come. Two are under way on a connection, so two round trips each keep it busy even
-// when a run is cut short by its neighbours. A rate that still rises may double within a round trip.
+// How long a request should take to come. Two are under way on a connection, so two round trips
+// each keep it busy even when a run is cut short by its neighbours. A rate that still rises may
+// double within a round trip.
 constexpr double round_trips_of_run = 2;
 constexpr double round_trips_growing = 3;
-constexpr double least_run_s = 0.06;       // requests cost bytes, packets and time of both processors
-constexpr double most_run_s = 0.5;         // with any lead: what a connection holds when it dies must be fetched again
-constexpr double lead_share = 8;           // of the lead that a run may take to come
-constexpr double ring_share = 2.25;        // two runs of each connection leave the ring some room
+constexpr double least_run_s = 0.06;  // requests cost bytes, packets and time of both processors
+constexpr double most_run_s =
+    0.5;  // with any lead: what a connection holds when it dies must be fetched again
+constexpr double lead_share = 8;     // of the lead that a run may take to come
+constexpr double ring_share = 2.25;  // two runs of each connection leave the ring some room
 constexpr double first_run_bytes = 48 * 1024;  // a little more than TCP's first windows carry
 // A rate that small requests have held down looks like a slow connection: where they take no time to speak of, requests
 // are at least so big.
 constexpr double small_run_bytes = 64 * 1024, small_run_s = 0.25;
 
-// The next request leaves earlier than a round trip before the end: the answer may come quicker than it did so far.
+// The next request leaves earlier than a round trip before the end: the answer may come quicker
+// than it did so far.
 constexpr double ahead_trips = 1.5;
-constexpr double least_ahead_s = 0.02;     // how late a program may learn that something has come
+constexpr double least_ahead_s = 0.02;  // how late a program may learn that something has come
 
-// After a seek another one is likely. What is under way then delays it, so connections owe one round trip at most.
+// After a seek another one is likely. What is under way then delays it, so connections owe one
+// round trip at most.
 constexpr double seeks_again_s = 2;
 constexpr double run_after_seek = 0.5, ahead_after_seek = 1;
 
-constexpr double comfortable_lead = 2;     // seconds; with more, small requests wait until they are bigger
-constexpr double helps_much = 0.5;         // of the time that the pack would need otherwise: estimates err by a third
-constexpr double helps_slack = 0.03;       // a look at it each 20 ms, and some
+constexpr double comfortable_lead =
+    2;  // seconds; with more, small requests wait until they are bigger
+constexpr double helps_much =
+    0.5;  // of the time that the pack would need otherwise: estimates err by a third
+constexpr double helps_slack = 0.03;  // a look at it each 20 ms, and some
 
-// The last in doubt, a request for help, may bring a whole answer twice: the share is below the 3 % that are allowed.
+// Below the 3 % that are allowed: what is under way when the budget ends comes on top of it.
 constexpr double free_repeats = 256 * 1024;
 constexpr double repeated_share = 0.02;
 
-constexpr size_t most_connections = 8;     // of a session
-constexpr size_t most_each = 4;            // of them to one server
-constexpr double opens_within = 1;         // seconds; a server that takes longer is not waited for
+constexpr size_t most_connections = 8;  // of a session
+constexpr size_t most_each = 4;         // of them to one server
+// Bytes: half of TCP's first window. Who brings less in a round trip is hardly held up by its
+// window: a second connection would halve its rate, and twice as many packs would take twice as
+// long. Half, since losses, and servers that limit a connection, keep windows small where a second
+// one does bring more.
+constexpr double least_window = 5 * 1448;
+constexpr double opens_within = 1;  // seconds; a server that takes longer is not waited for
 
 double known_rate(std::span<const lane> lanes) {
   double sum = 0;
@@ -63,7 +75,8 @@ double round_trip_of(const lane &one) {
   return std::max(one.round_trip, least_round_trip);
 }
 
-// A connection that owes nothing is no better than those beside it: connections die together on one way.
+// A connection that owes nothing is no better than those beside it: connections die together on one
+// way.
 double silence_beside(std::span<const lane> lanes, size_t who) {
   double least = 0;
   bool any = false;
@@ -83,8 +96,8 @@ double sum_of_rates(std::span<const lane> lanes) {
   return sum;
 }
 
-// Whole packs that the others bring within `span` seconds beyond what they owe already. Parts of packs do not count:
-// together they would look like a pack that nobody brings.
+// Whole packs that the others bring within `span` seconds beyond what they owe already. Parts of
+// packs do not count: together they would look like a pack that nobody brings.
 int64_t others_bring(std::span<const lane> lanes, size_t who, double span, double pack_bytes) {
   int64_t sum = 0;
   for (size_t i = 0; i < lanes.size(); ++i) {
@@ -105,14 +118,17 @@ double run_round_trips(const lane &one, const reader_view &reader) {
 }
 
 // Bytes that a request should be for.
-double run_bytes(std::span<const lane> lanes, size_t who, const ring_view &ring, const reader_view &reader) {
+double run_bytes(std::span<const lane> lanes, size_t who, const ring_view &ring,
+                 const reader_view &reader) {
   const lane &one = lanes[who];
   double span = std::max(least_run_s, run_round_trips(one, reader) * round_trip_of(one));
-  if (reader.pace > 0) span = std::max(span, std::min(reader.lead / reader.pace / lead_share, most_run_s));
+  if (reader.pace > 0)
+    span = std::max(span, std::min(reader.lead / reader.pace / lead_share, most_run_s));
   const double ring_bytes = static_cast<double>(ring.packs) * ring.pack_bytes;
   if (!sought(reader)) span = std::max(span, std::min(small_run_bytes / rate_of(lanes, who), small_run_s));
   span = std::min(span, ring_bytes / (ring_share * std::max(sum_of_rates(lanes), 1.0)));
-  // A connection that has brought little cannot bring much at once, whatever its first packets looked like.
+  // A connection that has brought little cannot bring much at once, whatever its first packets
+  // looked like.
   return std::min(rate_of(lanes, who) * span, std::max(first_run_bytes, one.brought));
 }
 
@@ -187,14 +203,16 @@ double arrives_in(std::span<const lane> lanes, size_t who, double bytes) {
   return silent + bytes / rate_of(lanes, who);
 }
 
-double needed_in(std::span<const lane> lanes, const ring_view &ring, const reader_view &reader, double ahead) {
+double needed_in(std::span<const lane> lanes, const ring_view &ring, const reader_view &reader,
+                 double ahead) {
   if (reader.pace > 0) return std::max(ahead, 0.0) / reader.pace;
   double room = 0;
   for (const stretch &one : ring.idle) room += static_cast<double>(one.count) * ring.pack_bytes;
   return room / std::max(sum_of_rates(lanes), 1.0);
 }
 
-run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring, const reader_view &reader, bool probe) {
+run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
+               const reader_view &reader, bool probe) {
   const double rate = rate_of(lanes, who);
   const double pack_bytes = ring.pack_bytes;
   const double starts = free_in(lanes, who);
@@ -203,7 +221,8 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring, c
   const double wanted = run_bytes(lanes, who, ring, reader);
   found at = find_at(ring, distance);
   if (at.in == nullptr) return probe ? farthest(ring) : run{};
-  // What comes first is left for the request after this one only when the reader will not miss it before that.
+  // What comes first is left for the request after this one only when the reader will not miss it
+  // before that.
   const bool in_time = reader.pace > 0 && reader.lead / reader.pace > 2 * (starts + wanted / rate);
   if (lanes[who].owed > 0 && (at.in != &ring.idle.front() || in_time)) {
     at = long_enough(ring, at, wanted - lanes[who].owed);
@@ -229,7 +248,8 @@ bool asks_ahead(std::span<const lane> lanes, size_t who, const reader_view &read
   return one.rate > 0 && one.owed <= one.rate * std::max(round_trip_of(one) * trips, least_ahead_s);
 }
 
-size_t choose_helper(std::span<const lane> lanes, uint32_t holder, double missing, double expected, double needed) {
+size_t choose_helper(std::span<const lane> lanes, uint32_t holder, double missing, double expected,
+                     double needed) {
   size_t best = lanes.size();
   double soonest = expected * helps_much - helps_slack;
   if (expected <= needed) return best;
@@ -272,10 +292,12 @@ size_t wants_connection(std::span<const lane> lanes) {
     if (one.silence >= opens_within || connections_beside(lanes, i) > least) continue;
     ++rivals;
     settled = settled && one.rate > 0 && !one.growing;
-    if (!one.usable || one.rate <= 0 || one.owed <= 0 || one.silence > long_silence) continue;
+    if (!one.usable || one.owed <= 0 || one.silence > long_silence || window_of(one) < least_window)
+      continue;
     if (best == none || window_of(one) > window_of(lanes[best])) best = i;
   }
-  // Where not every server can have one, those get it that bring most in a round trip, and that must be known.
+  // Where not every server can have one, those get it that bring most in a round trip, and that
+  // must be known.
   const bool enough = lanes.size() + rivals <= most_connections;
   return enough || settled ? best : none;
 }

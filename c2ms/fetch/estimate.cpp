@@ -7,11 +7,14 @@ namespace c2ms {
 
 namespace {
 
-constexpr int64_t least_window_us = 20'000;    // shorter ones measure how packets bunch, not the rate
-constexpr int64_t most_window_us = 300'000;    // a window holds a round trip: TCP sends in bursts, one each
+constexpr int64_t least_window_us = 20'000;  // shorter ones measure how packets bunch, not the rate
+constexpr int64_t most_window_us =
+    300'000;  // a window holds a round trip: TCP sends in bursts, one each
 constexpr int64_t least_pause_us = 3'000;
-constexpr int64_t least_elapsed_us = 200;      // an answer that came at once: its span is not known better
-constexpr double least_memory_us = 150'000;    // of the rate; twice the round trip when that is longer
+constexpr int64_t least_elapsed_us =
+    200;  // an answer that came at once: its span is not known better
+constexpr double least_memory_us =
+    150'000;  // of the rate; twice the round trip when that is longer
 constexpr double most_memory_us = 1'000'000;
 constexpr int64_t round_trip_memory_us = 10'000'000;  // then a longer one is believed
 constexpr double rises = 1.25;                        // in three round trips, or it has settled
@@ -92,7 +95,8 @@ void Estimate::excuse_pause(int64_t now_us) {
 // A window ends when it is long enough, or with the last byte that is owed.
 void Estimate::measure_rate(int64_t now_us, bool ended) {
   int64_t elapsed = now_us - window_at_us_;
-  const int64_t whole = std::clamp(static_cast<int64_t>(round_trip_us_), least_window_us, most_window_us);
+  const int64_t whole =
+      std::clamp(static_cast<int64_t>(round_trip_us_), least_window_us, most_window_us);
   if (elapsed < whole && !ended) return;
   // All of a short answer at once says only how long it took altogether.
   if (elapsed < least_elapsed_us) elapsed = std::max(now_us - asked_at_us_, least_elapsed_us);

@@ -1,8 +1,9 @@
-// What a connection may be expected to bring: its rate and its round trip as moving estimates. The node feeds it with
-// each request that leaves and each piece of an answer; the choice (choice.h) reads it.
+// What a connection may be expected to bring: its rate and its round trip as moving estimates. The
+// node feeds it with each request that leaves and each piece of an answer; the choice (choice.h)
+// reads it.
 //
-// No lock and no clock: the caller guards it and says what time it is, in microseconds that never run backwards.
-// Rates are bytes per second, spans are seconds.
+// No lock and no clock: the caller guards it and says what time it is, in microseconds that never
+// run backwards. Rates are bytes per second, spans are seconds.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +12,8 @@ namespace c2ms {
 
 class Estimate {
  public:
-  /// Something small, the connection itself or a description, took `took_us` from request to answer.
+  /// Something small, the connection itself or a description, took `took_us` from request to
+  /// answer.
   void exchanged(int64_t now_us, int64_t took_us);
 
   /// A request for `bytes` has been sent.
@@ -35,10 +37,12 @@ class Estimate {
   /// Bytes per second while it has something to send; 0 while nothing is known.
   double rate() const { return rate_; }
 
-  /// Seconds from a request to the first byte of its answer, the smallest of late; 0 while nothing is known.
+  /// Seconds from a request to the first byte of its answer, the smallest of late; 0 while nothing
+  /// is known.
   double round_trip() const { return round_trip_us_ * 1e-6; }
 
-  /// True while the rate still rises from one round trip to the next, as it does on a young connection.
+  /// True while the rate still rises from one round trip to the next, as it does on a young
+  /// connection.
   bool growing(int64_t now_us) const;
 
   /// Seconds for which bytes that could have come have not come. 0 while nothing is owed.
@@ -51,7 +55,7 @@ class Estimate {
 
   int64_t owed_ = 0, brought_ = 0;
   double rate_ = 0;
-  double peak_ = 0;               // of the rate, and when it last rose much above the one before
+  double peak_ = 0;  // of the rate, and when it last rose much above the one before
   int64_t peak_at_us_ = 0;
   double round_trip_us_ = 0;
   int64_t round_trip_at_us_ = 0;  // when the smallest was last confirmed
@@ -59,8 +63,8 @@ class Estimate {
   bool awaits_first_ = false;     // nothing of the answer to that request has come
   int64_t excused_us_ = 0;        // of a pause that is ours: the request left too late to fill it
   int64_t excused_until_us_ = 0;
-  int64_t heard_at_us_ = 0;       // the last byte, or when the first could come
-  int64_t window_at_us_ = 0;      // the rate's window
+  int64_t heard_at_us_ = 0;   // the last byte, or when the first could come
+  int64_t window_at_us_ = 0;  // the rate's window
   int64_t window_bytes_ = 0;
 };
 

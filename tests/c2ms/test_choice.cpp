@@ -1,4 +1,5 @@
-// Which packs a connection asks for, who helps, what is given up: cases with a known answer. sim/ tries the whole.
+// Which packs a connection asks for, who helps, what is given up: cases with a known answer. sim/
+// tries the whole.
 #include <gtest/gtest.h>
 
 #include "c2ms/fetch/choice.h"
@@ -28,11 +29,14 @@ TEST(Choice, FrontPackGoesToWhoBringsItFirst) {
   const ring_view ring{kib16, 448, whole, 104};
   const lane lanes[] = {quick(0), slow(1), quick(2)};
   EXPECT_EQ(choose_run(lanes, 0, ring, {}).first, 100);
-  EXPECT_EQ(choose_run(lanes, 2, ring, {}).first, 100) << "of two that are as quick neither leaves it to the other";
-  EXPECT_GT(choose_run(lanes, 1, ring, {}).first, 150) << "0.7 s for a pack, the others bring 80 by then";
+  EXPECT_EQ(choose_run(lanes, 2, ring, {}).first, 100)
+      << "of two that are as quick neither leaves it to the other";
+  EXPECT_GT(choose_run(lanes, 1, ring, {}).first, 150)
+      << "0.7 s for a pack, the others bring 80 by then";
   EXPECT_EQ(choose_run(lanes, 0, ring, {}).count, 1) << "what a reader waits for is spread";
 
-  // Nearly all is asked for: the slow one gets nothing that the others bring sooner, a probe gets the farthest.
+  // Nearly all is asked for: the slow one gets nothing that the others bring sooner, a probe gets
+  // the farthest.
   const stretch rest[] = {{100, 4}, {300, 2}};
   const ring_view full{kib16, 448, rest, 0};
   EXPECT_EQ(choose_run(lanes, 1, full, {}).count, 0);
@@ -59,7 +63,8 @@ TEST(Choice, RunsAreLongWithALeadAndShortAfterASeek) {
   const lane young[] = {far};
   EXPECT_LE(choose_run(young, 0, ring, {}).count, 3);
 
-  // A fragment does not keep a busy connection busy, yet it is not left when the reader will miss it.
+  // A fragment does not keep a busy connection busy, yet it is not left when the reader will miss
+  // it.
   const stretch parts[] = {{100, 1}, {110, 300}};
   lane busy = quick(0);
   busy.owed = 20e3;
