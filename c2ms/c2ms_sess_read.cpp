@@ -177,6 +177,7 @@ int32_t c2ms_sess_pack_size(c2ms_sess *sess, int32_t wanted) {
   const CallGuard call(sess);
   if (!call) return C2MS_CLOSED;
   constexpr int32_t step = min_pack_bytes;
+  if (wanted < 1) wanted = chosen_pack_bytes;
   constexpr int32_t largest = INT32_MAX / step * step;
   // Multiples of the step above a file's size divide it no more, so the search is short; only files
   // that are multiples of many page counts need a look beyond a few steps.

@@ -32,10 +32,9 @@ done
 "$bin/c2ms-server" --agent --report 127.0.0.1 > "$scratch/reports" &
 reports=$!
 echo "Fetching $url"
-pack=$((size / 32 < 4096 ? 4096 : size / 32 > 262144 ? 262144 : size / 32))
 hash=$(sha256sum < "$file" | cut -d' ' -f1)
 picture=$bin/demo.svg trace=$bin/demo-trace.json
-"$bin/c2ms-get" --stats --dump --pack-size "$pack" --trace "$trace" --timeline "$picture" \
+"$bin/c2ms-get" --stats --dump --trace "$trace" --timeline "$picture" \
   --verify "$hash" -o "$scratch/fetched" "$url"
 cmp "$file" "$scratch/fetched"
 kill "$server"

@@ -31,7 +31,7 @@ static int open_and_play(c2ms_mgmt *lib, const char *url) {
     return 1;
   }
   c2ms_sess_attr(film, NULL, NULL, &size, NULL);
-  if (c2ms_sess_cache_init(film, c2ms_sess_pack_size(film, 65536)) == 0 &&
+  if (c2ms_sess_cache_init(film, c2ms_sess_pack_size(film, 0)) == 0 &&
       c2ms_sess_range(film, 0, size) == 0) {
     failed = play(film, 0, size);
   }

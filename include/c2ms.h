@@ -9,7 +9,7 @@
  *     c2ms_sess *film = c2ms_sess_open(lib, "kesp://entry.example/film?fid=0011...", &err);
  *     uint64_t size;
  *     c2ms_sess_attr(film, NULL, NULL, &size, NULL);
- *     c2ms_sess_cache_init(film, c2ms_sess_pack_size(film, 65536));
+ *     c2ms_sess_cache_init(film, c2ms_sess_pack_size(film, 0));
  *     c2ms_sess_range(film, 0, size);
  *     while ((n = c2ms_sess_read(film, buf, sizeof buf, 0)) > 0) play(buf, n);
  *     c2ms_sess_close(film);
@@ -113,9 +113,10 @@ C2MS_API c2ms_sess *c2ms_sess_open(c2ms_mgmt *mgmt, const char *url, int32_t *er
 C2MS_API int c2ms_sess_attr(c2ms_sess *sess, char *fid_text, char *name, uint64_t *size,
                             uint8_t *type);
 
-/* Gives a pack size for c2ms_sess_cache_init: `wanted` bytes or slightly more, at least 4096, a
- * multiple of 4096 where that is possible. Small packs start and seek fast; big packs suit long
- * delays.
+/* Gives a pack size for c2ms_sess_cache_init. wanted 0: the library chooses, which suits every
+ * network. Any other: that many bytes or slightly more, at least 4096. A multiple of 4096 where that
+ * is possible. A pack is the grain of the cache; how much is asked for at once follows from the
+ * network.
  *
  * Why it is needed: when a file's size is a multiple of the pack size, its last pack is never
  * delivered. This call avoids that for the media and for its index. It does not know of parts:

@@ -31,7 +31,7 @@ constexpr char kHelp[] =
     "                      names the file, which must not exist yet\n"
     "      --offset N      begin at this byte (N may end in K, M, G or T: powers of 1024)\n"
     "      --length N      fetch this many bytes instead of all that follow\n"
-    "      --pack-size N   fetch in pieces of about N bytes (256K; at least 4K)\n"
+    "      --pack-size N   cut the cache into packs of about N bytes (default: it chooses)\n"
     "      --mem N         memory for pieces on their way (32M; at least 8M)\n"
     "      --conf FILE     configuration file of the library\n"
     "      --entry HOST    ask this entry server (HOST[:PORT]) instead of the URL's\n"

@@ -36,7 +36,7 @@ TEST_F(Statistics, AddUpAtEveryMomentAndAgreeWithTheServer) {
   server->set_fault(0, {.kind = fault_kind::close_at, .value = 30'000, .from = 3, .count = 4});
   server->set_fault(1, {.kind = fault_kind::payload_shorter, .value = 9000, .from = 2, .count = 2});
   server->set_fault(
-      2, {.kind = fault_kind::stall_at, .value = 20'000, .ms = 4000, .from = 4, .count = 1});
+      2, {.kind = fault_kind::stall_at, .value = 20'000, .ms = 4000, .from = 1, .count = 1});
   server->set_rate(3, 3e6);
   film = std::make_unique<Film>(*library, *server, id, 65536);
   std::atomic<bool> done{false};
