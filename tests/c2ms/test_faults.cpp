@@ -349,6 +349,10 @@ TEST_F(Faults, OneSlowOneStuck) {
   open();
   ASSERT_TRUE(play(0, size));
   EXPECT_LT(film->longest_wait, 1.0 * slack);
+  c2ms_stats figures{};
+  ASSERT_EQ(c2ms_sess_stats(film->get(), &figures, sizeof figures), 0);
+  EXPECT_GT(figures.redundant, 0u);
+  EXPECT_LT(figures.bytes_discarded, size / 20);
 }
 
 // A server that was much faster than the others answers no more, though it lets itself be connected and asked: the

@@ -52,7 +52,7 @@ TEST_F(Statistics, AddUpAtEveryMomentAndAgreeWithTheServer) {
     }
   });
   std::mt19937 random(7);
-  EXPECT_TRUE(film->play(0, 6'000'000, 50'000, Film::blocking));
+  EXPECT_TRUE(film->play(0, 20'000'000, 50'000, Film::blocking));
   for (int i = 0; i < 25; ++i) {
     const uint64_t pos = random() % (film->size() - 400'000);
     EXPECT_TRUE(film->play_from(pos, pos + 300'000, 40'000));
@@ -61,11 +61,10 @@ TEST_F(Statistics, AddUpAtEveryMomentAndAgreeWithTheServer) {
   done = true;
   watcher.join();
   const c2ms_stats s = stats_of(*film);
-  EXPECT_EQ(s.bytes_delivered, 6'000'000u + 25 * 300'000u);
+  EXPECT_EQ(s.bytes_delivered, 20'000'000u + 25 * 300'000u);
   EXPECT_EQ(s.seeks, 25u);
   EXPECT_GT(s.bytes_discarded, 0u);
   EXPECT_GT(s.given_up, 0u);
-  EXPECT_GT(s.redundant, 0u);
   EXPECT_GT(s.failures, 0u);
   uint64_t media = 0, payload = 0, sent = 0;
   std::map<uint32_t, uint64_t> of_port;
