@@ -194,7 +194,8 @@ ahead_packs c2ms_cache_ahead(c2ms_cache *cache) {
 bool c2ms_cache_may_ask(c2ms_cache *cache, int32_t index) {
   c2ms_pack *const pack = pack_at(cache, index);
   if (pack->state != pack_idle || c2ms_pack_is_paused(pack)) return false;
-  return cache->use == c2ms::cache_use::box_headers || !in_window(cache, c2ms_cache_window(cache), index);
+  return cache->use == c2ms::cache_use::box_headers ||
+         !in_window(cache, c2ms_cache_window(cache), index);
 }
 
 int64_t c2ms_cache_lead(c2ms_cache *cache) {
@@ -251,7 +252,8 @@ int c2ms_cache_download_all(c2ms_cache *cache) {
 namespace {
 
 // What every unit of a cache knows of it.
-void describe(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t skip) REQUIRES(cache->lock) {
+void describe(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t skip)
+    REQUIRES(cache->lock) {
   std::memcpy(unit->fid, cache->fid, sizeof unit->fid);
   unit->pack_bytes = cache->packsize;
   unit->first_index = unit->pack_index = first;
@@ -291,7 +293,8 @@ bool is_bound(const c2ms_pack *pack, const c2ms_unit *unit) REQUIRES(pack->lock)
 }
 
 // A pack of a unit's run that still wants something of it, or NULL.
-c2ms_pack *bound_pack(c2ms_cache *cache, const c2ms_unit *unit, int32_t index) REQUIRES(cache->lock) {
+c2ms_pack *bound_pack(c2ms_cache *cache, const c2ms_unit *unit, int32_t index)
+    REQUIRES(cache->lock) {
   if (unit->generation != cache->generation.load()) return nullptr;
   c2ms_pack *const pack = pack_at(cache, index);
   if (pack == nullptr) return nullptr;
@@ -319,8 +322,8 @@ int32_t c2ms_cache_bind(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32
 namespace {
 
 // Binds one more pack that others are fetching; false ends the run before it.
-bool bind_again_next(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count, uint64_t *bytes)
-    REQUIRES(cache->lock) {
+bool bind_again_next(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count,
+                     uint64_t *bytes) REQUIRES(cache->lock) {
   const int32_t index = first + count;
   if (index >= cache->total_packs) return false;
   c2ms_pack *const pack = pack_at(cache, index);
@@ -328,8 +331,9 @@ bool bind_again_next(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t 
   const bool in_flight = pack->state == pack_requested || pack->state == pack_receiving;
   if (pack->index != index || !in_flight || pack->len >= pack->size) return false;
   if (count > 0 && pack->len > 0) return false;
-  const bool unsent = std::any_of(pack->units, pack->units + pack->unit_count,
-                                  [unit](const c2ms_unit *other) { return other->state == UNIT_INIT; });
+  const bool unsent =
+      std::any_of(pack->units, pack->units + pack->unit_count,
+                  [unit](const c2ms_unit *other) { return other->state == UNIT_INIT; });
   if (unsent || c2ms_pack_bind_unit(pack, unit) != 0) return false;
   if (count == 0) {
     describe(cache, unit, first, pack->len);

@@ -10,7 +10,6 @@
 
 #include "c2ms/c2ms_records.h"
 
-
 /// The part of the selected file that an index in memory holds, in positions of reads. While the
 /// position lies in it the range is placed for `target` instead: behind the window, or at the
 /// beginning when the window is the file's end. Packs that lie wholly in it are not prefetched;
@@ -50,12 +49,13 @@ c2ms_window c2ms_cache_window(c2ms_cache *cache) REQUIRES(cache->lock);
 /// The window has changed: places the range for the read position again.
 void c2ms_cache_window_changed(c2ms_cache *cache) REQUIRES(cache->lock);
 
-/// Binds a unit to neighbouring idle packs, as many of `count` from `first` on as are still idle, and
-/// tells it what to ask for. Bytes that the first one holds are not asked for again. The number of
-/// packs, 0 when the first is not idle any more.
+/// Binds a unit to neighbouring idle packs, as many of `count` from `first` on as are still idle,
+/// and tells it what to ask for. Bytes that the first one holds are not asked for again. The number
+/// of packs, 0 when the first is not idle any more.
 int32_t c2ms_cache_bind(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count);
-/// Binds a unit to neighbouring packs that others are fetching, for what they lack: as many of `count` as are still
-/// under way, have room for it and no unit that has not been sent. The number of packs.
+/// Binds a unit to neighbouring packs that others are fetching, for what they lack: as many of
+/// `count` as are still under way, have room for it and no unit that has not been sent. The number
+/// of packs.
 int32_t c2ms_cache_bind_again(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count);
 /// The unit's answer goes on in pack `pack_index` of its run: finds out whether the pack wants it.
 void c2ms_cache_go_on(c2ms_cache *cache, c2ms_unit *unit);
@@ -64,8 +64,8 @@ bool c2ms_cache_unbind(c2ms_cache *cache, c2ms_unit *unit, int32_t index);
 /// Bytes of what a unit still has to receive that some pack wants.
 int64_t c2ms_cache_wanted(c2ms_cache *cache, const c2ms_unit *unit);
 
-/// The packs from which a session asks ahead: from the reader's position (the range's first pack while the range is
-/// placed elsewhere) to the end of range or file.
+/// The packs from which a session asks ahead: from the reader's position (the range's first pack
+/// while the range is placed elsewhere) to the end of range or file.
 struct ahead_packs {
   int32_t first, end;
 };
@@ -78,8 +78,8 @@ int64_t c2ms_cache_lead(c2ms_cache *cache) REQUIRES(cache->lock);
 /// The first idle pack at or above the read position (above the range's first pack while the range
 /// is placed elsewhere) that may be asked for now, or NULL.
 c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache);
-/// Has idle packs asked for as soon as a node can take them: 1 when there are some, else 0. What asks
-/// is the dispatch (c2ms_sess_sched.h).
+/// Has idle packs asked for as soon as a node can take them: 1 when there are some, else 0. What
+/// asks is the dispatch (c2ms_sess_sched.h).
 int c2ms_cache_download_all(c2ms_cache *cache);
 /// Queues a unit for one idle pack. 0; -1, -2 missing cache or pack; or the result.
 int c2ms_cache_download_pack(c2ms_cache *cache, c2ms_pack *pack);

@@ -31,7 +31,8 @@ look look_at(c2ms_cache *cache, int32_t index, int32_t len) REQUIRES(cache->lock
   if (pack->index != index) return look::odd;
   if (pack->state == pack_ready || pack->len >= len) return look::there;
   // Of the packs from wanted_from on the dispatch takes care.
-  const bool reader_asks = pack->state == pack_idle && index < cache->wanted_from && !c2ms_pack_is_paused(pack);
+  const bool reader_asks =
+      pack->state == pack_idle && index < cache->wanted_from && !c2ms_pack_is_paused(pack);
   return reader_asks ? look::odd : look::missing;
 }
 

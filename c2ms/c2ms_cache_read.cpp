@@ -40,7 +40,7 @@ struct reading {
   uint32_t seek_count = 0;
   bool after_seek = false;  // nothing has been delivered since the last one
   int64_t waited_us = 0;
-  c2ms_window window{};     // changes under the read gate alone
+  c2ms_window window{};  // changes under the read gate alone
 
   bool expired() const {
     if (deadline == steady::time_point::max()) return false;
@@ -284,7 +284,10 @@ int read_until(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t len
     call.window = c2ms_cache_window(cache);
     const int32_t packsize = cache->packsize;
     const uint64_t end = call.pos + static_cast<uint64_t>(std::max(std::min(len, longest_take), 0));
-    cache->urgent_end = call.after_seek ? static_cast<int32_t>((end + static_cast<uint64_t>(packsize) - 1) / static_cast<uint64_t>(packsize)) : 0;
+    cache->urgent_end = call.after_seek
+                            ? static_cast<int32_t>((end + static_cast<uint64_t>(packsize) - 1) /
+                                                   static_cast<uint64_t>(packsize))
+                            : 0;
   }
   if (cache->packnum < 1) return -201;
   if (call.pos >= call.media_size) return -200;

@@ -79,11 +79,14 @@ inline constexpr int max_units_per_pack = 5;
 inline constexpr uint64_t no_place = UINT64_MAX;  // of a position
 inline constexpr int32_t default_pack_bytes = 8192;
 inline constexpr int32_t min_pack_bytes = 4096;
-// What the library chooses: small enough that a seek is served by several servers, big enough that packs cost little.
+// What the library chooses: small enough that a seek is served by several servers, big enough that
+// packs cost little.
 inline constexpr int32_t chosen_pack_bytes = 32 * 1024;
 inline constexpr int min_issue_limit = 10;
-inline constexpr int32_t receive_slice_bytes = 256 * 1024;  // received under one hold of a pack's lock
-inline constexpr int32_t receive_event_bytes = 1024 * 1024;  // then the thread's other sockets have a turn
+inline constexpr int32_t receive_slice_bytes =
+    256 * 1024;  // received under one hold of a pack's lock
+inline constexpr int32_t receive_event_bytes =
+    1024 * 1024;  // then the thread's other sockets have a turn
 inline constexpr int64_t empty_pack_pause_us =
     1'000'000;                                         // between two requests for a pack of size 0
 inline constexpr int64_t no_memory_pause_us = 50'000;  // before a unit is tried for again

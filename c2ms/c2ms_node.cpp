@@ -206,8 +206,8 @@ int c2ms_node_disconnect_dbg(c2ms_node *node, adif::source_place) {
 
 namespace {
 
-// A connection that fails with a request ahead of its answer may have failed for that: its server is not asked ahead
-// again.
+// A connection that fails with a request ahead of its answer may have failed for that: its server
+// is not asked ahead again.
 void note_ahead_failure(c2ms_node *node) {
   const adif::Guard lock(node->download_lock);
   const c2ms_unit *const unit = node->download_unit;

@@ -75,16 +75,16 @@ inline bool is_media(const c2ms_node *node) {
   return (node->type & node_serves_media) != 0;
 }
 
-/// True when a node that is receiving should send its next request now: it will reach the server before the answer
-/// ends, and no request is ahead already.
+/// True when a node that is receiving should send its next request now: it will reach the server
+/// before the answer ends, and no request is ahead already.
 bool may_ask_ahead(c2ms_node *node);
 
-/// Sends the next request of a node whose answer is still coming. False when the connection has failed; nothing else may be
-/// sent on it.
+/// Sends the next request of a node whose answer is still coming. False when the connection has
+/// failed; nothing else may be sent on it.
 bool ask_ahead(c2ms_node *node);
 
-/// Drops a connection whose answer nobody wants any more, and connects again at once. Not a failure. As
-/// c2ms_node_connect.
+/// Drops a connection whose answer nobody wants any more, and connects again at once. Not a
+/// failure. As c2ms_node_connect.
 int connect_anew(c2ms_node *node);
 
 /// Arms the timer that the node's state needs, unless it runs: none was free when it was due.

@@ -44,8 +44,8 @@ void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index);
 /// nor a pack's.
 void c2ms_pack_release_unit(c2ms_unit *unit);
 
-/// Asks for what a pack still lacks a second time, through another unit, unless it is ready, 5 units
-/// have it, or one of them has not been sent. 0; -1 for NULL; the result.
+/// Asks for what a pack still lacks a second time, through another unit, unless it is ready, 5
+/// units have it, or one of them has not been sent. 0; -1 for NULL; the result.
 int c2ms_pack_redownload(c2ms_pack *pack);
 
 /// The pack's bytes, its size and how many of them are there; NULL or 0 for NULL.

@@ -179,9 +179,9 @@ struct c2ms_pdu {
 
 /// One request and its response on a node: control exchanges (embedded in nodes) and range
 /// downloads. A download asks for a run of neighbouring packs, which its answer fills one after the
-/// other; it is bound to each of them. A unit belongs to the queue (unit lock), to a node (its download lock) or to the
-/// strand; `pack` alone is also written by the cache, under that pack's lock, and is compared again
-/// under it before use.
+/// other; it is bound to each of them. A unit belongs to the queue (unit lock), to a node (its
+/// download lock) or to the strand; `pack` alone is also written by the cache, under that pack's
+/// lock, and is compared again under it before use.
 struct c2ms_unit {
   c2ms::pooled mark{};
   uint32_t unit_id = 0;
@@ -194,8 +194,8 @@ struct c2ms_unit {
   int32_t pack_index = -1;   // the pack that the answer's next byte belongs to
   int32_t first_index = -1;  // of the run
   int32_t run_packs = 0;
-  int32_t pack_bytes = 0;    // of each pack but the file's last
-  int32_t skip = 0;          // bytes of the first pack that were there and are not asked for
+  int32_t pack_bytes = 0;   // of each pack but the file's last
+  int32_t skip = 0;         // bytes of the first pack that were there and are not asked for
   uint32_t generation = 0;  // of the cache when the unit was issued
   c2ms_pdu request{};
   uint8_t request_bytes[c2ms::request_buffer_bytes]{};
@@ -204,7 +204,7 @@ struct c2ms_unit {
   frame_t *frame = nullptr;
   std::atomic<int32_t> received{0};
   std::atomic<c2ms_pack *> pack{nullptr};  // of pack_index; NULL: it wants nothing of this unit
-  bool redundant = false;    // issued while another unit had the pack
+  bool redundant = false;                  // issued while another unit had the pack
   uint32_t meant_for = 0;    // id of the node that is to take it from the queue; 0: any
   bool filled_pack = false;  // its answer completed a pack
   bool ahead = false;        // sent before the answer to the request before it had ended
@@ -267,7 +267,8 @@ struct c2ms_cache {
   uint32_t served_seek GUARDED_BY(lock) = 0;  // seek_count of the last bytes that were delivered
   c2ms::Pace pace GUARDED_BY(lock);           // at which the reader takes bytes
   int64_t sought_us GUARDED_BY(lock) = 0;     // when the reader last went elsewhere; 0: it has not
-  int32_t urgent_end GUARDED_BY(lock) = 0;    // packs before it are what the first read after a seek needs
+  int32_t urgent_end GUARDED_BY(lock) =
+      0;  // packs before it are what the first read after a seek needs
   // Written under lock; read without it where a second look under a pack's lock follows.
   uint64_t media_size = 0;
   std::atomic<int32_t> packsize{c2ms::default_pack_bytes};
@@ -348,12 +349,12 @@ struct c2ms_node {
   c2ms_unit *download_unit GUARDED_BY(download_lock) = nullptr;
   // Asked for while the answer of download_unit lay in the socket as a whole; comes after it.
   c2ms_unit *next_unit GUARDED_BY(download_lock) = nullptr;
-  int64_t asked_us = 0;  // when the range was asked for that is still to come; 0: none is
-  bool takes_ahead = true;     // its server has answered every request that was sent ahead
-  int64_t opened_us = 0;       // when it last began to connect
-  int64_t probed_us = 0;       // when it was last asked for anything
-  int64_t anew_us = 0;         // when a hopeless answer was last given up
-  c2ms::Estimate estimate;     // guarded by the session's speed lock
+  int64_t asked_us = 0;     // when the range was asked for that is still to come; 0: none is
+  bool takes_ahead = true;  // its server has answered every request that was sent ahead
+  int64_t opened_us = 0;    // when it last began to connect
+  int64_t probed_us = 0;    // when it was last asked for anything
+  int64_t anew_us = 0;      // when a hopeless answer was last given up
+  c2ms::Estimate estimate;  // guarded by the session's speed lock
   c2ms_node_perf perf{};
   c2ms::tally counts;  // guarded by the session's speed lock
   uint32_t session_id = 0;
@@ -477,7 +478,7 @@ struct c2ms_sess {
   std::atomic<uint8_t> idx_mem{0};
 
   rac_timer *check_timer = nullptr;
-  rac_timer *watch_timer = nullptr;  // while a deadline is near (c2ms_sess_watch.h)
+  rac_timer *watch_timer = nullptr;    // while a deadline is near (c2ms_sess_watch.h)
   int64_t open_time = 0;               // seconds
   std::atomic<int64_t> close_time{0};  // the same; 0 until the session closes
   uint8_t token[8]{};

@@ -1,5 +1,5 @@
-// Gathers what the choice (fetch/choice.h) needs to know of a session: its connections as lanes, the idle packs ahead of
-// its reader, the reader itself. Inside the strand.
+// Gathers what the choice (fetch/choice.h) needs to know of a session: its connections as lanes,
+// the idle packs ahead of its reader, the reader itself. Inside the strand.
 #pragma once
 
 #include <array>
@@ -21,8 +21,8 @@ struct session_lanes {
 };
 session_lanes lanes_of(c2ms_sess *sess);
 
-/// The idle packs ahead of a session's reader, with room for the view's stretches. More of them lie farther ahead than
-/// anybody is asked for at once.
+/// The idle packs ahead of a session's reader, with room for the view's stretches. More of them lie
+/// farther ahead than anybody is asked for at once.
 struct idle_packs {
   std::array<stretch, 32> stretches{};
   size_t count = 0;

@@ -24,18 +24,19 @@ int c2ms_sess_node_readynum(c2ms_sess *sess);
 /// Sorts the node list, fastest first. 0, -1 for NULL.
 int c2ms_sess_node_sort(c2ms_sess *sess);
 
-/// A unit for `count` neighbouring idle packs from `first` on, or for as many of them as are still idle; or for what
-/// packs that others are fetching lack. The caller owns it. NULL when there is nothing to ask for, or no memory.
+/// A unit for `count` neighbouring idle packs from `first` on, or for as many of them as are still
+/// idle; or for what packs that others are fetching lack. The caller owns it. NULL when there is
+/// nothing to ask for, or no memory.
 c2ms_unit *c2ms_sess_unit_issue(c2ms_sess *sess, int32_t first, int32_t count);
 c2ms_unit *c2ms_sess_unit_issue_again(c2ms_sess *sess, int32_t first, int32_t count);
 /// Queues a unit by its offset. 0, -1, -2.
 int c2ms_sess_unit_put(c2ms_sess *sess, c2ms_unit *unit);
-/// Takes back a unit that a node gave up: its packs are idle again and are chosen anew. 0, -1, -2. The unit is not the
-/// caller's afterwards.
+/// Takes back a unit that a node gave up: its packs are idle again and are chosen anew. 0, -1, -2.
+/// The unit is not the caller's afterwards.
 int c2ms_sess_unit_requeue(c2ms_sess *sess, c2ms_unit *unit);
-/// What a node should ask for: the queued unit with the lowest offset that is still wanted, else the run of packs that
-/// the choice gives it (c2ms_sess_choice.h). NULL when there is nothing for it. The caller owns the unit. Inside the
-/// strand. Without a node: the first idle pack.
+/// What a node should ask for: the queued unit with the lowest offset that is still wanted, else
+/// the run of packs that the choice gives it (c2ms_sess_choice.h). NULL when there is nothing for
+/// it. The caller owns the unit. Inside the strand. Without a node: the first idle pack.
 c2ms_unit *c2ms_sess_unit_get(c2ms_sess *sess, c2ms_node *node = nullptr);
 /// Recycles every queued unit. 0, -1 for NULL.
 int c2ms_sess_unit_clear(c2ms_sess *sess);

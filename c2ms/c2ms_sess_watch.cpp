@@ -15,10 +15,11 @@ namespace c2ms {
 
 namespace {
 
-constexpr int32_t most_watched = 32;    // packs ahead of the reader
-constexpr double near_s = 2;            // a deadline that is nearer is watched
+constexpr int32_t most_watched = 32;  // packs ahead of the reader
+constexpr double near_s = 2;          // a deadline that is nearer is watched
 constexpr int64_t anew_pause_us = 1'000'000;
-constexpr int64_t unused_us = 30'000'000;  // a connection beside its server's first with nothing to do is closed
+constexpr int64_t unused_us =
+    30'000'000;  // a connection beside its server's first with nothing to do is closed
 // A server that was asked ahead has had enough time to answer.
 constexpr double unanswered_round_trips = 3, unanswered_least = 0.3;
 
@@ -52,16 +53,19 @@ watched look(c2ms_cache *cache) {
   const auto end = static_cast<int32_t>(std::min<int64_t>(range_end, cache->total_packs));
   const auto first = static_cast<int32_t>((seen.position + static_cast<uint64_t>(seen.lead)) /
                                           static_cast<uint64_t>(seen.pack_bytes));
-  for (int32_t i = std::max(first, cache->first_index.load()); i < end && seen.count < seen.packs.size(); ++i) {
+  for (int32_t i = std::max(first, cache->first_index.load());
+       i < end && seen.count < seen.packs.size(); ++i) {
     auto *const pack = static_cast<c2ms_pack *>(sk_value(cache->packs, i % cache->packnum));
     const adif::Guard pack_lock(pack->lock);
-    if (pack->index != i || (pack->state != pack_requested && pack->state != pack_receiving)) continue;
+    if (pack->index != i || (pack->state != pack_requested && pack->state != pack_receiving))
+      continue;
     seen.packs[seen.count++] = {i, pack->size, pack->len, pack->unit_count};
   }
   return seen;
 }
 
-// What a unit still has to receive before the end of pack `index`; negative when the pack is none of its run.
+// What a unit still has to receive before the end of pack `index`; negative when the pack is none
+// of its run.
 int64_t bytes_before_end(const c2ms_unit *unit, int32_t index) {
   if (index < unit->first_index || index >= unit->first_index + unit->run_packs) return -1;
   const int64_t end = int64_t{index + 1 - unit->first_index} * unit->pack_bytes - unit->skip;
@@ -102,7 +106,8 @@ bool has_room_ahead(c2ms_node *node) {
 
 bool in_budget(c2ms_sess *sess, bool waits) {
   const adif::Guard lock(sess->speed_lock);
-  return may_repeat(static_cast<double>(sess->twice), static_cast<double>(sess->total_bytes.load()), waits);
+  return may_repeat(static_cast<double>(sess->twice), static_cast<double>(sess->total_bytes.load()),
+                    waits);
 }
 
 void ask_helper(c2ms_sess *sess, c2ms_node *node, int32_t first, int32_t count) {
@@ -134,7 +139,8 @@ void help(c2ms_sess *sess, const watched &seen) {
   for (size_t i = 0; i < seen.count; ++i) {
     const late_pack &late = seen.packs[i];
     const session_lanes known = lanes_of(sess);
-    const double ahead = static_cast<double>(late.index) * seen.pack_bytes - static_cast<double>(seen.position);
+    const double ahead =
+        static_cast<double>(late.index) * seen.pack_bytes - static_cast<double>(seen.position);
     const bool blocks = seen.waits && late.index <= seen.need_last;
     const double needed = blocks ? 0 : needed_in(known.all(), idle.view, reader, ahead);
     if (needed > near_s || !in_budget(sess, needed <= 0)) return;
@@ -142,14 +148,16 @@ void help(c2ms_sess *sess, const watched &seen) {
     session_lanes helpers = known;
     const expectation expected = expect(known, late.index, &helpers);
     const uint32_t holder = known.lanes[expected.who].server;
-    const size_t who = choose_helper(helpers.all(), holder, late.size - late.len, expected.seconds, needed);
+    const size_t who =
+        choose_helper(helpers.all(), holder, late.size - late.len, expected.seconds, needed);
     if (who >= known.count) continue;
     const int32_t count = choose_help(known.all(), who, late_alike(seen, i), seen.pack_bytes);
     ask_helper(sess, known.nodes[who], late.index, count);
   }
 }
 
-// A server that was asked ahead and does not answer, though the answer before has ended, has thrown the request away.
+// A server that was asked ahead and does not answer, though the answer before has ended, has thrown
+// the request away.
 bool lost_ahead(c2ms_node *node, const lane &seen) {
   const adif::Guard lock(node->download_lock);
   const c2ms_unit *const unit = node->download_unit;
@@ -197,7 +205,9 @@ void fit_connections(c2ms_sess *sess) {
   const int64_t now = now_us();
   for (size_t i = 1; i < known.count; ++i) {
     c2ms_node *const node = known.nodes[i];
-    if (node->state != C2MS_NODE_READY || now - std::max(node->probed_us, node->opened_us) < unused_us) continue;
+    if (node->state != C2MS_NODE_READY ||
+        now - std::max(node->probed_us, node->opened_us) < unused_us)
+      continue;
     const auto before = known.lanes.begin() + static_cast<ptrdiff_t>(i);
     const bool beside = std::any_of(known.lanes.begin(), before, [&](const lane &other) {
       return other.server == known.lanes[i].server;
@@ -228,7 +238,8 @@ void watch_session(c2ms_sess *sess) {
 
 void start_watch(c2ms_sess *sess) {
   if (sess->watch_timer != nullptr || sess->cache.load() == nullptr || sess->active_num < 1) return;
-  sess->watch_timer = StartTimer2(sess->probe, watch_period_ms, timer_sess_watch, sess->sess_id, c2ms_pump, sess->mgmt);
+  sess->watch_timer = StartTimer2(sess->probe, watch_period_ms, timer_sess_watch, sess->sess_id,
+                                  c2ms_pump, sess->mgmt);
 }
 
 }  // namespace c2ms

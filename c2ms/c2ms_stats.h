@@ -19,9 +19,9 @@ void count_payload(c2ms_unit *unit, int32_t got, int32_t grown);
 /// Bytes of a pack that is not complete are thrown away.
 void count_forgotten(c2ms_sess *sess, int32_t bytes);
 
-/// A request's answer was taken whole; nothing when it has been counted. One that filled its pack is counted before the pack's lock
-/// is left, so that who reads the pack finds it counted and recorded; any other in the strand. The
-/// unit's node keeps it.
+/// A request's answer was taken whole; nothing when it has been counted. One that filled its pack
+/// is counted before the pack's lock is left, so that who reads the pack finds it counted and
+/// recorded; any other in the strand. The unit's node keeps it.
 void count_completed(c2ms_unit *unit);
 
 /// A node's request is out; it was refused or given up (nothing when none is out). A failure of the

@@ -94,8 +94,8 @@ int32_t missing_payload(const c2ms_unit *unit) {
   return static_cast<int32_t>(unit->response.payload_length) - unit->received;
 }
 
-// The pack has all that it asked for: it is ready, and other units on it discard what they get. An answer that ends
-// with it is counted before the pack can be read.
+// The pack has all that it asked for: it is ready, and other units on it discard what they get. An
+// answer that ends with it is counted before the pack can be read.
 void complete_pack(c2ms_unit *unit, c2ms_pack *pack) REQUIRES(pack->lock) {
   unit->filled_pack = true;
   if (missing_payload(unit) == 0) {
@@ -129,8 +129,8 @@ void tell(const c2ms_unit *unit, c2ms_pack *pack, const pack_news &news) {
   c2ms_pack_ready_notify(pack, news.index, news.complete);
 }
 
-// Accounts payload bytes that now lie in the pack behind those of earlier pieces. True: the unit has
-// done with this pack.
+// Accounts payload bytes that now lie in the pack behind those of earlier pieces. True: the unit
+// has done with this pack.
 bool take_payload(c2ms_unit *unit, c2ms_pack *pack, int got, pack_news *news) REQUIRES(pack->lock) {
   if (pack->state == pack_requested) c2ms_pack_state_to(pack, pack_receiving);
   unit->state = UNIT_GETPAYLOAD;
@@ -172,10 +172,12 @@ slice receive_into_pack(c2ms_unit *unit, c2ms_pack *pack, int fd, int32_t *budge
     const int32_t room = pack->size - place_in_pack(unit);
     const int wanted = std::min({missing_payload(unit), room, receive_slice_bytes});
     int got = 0;
-    const int result = wanted > 0 ? tcp_nb_receive(fd, pack->buf + place_in_pack(unit), wanted, &got) : 0;
+    const int result =
+        wanted > 0 ? tcp_nb_receive(fd, pack->buf + place_in_pack(unit), wanted, &got) : 0;
     *budget -= got;
     done = take_payload(unit, pack, got, &news);
-    if (!done && (result < 0 || got < wanted)) outcome = result < 0 ? slice::failed : slice::nothing;
+    if (!done && (result < 0 || got < wanted))
+      outcome = result < 0 ? slice::failed : slice::nothing;
   }
   tell(unit, pack, news);
   if (done) next_pack(unit);
@@ -223,7 +225,8 @@ bool read_beginning(c2ms_unit *unit, c2ms_pack *pack, int fd, int *in_pack) REQU
   return true;
 }
 
-// The beginning of a download's reception. 1: the PDU is whole; 0: more must come; negative: failed.
+// The beginning of a download's reception. 1: the PDU is whole; 0: more must come; negative:
+// failed.
 int receive_beginning(c2ms_unit *unit, int fd) {
   c2ms_pack *const pack = unit->pack.load();
   if (pack == nullptr) return receive_pdu(unit, fd);

@@ -114,9 +114,9 @@ C2MS_API int c2ms_sess_attr(c2ms_sess *sess, char *fid_text, char *name, uint64_
                             uint8_t *type);
 
 /* Gives a pack size for c2ms_sess_cache_init. wanted 0: the library chooses, which suits every
- * network. Any other: that many bytes or slightly more, at least 4096. A multiple of 4096 where that
- * is possible. A pack is the grain of the cache; how much is asked for at once follows from the
- * network.
+ * network. Any other: that many bytes or slightly more, at least 4096. A multiple of 4096 where
+ * that is possible. A pack is the grain of the cache; how much is asked for at once follows from
+ * the network.
  *
  * Why it is needed: when a file's size is a multiple of the pack size, its last pack is never
  * delivered. This call avoids that for the media and for its index. It does not know of parts:

@@ -42,13 +42,13 @@ struct server_options {
   int nodes = 4;                     ///< media nodes beside the entry server
   std::vector<node_options> node{};  ///< of node 0, 1, ...; further nodes get the defaults
   node_options entry{};
-  uint16_t port = 0;              ///< of the entry; nodes follow at port + 1, ...; 0: any
-  bool spread_addresses = false;  ///< node i at 127.0.0.(2 + i), all on the entry's port
+  uint16_t port = 0;                  ///< of the entry; nodes follow at port + 1, ...; 0: any
+  bool spread_addresses = false;      ///< node i at 127.0.0.(2 + i), all on the entry's port
   std::vector<std::string> listen{};  ///< dotted addresses instead of the loopback's: one for all,
                                       ///< or the entry's and each node's, all on the entry's port
-  bool entry_is_node = false;     ///< the entry, which serves media anyway, lists itself last
-  bool encipher = false;          ///< server lists and descriptions are enciphered (result 1)
-  bool check_auth = true;         ///< result 30 unless auth, stamp and keyid are the URL's
+  bool entry_is_node = false;         ///< the entry, which serves media anyway, lists itself last
+  bool encipher = false;              ///< server lists and descriptions are enciphered (result 1)
+  bool check_auth = true;             ///< result 30 unless auth, stamp and keyid are the URL's
   int32_t stamp = 1700000000;
   uint32_t keyid = 7;
   bool keep_log = true;

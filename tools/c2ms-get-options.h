@@ -15,7 +15,7 @@ struct Options {
   std::string verify;           // 64 lower-case hexadecimal digits, or empty
   uint64_t offset = 0;
   uint64_t length = UINT64_MAX;  // UINT64_MAX: to the end
-  int32_t pack_size = 0;  // the library chooses
+  int32_t pack_size = 0;         // the library chooses
   int32_t mem_size = 32 << 20;
   int32_t timeout_s = 60;  // without a byte; 0: never give up
   bool index = false;      // open the media's index first

@@ -23,8 +23,8 @@ constexpr double most_run_s =
 constexpr double lead_share = 8;     // of the lead that a run may take to come
 constexpr double ring_share = 2.25;  // two runs of each connection leave the ring some room
 constexpr double first_run_bytes = 48 * 1024;  // a little more than TCP's first windows carry
-// A rate that small requests have held down looks like a slow connection: where they take no time to speak of, requests
-// are at least so big.
+// A rate that small requests have held down looks like a slow connection: where they take no time
+// to speak of, requests are at least so big.
 constexpr double small_run_bytes = 64 * 1024, small_run_s = 0.25;
 
 // The next request leaves earlier than a round trip before the end: the answer may come quicker
@@ -125,7 +125,8 @@ double run_bytes(std::span<const lane> lanes, size_t who, const ring_view &ring,
   if (reader.pace > 0)
     span = std::max(span, std::min(reader.lead / reader.pace / lead_share, most_run_s));
   const double ring_bytes = static_cast<double>(ring.packs) * ring.pack_bytes;
-  if (!sought(reader)) span = std::max(span, std::min(small_run_bytes / rate_of(lanes, who), small_run_s));
+  if (!sought(reader))
+    span = std::max(span, std::min(small_run_bytes / rate_of(lanes, who), small_run_s));
   span = std::min(span, ring_bytes / (ring_share * std::max(sum_of_rates(lanes), 1.0)));
   // A connection that has brought little cannot bring much at once, whatever its first packets
   // looked like.

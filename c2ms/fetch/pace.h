@@ -1,5 +1,5 @@
-// How fast a reader takes bytes while they are there. A player takes them at the media's rate; a download takes what
-// comes. Fed with each read; no lock, no clock.
+// How fast a reader takes bytes while they are there. A player takes them at the media's rate; a
+// download takes what comes. Fed with each read; no lock, no clock.
 #pragma once
 
 #include <cstdint>

@@ -355,8 +355,8 @@ TEST_F(Faults, OneSlowOneStuck) {
   EXPECT_LT(figures.bytes_discarded, size / 20);
 }
 
-// A server that was much faster than the others answers no more, though it lets itself be connected and asked: the
-// others, which it has not driven out, help at once.
+// A server that was much faster than the others answers no more, though it lets itself be connected
+// and asked: the others, which it has not driven out, help at once.
 TEST_F(Faults, TheFastestFallsSilent) {
   start_rated(60'000'001, {100e6, 3e6, 3e6, 3e6});
   server->set_fault(0, {.kind = fault_kind::stall_at, .value = 20'000, .from = 400});
