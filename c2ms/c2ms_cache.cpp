@@ -11,15 +11,6 @@
 
 namespace {
 
-c2ms_pack *pack_at(c2ms_cache *cache, int32_t index) {
-  const int32_t packnum = cache->packnum.load();
-  return packnum < 1 ? nullptr : static_cast<c2ms_pack *>(sk_value(cache->packs, index % packnum));
-}
-
-int32_t pack_length(c2ms_cache *cache, int32_t index) REQUIRES(cache->lock) {
-  return index == cache->total_packs - 1 ? cache->last_pack_len : cache->packsize.load();
-}
-
 // A pack that need never be fetched: the index in memory holds all of it.
 bool in_window(const c2ms_cache *cache, const c2ms_window &window, int32_t index) {
   const auto packsize = static_cast<uint64_t>(cache->packsize.load());
@@ -156,7 +147,7 @@ int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offs
   cache->generation.fetch_add(1);
   cache->seek_count.fetch_add(1);
   for (int32_t slot = 0; slot < packnum; ++slot)
-    c2ms_pack_exit_download(pack_at(cache, slot), slot);
+    c2ms_pack_exit_download(c2ms_cache_slot(cache, slot), slot);
   c2ms::trace_place(cache);
   return 0;
 }
@@ -192,7 +183,7 @@ ahead_packs c2ms_cache_ahead(c2ms_cache *cache) {
 }
 
 bool c2ms_cache_may_ask(c2ms_cache *cache, int32_t index) {
-  c2ms_pack *const pack = pack_at(cache, index);
+  c2ms_pack *const pack = c2ms_cache_slot(cache, index);
   if (pack->state != pack_idle || c2ms_pack_is_paused(pack)) return false;
   return cache->use == c2ms::cache_use::box_headers ||
          !in_window(cache, c2ms_cache_window(cache), index);
@@ -206,7 +197,8 @@ int64_t c2ms_cache_lead(c2ms_cache *cache) {
   const auto end = static_cast<int32_t>(std::min<int64_t>(range_end, cache->total_packs));
   int32_t i = cache->read_index;
   if (i < cache->first_index) return 0;
-  while (i < end && (pack_at(cache, i)->state == pack_ready || in_window(cache, window, i))) ++i;
+  while (i < end && (c2ms_cache_slot(cache, i)->state == pack_ready || in_window(cache, window, i)))
+    ++i;
   const uint64_t there = std::min(static_cast<uint64_t>(i) * packsize, cache->media_size);
   return there > cache->read_pos ? static_cast<int64_t>(there - cache->read_pos) : 0;
 }
@@ -217,7 +209,7 @@ c2ms_pack *c2ms_cache_get_idle_pack(c2ms_cache *cache) {
   const ahead_packs ahead = c2ms_cache_ahead(cache);
   bool paused = false;  // an idle pack was passed over: the next search begins at it again
   for (int32_t i = ahead.first; i < ahead.end; ++i) {
-    c2ms_pack *const pack = pack_at(cache, i);
+    c2ms_pack *const pack = c2ms_cache_slot(cache, i);
     if (c2ms_cache_may_ask(cache, i)) {
       if (!paused) cache->idle_from = i;
       return pack;
@@ -247,154 +239,6 @@ int c2ms_cache_download_all(c2ms_cache *cache) {
   if (c2ms_cache_get_idle_pack(cache) == nullptr) return 0;
   c2ms::mark_dispatch_due(cache->session);
   return 1;
-}
-
-namespace {
-
-// What every unit of a cache knows of it.
-void describe(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t skip)
-    REQUIRES(cache->lock) {
-  std::memcpy(unit->fid, cache->fid, sizeof unit->fid);
-  unit->pack_bytes = cache->packsize;
-  unit->first_index = unit->pack_index = first;
-  unit->skip = skip;
-  unit->range_offset = cache->base_offset + static_cast<uint64_t>(skip) +
-                       static_cast<uint64_t>(first) * static_cast<uint64_t>(unit->pack_bytes);
-  unit->range_flag = cache->range_flag;
-  unit->generation = cache->generation;
-}
-
-// Binds one more pack of a run; false ends the run before it.
-bool bind_next(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count, uint64_t *bytes)
-    REQUIRES(cache->lock) {
-  const int32_t index = first + count;
-  if (index >= cache->total_packs) return false;
-  c2ms_pack *const pack = pack_at(cache, index);
-  const adif::Guard lock(pack->lock);
-  if (pack->index != index || pack->state != pack_idle || c2ms_pack_is_paused(pack)) return false;
-  const int32_t size = pack_length(cache, index);
-  // A pack that holds something begins a run of its own, an empty one is one.
-  if (count > 0 && (pack->len > 0 || size == 0)) return false;
-  if (*bytes + static_cast<uint64_t>(size) > INT32_MAX) return false;
-  if (c2ms_pack_bind_unit(pack, unit) != 0) return false;
-  c2ms_pack_state_to(pack, pack_requested);
-  pack->size = size;
-  if (count == 0) {
-    describe(cache, unit, first, pack->len);
-    unit->pack.store(pack);
-  }
-  *bytes += static_cast<uint64_t>(size - pack->len);
-  return true;
-}
-
-bool is_bound(const c2ms_pack *pack, const c2ms_unit *unit) REQUIRES(pack->lock) {
-  const auto end = pack->units + pack->unit_count;
-  return std::find(pack->units, end, unit) != end;
-}
-
-// A pack of a unit's run that still wants something of it, or NULL.
-c2ms_pack *bound_pack(c2ms_cache *cache, const c2ms_unit *unit, int32_t index)
-    REQUIRES(cache->lock) {
-  if (unit->generation != cache->generation.load()) return nullptr;
-  c2ms_pack *const pack = pack_at(cache, index);
-  if (pack == nullptr) return nullptr;
-  const adif::Guard lock(pack->lock);
-  return pack->index == index && is_bound(pack, unit) ? pack : nullptr;
-}
-
-}  // namespace
-
-int32_t c2ms_cache_bind(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count) {
-  const adif::Guard lock(cache->lock);
-  if (first < 0 || cache->packnum < 1) return 0;
-  unit->state = UNIT_INIT;
-  uint64_t bytes = 0;
-  int32_t bound = 0;
-  while (bound < count && bind_next(cache, unit, first, bound, &bytes)) {
-    ++bound;
-    if (bytes == 0) break;
-  }
-  unit->run_packs = bound;
-  unit->range_length = static_cast<uint32_t>(bytes);
-  return bound;
-}
-
-namespace {
-
-// Binds one more pack that others are fetching; false ends the run before it.
-bool bind_again_next(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count,
-                     uint64_t *bytes) REQUIRES(cache->lock) {
-  const int32_t index = first + count;
-  if (index >= cache->total_packs) return false;
-  c2ms_pack *const pack = pack_at(cache, index);
-  const adif::Guard lock(pack->lock);
-  const bool in_flight = pack->state == pack_requested || pack->state == pack_receiving;
-  if (pack->index != index || !in_flight || pack->len >= pack->size) return false;
-  if (count > 0 && pack->len > 0) return false;
-  const bool unsent =
-      std::any_of(pack->units, pack->units + pack->unit_count,
-                  [unit](const c2ms_unit *other) { return other->state == UNIT_INIT; });
-  if (unsent || c2ms_pack_bind_unit(pack, unit) != 0) return false;
-  if (count == 0) {
-    describe(cache, unit, first, pack->len);
-    unit->pack.store(pack);
-    unit->range_flag = pack->flag;
-  }
-  *bytes += static_cast<uint64_t>(pack->size - pack->len);
-  return true;
-}
-
-}  // namespace
-
-int32_t c2ms_cache_bind_again(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count) {
-  const adif::Guard lock(cache->lock);
-  if (first < 0 || cache->packnum < 1) return 0;
-  uint64_t bytes = 0;
-  int32_t bound = 0;
-  while (bound < count && bind_again_next(cache, unit, first, bound, &bytes)) ++bound;
-  unit->state = UNIT_INIT;
-  unit->redundant = true;
-  unit->run_packs = bound;
-  unit->range_length = static_cast<uint32_t>(bytes);
-  return bound;
-}
-
-void c2ms_cache_go_on(c2ms_cache *cache, c2ms_unit *unit) {
-  const adif::Guard lock(cache->lock);
-  if (unit->pack_index >= unit->first_index + unit->run_packs) {
-    unit->pack.store(nullptr);
-    return;
-  }
-  if (unit->generation != cache->generation.load()) return unit->pack.store(nullptr);
-  c2ms_pack *const pack = pack_at(cache, unit->pack_index);
-  if (pack == nullptr) return unit->pack.store(nullptr);
-  const adif::Guard pack_lock(pack->lock);
-  const bool wants = pack->index == unit->pack_index && is_bound(pack, unit);
-  unit->pack.store(wants ? pack : nullptr);
-}
-
-bool c2ms_cache_unbind(c2ms_cache *cache, c2ms_unit *unit, int32_t index) {
-  const adif::Guard lock(cache->lock);
-  c2ms_pack *const pack = pack_at(cache, index);
-  if (pack == nullptr) return false;
-  const adif::Guard pack_lock(pack->lock);
-  if (c2ms_pack_unbind_unit(pack, unit) == 0) return false;
-  if (pack->unit_count > 0 || pack->state == pack_ready) return false;
-  c2ms_pack_state_to(pack, pack_idle);
-  cache->idle_from = std::min(cache->idle_from, index);
-  return true;
-}
-
-int64_t c2ms_cache_wanted(c2ms_cache *cache, const c2ms_unit *unit) {
-  const adif::Guard lock(cache->lock);
-  int64_t sum = 0;
-  for (int32_t i = unit->pack_index; i < unit->first_index + unit->run_packs; ++i) {
-    c2ms_pack *const pack = bound_pack(cache, unit, i);
-    if (pack == nullptr) continue;
-    const adif::Guard pack_lock(pack->lock);
-    sum += pack->size - pack->len;
-  }
-  return sum;
 }
 
 int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos, c2ms::cache_use use) {
@@ -440,7 +284,8 @@ int32_t place_range(c2ms_cache *cache, uint64_t target) REQUIRES(cache->lock) {
   auto reset_to = static_cast<int32_t>(std::min<int64_t>(int64_t{new_first} + packnum, INT32_MAX));
   if (new_first >= old_first && new_first < old_end) reset_from = static_cast<int32_t>(old_end);
   if (new_first < old_first) reset_to = std::min(reset_to, old_first);
-  for (int32_t i = reset_from; i < reset_to; ++i) c2ms_pack_exit_download(pack_at(cache, i), i);
+  for (int32_t i = reset_from; i < reset_to; ++i)
+    c2ms_pack_exit_download(c2ms_cache_slot(cache, i), i);
   cache->first_index = new_first;
   return reset_from < reset_to ? reset_from : INT32_MAX;
 }
@@ -560,7 +405,7 @@ int c2ms_cache_buffering_ratio(c2ms_cache *cache, int32_t *ratio) {
       if (i >= cache->read_index) sum += cache->packsize;
       continue;
     }
-    c2ms_pack *const pack = pack_at(cache, i);
+    c2ms_pack *const pack = c2ms_cache_slot(cache, i);
     const adif::Guard pack_lock(pack->lock);
     sum += pack->len;
     if (pack->state != pack_ready || pack->len < pack->size) break;

@@ -24,6 +24,12 @@ struct c2ms_window {
   bool holds(uint64_t from, uint64_t to) const { return begin < end && from >= begin && to <= end; }
 };
 
+/// The pack in whose slot pack number `index` belongs, whatever it holds now; NULL without a ring.
+inline c2ms_pack *c2ms_cache_slot(const c2ms_cache *cache, int32_t index) {
+  const int32_t packnum = cache->packnum.load();
+  return packnum < 1 ? nullptr : static_cast<c2ms_pack *>(sk_value(cache->packs, index % packnum));
+}
+
 /// Readies a session's cache record: no buffer, no file. The record; NULL for NULL.
 c2ms_cache *c2ms_cache_init(c2ms_sess *session);
 

@@ -54,14 +54,10 @@ struct place {
   int32_t in_pack;
 };
 
-c2ms_pack *pack_of(c2ms_cache *cache, int32_t index) {
-  return static_cast<c2ms_pack *>(sk_value(cache->packs, index % cache->packnum));
-}
-
 place where(const reading &call) {
   const auto packsize = static_cast<uint64_t>(call.cache->packsize.load());
   const auto index = static_cast<int32_t>(call.pos / packsize);
-  return {pack_of(call.cache, index), index, static_cast<int32_t>(call.pos % packsize)};
+  return {c2ms_cache_slot(call.cache, index), index, static_cast<int32_t>(call.pos % packsize)};
 }
 
 // What else than bytes ends a call.
