@@ -1,5 +1,5 @@
-// Which units fill which packs: a unit is bound to each pack of its run, in order, and a pack that has moved on or been
-// filled by others wants nothing of it any more. Part of c2ms_cache.h.
+// Which units fill which packs: a unit is bound to each pack of its run, in order, and a pack that
+// has moved on or been filled by others wants nothing of it any more. Part of c2ms_cache.h.
 #include <algorithm>
 #include <cstring>
 
@@ -92,9 +92,8 @@ bool bind_again_next(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t 
   const bool in_flight = pack->state == pack_requested || pack->state == pack_receiving;
   if (pack->index != index || !in_flight || pack->len >= pack->size) return false;
   if (count > 0 && pack->len > 0) return false;
-  const bool unsent =
-      std::any_of(pack->units, pack->units + pack->unit_count,
-                  [](const c2ms_unit *other) { return other->state == UNIT_INIT; });
+  const bool unsent = std::any_of(pack->units, pack->units + pack->unit_count,
+                                  [](const c2ms_unit *other) { return other->state == UNIT_INIT; });
   if (unsent || c2ms_pack_bind_unit(pack, unit) != 0) return false;
   if (count == 0) {
     describe(cache, unit, first, pack->len);
