@@ -370,7 +370,7 @@ typedef struct c2ms_stats {
   uint64_t given_up;
   uint64_t redundant; /* for packs that were late from another node */
   uint64_t won;       /* redundant ones that completed a pack first */
-  uint64_t wasted;    /* completed, but no pack of theirs was still wanted */
+  uint64_t wasted;    /* completed, but brought no pack to its end */
   uint64_t failures;  /* of nodes' connections */
 
   /* Readers' waits by cause. */
@@ -427,9 +427,9 @@ C2MS_API void c2ms_sess_print(c2ms_sess *sess, FILE *out);
 /* Kinds of events. Fields of c2ms_trace_event that a kind does not name are 0. Positions count in
  * the media. */
 enum {
-  /* A request for one pack or several has ended: pos, bytes that came, duration, node. detail 0: it
-   * completed a pack; 1: in vain; 2: given up. Two requests of one node overlap when the second left
-   * before the answer to the first had ended. */
+  /* A request, for one pack or several, has ended: pos, bytes that came, duration, node. detail 0:
+   * it completed a pack; 1: in vain; 2: given up. Two requests of one node overlap when the second
+   * left before the answer to the first had ended. */
   C2MS_TRACE_REQUEST = 1,
   /* The player has moved the position: pos. */
   C2MS_TRACE_SEEK = 2,
