@@ -306,8 +306,8 @@ C2MS_API int c2ms_sess_idx_close(c2ms_sess *sess);
 C2MS_API double c2ms_sess_realtime_recvspeed(c2ms_sess *sess);
 /* Bytes per millisecond of receiving since the open; 0 before any, -1.0 for NULL. */
 C2MS_API double c2ms_sess_average_recvspeed(c2ms_sess *sess);
-/* Microseconds that the best node is expected to need for one pack: at least 200,000; 20,000,000
- * when unknown; 1,000,000 without a node or for NULL. */
+/* Microseconds that the best node's requests have taken on average, whatever their length: at least
+ * 200,000; 20,000,000 when unknown; 1,000,000 without a node or for NULL. */
 C2MS_API int32_t c2ms_sess_fasttime(c2ms_sess *sess);
 
 /* The fields below are counted for one session: since the open ("total"), over the last two
@@ -325,7 +325,7 @@ typedef struct c2ms_wait_stats {
 /* One media server's connection. */
 typedef struct c2ms_node_stats {
   uint64_t bytes_received; /* total, media bytes */
-  uint64_t requests;       /* total, ranges asked for; the next two and one that may be in flight */
+  uint64_t requests;       /* total, ranges asked for; the next two and up to two in flight */
   uint64_t completed;      /* total, answered whole */
   uint64_t given_up;       /* total, refused, or ended with the connection */
   uint64_t failures;       /* total, connections that could not be made or broke */
@@ -369,9 +369,9 @@ typedef struct c2ms_stats {
   uint64_t requests;
   uint64_t completed;
   uint64_t given_up;
-  uint64_t redundant; /* for a pack that was late from another node */
-  uint64_t won;       /* redundant ones that were faster */
-  uint64_t wasted;    /* completed, but the pack was no longer wanted or there already */
+  uint64_t redundant; /* for packs that were late from another node */
+  uint64_t won;       /* redundant ones that completed a pack first */
+  uint64_t wasted;    /* completed, but brought no pack to its end */
   uint64_t failures;  /* of nodes' connections */
 
   /* Readers' waits by cause. */
@@ -390,8 +390,8 @@ typedef struct c2ms_stats {
   uint32_t reads;           /* total, calls that reached the cache */
   uint32_t short_reads;     /* total, of these, that got fewer bytes than asked for */
   uint32_t buffered_ranges; /* instant, as c2ms_sess_ranges gives them */
-  uint32_t in_flight;       /* instant, requests; a node has two while it copies an answer */
-  uint32_t units_queued;    /* instant, requests that wait for a node */
+  uint32_t in_flight;       /* instant, requests; a node has at most two */
+  uint32_t units_queued;    /* instant, requests that wait for a node; mostly none */
   uint32_t index_state;     /* instant: 0 the media has none, 1 not open, 2 being opened, 3 open */
   uint32_t index_bytes;     /* instant, of the open index; not part of memory_bytes */
   uint32_t report_state;    /* instant: report server 0 not told yet, 1 told of the play */
@@ -428,9 +428,9 @@ C2MS_API void c2ms_sess_print(c2ms_sess *sess, FILE *out);
 /* Kinds of events. Fields of c2ms_trace_event that a kind does not name are 0. Positions count in
  * the media. */
 enum {
-  /* A request has ended: pos, bytes that came, duration, node. detail 0: it completed its pack, at
-   * that moment; 1: in vain; 2: given up. Two requests of one node overlap while an answer is
-   * copied. */
+  /* A request, for one pack or several, has ended: pos, bytes that came, duration, node. detail 0:
+   * it completed a pack; 1: in vain; 2: given up. Two requests of one node overlap when the second
+   * left before the answer to the first had ended. */
   C2MS_TRACE_REQUEST = 1,
   /* The player has moved the position: pos. */
   C2MS_TRACE_SEEK = 2,
