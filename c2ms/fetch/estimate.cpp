@@ -1,7 +1,6 @@
 #include "c2ms/fetch/estimate.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace c2ms {
 
@@ -102,7 +101,7 @@ void Estimate::measure_rate(int64_t now_us, bool ended) {
   if (elapsed < least_elapsed_us) elapsed = std::max(now_us - asked_at_us_, least_elapsed_us);
   const double sample = static_cast<double>(window_bytes_) * 1e6 / static_cast<double>(elapsed);
   const double memory_us = std::clamp(2 * round_trip_us_, least_memory_us, most_memory_us);
-  const double weight = 1 - std::exp(-static_cast<double>(elapsed) / memory_us);
+  const double weight = static_cast<double>(elapsed) / (static_cast<double>(elapsed) + memory_us);
   rate_ = rate_ == 0 ? sample : rate_ + weight * (sample - rate_);
   window_at_us_ = now_us;
   window_bytes_ = 0;
