@@ -24,17 +24,17 @@ int64_t us(double seconds) {
 
 }  // namespace
 
-Client::Client(const std::vector<link_spec> &links, double access_mbit, const client_spec &spec,
+Client::Client(const std::vector<link_terms> &links, double access_mbit, const client_terms &terms,
                uint64_t seed)
-    : spec_(spec) {
+    : terms_(terms) {
   if (access_mbit > 0) access_ = std::make_unique<Link>(steady(access_mbit, 0), seed);
-  for (const link_spec &one : links) {
+  for (const link_terms &one : links) {
     links_.push_back(std::make_unique<Link>(one, seed + 1 + links_.size(), access_.get()));
     channels_.emplace_back().server = links_.size() - 1;
     open(channels_.back());
   }
-  packs_.resize(static_cast<size_t>(std::ceil(spec.film_bytes / spec.pack_bytes)));
-  ring_packs_ = static_cast<int32_t>(spec.ring_bytes / spec.pack_bytes);
+  packs_.resize(static_cast<size_t>(std::ceil(terms.film_bytes / terms.pack_bytes)));
+  ring_packs_ = static_cast<int32_t>(terms.ring_bytes / terms.pack_bytes);
 }
 
 // --- connections
@@ -100,12 +100,12 @@ void Client::receive(double now) {
 // --- packs
 
 int64_t Client::size_of(int32_t index) const {
-  const double from = static_cast<double>(index) * spec_.pack_bytes;
-  return static_cast<int64_t>(std::min<double>(spec_.pack_bytes, spec_.film_bytes - from));
+  const double from = static_cast<double>(index) * terms_.pack_bytes;
+  return static_cast<int64_t>(std::min<double>(terms_.pack_bytes, terms_.film_bytes - from));
 }
 
 int64_t Client::bytes_of(const answer &one) const {
-  return static_cast<int64_t>(one.count - 1) * spec_.pack_bytes +
+  return static_cast<int64_t>(one.count - 1) * terms_.pack_bytes +
          size_of(one.first + one.count - 1) - one.skipped;
 }
 
@@ -120,8 +120,8 @@ void Client::take(channel &one, int64_t arrived) {
     int64_t from = now.skipped + now.got;
     const int64_t to = from + taken;
     while (from < to) {
-      const auto k = static_cast<int32_t>(from / spec_.pack_bytes);
-      const int64_t start = static_cast<int64_t>(k) * spec_.pack_bytes;
+      const auto k = static_cast<int32_t>(from / terms_.pack_bytes);
+      const int64_t start = static_cast<int64_t>(k) * terms_.pack_bytes;
       const int64_t whole = size_of(now.first + k);
       const int64_t until = std::min(to, start + whole);
       fill(now.first + k, from - start, until - start, until - start == whole);
@@ -154,11 +154,12 @@ double Client::have() {
   int32_t i = std::max(contiguous_, first());
   while (i < static_cast<int32_t>(packs_.size()) && at(i).ready) ++i;
   contiguous_ = i;
-  return std::max(position_, std::min(static_cast<double>(i) * spec_.pack_bytes, spec_.film_bytes));
+  return std::max(position_,
+                  std::min(static_cast<double>(i) * terms_.pack_bytes, terms_.film_bytes));
 }
 
 void Client::moved(double position) {
-  for (int32_t k = first(); (k + 1) * static_cast<double>(spec_.pack_bytes) <= position; ++k)
+  for (int32_t k = first(); (k + 1) * static_cast<double>(terms_.pack_bytes) <= position; ++k)
     at(k).bytes = 0;
   if (position != position_) idle_known_ = false;
   position_ = position;
@@ -211,8 +212,8 @@ Client::lanes_of Client::lanes() const {
 }
 
 c2ms::ring_view Client::ring() {
-  const auto urgent = static_cast<int32_t>(std::ceil(wanted_ / spec_.pack_bytes));
-  return {spec_.pack_bytes, ring_packs_ * 7 / 8, idle(), urgent};
+  const auto urgent = static_cast<int32_t>(std::ceil(wanted_ / terms_.pack_bytes));
+  return {terms_.pack_bytes, ring_packs_ * 7 / 8, idle(), urgent};
 }
 
 c2ms::reader_view Client::reader() {
@@ -229,13 +230,13 @@ void Client::count_starved(double step) {
   }
   for (const channel &one : channels_) {
     if (!one.ready || !one.answers.empty()) continue;
-    const link_spec &link = links_[one.server]->spec();
+    const link_terms &link = links_[one.server]->terms();
     double rate = link.mbit_at(now_) * 1e6 / 8;
     if (access_ != nullptr)
       rate = std::min(
-          rate, access_->spec().mbit_at(now_) * 1e6 / 8 / static_cast<double>(channels_.size()));
+          rate, access_->terms().mbit_at(now_) * 1e6 / 8 / static_cast<double>(channels_.size()));
     const double brings =
-        link.round_trip + link.jitter + link.think + spec_.pack_bytes / std::max(rate, 1.0);
+        link.round_trip + link.jitter + link.think + terms_.pack_bytes / std::max(rate, 1.0);
     if (now_ - std::max(waits_since_, one.used_at) < 2 * brings + starved_s) continue;
     starved_ += step;
     return;
@@ -291,7 +292,7 @@ Client::bearer Client::soonest(int32_t index, const lanes_of &all, size_t but) c
       const double left = static_cast<double>(bytes_of(each) - each.got);
       if (i != but && index >= each.first && index < each.first + each.count) {
         const double behind =
-            static_cast<double>(each.first + each.count - 1 - index) * spec_.pack_bytes;
+            static_cast<double>(each.first + each.count - 1 - index) * terms_.pack_bytes;
         const double expected = c2ms::arrives_in(all, i, before + std::max(left - behind, 1.0));
         if (expected < best.expected) best = {expected, i};
       }
@@ -302,7 +303,7 @@ Client::bearer Client::soonest(int32_t index, const lanes_of &all, size_t but) c
 }
 
 double Client::needed(int32_t index, const lanes_of &all) {
-  const double start = static_cast<double>(index) * spec_.pack_bytes;
+  const double start = static_cast<double>(index) * terms_.pack_bytes;
   if (start < wanted_) return 0;
   return c2ms::needed_in(all, ring(), reader(), start - position_);
 }
@@ -334,7 +335,7 @@ bool Client::help_with(int32_t index) {
   if (!c2ms::may_repeat(twice_, received_, when <= 0)) return false;
   int32_t late = 1;
   while (index + late < end() && is_late(index + late, holder.who)) ++late;
-  request(channels_[who], {index, c2ms::choose_help(all, who, late, spec_.pack_bytes)});
+  request(channels_[who], {index, c2ms::choose_help(all, who, late, terms_.pack_bytes)});
   return true;
 }
 
@@ -351,7 +352,8 @@ bool Client::wanted_from(size_t who, const lanes_of &all) {
     for (int32_t k = each.first; k < each.first + each.count; ++k) {
       if (k < first() || k >= end() || at(k).ready) continue;
       const double left = static_cast<double>(bytes_of(each) - each.got);
-      const double behind = static_cast<double>(each.first + each.count - 1 - k) * spec_.pack_bytes;
+      const double behind =
+          static_cast<double>(each.first + each.count - 1 - k) * terms_.pack_bytes;
       if (soonest(k, all, who).expected >
           c2ms::arrives_in(all, who, before + std::max(left - behind, 1.0)))
         return true;

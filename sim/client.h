@@ -11,7 +11,7 @@
 
 namespace sim {
 
-struct client_spec {
+struct client_terms {
   double film_bytes = 40e6;
   int pack_bytes = 32 * 1024;
   double ring_bytes = 8 << 20;
@@ -19,7 +19,7 @@ struct client_spec {
 
 class Client {
  public:
-  Client(const std::vector<link_spec> &links, double access_mbit, const client_spec &spec,
+  Client(const std::vector<link_terms> &links, double access_mbit, const client_terms &terms,
          uint64_t seed);
 
   /// Moves connections and answers on to `now`.
@@ -92,11 +92,11 @@ class Client {
   pack &at(int32_t index) { return packs_[static_cast<size_t>(index)]; }
   const pack &at(int32_t index) const { return packs_[static_cast<size_t>(index)]; }
   int64_t size_of(int32_t index) const;
-  int32_t first() const { return static_cast<int32_t>(position_ / spec_.pack_bytes); }
+  int32_t first() const { return static_cast<int32_t>(position_ / terms_.pack_bytes); }
   int32_t end() const;
   int64_t bytes_of(const answer &one) const;
 
-  const client_spec spec_;
+  const client_terms terms_;
   std::unique_ptr<Link> access_;
   std::vector<std::unique_ptr<Link>> links_;
   std::vector<channel> channels_;

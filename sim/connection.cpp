@@ -17,12 +17,12 @@ void Connection::open(double now) {
   double leaves = now;
   for (double again = 1; link_->loses_request(leaves) && again < longest_timeout; again *= 2)
     leaves += again;
-  round_trip_ = link_->spec().round_trip;
+  round_trip_ = link_->terms().round_trip;
   opened_at_ = leaves + round_trip_;
 }
 
 void Connection::request(double now, int64_t bytes) {
-  const double trip = link_->spec().round_trip;
+  const double trip = link_->terms().round_trip;
   double leaves = now;
   for (double again = trip + least_timeout; link_->loses_request(leaves) && again < longest_timeout;
        again *= 2) {
@@ -35,8 +35,8 @@ void Connection::request(double now, int64_t bytes) {
 void Connection::read_requests(double now) {
   while (!requests_.empty() && requests_.front().first <= now) {
     const bool busy = backlog_ > 0 || now < answers_at_;
-    if (busy || (link_->spec().one_at_a_time && !segments_.empty())) return;
-    const double think = link_->spec().think;
+    if (busy || (link_->terms().one_at_a_time && !segments_.empty())) return;
+    const double think = link_->terms().think;
     answers_at_ = now + think * (0.1 + 0.9 * link_->uniform());
     backlog_ = requests_.front().second;
     requests_.pop_front();
@@ -52,7 +52,7 @@ void Connection::cut(double now) {
 // Slow start ends when a round's first packets find a queue, or when acknowledgements come as a
 // train that is half a round trip long.
 bool Connection::finds_queue(const flight &one, double now) {
-  const double trip = link_->spec().round_trip;
+  const double trip = link_->terms().round_trip;
   if (one.sent >= round_at_) {
     round_at_ = now;
     round_least_ = never;
@@ -69,7 +69,7 @@ bool Connection::finds_queue(const flight &one, double now) {
 void Connection::grow(const flight &one, double now) {
   const bool queue = finds_queue(one, now);
   if (!limited_) return;
-  const double trip = link_->spec().round_trip;
+  const double trip = link_->terms().round_trip;
   if (window_ < threshold_) {
     if (queue) {
       threshold_ = most_ = window_;
@@ -89,7 +89,7 @@ void Connection::grow(const flight &one, double now) {
 // Acknowledgements come in the order of sending; a packet before one of them that has not arrived
 // was lost.
 void Connection::acknowledge(double now) {
-  const double back = link_->spec().round_trip / 2;
+  const double back = link_->terms().round_trip / 2;
   size_t end = 0, last = 0;
   for (; end < air_.size(); ++end) {
     if (air_[end].arrives >= never) continue;
@@ -164,7 +164,7 @@ void Connection::send(double now) {
   }
   limited_ = true;
   while (flying_ + 1 <= window_) {
-    if (link_->spec().cap_mbit > 0 && paced_until_ > now) {
+    if (link_->terms().cap_mbit > 0 && paced_until_ > now) {
       limited_ = false;
       break;
     }
@@ -185,9 +185,9 @@ void Connection::send(double now) {
       break;
     }
     put(next, now);
-    if (link_->spec().cap_mbit > 0) {
+    if (link_->terms().cap_mbit > 0) {
       paced_until_ =
-          std::max(paced_until_, now - 0.002) + 1500 * 8 / (link_->spec().cap_mbit * 1e6);
+          std::max(paced_until_, now - 0.002) + 1500 * 8 / (link_->terms().cap_mbit * 1e6);
     }
   }
 }

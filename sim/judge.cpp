@@ -14,7 +14,7 @@ constexpr double starved_s = 0.1;
 
 double exchange(const network &net) {
   double most = 0;
-  for (const link_spec &one : net.links)
+  for (const link_terms &one : net.links)
     most = std::max(most, one.round_trip + one.jitter + one.think);
   return most;
 }
@@ -28,14 +28,14 @@ void blame(std::string &into, const char *what, double is, double most) {
 
 verdict run(const scenario &one, uint64_t seed, bool verbose) {
   verdict v;
-  v.got = play(one.net, one.spec, seed, verbose);
+  v.got = play(one.net, one.terms, seed, verbose);
   const network net = reachable(one.net);
-  const double least = one.spec.seek_each > 0 ? 0
-                       : one.spec.pace > 0    ? fluid(net, one.spec).seconds
-                                              : ideal_seconds(net, one.spec);
-  const bool possible = least < one.spec.most_seconds / 2;
+  const double least = one.terms.seek_each > 0 ? 0
+                       : one.terms.pace > 0    ? fluid(net, one.terms).seconds
+                                               : ideal_seconds(net, one.terms);
+  const bool possible = least < one.terms.most_seconds / 2;
   blame(v.broken, "bytes missing",
-        v.got.complete || !possible ? 0 : one.spec.client.film_bytes - v.got.read, 0);
+        v.got.complete || !possible ? 0 : one.terms.client.film_bytes - v.got.read, 0);
   blame(v.broken, "bytes twice", v.got.twice, free_repeats + repeats * v.got.received);
   blame(v.broken, "seconds starved", v.got.starved, starved_s);
   return v;
@@ -50,15 +50,15 @@ double seek_ms(const outcome &got, double part) {
 
 verdict judge(const scenario &one, uint64_t seed, bool verbose) {
   verdict v = run(one, seed, verbose);
-  if (one.spec.seek_each > 0) return v;
+  if (one.terms.seek_each > 0) return v;
   const network net = reachable(one.net);
   const double slack = exchange(one.net);
-  if (one.spec.pace <= 0) {
-    v.best.seconds = ideal_seconds(net, one.spec);
+  if (one.terms.pace <= 0) {
+    v.best.seconds = ideal_seconds(net, one.terms);
     blame(v.behind, "seconds", v.got.seconds, 1.1 * v.best.seconds + 4 * slack);
     return v;
   }
-  v.best = fluid(net, one.spec);
+  v.best = fluid(net, one.terms);
   v.stalled = std::max(v.got.stalled - v.best.stalled, 0.0);
   blame(v.behind, "seconds stalled", v.got.stalled, v.best.stalled + slack);
   blame(v.behind, "start", v.got.start, 1.3 * v.best.start + 4 * slack);
@@ -67,15 +67,15 @@ verdict judge(const scenario &one, uint64_t seed, bool verbose) {
 
 verdict judge_named(const scenario &one, uint64_t seed, bool verbose) {
   verdict v = run(one, seed, verbose);
-  if (one.spec.pace <= 0) {
-    v.best.seconds = ideal_seconds(one.net, one.spec);
+  if (one.terms.pace <= 0) {
+    v.best.seconds = ideal_seconds(one.net, one.terms);
     blame(v.behind, "seconds", v.got.seconds, v.best.seconds / one.share);
-  } else if (one.spec.seek_each > 0) {
+  } else if (one.terms.seek_each > 0) {
     blame(v.behind, "median seek, ms", seek_ms(v.got, 0.5), one.median_ms);
     blame(v.behind, "seek of nine in ten, ms", seek_ms(v.got, 0.9), one.most_ms);
   } else {
     blame(v.behind, "seconds stalled", v.got.stalled, one.stalled);
-    v.best = fluid(one.net, one.spec);
+    v.best = fluid(one.net, one.terms);
   }
   return v;
 }
@@ -84,10 +84,10 @@ std::string summary(const scenario &one, const verdict &v) {
   char line[400];
   int length = std::snprintf(line, sizeof line, "%-16s ", one.name.c_str());
   const auto rest = [&] { return sizeof line - static_cast<size_t>(length); };
-  if (one.spec.pace <= 0) {
+  if (one.terms.pace <= 0) {
     length += std::snprintf(line + length, rest(), "%5.1f s, fluid %5.1f, share %.3f",
                             v.got.seconds, v.best.seconds, v.best.seconds / v.got.seconds);
-  } else if (one.spec.seek_each > 0) {
+  } else if (one.terms.seek_each > 0) {
     length += std::snprintf(line + length, rest(), "seeks %4.0f, %4.0f, %4.0f ms",
                             seek_ms(v.got, 0.5), seek_ms(v.got, 0.9), seek_ms(v.got, 1));
   } else {

@@ -14,15 +14,15 @@ constexpr double slice = 0.05;      // of time in which a rate is taken as const
 constexpr double longest_wait = 5;  // in a queue that does not move; then the packet counts as lost
 }  // namespace
 
-link_spec steady(double mbit, double round_trip, double loss) {
-  link_spec one;
+link_terms steady(double mbit, double round_trip, double loss) {
+  link_terms one;
   one.mbit = {mbit};
   one.round_trip = round_trip;
   one.loss = loss;
   return one;
 }
 
-double link_spec::mbit_at(double now) const {
+double link_terms::mbit_at(double now) const {
   double rate = mbit.size() == 1 ? mbit[0] : mbit[static_cast<size_t>(now / step) % mbit.size()];
   for (const change &one : changes) {
     if (now >= one.from && now < one.to) rate *= one.part;
@@ -30,11 +30,11 @@ double link_spec::mbit_at(double now) const {
   return rate;
 }
 
-double link_spec::mean_mbit() const {
+double link_terms::mean_mbit() const {
   return std::accumulate(mbit.begin(), mbit.end(), 0.0) / static_cast<double>(mbit.size());
 }
 
-std::string link_spec::text() const {
+std::string link_terms::text() const {
   char line[256];
   const auto [low, high] = std::minmax_element(mbit.begin(), mbit.end());
   std::snprintf(line, sizeof line,
@@ -50,14 +50,14 @@ std::string link_spec::text() const {
   return all;
 }
 
-Link::Link(link_spec spec, uint64_t seed, Link *shared)
-    : spec_(std::move(spec)), random_(seed), shared_(shared) {}
+Link::Link(link_terms terms, uint64_t seed, Link *shared)
+    : terms_(std::move(terms)), random_(seed), shared_(shared) {}
 
 double Link::leaves_at(double from, double bits) const {
-  const bool constant = spec_.changes.empty() && spec_.mbit.size() == 1;
-  if (constant) return from + bits / (spec_.mbit[0] * 1e6);
+  const bool constant = terms_.changes.empty() && terms_.mbit.size() == 1;
+  if (constant) return from + bits / (terms_.mbit[0] * 1e6);
   for (double at = from; at < from + longest_wait;) {
-    const double rate = spec_.mbit_at(at) * 1e6;
+    const double rate = terms_.mbit_at(at) * 1e6;
     const double end = (std::floor(at / slice + 1e-6) + 1) * slice;
     if (rate > 0 && bits <= rate * (end - at)) return at + bits / rate;
     bits -= rate * (end - at);
@@ -69,23 +69,23 @@ double Link::leaves_at(double from, double bits) const {
 double Link::send(double now, int bytes) {
   if (shared_ != nullptr) now = shared_->send(now, bytes);
   if (now >= never) return never;
-  const double rate = spec_.mbit_at(now) * 1e6 / 8;
+  const double rate = terms_.mbit_at(now) * 1e6 / 8;
   if (rate <= 0) return never;
   const double room =
-      std::max({rate * queue_seconds, rate * spec_.round_trip / 2, least_queue_bytes});
+      std::max({rate * queue_seconds, rate * terms_.round_trip / 2, least_queue_bytes});
   const double starts = std::max(busy_until_, now);
   if ((starts - now) * rate + bytes > room) return never;
   const double left = leaves_at(starts, bytes * 8 * 1500.0 / packet_bytes);
   if (left >= never) return never;
   busy_until_ = left;
-  if (spec_.loss > 0 && uniform() < spec_.loss) return never;
-  const double late = spec_.jitter > 0 ? spec_.jitter * uniform() : 0;
-  last_arrival_ = std::max(last_arrival_, left + spec_.round_trip / 2 + late);
+  if (terms_.loss > 0 && uniform() < terms_.loss) return never;
+  const double late = terms_.jitter > 0 ? terms_.jitter * uniform() : 0;
+  last_arrival_ = std::max(last_arrival_, left + terms_.round_trip / 2 + late);
   return last_arrival_;
 }
 
 bool Link::loses_request(double now) {
-  return spec_.mbit_at(now) <= 0 || (spec_.loss > 0 && uniform() < spec_.loss);
+  return terms_.mbit_at(now) <= 0 || (terms_.loss > 0 && uniform() < terms_.loss);
 }
 
 }  // namespace sim

@@ -17,7 +17,7 @@ struct change {
   double from = 0, to = never, part = 0;
 };
 
-struct link_spec {
+struct link_terms {
   std::vector<double> mbit{8};  // one for each `step` seconds; repeats
   double step = 0.2;
   double round_trip = 0.03;
@@ -35,13 +35,13 @@ struct link_spec {
   std::string text() const;
 };
 
-link_spec steady(double mbit, double round_trip, double loss = 0);
+link_terms steady(double mbit, double round_trip, double loss = 0);
 
 class Link {
  public:
   /// `next` may be a link that all packets pass first: an access line that several share.
-  Link(link_spec spec, uint64_t seed, Link *shared = nullptr);
-  const link_spec &spec() const { return spec_; }
+  Link(link_terms terms, uint64_t seed, Link *shared = nullptr);
+  const link_terms &terms() const { return terms_; }
   /// Puts a packet into the queue at `now`: when it is at the other end, or `never` when it is
   /// lost.
   double send(double now, int bytes);
@@ -51,7 +51,7 @@ class Link {
 
  private:
   double leaves_at(double from, double bits) const;
-  link_spec spec_;
+  link_terms terms_;
   std::mt19937_64 random_;
   Link *shared_;
   double busy_until_ = 0, last_arrival_ = 0;

@@ -14,12 +14,12 @@ using namespace sim;
 constexpr size_t worst_shown = 20;
 
 void describe(const scenario &one) {
-  for (const link_spec &link : one.net.links) std::printf("  %s\n", link.text().c_str());
+  for (const link_terms &link : one.net.links) std::printf("  %s\n", link.text().c_str());
   std::printf(
       "  pace %.0f KB/s, film %.1f MB, packs of %d KiB, access %.1f Mbit/s (0: none), seeks each "
       "%.1f s\n",
-      one.spec.pace / 1e3, one.spec.client.film_bytes / 1e6, one.spec.client.pack_bytes / 1024,
-      one.net.access_mbit, one.spec.seek_each);
+      one.terms.pace / 1e3, one.terms.client.film_bytes / 1e6, one.terms.client.pack_bytes / 1024,
+      one.net.access_mbit, one.terms.seek_each);
 }
 
 int show_named() {
@@ -67,9 +67,9 @@ int show_random(uint64_t count, uint64_t first) {
     const scenario one = random_scenario(seed);
     const verdict v = judge(one, seed);
     twice.push_back(100 * v.got.twice / v.got.received);
-    if (one.spec.seek_each > 0) {
+    if (one.terms.seek_each > 0) {
       seeks.push_back(seek_ms(v.got, 0.5));
-    } else if (one.spec.pace > 0) {
+    } else if (one.terms.pace > 0) {
       stalled.push_back(v.stalled);
       start.push_back(v.got.start / v.best.start);
     } else {

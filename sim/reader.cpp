@@ -14,21 +14,21 @@ constexpr double start_media_s = 2;
 constexpr double seek_bytes = 64 * 1024;
 
 // Two seconds of media, or as much as the ring can hold.
-double start_bytes(const play_spec &spec) {
-  return std::min(start_media_s * spec.pace, spec.client.ring_bytes * 3 / 4);
+double start_bytes(const play_terms &terms) {
+  return std::min(start_media_s * terms.pace, terms.client.ring_bytes * 3 / 4);
 }
 
 class Play {
  public:
-  Play(const network &net, const play_spec &spec, uint64_t seed)
-      : spec_(spec), client_(net.links, net.access_mbit, spec.client, seed) {}
+  Play(const network &net, const play_terms &terms, uint64_t seed)
+      : terms_(terms), client_(net.links, net.access_mbit, terms.client, seed) {}
 
   outcome run(bool verbose) {
     double now = 0;
-    for (; now < spec_.most_seconds && !result_.complete; now += step_s) {
+    for (; now < terms_.most_seconds && !result_.complete; now += step_s) {
       client_.receive(now);
       read(now);
-      client_.ask(now, started_ ? spec_.pace : 0, waits_until_);
+      client_.ask(now, started_ ? terms_.pace : 0, waits_until_);
       if (verbose && std::fmod(now, print_s) < step_s) client_.print();
     }
     result_.seconds = now;
@@ -42,23 +42,23 @@ class Play {
   }
 
  private:
-  double film() const { return spec_.client.film_bytes; }
+  double film() const { return terms_.client.film_bytes; }
 
   void read(double now) {
-    if (spec_.pace <= 0) return download();
-    if (spec_.seek_each > 0) seek(now);
+    if (terms_.pace <= 0) return download();
+    if (terms_.seek_each > 0) seek(now);
     if (started_) return take_due(now);
     // A seek has read what it waited for; a start waits for more.
     waits_until_ =
-        std::min((spec_.seek_each > 0 ? position_ : client_.have()) + seek_bytes, film());
-    const double enough = spec_.seek_each > 0 ? seek_bytes : start_bytes(spec_);
+        std::min((terms_.seek_each > 0 ? position_ : client_.have()) + seek_bytes, film());
+    const double enough = terms_.seek_each > 0 ? seek_bytes : start_bytes(terms_);
     if (client_.have() < std::min(position_ + enough, film())) return;
-    if (spec_.seek_each > 0 && sought_at_ > 0) result_.seeks.push_back(now - sought_at_);
+    if (terms_.seek_each > 0 && sought_at_ > 0) result_.seeks.push_back(now - sought_at_);
     if (result_.start == 0) result_.start = now;
     started_ = true;
     due_ = now;
     waits_until_ = 0;
-    next_seek_ = now + spec_.seek_each;
+    next_seek_ = now + terms_.seek_each;
   }
 
   void download() { advance(client_.have()); }
@@ -72,7 +72,7 @@ class Play {
 
   void seek(double now) {
     if (!started_ || now < next_seek_) return;
-    if (static_cast<int>(result_.seeks.size()) >= spec_.seeks) {
+    if (static_cast<int>(result_.seeks.size()) >= terms_.seeks) {
       result_.complete = true;
       return;
     }
@@ -100,11 +100,11 @@ class Play {
         waits_since_ = 0;
       }
       advance(end);
-      due_ += piece_bytes / spec_.pace;
+      due_ += piece_bytes / terms_.pace;
     }
   }
 
-  const play_spec spec_;
+  const play_terms terms_;
   Client client_;
   double position_ = 0, due_ = 0, waits_since_ = 0, waits_until_ = seek_bytes;
   double next_seek_ = never, sought_at_ = 0;
@@ -114,7 +114,7 @@ class Play {
 
 // What two connections bring that double their window each round trip, after one each for
 // themselves, the description and the request.
-double first_windows_mbit(const link_spec &one, double now) {
+double first_windows_mbit(const link_terms &one, double now) {
   const double trips = std::min((now - one.think) / one.round_trip - 3, 30.0);
   if (trips < 0) return 0;
   return 2 * 10 * 1500 * 8e-6 * std::pow(2, std::floor(trips)) / one.round_trip;
@@ -122,7 +122,7 @@ double first_windows_mbit(const link_spec &one, double now) {
 
 double bytes_per_second(const network &net, double now) {
   double sum = 0;
-  for (const link_spec &one : net.links) {
+  for (const link_terms &one : net.links) {
     double rate = one.mbit_at(now) * (1 - one.loss);
     if (net.slow_start) rate = std::min(rate, first_windows_mbit(one, now));
     sum += rate;
@@ -133,25 +133,25 @@ double bytes_per_second(const network &net, double now) {
 
 }  // namespace
 
-outcome play(const network &net, const play_spec &spec, uint64_t seed, bool verbose) {
-  return Play(net, spec, seed).run(verbose);
+outcome play(const network &net, const play_terms &terms, uint64_t seed, bool verbose) {
+  return Play(net, terms, seed).run(verbose);
 }
 
-outcome fluid(const network &net, const play_spec &spec) {
+outcome fluid(const network &net, const play_terms &terms) {
   outcome result;
   double have = 0, position = 0, waits = 0;
-  const double film = spec.client.film_bytes;
+  const double film = terms.client.film_bytes;
   bool started = false;
-  for (double now = 0; now < spec.most_seconds && position < film; now += step_s) {
-    const double room = spec.client.ring_bytes * 7 / 8 - (have - position);
+  for (double now = 0; now < terms.most_seconds && position < film; now += step_s) {
+    const double room = terms.client.ring_bytes * 7 / 8 - (have - position);
     have = std::min(have + std::min(bytes_per_second(net, now) * step_s, room), film);
     result.seconds = now;
     if (!started) {
-      started = have >= std::min(start_bytes(spec), film);
+      started = have >= std::min(start_bytes(terms), film);
       result.start = now;
       continue;
     }
-    const double wanted = std::min(position + spec.pace * step_s, film);
+    const double wanted = std::min(position + terms.pace * step_s, film);
     waits = have + 1e-6 < wanted ? waits + step_s : 0;
     result.longest = std::max(result.longest, waits);
     if (waits > 0) result.stalled += step_s;
@@ -168,7 +168,7 @@ network reachable(const network &net) {
   all.access_mbit *= of_access;
   const double each =
       std::min(std::floor(connections / static_cast<double>(net.links.size())), 4.0);
-  for (link_spec &one : all.links) {
+  for (link_terms &one : all.links) {
     double most = never;
     // A window of 1.2 / sqrt(loss) packets for each round trip.
     if (one.loss > 0)
@@ -186,9 +186,9 @@ network reachable(const network &net) {
   return all;
 }
 
-double ideal_seconds(const network &net, const play_spec &spec) {
+double ideal_seconds(const network &net, const play_terms &terms) {
   double have = 0, now = 0;
-  for (; have < spec.client.film_bytes && now < spec.most_seconds; now += step_s) {
+  for (; have < terms.client.film_bytes && now < terms.most_seconds; now += step_s) {
     have += bytes_per_second(net, now) * step_s;
   }
   return now;

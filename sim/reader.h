@@ -7,13 +7,13 @@
 namespace sim {
 
 struct network {
-  std::vector<link_spec> links;
+  std::vector<link_terms> links;
   double access_mbit = 0;   // of a line that all links share; 0: none
   bool slow_start = false;  // of a fluid: links come up as TCP's first windows do
 };
 
-struct play_spec {
-  client_spec client;
+struct play_terms {
+  client_terms client;
   double pace = 0;       // bytes per second; 0: a download
   double seek_each = 0;  // seconds of playing between two seeks; 0: none
   int seeks = 30;
@@ -33,10 +33,10 @@ struct outcome {
   bool complete = false;
 };
 
-outcome play(const network &net, const play_spec &spec, uint64_t seed, bool verbose = false);
+outcome play(const network &net, const play_terms &terms, uint64_t seed, bool verbose = false);
 
 /// The same by a fluid with the same ring, which fills all links at once.
-outcome fluid(const network &net, const play_spec &spec);
+outcome fluid(const network &net, const play_terms &terms);
 
 /// What TCP can reach of a network: a part of each rate, less where packets get lost, and a link
 /// that was silent for some time needs as long again until it is used. Its fluid is what a play is
@@ -44,6 +44,6 @@ outcome fluid(const network &net, const play_spec &spec);
 network reachable(const network &net);
 
 /// Seconds that the links need for the film when nothing is lost between them.
-double ideal_seconds(const network &net, const play_spec &spec);
+double ideal_seconds(const network &net, const play_terms &terms);
 
 }  // namespace sim

@@ -9,10 +9,10 @@ namespace {
 
 constexpr double download_s = 40, play_s = 60;
 
-link_spec walk(uint64_t seed) {
+link_terms walk(uint64_t seed) {
   std::mt19937_64 random(seed);
   std::uniform_real_distribution<> step(-1.5, 1.5);
-  link_spec one = steady(6, 0.06);
+  link_terms one = steady(6, 0.06);
   one.mbit.clear();
   double rate = 6, outage = 5 + std::uniform_real_distribution<>(0, 20)(random);
   for (double at = 0; at < 120; at += one.step) {
@@ -30,29 +30,29 @@ network with(network net, size_t link, change what) {
 
 double bytes_per_second(const network &net) {
   double sum = 0;
-  for (const link_spec &one : net.links) sum += one.mean_mbit();
+  for (const link_terms &one : net.links) sum += one.mean_mbit();
   return (net.access_mbit > 0 ? std::min(sum, net.access_mbit) : sum) * 1e6 / 8;
 }
 
 scenario download(const char *name, const network &net, double share) {
   scenario one{name, net, {}};
-  one.spec.client.film_bytes = bytes_per_second(net) * download_s;
-  one.spec.most_seconds = download_s * 20;
+  one.terms.client.film_bytes = bytes_per_second(net) * download_s;
+  one.terms.most_seconds = download_s * 20;
   one.share = share;
   return one;
 }
 
 scenario playing(const char *name, const network &net, double part, double stalled = 0) {
   scenario one{name, net, {}};
-  one.spec.pace = bytes_per_second(net) * part;
-  one.spec.client.film_bytes = one.spec.pace * play_s;
+  one.terms.pace = bytes_per_second(net) * part;
+  one.terms.client.film_bytes = one.terms.pace * play_s;
   one.stalled = stalled;
   return one;
 }
 
 scenario seeking(const char *name, const network &net, double median_ms, double most_ms) {
   scenario one = playing(name, net, 0.6);
-  one.spec.seek_each = 1;
+  one.terms.seek_each = 1;
   one.median_ms = median_ms;
   one.most_ms = most_ms;
   return one;
@@ -92,7 +92,7 @@ std::vector<scenario> named_scenarios(int pack_bytes) {
                             playing("P7 at 40 %", with(with(s1, 1, dies), 2, dies), .4),
                             seeking("K2", s2, 180, 230),
                             seeking("K4", s4, 1100, 1600)};
-  for (scenario &one : all) one.spec.client.pack_bytes = pack_bytes;
+  for (scenario &one : all) one.terms.client.pack_bytes = pack_bytes;
   return all;
 }
 
@@ -114,7 +114,7 @@ class Dice {
   std::mt19937_64 random_;
 };
 
-void wander(link_spec &one, Dice &dice) {
+void wander(link_terms &one, Dice &dice) {
   const double middle = one.mbit[0];
   double rate = middle;
   one.mbit.clear();
@@ -125,7 +125,7 @@ void wander(link_spec &one, Dice &dice) {
 }
 
 // Outages, a death, a fall to a hundredth; the last two for good or for some time.
-void break_down(link_spec &one, Dice &dice, double seconds) {
+void break_down(link_terms &one, Dice &dice, double seconds) {
   if (dice.once_in(4)) {
     for (int i = dice.whole(1, 3); i > 0; --i) {
       const double from = dice.between(3, seconds);
@@ -138,8 +138,8 @@ void break_down(link_spec &one, Dice &dice, double seconds) {
   one.changes.push_back({from, to, dice.once_in(2) ? 0 : 0.01});
 }
 
-link_spec random_link(Dice &dice, bool lossy, double seconds) {
-  link_spec one = steady(dice.log_between(0.2, 50), dice.log_between(0.005, 0.6));
+link_terms random_link(Dice &dice, bool lossy, double seconds) {
+  link_terms one = steady(dice.log_between(0.2, 50), dice.log_between(0.005, 0.6));
   if (lossy) one.loss = dice.log_between(0.0005, 0.02);
   if (dice.once_in(3)) one.jitter = dice.between(0, one.round_trip / 4);
   if (dice.once_in(2)) one.think = dice.between(0.005, 0.05);
@@ -160,8 +160,8 @@ scenario random_scenario(uint64_t seed) {
   network net;
   for (int i = dice.whole(2, 6); i > 0; --i) net.links.push_back(random_link(dice, lossy, seconds));
   double sum = 0;
-  for (const link_spec &one : net.links) sum += one.mean_mbit();
-  for (link_spec &one : net.links) {
+  for (const link_terms &one : net.links) sum += one.mean_mbit();
+  for (link_terms &one : net.links) {
     for (double &rate : one.mbit) rate *= std::min(most_mbit / sum, 1.0);
     one.cap_mbit *= std::min(most_mbit / sum, 1.0);
   }
@@ -169,14 +169,14 @@ scenario random_scenario(uint64_t seed) {
   scenario one{"random " + std::to_string(seed), net, {}};
   const int kind = dice.whole(0, 9);
   const double part = dice.between(0.3, 0.85);
-  one.spec.pace = kind < 2 ? 0 : bytes_per_second(net) * part;
-  one.spec.client.film_bytes = bytes_per_second(net) * (kind < 2 ? 0.7 : part) * seconds;
-  one.spec.client.pack_bytes = dice.once_in(4) ? 64 * 1024 : (dice.once_in(2) ? 16 : 32) * 1024;
-  one.spec.client.ring_bytes = std::max<double>(8 << 20, 32.0 * one.spec.client.pack_bytes);
-  one.spec.most_seconds = seconds * 10;
+  one.terms.pace = kind < 2 ? 0 : bytes_per_second(net) * part;
+  one.terms.client.film_bytes = bytes_per_second(net) * (kind < 2 ? 0.7 : part) * seconds;
+  one.terms.client.pack_bytes = dice.once_in(4) ? 64 * 1024 : (dice.once_in(2) ? 16 : 32) * 1024;
+  one.terms.client.ring_bytes = std::max<double>(8 << 20, 32.0 * one.terms.client.pack_bytes);
+  one.terms.most_seconds = seconds * 10;
   if (kind >= 2 && kind < 4) {
-    one.spec.seek_each = dice.between(0.5, 3);
-    one.spec.seeks = static_cast<int>(seconds / one.spec.seek_each / 2);
+    one.terms.seek_each = dice.between(0.5, 3);
+    one.terms.seeks = static_cast<int>(seconds / one.terms.seek_each / 2);
   }
   return one;
 }

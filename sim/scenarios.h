@@ -8,7 +8,7 @@ namespace sim {
 struct scenario {
   std::string name;
   network net;
-  play_spec spec;
+  play_terms terms;
   // What must be reached. Where TCP in virtual time allows less than one would like, a little less
   // than is reached.
   double share = 0;                   // of the ideal

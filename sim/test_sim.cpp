@@ -33,7 +33,7 @@ TEST(Random, HoldAndKeepUpWithTheFluid) {
     if (v.behind.empty()) continue;
     ++behind;
     which += summary(one, v) + "\n";
-    for (const link_spec &link : one.net.links) which += "  " + link.text() + "\n";
+    for (const link_terms &link : one.net.links) which += "  " + link.text() + "\n";
   }
   EXPECT_LE(behind, most_behind) << which;
   EXPECT_LE(stalled, most_stalled) << which;
