@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include "adif/bmempool_rest.h"
+#include "adif/bmempool_watch.h"
 #include "adif/kalloc.h"
 
 using adif::section_guard;
@@ -69,7 +69,7 @@ bool reserve(block_pool *pool, int32_t count) {
 void append(block_pool *pool, void *unit) {
   auto &list = pool->free_list;
   const int64_t end = int64_t{list.first} + pool->free_count;
-  list.slots[end % list.capacity] = {unit, adif::lay_to_rest(pool, unit)};
+  list.slots[end % list.capacity] = {unit, adif::begin_watch(pool, unit)};
   ++pool->free_count;
 }
 
@@ -78,7 +78,7 @@ void *take_first(block_pool *pool) {
   const pool_slot slot = list.slots[list.first];
   list.first = list.first + 1 == list.capacity ? 0 : list.first + 1;
   --pool->free_count;
-  adif::wake_from_rest(pool, slot);
+  adif::end_watch(pool, slot);
   return slot.unit;
 }
 
@@ -222,9 +222,9 @@ int setGetSizeFunc(block_pool *pool, pool_unit_fn fn) {
   return setting(pool, 0, [=] { pool->get_size = fn; });
 }
 
-int setRestSpans(block_pool *pool, const pool_span *spans, int count) {
+int setWatchedSpans(block_pool *pool, const pool_span *spans, int count) {
   return setting(pool, 0, [=] {
-    pool->rest_spans = spans;
+    pool->watched_spans = spans;
     pool->rest_span_count = count;
   });
 }

@@ -42,7 +42,7 @@ enum class pool_mode : uint8_t {
 };
 
 /// For tests: the mode of pools made from now on, process-wide. In the last two a unit's
-/// untouchable spans (setRestSpans) are watched while it rests: under the address sanitizer they
+/// untouchable spans (setWatchedSpans) are watched while it rests: under the address sanitizer they
 /// are poisoned, otherwise a changed byte aborts when the unit is fetched or freed. A bypassed unit
 /// is freed at once when all of it is untouchable, otherwise it rests until BPoolCleanup(). Pools
 /// with a limit never bypass.
@@ -80,7 +80,7 @@ struct block_pool {
   pthread_cond_t drained;         ///< with `lock`: the last waiter of a closing pool has left
   std::atomic<uint32_t> changes;  ///< moves whenever a waiter should look again
   adif::pool_mode mode;           ///< fixed by BPoolInit()
-  const pool_span *rest_spans;    ///< as setRestSpans()
+  const pool_span *watched_spans;    ///< as setWatchedSpans()
   int32_t rest_span_count;
 };
 
@@ -101,7 +101,7 @@ int setGetSizeFunc(block_pool *pool, pool_unit_fn fn);  ///< tells a unit's size
 /// The parts of a unit that are untouchable while it rests; `spans` must outlive the pool. For the
 /// test modes; set before the first fetch. A span of the unit's whole size says that units may be
 /// freed.
-int setRestSpans(block_pool *pool, const pool_span *spans, int count);
+int setWatchedSpans(block_pool *pool, const pool_span *spans, int count);
 /// Bounds the units ever allocated, when the limit is on. Returns the bound before; -1 for null.
 int setMaximum(block_pool *pool, int n);
 /// Watermarks, below 1: none. 0; -1 for null.

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "c2ms/c2ms_records.h"
+#include "c2ms/core/records.h"
 
 namespace bench {
 

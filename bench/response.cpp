@@ -7,8 +7,8 @@
 #include "bench/limit.h"
 #include "bench/play.h"
 #include "bench/sections.h"
-#include "c2ms/c2ms_records.h"
-#include "c2ms/c2ms_time.h"
+#include "c2ms/core/records.h"
+#include "c2ms/core/time.h"
 
 namespace bench {
 

@@ -6,8 +6,8 @@
 
 #include <thread>
 
-#include "c2ms/c2ms_mgmt.h"
-#include "c2ms/c2ms_records.h"
+#include "c2ms/session/mgmt.h"
+#include "c2ms/core/records.h"
 #include "eprobe/rac_core.h"
 
 namespace chaos {

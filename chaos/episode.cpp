@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "aftermath.h"
-#include "c2ms/c2ms_records.h"
+#include "c2ms/core/records.h"
 #include "pair.h"
 
 namespace chaos {

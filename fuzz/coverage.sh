@@ -10,7 +10,7 @@ readonly parsers=(
   adif/{frame,framecodec,framesearch,frametext,framext}.cpp
   adif/{confile,profile}.cpp
   c2ms/{c2ms_pdu,c2ms_pdu_frame,c2ms_unit_recv,c2ms_url}.cpp
-  c2ms/c2ms_report_reply.cpp
+  c2ms/report/reply.cpp
   c2ms/{c2ms_sess_idx_box,c2ms_sess_idx_unpack}.cpp
   compress/{buffer_7z,lzma86,x86_filter}.cpp
 )

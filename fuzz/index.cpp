@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "adif/kalloc.h"
-#include "c2ms/c2ms_sess_idx.h"
-#include "c2ms/c2ms_sess_idx_box.h"
+#include "c2ms/player/idx.h"
+#include "c2ms/wire/boxes.h"
 #include "compress/buffer_7z.h"
 #include "container.h"
 

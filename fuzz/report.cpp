@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <vector>
 
-#include "c2ms/c2ms_auth.h"
-#include "c2ms/c2ms_perf.h"
-#include "c2ms/c2ms_report.h"
+#include "c2ms/report/auth.h"
+#include "c2ms/report/perf.h"
+#include "c2ms/report/report.h"
 #include "testing/report_wire.h"
 
 using namespace refserver;

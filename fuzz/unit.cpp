@@ -14,12 +14,12 @@
 
 #include "adif/kalloc.h"
 #include "c2ms.h"
-#include "c2ms/c2ms_cache.h"
-#include "c2ms/c2ms_node_obj.h"
-#include "c2ms/c2ms_pack.h"
-#include "c2ms/c2ms_sess_obj.h"
-#include "c2ms/c2ms_sess_sched.h"
-#include "c2ms/c2ms_unit.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/fetch/node_record.h"
+#include "c2ms/ring/pack.h"
+#include "c2ms/session/object.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/unit.h"
 #include "wire.h"
 
 namespace {

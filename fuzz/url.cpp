@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "c2ms.h"
-#include "c2ms/c2ms_records.h"
-#include "c2ms/c2ms_url.h"
+#include "c2ms/core/records.h"
+#include "c2ms/session/url.h"
 
 namespace {
 

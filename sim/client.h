@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "c2ms/fetch/choice.h"
-#include "c2ms/fetch/estimate.h"
+#include "c2ms/core/estimate.h"
 #include "connection.h"
 
 namespace sim {

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "aftermath.h"
-#include "c2ms/c2ms_records.h"
+#include "c2ms/core/records.h"
 #include "cases.h"
 #include "play.h"
 

@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "aftermath.h"
-#include "c2ms/c2ms_mgmt.h"
-#include "c2ms/c2ms_records.h"
+#include "c2ms/session/mgmt.h"
+#include "c2ms/core/records.h"
 
 namespace sweep {
 

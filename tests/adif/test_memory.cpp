@@ -309,7 +309,7 @@ TEST(Pool, TestModesWatchUnitsAtRest) {
     const int outcome = in_child([&] {
       adif::pool_test_mode(row.mode);
       const TestPool pool(0, 32);
-      setRestSpans(pool, row.spans, 1);
+      setWatchedSpans(pool, row.spans, 1);
       auto *const unit = static_cast<volatile uint8_t *>(fetchUnit(pool));
       recycleUnit(pool, const_cast<uint8_t *>(unit));
       if (row.touched >= 0) unit[row.touched] = unit[row.touched] + 1;

@@ -6,9 +6,9 @@
 
 #include "../support.h"
 #include "c2ms.h"
-#include "c2ms/c2ms_mgmt.h"
-#include "c2ms/c2ms_sess_obj.h"
-#include "c2ms/c2ms_sess_sched.h"
+#include "c2ms/session/mgmt.h"
+#include "c2ms/session/object.h"
+#include "c2ms/fetch/queue.h"
 
 class Local : public ::testing::Test {
  protected:

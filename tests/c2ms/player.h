@@ -10,8 +10,8 @@
 #include "../support.h"
 #include "adif/bmempool.h"
 #include "c2ms.h"
-#include "c2ms/c2ms_mgmt.h"
-#include "c2ms/c2ms_records.h"
+#include "c2ms/session/mgmt.h"
+#include "c2ms/core/records.h"
 #include "testing/media_server.h"
 
 namespace player {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "c2ms/fetch/choice.h"
-#include "c2ms/fetch/estimate.h"
+#include "c2ms/core/estimate.h"
 
 namespace c2ms {
 namespace {

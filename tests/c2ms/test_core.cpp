@@ -5,13 +5,13 @@
 #include <mutex>
 #include <numeric>
 
-#include "c2ms/c2ms_diag.h"
-#include "c2ms/c2ms_node.h"
-#include "c2ms/c2ms_node_obj.h"
-#include "c2ms/c2ms_pdu.h"
-#include "c2ms/c2ms_pump.h"
-#include "c2ms/c2ms_strand.h"
-#include "c2ms/c2ms_unit.h"
+#include "c2ms/core/diag.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/fetch/node_record.h"
+#include "c2ms/wire/pdu.h"
+#include "c2ms/session/pump.h"
+#include "c2ms/core/strand.h"
+#include "c2ms/fetch/unit.h"
 #include "crypto/des.h"
 #include "local.h"
 

@@ -1,9 +1,9 @@
 // Opening: what is accepted, which error each failure gives and how soon.
 #include "adif/tsock.h"
-#include "c2ms/c2ms_node.h"
-#include "c2ms/c2ms_sess_obj.h"
-#include "c2ms/c2ms_strand.h"
-#include "c2ms/c2ms_url.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/session/object.h"
+#include "c2ms/core/strand.h"
+#include "c2ms/session/url.h"
 #include "player.h"
 
 namespace player {

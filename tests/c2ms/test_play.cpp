@@ -1,7 +1,7 @@
 // A media is played from several servers: the bytes are exact in every shape of reading, fast, and
 // idle players cost nothing.
 
-#include "c2ms/c2ms_records.h"
+#include "c2ms/core/records.h"
 #include "player.h"
 
 namespace player {

@@ -7,12 +7,12 @@
 #include <algorithm>
 #include <atomic>
 
-#include "c2ms/c2ms_auth.h"
-#include "c2ms/c2ms_perf.h"
-#include "c2ms/c2ms_pump.h"
-#include "c2ms/c2ms_records.h"
-#include "c2ms/c2ms_sess.h"
-#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/report/auth.h"
+#include "c2ms/report/perf.h"
+#include "c2ms/session/pump.h"
+#include "c2ms/core/records.h"
+#include "c2ms/session/session.h"
+#include "c2ms/session/object.h"
 #include "player.h"
 #include "testing/report_service.h"
 

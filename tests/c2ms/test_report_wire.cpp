@@ -1,7 +1,7 @@
 // What the reporting channels put on the wire, byte by byte, and that the reference side reads the
 // same.
-#include "c2ms/c2ms_auth.h"
-#include "c2ms/c2ms_perf.h"
+#include "c2ms/report/auth.h"
+#include "c2ms/report/perf.h"
 #include "local.h"
 #include "testing/report_wire.h"
 

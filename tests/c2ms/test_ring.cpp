@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <random>
 
-#include "c2ms/c2ms_cache.h"
-#include "c2ms/c2ms_pack.h"
-#include "c2ms/c2ms_unit.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/ring/pack.h"
+#include "c2ms/fetch/unit.h"
 #include "local.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <map>
 
-#include "c2ms/c2ms_strand.h"
+#include "c2ms/core/strand.h"
 #include "player.h"
 
 namespace player {

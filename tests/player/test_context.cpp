@@ -7,8 +7,8 @@
 
 #include "../support.h"
 #include "c2ms.h"
-#include "c2ms/c2ms_mgmt.h"
-#include "c2ms/c2ms_sess_obj.h"
+#include "c2ms/session/mgmt.h"
+#include "c2ms/session/object.h"
 
 namespace {
 

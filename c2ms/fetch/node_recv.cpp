@@ -1,0 +1,342 @@
+// What arrives on a node's connection, and the life check. Part of fetch/node.h.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "c2ms/session/mgmt.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/fetch/node_record.h"
+#include "c2ms/ring/pack.h"
+#include "c2ms/wire/pdu.h"
+#include "c2ms/session/pump.h"
+#include "c2ms/session/session.h"
+#include "c2ms/session/object.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/watch.h"
+#include "c2ms/player/stats.h"
+#include "c2ms/core/time.h"
+#include "c2ms/fetch/unit.h"
+
+namespace {
+
+using namespace c2ms;
+
+// The status that a server's answer means for the session. True: it refused, and the node is gone.
+bool refused(c2ms_sess *session, c2ms_node *node, uint32_t result) {
+  c2ms_sess_set_status(session, static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
+  if (result < 2) return false;
+  c2ms_node_close(node);
+  return true;
+}
+
+int check_response(const c2ms_sess *session, const c2ms_node *node, const c2ms_unit *unit) {
+  if (session == nullptr) return -1;
+  if (node == nullptr) return -2;
+  if (unit == nullptr) return -3;
+  if (session->mgmt == nullptr) return -4;
+  return unit->state == UNIT_END ? 0 : -100;
+}
+
+// The body of a control response behind its result, in the clear.
+struct control_body {
+  uint8_t scratch[max_pdu_bytes];
+  const uint8_t *bytes = nullptr;
+  int length = 0;
+};
+
+int not_understood(c2ms_node *node) {
+  c2ms_node_retry(node);
+  return -300;
+}
+
+// What the handling of every control response begins with. 0, or the handler's result.
+int open_body(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, control_body *body) {
+  const int bad = check_response(session, node, unit);
+  if (bad != 0) return bad;
+  const uint32_t result = unit->response.result;
+  if (refused(session, node, result)) return -200;
+  constexpr int offset = pdu_header_bytes + 4;
+  const int length = static_cast<int>(unit->response.total_length) - offset;
+  body->length = plain_body(unit->request, result, bytePointer(unit->frame) + offset, length,
+                            body->scratch, &body->bytes);
+  return body->length < 0 ? not_understood(node) : 0;
+}
+
+// Media nodes that never became ready make room for what a new list names.
+void replace_unready(c2ms_sess *session) {
+  std::array<c2ms_node *, snapshot_nodes> unready;
+  size_t count = 0;
+  {
+    const adif::Guard lock(session->list_lock);
+    for (int i = 0; i < sk_num(session->node_list) && count < unready.size(); ++i) {
+      auto *const node = static_cast<c2ms_node *>(sk_value(session->node_list, i));
+      if (node->state < C2MS_NODE_READY) unready[count++] = node;
+    }
+  }
+  for (size_t i = 0; i < count; ++i) c2ms_node_recycle(unready[i]);
+}
+
+void open_listed(c2ms_sess *session, const c2ms_node *sender, const list_entry &entry) {
+  const uint32_t ip = entry.address == 0 ? sender->ip : htonl(entry.address);
+  const uint32_t port = entry.port == 0 ? default_port : entry.port;
+  const uint32_t level = sender->level + 1;
+  uint8_t type = entry.type;
+  if (level > max_level) return;
+  // A server that has been asked for its list is not asked a second time.
+  if (c2ms_sess_server_lists(session, ip, port)) type &= static_cast<uint8_t>(~node_serves_list);
+  // (Who never served anything becomes a node all the same, whatever else its type says.)
+  constexpr uint8_t served = node_serves_list | node_serves_media;
+  if ((type & served) == 0 && (entry.type & served) != 0) return;
+  const c2ms_node *const known = c2ms_sess_node_find(session, ip, port);
+  if (known != nullptr && known->state >= C2MS_NODE_READY && is_media(known)) return;
+  c2ms_node_open(session, nullptr, ip, port, type, entry.load, level);
+}
+
+// After a complete list: a media node goes on to the description, any other has done its work.
+int after_srvlist(c2ms_node *node) {
+  if (!is_media(node)) return c2ms_node_close(node);
+  c2ms_node_state_to(node, C2MS_NODE_READY);
+  if (node->session->desc_count > 0) return c2ms_node_download_start_dbg(node);
+  const int result = c2ms_node_desc_media(node);
+  if (result < 0) c2ms_node_retry(node);
+  return result;
+}
+
+int recv_control(c2ms_node *node, c2ms_unit *unit, bool list) {
+  bool closed = false;
+  const int result = c2ms_unit_recv_control(node, unit, GetDeviceFD(node->device), &closed);
+  if (result < 0) {
+    c2ms_node_retry(node);
+    return result;
+  }
+  if (unit->state != UNIT_END) return 0;
+  const int handled = list ? c2ms_node_recv_srvlist(node->session, node, unit, &closed)
+                           : c2ms_node_recv_descmedia(node->session, node, unit, &closed);
+  if (handled < 0) return handled;
+  if (closed) return c2ms_node_close(node);
+  if (list) return after_srvlist(node);
+  node->times = 0;
+  ++node->ready_times;
+  c2ms_node_state_to(node, C2MS_NODE_READY);
+  return c2ms_node_download_start_dbg(node);
+}
+
+// A transfer that takes longer than three round trips is late.
+int64_t patience_us(const c2ms_node_perf &perf) {
+  return 3 * std::max(perf.AvgRTT, min_rtt_us);
+}
+
+// How fast it was before counts for nothing while its answer is late: a server that answers at full
+// speed and then falls silent would drive the others out and leave the session with nobody. For the
+// same reason a few answers, which a server's shaper may let pass at once, prove nothing yet.
+bool is_late(const c2ms_node *node, int64_t now) {
+  return node->asked_us != 0 && now - node->asked_us > patience_us(node->perf);
+}
+
+int next_download(c2ms_node *node) {
+  if (node->state != C2MS_NODE_READY || !is_media(node)) return 0;
+  const int result = c2ms_node_download_start_dbg(node);
+  start_watch(node->session);
+  return result;
+}
+
+struct reception {
+  c2ms_unit *unit;
+  int result;
+  bool complete;
+};
+
+// Receives with the strand left, so that nobody waits for it while bytes are copied. The unit is
+// taken inside, and the node's lock held throughout, so that nobody detaches it in between. The
+// descriptor stays open: a device is closed by the thread that serves it, and that is this one.
+reception receive(c2ms_node *node, int fd, StrandGuard &strand) {
+  const adif::Guard lock(node->download_lock);
+  c2ms_unit *const unit = node->download_unit;
+  strand.pause();
+  const int result = c2ms_unit_recv(unit, fd);
+  return {unit, result, unit->state == UNIT_END};
+}
+
+int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
+  c2ms_node *const node = ref.node;
+  c2ms_mgmt *const mgmt = node->library;
+  const int fd = GetDeviceFD(device);
+  const bool broken = may_ask_ahead(node) && !ask_ahead(node);
+  const reception got = receive(node, fd, strand);
+  if (got.result == 0 && !got.complete && !broken) return 0;
+  strand.resume();
+  // The node may have been given back meanwhile: the registry is asked before its record is read.
+  if (!still_there(mgmt, ref) || node->device != device) return -120;
+  const int handled = got.complete ? c2ms_node_recv_getmedia(node, got.unit) : got.result;
+  if (got.complete && handled < 0) return handled;
+  if (got.complete && !broken) return next_download(node);
+  c2ms_node_retry(node);
+  return handled < 0 ? handled : unit_socket_failed;
+}
+
+// Nothing was asked: silence is life, an end or an error is the end, a byte nobody asked for is a
+// failure.
+int recv_idle(c2ms_node *node) {
+  uint8_t byte;
+  const ssize_t n = recv(GetDeviceFD(node->device), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return c2ms_node_download_start_dbg(node);
+  if (!is_media(node)) return c2ms_node_recycle(node);
+  return c2ms_node_retry(node);
+}
+
+// A server that owes an answer and has been silent for too long.
+bool stalled(const c2ms_node *node, int64_t now) {
+  const uint32_t state = node->state;
+  const bool owes = state == C2MS_NODE_WAITING_GETMEDIA_RESP ||
+                    state == C2MS_NODE_WAITING_DESCMEDIA_RESP ||
+                    state == C2MS_NODE_WAITING_SRVLIST_RESP;
+  return node->device == nullptr || (owes && now - node->last_active_us > stalled_us);
+}
+
+void account_stalled(c2ms_node *node) {
+  const adif::Guard lock(node->download_lock);
+  if (node->download_unit == nullptr) return;
+  c2ms_node_perf_statistic(node, node->download_unit);
+}
+
+int check_list_node(c2ms_node *node, int64_t now) {
+  if (node->state != C2MS_NODE_WAITING_SRVLIST_RESP) return c2ms_node_close(node);
+  const int64_t allowed_us = int64_t{node->library->build_tcp_max_time} * 1'000'000;
+  if (now - to_us(node->srvlist_unit.sent_time) > allowed_us) return c2ms_node_retry(node);
+  rearm(node);
+  return 0;
+}
+
+}  // namespace
+
+int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
+  c2ms_node *const node = ref.node;
+  if (node->state == C2MS_NODE_WAITING_GETMEDIA_RESP && node->asked_us == 0) {
+    c2ms_node_state_to(node, C2MS_NODE_READY);
+  }
+  node->last_active_us = now_us();
+  switch (node->state) {
+    case C2MS_NODE_WAITING_SRVLIST_RESP:
+      return recv_control(node, &node->srvlist_unit, true);
+    case C2MS_NODE_WAITING_DESCMEDIA_RESP:
+      return recv_control(node, &node->descmedia_unit, false);
+    case C2MS_NODE_WAITING_GETMEDIA_RESP:
+      return recv_download(ref, device, strand);
+    default:
+      return recv_idle(node);
+  }
+}
+
+int c2ms_node_recv_srvlist(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
+  control_body body;
+  const int bad = open_body(session, node, unit, &body);
+  if (bad != 0) return bad;
+  list_entry entries[max_list_entries];
+  const int count = parse_server_list(body.bytes, body.length, entries);
+  if (count < 0) return not_understood(node);
+  if (node->level == 0) replace_unready(session);
+  for (int i = 0; i < count; ++i) open_listed(session, node, entries[i]);
+  return 0;
+}
+
+namespace {
+
+// What a description took tells how far the server is, before anything is asked of it.
+void note_exchange(c2ms_node *node, const c2ms_unit &unit) {
+  const int64_t now = now_us();
+  const adif::Guard lock(node->session->speed_lock);
+  if (is_set(unit.sent_time)) node->estimate.exchanged(now, now - to_us(unit.sent_time));
+}
+
+}  // namespace
+
+int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
+  control_body body;
+  const int bad = open_body(session, node, unit, &body);
+  if (bad != 0) return bad;
+  description media;
+  if (!parse_description(body.bytes, body.length, &media)) return not_understood(node);
+  node->load = media.load;
+  note_exchange(node, *unit);
+  if (session->desc_count == 0) {
+    std::memcpy(session->media_name, media.name, sizeof session->media_name);
+    session->media_size = media.size;
+    session->media_type = media.type;
+    session->idx_len = media.idx_len;
+    std::memcpy(session->idx_fid, media.idx_fid, sizeof media.idx_fid);
+    session->desc_count = 1;
+    wake_opener(session);
+  }
+  return 0;
+}
+
+int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
+  if (node == nullptr) return -1;
+  if (unit == nullptr) return -2;
+  if (unit->state != UNIT_END) return -100;
+  const uint32_t result = unit->response.result;
+  if (result != 0) {
+    c2ms_sess_set_status(node->session,
+                         static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
+    c2ms_node_download_end(node);
+    c2ms_node_close(node);
+    return -200;
+  }
+  c2ms_sess_set_status(node->session, 0);
+  count_completed(unit);
+  c2ms_node_perf_statistic(node, unit);
+  node->load = unit->response.media_word;
+  const bool was_short = is_short_answer(*unit);
+  c2ms_node_download_end(node);
+  c2ms_node_state_to(node, C2MS_NODE_READY);
+  node->short_answers = was_short ? node->short_answers + 1 : 0;
+  if (node->short_answers >= max_short_answers) {
+    node->short_answers = 0;
+    c2ms_node_retry(node);
+    return -300;
+  }
+  if (!was_short) {
+    ++node->session->answers;
+    node->backoff_ms = 0;
+    node->retried = false;
+  }
+  return 0;
+}
+
+int c2ms_node_lifecheck(c2ms_node *node) {
+  if (node == nullptr) return -1;
+  const int64_t now = now_us();
+  if (!is_media(node)) return check_list_node(node, now);
+  if (node->state <= C2MS_NODE_DISCONNECTED) return 0;
+  rearm(node);
+  if (stalled(node, now)) {
+    account_stalled(node);
+    return c2ms_node_retry(node);
+  }
+  if (node->state >= C2MS_NODE_READY && now - node->ready_since_us > settled_us) {
+    node->backoff_ms = 0;
+    node->retried = false;
+  }
+  return 0;
+}
+
+c2ms::usable_nodes c2ms::find_usable(c2ms_sess *sess) {
+  usable_nodes found{nullptr, 0};
+  c2ms_node *first = nullptr;
+  const int64_t now = now_us();
+  const adif::Guard lock(sess->list_lock);
+  sk_sort_by(sess->node_list, c2ms_node_cmp_node_by_perf);
+  for (int i = 0; i < sk_num(sess->node_list); ++i) {
+    auto *const node = static_cast<c2ms_node *>(sk_value(sess->node_list, i));
+    if (node->state < C2MS_NODE_READY) continue;
+    ++found.count;
+    if (first == nullptr) first = node;
+    if (found.best == nullptr && !is_late(node, now)) found.best = node;
+  }
+  if (found.best == nullptr) found.best = first;
+  return found;
+}

@@ -1,0 +1,104 @@
+#include "c2ms/fetch/work.h"
+
+#include <algorithm>
+
+#include "c2ms/ring/cache.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/core/time.h"
+
+namespace c2ms {
+
+namespace {
+
+constexpr int64_t probe_us = 3'000'000;  // a node that gets nothing is tried again that often
+
+lane lane_of(const c2ms_node *node, int64_t now) {
+  const Estimate &estimate = node->estimate;
+  lane one;
+  one.rate = estimate.rate();
+  one.round_trip = estimate.round_trip();
+  one.owed = static_cast<double>(estimate.owed());
+  one.silence = estimate.silence(now);
+  one.brought = static_cast<double>(estimate.brought());
+  one.growing = estimate.growing(now);
+  one.server = node->ip ^ (node->port << 16);
+  one.usable = node->state >= C2MS_NODE_READY;
+  // One that is being opened: for how long.
+  if (!one.usable) one.silence = static_cast<double>(now - node->opened_us) * 1e-6;
+  return one;
+}
+
+idle_packs idle_of(c2ms_cache *cache) {
+  idle_packs found;
+  const adif::Guard lock(cache->lock);
+  const ahead_packs ahead = c2ms_cache_ahead(cache);
+  for (int32_t i = ahead.first; i < ahead.end; ++i) {
+    if (!c2ms_cache_may_ask(cache, i)) continue;
+    stretch &last = found.stretches[found.count == 0 ? 0 : found.count - 1];
+    if (found.count > 0 && last.first + last.count == i) {
+      ++last.count;
+    } else if (found.count < found.stretches.size()) {
+      found.stretches[found.count++] = {i, 1};
+    } else {
+      break;
+    }
+  }
+  found.view.pack_bytes = cache->packsize;
+  found.view.packs = cache->packnum - cache->reserve;
+  found.view.urgent_end = cache->urgent_end;
+  return found;
+}
+
+}  // namespace
+
+size_t session_lanes::find(const c2ms_node *node) const {
+  const auto end = nodes.begin() + static_cast<ptrdiff_t>(count);
+  return static_cast<size_t>(std::find(nodes.begin(), end, node) - nodes.begin());
+}
+
+session_lanes lanes_of(c2ms_sess *sess) {
+  session_lanes found;
+  const int64_t now = now_us();
+  const adif::Guard list(sess->list_lock);
+  const adif::Guard lock(sess->speed_lock);
+  for (int i = 0; i < sk_num(sess->node_list) && found.count < found.nodes.size(); ++i) {
+    auto *const node = static_cast<c2ms_node *>(sk_value(sess->node_list, i));
+    found.nodes[found.count] = node;
+    found.lanes[found.count++] = lane_of(node, now);
+  }
+  return found;
+}
+
+reader_view reader_of(c2ms_cache *cache) {
+  reader_view reader;
+  const int64_t now = now_us();
+  const adif::Guard lock(cache->lock);
+  reader.pace = cache->pace.rate();
+  reader.lead = static_cast<double>(c2ms_cache_lead(cache));
+  if (cache->sought_us != 0) reader.since_seek = static_cast<double>(now - cache->sought_us) * 1e-6;
+  return reader;
+}
+
+bool fill_ring_view(c2ms_cache *cache, idle_packs *out) {
+  *out = idle_of(cache);
+  out->view.idle = {out->stretches.data(), out->count};
+  return out->count > 0;
+}
+
+run choose_work(c2ms_sess *sess, c2ms_node *node) {
+  c2ms_cache *const cache = sess->cache.load();
+  if (cache == nullptr || cache->packnum < 1) return {};
+  idle_packs idle;
+  if (!fill_ring_view(cache, &idle)) return {};
+  if (node == nullptr) return {idle.stretches[0].first, 1};
+  const session_lanes known = lanes_of(sess);
+  const size_t who = known.find(node);
+  if (who == known.count) return {};
+  const int64_t now = now_us();
+  const bool probe = node->asked_us == 0 && now - node->probed_us > probe_us;
+  const run chosen = choose_run(known.all(), who, idle.view, reader_of(cache), probe);
+  if (chosen.count > 0) node->probed_us = now;
+  return chosen;
+}
+
+}  // namespace c2ms

@@ -1,0 +1,162 @@
+#include "c2ms/ring/pack.h"
+
+#include <algorithm>
+
+#include "adif/kalloc.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/player/stats.h"
+#include "c2ms/core/strand.h"
+#include "c2ms/core/time.h"
+
+namespace {
+
+void reset(c2ms_pack *pack) REQUIRES(pack->lock) {
+  pack->unit_count = 0;
+  pack->index = -1;
+  pack->state = pack_idle;
+  pack->len = 0;
+  pack->not_before_us = 0;
+}
+
+}  // namespace
+
+int c2ms_pack_init(c2ms_pack *pack) {
+  if (pack == nullptr) return -1;
+  c2ms::construct_once(pack);
+  const adif::Guard lock(pack->lock);
+  reset(pack);
+  pack->cache = nullptr;
+  pack->flag = 0;
+  pack->slot = -1;
+  pack->buf = nullptr;
+  pack->size = 0;
+  return 0;
+}
+
+c2ms_pack *c2ms_pack_fetch(c2ms_cache *cache, int32_t slot, uint8_t *buf, int32_t size) {
+  if (cache == nullptr) return nullptr;
+  int status = 0;
+  auto *pack = static_cast<c2ms_pack *>(blockFetchUnit(cache->session->mgmt->pack_pool, &status));
+  if (pack == nullptr) {
+    pack = static_cast<c2ms_pack *>(kzalloc_dbg(sizeof(c2ms_pack)));
+    if (c2ms_pack_init(pack) != 0) return nullptr;
+  }
+  // Under its lock: a unit that has just lost the record may still look at it.
+  const adif::Guard lock(pack->lock);
+  pack->cache = cache;
+  pack->slot = slot;
+  pack->buf = buf;
+  pack->size = size;
+  return pack;
+}
+
+int c2ms_pack_recycle(c2ms_mgmt *mgmt, c2ms_pack *pack) {
+  if (pack == nullptr) return -1;
+  if (mgmt == nullptr || mgmt->pack_pool == nullptr) return c2ms_pack_free(pack);
+  return recycleUnit(mgmt->pack_pool, pack);
+}
+
+int c2ms_pack_free(c2ms_pack *pack) {
+  if (pack == nullptr) return -1;
+  pack->~c2ms_pack();
+  kfree_dbg(pack);
+  return 0;
+}
+
+bool c2ms_pack_is_paused(const c2ms_pack *pack) {
+  const int64_t until = pack->not_before_us.load(std::memory_order_relaxed);
+  return until != 0 && until > c2ms::now_us();
+}
+
+void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) {
+  pack->state = state;
+}
+
+void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index, bool complete) {
+  c2ms_cache *cache;
+  {
+    // Under the lock: the record may have become another session's.
+    const adif::Guard lock(pack->lock);
+    if (pack->index != index) return;  // who has moved it wakes its reader
+    cache = pack->cache;
+  }
+  c2ms_cache_tell_reader(cache, index, complete);
+}
+
+int c2ms_pack_bind_unit(c2ms_pack *pack, c2ms_unit *unit) {
+  const auto end = pack->units + pack->unit_count;
+  if (std::find(pack->units, end, unit) != end) return -100;
+  if (pack->unit_count >= c2ms::max_units_per_pack) return -200;
+  pack->units[pack->unit_count++] = unit;
+  return 0;
+}
+
+int c2ms_pack_unbind_unit(c2ms_pack *pack, c2ms_unit *unit) {
+  const auto end = pack->units + pack->unit_count;
+  const auto found = std::find(pack->units, end, unit);
+  if (found == end) return 0;
+  std::copy(found + 1, end, found);
+  --pack->unit_count;
+  return 1;
+}
+
+void c2ms_pack_unbind_all(c2ms_pack *pack) {
+  for (int32_t i = 0; i < pack->unit_count; ++i) {
+    c2ms_pack *this_one = pack;  // a unit that fills another pack of its run goes on there
+    pack->units[i]->pack.compare_exchange_strong(this_one, nullptr);
+  }
+  pack->unit_count = 0;
+}
+
+void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index) {
+  const adif::Guard lock(pack->lock);
+  c2ms_pack_unbind_all(pack);
+  if (pack->state != pack_ready) c2ms::count_forgotten(pack->cache->session, pack->len);
+  reset(pack);
+  pack->index = index;
+}
+
+void c2ms_pack_release_unit(c2ms_unit *unit) {
+  if (unit->session == nullptr || unit->run_packs < 1) return;
+  c2ms_cache *const cache = &unit->session->cache_record;
+  const int32_t end = unit->first_index + unit->run_packs;
+  bool idle = false;
+  for (int32_t index = unit->pack_index; index < end; ++index) {
+    if (!c2ms_cache_unbind(cache, unit, index)) continue;
+    idle = true;
+    c2ms_cache_tell_reader(cache, index);
+  }
+  unit->pack.store(nullptr);
+  if (idle) c2ms::mark_dispatch_due(cache->session);
+}
+
+int c2ms_pack_redownload(c2ms_pack *pack) {
+  if (pack == nullptr) return -1;
+  c2ms_cache *cache;
+  int32_t index;
+  {
+    const adif::Guard lock(pack->lock);
+    cache = pack->cache;
+    index = pack->index;
+  }
+  if (cache == nullptr) return 0;
+  c2ms_unit *const unit = c2ms_sess_unit_issue_again(cache->session, index, 1);
+  return unit == nullptr ? 0 : c2ms_sess_unit_put(cache->session, unit);
+}
+
+uint8_t *c2ms_pack_buf(c2ms_pack *pack) {
+  return pack == nullptr ? nullptr : pack->buf;
+}
+
+int32_t c2ms_pack_size(c2ms_pack *pack) {
+  if (pack == nullptr) return 0;
+  const adif::Guard lock(pack->lock);
+  return pack->size;
+}
+
+int32_t c2ms_pack_len(c2ms_pack *pack) {
+  if (pack == nullptr) return 0;
+  const adif::Guard lock(pack->lock);
+  return pack->len;
+}

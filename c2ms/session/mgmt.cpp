@@ -1,0 +1,292 @@
+#include "c2ms/session/mgmt.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+#include "adif/fileutil.h"
+#include "adif/kalloc.h"
+#include "adif/timetext.h"
+#include "adif/tsock.h"
+#include "c2ms/core/diag.h"
+#include "c2ms/fetch/node_record.h"
+#include "c2ms/ring/pack.h"
+#include "c2ms/core/pooled_parts.h"
+#include "c2ms/session/object.h"
+#include "c2ms/fetch/unit.h"
+#include "crypto/gcrypt_ready.h"
+
+uint32_t g_oemid = 102;
+uint32_t g_version = 30;
+uint32_t g_vendorid = 0;
+uint16_t g_proto_ver = 1;
+const char *g_entry_server = "127.0.0.1";
+const char *g_perf_server = "127.0.0.1";
+const char *g_build_time = "Oct 11 2011 11:18:31";
+
+namespace {
+
+using namespace c2ms;
+
+constexpr char section[] = "Communication Option";
+
+// The arena follows the context in one block, aligned for any use.
+constexpr size_t arena_offset = (sizeof(c2ms_mgmt) + 63) / 64 * 64;
+
+int32_t configured_seconds(conf_mgmt *conf, const char *key, int32_t fallback) {
+  const int32_t value = conf_get_int(conf, section, key);
+  return value < 1 ? fallback : std::min(value, max_period_s);
+}
+
+void take_configuration(c2ms_mgmt *mgmt) REQUIRES(mgmt->conf_lock) {
+  const char *server = conf_get_string(mgmt->conf, section, "Entry Server");
+  if (server == nullptr || *server == '\0') server = g_entry_server;
+  std::snprintf(mgmt->entry_server.text, sizeof mgmt->entry_server.text, "%s",
+                server != nullptr ? server : "");
+  const auto seconds = [mgmt](const char *key, int32_t fallback) REQUIRES(mgmt->conf_lock) {
+    return configured_seconds(mgmt->conf, key, fallback);
+  };
+  mgmt->build_tcp_max_time = seconds("Build TCP Max Time", build_tcp_max_time_s);
+  mgmt->conn_check_time = seconds("Cyclic Connection Check Time", conn_check_time_s);
+  mgmt->sess_check_time = seconds("Session Check Time", sess_check_time_s);
+  mgmt->speed_count_period = speed_count_period_ms;
+}
+
+template <size_t N>
+block_pool *make_pool(pool_unit_fn init, pool_unit_fn free_unit, size_t size, int escalate,
+                      const pool_span (&rest)[N]) {
+  block_pool *const pool = BPoolInit(nullptr);
+  setInitFunc(pool, init);
+  setFreeFunc(pool, free_unit);
+  setUnitSize(pool, static_cast<int>(size));
+  setEscalate(pool, escalate);
+  setWatchedSpans(pool, rest, static_cast<int>(N));
+  setAutoAlloc(pool, 1);
+  return pool;
+}
+
+template <class Record, int (*Fn)(Record *)>
+int on_record(void *unit) {
+  return Fn(static_cast<Record *>(unit));
+}
+
+bool make_pools(c2ms_mgmt *mgmt) {
+  mgmt->unit_pool =
+      make_pool(on_record<c2ms_unit, c2ms_unit_init>, on_record<c2ms_unit, c2ms_unit_free>,
+                sizeof(c2ms_unit), 8, unit_watched);
+  mgmt->node_pool =
+      make_pool(on_record<c2ms_node, c2ms_node_init>, on_record<c2ms_node, c2ms_node_free>,
+                sizeof(c2ms_node), 8, node_watched);
+  mgmt->sess_pool =
+      make_pool(on_record<c2ms_sess, c2ms_sess_init>, on_record<c2ms_sess, c2ms_sess_free>,
+                sizeof(c2ms_sess), 2, sess_watched);
+  mgmt->pack_pool =
+      make_pool(on_record<c2ms_pack, c2ms_pack_init>, on_record<c2ms_pack, c2ms_pack_free>,
+                sizeof(c2ms_pack), 16, pack_watched);
+  return mgmt->unit_pool != nullptr && mgmt->node_pool != nullptr && mgmt->sess_pool != nullptr &&
+         mgmt->pack_pool != nullptr;
+}
+
+void drop_pool(block_pool **pool) {
+  block_pool *const old = *pool;
+  *pool = nullptr;  // records that come back from now on are freed
+  BPoolCleanup(old);
+}
+
+void destroy(c2ms_mgmt *mgmt) {
+  mgmt->~c2ms_mgmt();
+  kfree_dbg(mgmt);
+}
+
+bool make_registries(c2ms_mgmt *mgmt) {
+  {
+    const adif::Guard lock(mgmt->node_lock);
+    mgmt->nodes = sk_new(nullptr);
+    if (mgmt->nodes == nullptr) return false;
+  }
+  const adif::Guard lock(mgmt->sess_lock);
+  mgmt->sessions = sk_new(nullptr);
+  return mgmt->sessions != nullptr;
+}
+
+void free_registries(c2ms_mgmt *mgmt) {
+  {
+    const adif::Guard lock(mgmt->node_lock);
+    sk_free(mgmt->nodes);
+  }
+  const adif::Guard lock(mgmt->sess_lock);
+  sk_free(mgmt->sessions);
+}
+
+c2ms_sess *any_session(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->sess_lock);
+  return static_cast<c2ms_sess *>(sk_value(mgmt->sessions, 0));
+}
+
+c2ms_node *any_node(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->node_lock);
+  return static_cast<c2ms_node *>(sk_value(mgmt->nodes, 0));
+}
+
+void drop_configuration(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->conf_lock);
+  conf_mgmt_cleanup(mgmt->conf);
+}
+
+c2ms_sess *first_session_after(c2ms_mgmt *mgmt, uint32_t id) {
+  const adif::Guard lock(mgmt->sess_lock);
+  for (int i = 0; i < sk_num(mgmt->sessions); ++i) {
+    auto *const sess = static_cast<c2ms_sess *>(sk_value(mgmt->sessions, i));
+    if (sess->sess_id > id) return sess;
+  }
+  return nullptr;
+}
+
+// Closing sessions refuse new calls; the waiting ones are woken and return.
+void drain_callers(c2ms_mgmt *mgmt) {
+  mgmt->closing.store(true);
+  uint32_t last = 0;
+  while (c2ms_sess *const sess = first_session_after(mgmt, last)) {
+    last = sess->sess_id;
+    c2ms_life live = c2ms_life::live;
+    sess->life.compare_exchange_strong(live, c2ms_life::closing);
+    wake_waiters(sess);
+    wait_idle(sess);
+  }
+  while (mgmt->calls.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+// 0 when the name is not found, which nobody can be reached at.
+uint32_t address_of(const char *host) {
+  const uint32_t address = sock_get_hostip(host);
+  return address == SOCK_NO_ADDRESS ? 0 : address;
+}
+
+// Tells why there is no context.
+c2ms_mgmt *refuse(const char *why) {
+  diag("c2ms_mgmt_init: %s\n", why);
+  diag_deliver();
+  return nullptr;
+}
+
+// Everything of a context whose engine has stopped, or has never been started.
+void free_context(c2ms_mgmt *mgmt) {
+  drop_pool(&mgmt->pack_pool);
+  drop_pool(&mgmt->unit_pool);
+  drop_pool(&mgmt->node_pool);
+  while (c2ms_sess *sess = any_session(mgmt)) c2ms_sess_free(sess);
+  while (c2ms_node *node = any_node(mgmt)) c2ms_node_free(node);
+  drop_pool(&mgmt->sess_pool);
+  free_registries(mgmt);
+  probe_cleanup(mgmt->probe);
+  drop_configuration(mgmt);
+  destroy(mgmt);
+}
+
+}  // namespace
+
+c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
+                          const uint8_t *hid, int32_t mem_size) {
+  diag_take_foundation();
+  // Without MD5 every session would have the same token.
+  if (!crypto::gcrypt_works()) return refuse("libgcrypt is too old, or refuses DES or MD5");
+  mem_size = std::max(mem_size, min_arena_bytes);
+  void *const block = kzalloc_dbg(static_cast<int64_t>(arena_offset) + mem_size);
+  if (block == nullptr) return refuse("no memory");
+  c2ms_mgmt *const mgmt = new (block) c2ms_mgmt();
+  mgmt->probe = probe_create(engine_threads);
+  if (mgmt->probe == nullptr) {
+    destroy(mgmt);
+    return refuse("no memory or no descriptors for the engine");
+  }
+  std::memcpy(mgmt->des_key, "QaZiXuRo", sizeof mgmt->des_key);
+  mgmt->oemid = g_oemid;
+  mgmt->vendorid = g_vendorid;
+  mgmt->build_time = static_cast<int32_t>(get_time_from_string(g_build_time, -1));
+  mgmt->perf_server_ip = address_of(g_perf_server);
+
+  mgmt->mem_size = mem_size;
+  mgmt->arena = static_cast<uint8_t *>(block) + arena_offset;
+  mgmt->mem = mem_unit_init(mgmt->arena, mem_size);
+  if (conf_path != nullptr) std::strncpy(mgmt->conf_path, conf_path, sizeof mgmt->conf_path - 1);
+  c2ms_mgmt_readconf(mgmt);
+
+  mgmt->version = g_version;
+  mgmt->proto_ver = g_proto_ver;
+  mgmt->uid_low = uid_low;
+  mgmt->uid_high = uid_high;
+  c2ms_mgmt_readhid(mgmt);
+  if (hid != nullptr) set_hardware_id(mgmt, hid, 20);
+
+  if (!make_registries(mgmt) || !make_pools(mgmt)) {
+    free_context(mgmt);
+    return refuse("no memory");
+  }
+  for (const int number : {SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE, SIGTTIN}) signal(number, SIG_IGN);
+  StartProbe(mgmt->probe, 1);
+  diag_deliver();
+  return mgmt;
+}
+
+int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
+  if (mgmt == nullptr) return -1;
+  drain_callers(mgmt);
+  mgmt->resolver.stop();
+  mgmt->perf_reporter.stop();
+  mgmt->auth_reporter.stop();
+  StopProbe(mgmt->probe);
+  free_context(mgmt);  // the callers have left, too: nobody else is here any more
+  diag_deliver();
+  return 0;
+}
+
+int c2ms_mgmt_readconf(c2ms_mgmt *mgmt) {
+  if (mgmt == nullptr) return -1;
+  // Read before the lock is taken: a malformed file is told to the player's function.
+  conf_mgmt *fresh = is_regular_file(mgmt->conf_path) ? conf_mgmt_init(mgmt->conf_path) : nullptr;
+  {
+    const adif::Guard lock(mgmt->conf_lock);
+    if (fresh != nullptr) std::swap(fresh, mgmt->conf);
+    take_configuration(mgmt);
+  }
+  conf_mgmt_cleanup(fresh);
+  return 0;
+}
+void *c2ms_mem_alloc(c2ms_mgmt *mgmt, int32_t size) {
+  if (mgmt == nullptr || size < 1) return nullptr;
+  void *block;
+  {
+    const adif::Guard lock(mgmt->mem_lock);
+    block = mem_unit_alloc(mgmt->mem, size);
+  }
+  if (block == nullptr) return kzalloc_dbg(size);
+  std::memset(block, 0, static_cast<size_t>(size));
+  return block;
+}
+
+int c2ms_mem_free(c2ms_mgmt *mgmt, void *ptr) {
+  if (mgmt == nullptr) return -1;
+  if (ptr == nullptr) return -2;
+  {
+    const adif::Guard lock(mgmt->mem_lock);
+    if (mem_unit_free(mgmt->mem, ptr) >= 0) return 0;
+  }
+  const auto *const byte = static_cast<const uint8_t *>(ptr);
+  const bool in_arena = byte >= mgmt->arena && byte < mgmt->arena + mgmt->mem_size;
+  if (!in_arena) kfree_dbg(ptr);  // a stray pointer into the arena is nobody's to free
+  return 0;
+}
+
+int32_t c2ms_mem_avail(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->mem_lock);
+  return static_cast<int32_t>(mem_unit_availsize(mgmt->mem));
+}
+
+c2ms::host_name c2ms::entry_server(c2ms_mgmt *mgmt) {
+  const adif::Guard lock(mgmt->conf_lock);
+  return mgmt->entry_server;
+}

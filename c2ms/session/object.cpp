@@ -1,0 +1,371 @@
+#include "c2ms/session/object.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "adif/kalloc.h"
+#include "adif/strutil.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/session/mgmt.h"
+#include "c2ms/fetch/node_record.h"
+#include "c2ms/player/idx.h"
+#include "c2ms/session/reporting.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/player/stats.h"
+#include "c2ms/core/time.h"
+#include "c2ms/core/recorder.h"
+#include "c2ms/fetch/unit.h"
+#include "crypto/md5.h"
+
+namespace {
+
+using namespace c2ms;
+
+bool make_stack(pointer_stack **stack) {
+  if (*stack == nullptr) *stack = sk_new(nullptr);
+  return *stack != nullptr;
+}
+
+bool make_once(c2ms_sess *sess) {
+  if (sess->event == nullptr) sess->event = CreateEvent();
+  if (sess->report_event == nullptr) sess->report_event = CreateEvent();
+  const adif::Guard list(sess->list_lock);
+  const adif::Guard units(sess->unit_lock);
+  return sess->event != nullptr && sess->report_event != nullptr && make_stack(&sess->units) &&
+         make_stack(&sess->node_index) && make_stack(&sess->node_list) &&
+         make_stack(&sess->server_list);
+}
+
+void reset_opening(c2ms_sess *sess) {
+  sess->open_pending = 0;
+  sess->url_type = 0;
+  sess->url[0] = '\0';
+  sess->url_parsed = 0;
+  sess->scheme = sess->path = sess->query = nullptr;
+  sess->scheme_len = sess->path_len = sess->query_len = 0;
+  std::memset(sess->host, 0, sizeof sess->host);
+  sess->host_len = 0;
+  sess->port = default_port;
+  std::memset(sess->fid, 0, sizeof sess->fid);
+  std::memset(sess->auth, 0, sizeof sess->auth);
+  sess->stamp = sess->keyid = 0;
+  sess->status = 0;
+  sess->hook_registered = 0;
+  sess->lookup_pending = false;
+  sess->entry_asks = 0;
+  sess->open_time = 0;
+  sess->close_time = 0;
+}
+
+void reset_reporting(c2ms_sess *sess) {
+  sess->perf_state = sess->auth_state = 0;
+  sess->perf_alive_count = sess->auth_alive_count = 0;
+  sess->refusal = 0;
+  sess->cancel = 0;
+  sess->cancel_seen = 0;
+}
+
+void reset_media(c2ms_sess *sess) {
+  std::memset(sess->media_name, 0, sizeof sess->media_name);
+  sess->media_size = 0;
+  sess->media_type = 0;
+  std::memset(sess->idx_fid, 0, sizeof sess->idx_fid);
+  sess->idx_len = 0;
+  sess->desc_count = 0;
+  sess->seek_num = 0;
+  sess->cache_limit = 0;
+}
+
+void reset_counters(c2ms_sess *sess) {
+  {
+    const adif::Guard lock(sess->counter_lock);
+    sess->ready_num = sess->active_num = sess->has_active = 0;
+    sess->download_num = 0;
+    sess->download_start_us = 0;
+  }
+  sess->active_us = 0;
+  sess->reopened_us = 0;
+  sess->answers = sess->answers_seen = 0;
+  sess->fruitless_us = 0;
+  sess->dispatch_due = false;
+  sess->total_bytes = sess->recv_time = sess->window_bytes = 0;
+  {
+    const adif::Guard lock(sess->speed_lock);
+    sess->stats_us = sess->window_us = 0;
+    sess->realtime_speed = 0;
+  }
+  sess->next_pdu_id = 1;
+}
+
+void stop_timer(rac_timer **timer) {
+  StopTimer(*timer);
+  *timer = nullptr;
+}
+
+c2ms_node *any_node(c2ms_sess *sess) {
+  const adif::Guard lock(sess->list_lock);
+  return static_cast<c2ms_node *>(sk_value(sess->node_index, 0));
+}
+
+void release_cache(c2ms_sess *sess) {
+  c2ms_cache *const cache = sess->cache.exchange(nullptr);
+  c2ms_cache_clean(cache);
+  if (sess->cache_buf != nullptr) c2ms_mem_free(sess->mgmt, sess->cache_buf);
+  sess->cache_buf = nullptr;
+  sess->cache_buf_size = 0;
+}
+
+// Everything that an open session holds, but its record.
+void release_contents(c2ms_sess *sess, int (*end_node)(c2ms_node *)) {
+  stop_timer(&sess->speed_timer);
+  stop_timer(&sess->check_timer);
+  stop_timer(&sess->watch_timer);
+  RemoveHookOf(sess->probe, sess);
+  sess->hook_registered = 0;
+  sess->open_pending = 0;
+  sess->url_type = 0;
+  while (c2ms_node *node = any_node(sess)) end_node(node);
+  sess->entry_node = nullptr;
+  c2ms_sess_server_clear(sess);
+  c2ms_sess_unit_clear(sess);
+  c2ms_sess_idx_release(sess);
+  trace_stop(sess);
+  release_cache(sess);
+}
+
+bool is_registered(c2ms_sess *sess) {
+  return c2ms_sess_get(sess->mgmt, sess->sess_id) == sess;
+}
+
+bool unregister(c2ms_sess *sess) {
+  return sess->mgmt != nullptr && c2ms_sess_del(sess->mgmt, sess) != nullptr;
+}
+
+void free_stacks(c2ms_sess *sess) {
+  const adif::Guard list(sess->list_lock);
+  const adif::Guard units(sess->unit_lock);
+  for (pointer_stack **stack :
+       {&sess->units, &sess->node_index, &sess->node_list, &sess->server_list}) {
+    sk_free(*stack);
+    *stack = nullptr;
+  }
+}
+
+// An id of printable characters is its own text; of any other the first ten bytes are shown.
+void set_hid_text(c2ms_sess *sess, const uint8_t (&hid)[20]) {
+  std::memset(sess->hid_text, 0, sizeof sess->hid_text);
+  const bool printable = std::all_of(hid, hid + 20, [](uint8_t c) { return c >= ' ' && c < 127; });
+  if (printable) {
+    std::memcpy(sess->hid_text, hid, sizeof hid);
+  } else {
+    bin_to_ascii(hid, 10, sess->hid_text, nullptr);
+  }
+}
+
+int give_back(c2ms_mgmt *mgmt, c2ms_sess *sess) {
+  return mgmt->sess_pool == nullptr ? c2ms_sess_free(sess) : recycleUnit(mgmt->sess_pool, sess);
+}
+
+c2ms_sess *take_record(c2ms_mgmt *mgmt) {
+  int status = 0;
+  auto *sess = static_cast<c2ms_sess *>(blockFetchUnit(mgmt->sess_pool, &status));
+  if (sess == nullptr) {
+    sess = static_cast<c2ms_sess *>(kzalloc_dbg(sizeof(c2ms_sess)));
+    if (sess == nullptr) return nullptr;
+  }
+  // The pool hands a record out whatever its init function has said: it is asked here.
+  if (c2ms_sess_init(sess) == 0) return sess;
+  give_back(mgmt, sess);
+  return nullptr;
+}
+
+// False without memory for its place in the registry.
+bool bring_to_life(c2ms_mgmt *mgmt, c2ms_sess *sess) {
+  const StrandGuard strand(sess);
+  sess->mgmt = mgmt;
+  sess->probe = mgmt->probe;
+  sess->sess_id = c2ms_sessid(mgmt);
+  const identity who = current_identity(mgmt);
+  set_hid_text(sess, who.hid);
+  uint8_t digest[16];
+  c2ms_sess_random(sess, digest);
+  std::memcpy(sess->token, digest, sizeof sess->token);
+  sess->life = c2ms_life::live;
+  if (c2ms_sess_add(mgmt, sess) == 0) return true;
+  sess->life = c2ms_life::pooled;
+  return false;
+}
+
+}  // namespace
+
+c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt) {
+  if (mgmt == nullptr) return nullptr;
+  c2ms_sess *const sess = take_record(mgmt);
+  if (sess == nullptr || bring_to_life(mgmt, sess)) return sess;
+  give_back(mgmt, sess);
+  return nullptr;
+}
+
+int c2ms_sess_init(c2ms_sess *sess) {
+  if (sess == nullptr) return -1;
+  construct_once(sess);
+  // A late event may look at the record: it finds the strand taken, then a session that is not its
+  // own.
+  const StrandGuard strand(sess);
+  if (!make_once(sess)) return -2;
+  reset_opening(sess);
+  reset_reporting(sess);
+  reset_media(sess);
+  reset_counters(sess);
+  reset_stats(sess);
+  return 0;
+}
+
+int c2ms_sess_recycle(c2ms_sess *sess) {
+  return recycle_session(sess, last_report::here);
+}
+
+int c2ms::recycle_session(c2ms_sess *sess, last_report report) {
+  if (sess == nullptr) return -1;
+  c2ms_mgmt *const mgmt = sess->mgmt;
+  report_facts facts;
+  {
+    const StrandGuard strand(sess);
+    if (!is_registered(sess)) return 0;
+    sess->life = c2ms_life::closing;  // no check begins after this
+    sess->close_time = now_us() / 1'000'000;
+    facts = report_facts_of(sess);
+    release_contents(sess, c2ms_node_recycle);
+  }
+  if (report == last_report::here) report_closing(sess, facts);
+  if (report == last_report::handed_over) report_failed_open(facts);
+  {
+    const StrandGuard strand(sess);
+    if (!unregister(sess)) return 0;
+    sess->life = c2ms_life::pooled;
+  }
+  give_back(mgmt, sess);
+  return 0;
+}
+
+int c2ms_sess_free(c2ms_sess *sess) {
+  if (sess == nullptr) return -1;
+  if (sess->life != c2ms_life::pooled && unregister(sess)) release_contents(sess, c2ms_node_free);
+  free_stacks(sess);
+  sk_free(sess->cache_record.packs);
+  DestroyEvent(sess->cache_record.event);
+  DestroyEvent(sess->event);
+  DestroyEvent(sess->report_event);
+  sess->~c2ms_sess();
+  kfree_dbg(sess);
+  return 0;
+}
+
+void c2ms_sess_random(c2ms_sess *sess, uint8_t *out) {
+  struct {
+    char address[24];
+    int64_t seconds, microseconds;
+    uint8_t hid[21];
+    uint32_t local_ip;
+  } seed;
+  std::memset(&seed, 0, sizeof seed);  // the padding is digested too
+  std::snprintf(seed.address, sizeof seed.address, "%p", static_cast<void *>(&seed));
+  const int64_t now = now_us();
+  seed.seconds = now / 1'000'000;
+  seed.microseconds = now % 1'000'000;
+  if (sess != nullptr && sess->mgmt != nullptr) {
+    const identity who = known_identity(sess->mgmt);
+    std::memcpy(seed.hid, who.hid, sizeof who.hid);
+    seed.local_ip = who.address;
+  }
+  Md5Val(&seed, sizeof seed, out);
+}
+
+uint32_t c2ms_sess_pduid(c2ms_sess *sess) {
+  if (sess == nullptr) return 0;
+  return sess->next_pdu_id.fetch_add(1);
+}
+
+namespace {
+
+c2ms_server *find_server(c2ms_sess *sess, uint32_t addr, uint32_t port, uint8_t type)
+    REQUIRES(sess->list_lock) {
+  for (int i = 0; i < sk_num(sess->server_list); ++i) {
+    auto *const server = static_cast<c2ms_server *>(sk_value(sess->server_list, i));
+    if (server->addr == addr && server->port == port && server->type == type) return server;
+  }
+  return nullptr;
+}
+
+c2ms_server *new_server(c2ms_sess *sess, uint32_t addr, uint32_t port, uint8_t type)
+    REQUIRES(sess->list_lock) {
+  auto *const server = static_cast<c2ms_server *>(kzalloc_dbg(sizeof(c2ms_server)));
+  if (server == nullptr) return nullptr;
+  server->addr = addr;
+  server->port = port;
+  server->type = type;
+  if (sk_push(sess->server_list, server) > 0) return server;
+  kfree_dbg(server);
+  return nullptr;
+}
+
+}  // namespace
+
+int c2ms_sess_server_add(c2ms_sess *sess, const char *name, uint32_t addr, uint32_t port,
+                         uint8_t type) {
+  if (sess == nullptr) return -1;
+  const adif::Guard lock(sess->list_lock);
+  c2ms_server *server = find_server(sess, addr, port, type);
+  if (server == nullptr) server = new_server(sess, addr, port, type);
+  if (server == nullptr) return -2;
+  ++server->count;
+  if (name != nullptr && *name != '\0') {
+    std::memset(server->name, 0, sizeof server->name);
+    std::strncpy(server->name, name, sizeof server->name - 1);
+  }
+  return 0;
+}
+
+c2ms_server *c2ms_sess_server_get(c2ms_sess *sess, uint32_t addr, uint32_t port, uint8_t type) {
+  if (sess == nullptr) return nullptr;
+  const adif::Guard lock(sess->list_lock);
+  return find_server(sess, addr, port, type);
+}
+
+int c2ms_sess_server_clear(c2ms_sess *sess) {
+  if (sess == nullptr) return -1;
+  const adif::Guard lock(sess->list_lock);
+  while (void *server = sk_pop(sess->server_list)) kfree_dbg(server);
+  return 0;
+}
+
+bool c2ms_sess_server_lists(c2ms_sess *sess, uint32_t addr, uint32_t port) {
+  const adif::Guard lock(sess->list_lock);
+  for (int i = 0; i < sk_num(sess->server_list); ++i) {
+    const auto *const server = static_cast<const c2ms_server *>(sk_value(sess->server_list, i));
+    const bool same = server->addr == addr && server->port == port;
+    if (same && (server->type & node_serves_list) != 0) return true;
+  }
+  return false;
+}
+
+void c2ms::wake_opener(c2ms_sess *sess) {
+  sess->wake_count.fetch_add(1);
+  SetEvent(sess->event, 100);
+}
+
+void c2ms::wake_waiters(c2ms_sess *sess) {
+  wake_opener(sess);
+  c2ms_cache_wake(sess->cache.load());
+}
+
+void c2ms::wait_idle(c2ms_sess *sess) {
+  // Callers that were woken leave within microseconds; nobody signals that, so that the last one
+  // touches nothing of the session after it has counted itself out.
+  while (sess->calls.load() > 0) {
+    wake_waiters(sess);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}

@@ -1,0 +1,319 @@
+#include "c2ms/session/session.h"
+
+#include <arpa/inet.h>
+#include <strings.h>
+
+#include <cstring>
+
+#include "adif/tsock.h"
+#include "c2ms/core/diag.h"
+#include "c2ms/session/mgmt.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/session/pump.h"
+#include "c2ms/session/object.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/core/time.h"
+#include "c2ms/session/url.h"
+
+namespace {
+
+using namespace c2ms;
+
+struct code_text {
+  int32_t code;
+  const char *text;
+};
+
+constexpr code_text error_texts[] = {
+    {C2MS_OK, "OK"},
+    {C2MS_INVALID_PARAMETER, "Invalid Parameter"},
+    {C2MS_INVALID_URL, "Invalid URL"},
+    {C2MS_UNSUPPORTED_SCHEME, "Unsupported URL Scheme"},
+    {C2MS_NO_MEMORY, "Memory allocation error"},
+    {C2MS_ENTRY_UNAVAILABLE, "Entry Server unavailable"},
+    {C2MS_CLOSED, "Session closed"},
+    {C2MS_OPEN_TIMEOUT, "Session open timeout"},
+    {C2MS_MEDIA_NOT_EXIST, "Media not exist"},
+    {C2MS_UNAUTHORIZED, "User unauthorized"},
+    {C2MS_AUTH_FAILED, "Authenticate failed"},
+    {C2MS_IN_DEBT, "User in debt"},
+    {C2MS_CACHING, "Net data caching"},
+};
+
+int32_t status_of(int32_t code) {
+  switch (code) {
+    case 10:
+      return C2MS_MEDIA_NOT_EXIST;
+    case 20:
+      return C2MS_UNAUTHORIZED;
+    case 30:
+      return C2MS_AUTH_FAILED;
+    case 40:
+      return C2MS_IN_DEBT;
+    case 400:
+      return C2MS_ENTRY_UNAVAILABLE;
+    default:
+      return 0;
+  }
+}
+
+// Opens and closes under way keep c2ms_mgmt_clean from going on.
+class LifeGuard {
+ public:
+  explicit LifeGuard(c2ms_mgmt *mgmt) : mgmt_(mgmt) { mgmt_->calls.fetch_add(1); }
+  ~LifeGuard() {
+    diag_deliver();
+    mgmt_->calls.fetch_sub(1);
+  }
+  LifeGuard(const LifeGuard &) = delete;
+  LifeGuard &operator=(const LifeGuard &) = delete;
+
+ private:
+  c2ms_mgmt *const mgmt_;
+};
+
+bool set_scheme(c2ms_sess *sess) {
+  constexpr int32_t scheme_length = 7;
+  if (sess->scheme_len != scheme_length) return false;
+  if (strncasecmp(sess->scheme, "kesp://", scheme_length) == 0) sess->url_type = 1;
+  if (strncasecmp(sess->scheme, "kedp://", scheme_length) == 0) sess->url_type = 2;
+  return sess->url_type != 0;
+}
+
+int32_t take_url(c2ms_sess *sess, const char *url) {
+  const StrandGuard strand(sess);
+  std::strncpy(sess->url, url, sizeof sess->url - 1);
+  sess->url[sizeof sess->url - 1] = '\0';
+  sess->url_parsed = 0;
+  if (c2ms_sess_url_parse(sess) < 0) return C2MS_INVALID_URL;
+  c2ms_sess_para_parse(sess);
+  return set_scheme(sess) ? 0 : C2MS_UNSUPPORTED_SCHEME;
+}
+
+int32_t start_opening(c2ms_sess *sess, uint32_t address) {
+  const StrandGuard strand(sess);
+  const int64_t now = now_us();
+  sess->open_pending = 1;
+  sess->open_time = now / 1'000'000;
+  {
+    const adif::Guard lock(sess->speed_lock);
+    sess->stats_us = sess->window_us = now;
+  }
+  sess->active_us = now;
+  sess->reopened_us = now;
+  return start_entry_exchange(sess, address) == 0 ? 0 : C2MS_ENTRY_UNAVAILABLE;
+}
+
+bool has_nodes(c2ms_sess *sess) {
+  const adif::Guard lock(sess->list_lock);
+  return sk_num(sess->node_index) > 0;
+}
+
+// No media node is connected, and each has tried.
+bool all_failed(c2ms_sess *sess) {
+  const adif::Guard lock(sess->list_lock);
+  for (int i = 0; i < sk_num(sess->node_list); ++i) {
+    const auto *const node = static_cast<const c2ms_node *>(sk_value(sess->node_list, i));
+    if (node->state >= C2MS_NODE_CONNECTED || node->times < 1) return false;
+  }
+  return true;
+}
+
+// Waits for the first description. 0, or what ends the open.
+int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
+  int timeouts = 0;
+  auto tick = steady::now() + std::chrono::seconds(1);
+  for (;;) {
+    const uint32_t seen = sess->wake_count.load();
+    if (sess->desc_count != 0) return 0;
+    if (!is_live(sess)) return C2MS_CLOSED;
+    if (const int32_t status = sess->status; status != 0) return status;
+    if (!has_nodes(sess)) return C2MS_OPEN_TIMEOUT;  // nobody is left who could describe the media
+    const auto changed = [&] { return sess->wake_count.load() != seen; };
+    if (WaitEventUntil(sess->event, tick, changed)) continue;
+    tick += std::chrono::seconds(1);
+    if (cb != nullptr && cb() < 0) return C2MS_UNAUTHORIZED;
+    const StrandGuard strand(sess);
+    rearm_timers(sess);
+    if (++timeouts > open_timeouts) return C2MS_OPEN_TIMEOUT;
+  }
+}
+
+int hook_check(void *sess, int) {
+  return c2ms_sess_dispatch_check(static_cast<c2ms_sess *>(sess));
+}
+
+int hook_dispatch(void *sess, int) {
+  return c2ms_sess_dispatch(static_cast<c2ms_sess *>(sess));
+}
+
+void start_playing(c2ms_sess *sess) {
+  const StrandGuard strand(sess);
+  sess->open_pending = 0;
+  if (sess->hook_registered == 0) {
+    RegisterHook(sess->probe, hook_check, sess, hook_dispatch, sess);
+    sess->hook_registered = 1;
+  }
+  c2ms_sess_start_check_timer(sess);
+  c2ms_sess_start_speed_timer(sess);
+}
+
+int32_t open_in(c2ms_sess *sess, const char *url, int32_t (*cb)(void)) {
+  if (const int32_t bad = take_url(sess, url); bad != 0) return bad;
+  const uint32_t address = resolve_entry(sess);
+  if (address == 0) return C2MS_ENTRY_UNAVAILABLE;
+  if (const int32_t bad = start_opening(sess, address); bad != 0) return bad;
+  diag_deliver();
+  const int32_t result = wait_described(sess, cb);
+  if (result == 0) {
+    start_playing(sess);
+  } else {
+    sess->status = result;
+  }
+  return result;
+}
+
+uint32_t lookup(const char *host) {
+  const uint32_t address = sock_get_hostip(host);
+  return address == SOCK_NO_ADDRESS ? 0 : address;
+}
+
+rac_timer *start_timer(c2ms_sess *sess, uint32_t msec, uint32_t command) {
+  return StartTimer2(sess->probe, msec, command, sess->sess_id, c2ms_pump, sess->mgmt);
+}
+
+}  // namespace
+
+c2ms_sess *c2ms_sess_open(c2ms_mgmt *mgmt, const char *url, int32_t *err) {
+  return c2ms_sess_open1(mgmt, url, err, nullptr);
+}
+
+c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err, int32_t (*cb)(void)) {
+  int32_t ignored;
+  int32_t &error = err != nullptr ? *err : ignored;
+  error = 0;
+  if (mgmt == nullptr) {
+    error = C2MS_INVALID_PARAMETER;
+    return nullptr;
+  }
+  if (url == nullptr || std::strlen(url) < 8) {
+    error = C2MS_INVALID_URL;
+    return nullptr;
+  }
+  const LifeGuard guard(mgmt);
+  if (mgmt->closing) {
+    error = C2MS_CLOSED;
+    return nullptr;
+  }
+  c2ms_sess *const sess = c2ms_sess_fetch(mgmt);
+  if (sess == nullptr) {
+    error = C2MS_NO_MEMORY;
+    return nullptr;
+  }
+  error = open_in(sess, url, cb);
+  if (error == 0) return sess;
+  const bool bad_url = sess->url_type == 0;
+  sess->life = c2ms_life::closing;
+  recycle_session(sess, bad_url ? last_report::none : last_report::handed_over);
+  return nullptr;
+}
+
+int c2ms_sess_reopen(c2ms_sess *sess) {
+  if (sess == nullptr) return -1;
+  const CallGuard call(sess);
+  if (!call) return C2MS_CLOSED;
+  const uint32_t address = resolve_entry(sess);
+  const StrandGuard strand(sess);
+  rearm_timers(sess);
+  return start_entry_exchange(sess, address);
+}
+
+int c2ms_sess_close(c2ms_sess *sess) {
+  if (sess == nullptr) return -1;
+  const LifeGuard guard(sess->mgmt);
+  c2ms_life live = c2ms_life::live;
+  if (!sess->life.compare_exchange_strong(live, c2ms_life::closing)) return 0;
+  wait_idle(sess);
+  return c2ms_sess_recycle(sess);
+}
+
+const char *c2ms_sess_error(int32_t code) {
+  for (const code_text &entry : error_texts) {
+    if (entry.code == code) return entry.text;
+  }
+  return "";
+}
+
+int c2ms_sess_set_status(c2ms_sess *sess, int32_t code) {
+  if (sess == nullptr) return -1;
+  const int32_t status = status_of(code);
+  // A plain success on top of a success is nobody's news, and there is one for each transfer.
+  if (sess->status.exchange(status) == 0 && status == 0) return 0;
+  wake_opener(sess);
+  if (status != 0) c2ms_cache_wake(sess->cache.load());
+  return 0;
+}
+
+void c2ms_sess_refuse(c2ms_sess *sess, int32_t code) {
+  sess->refusal = status_of(code);
+  c2ms_sess_set_status(sess, code);
+}
+
+void c2ms_sess_start_speed_timer(c2ms_sess *sess) {
+  if (sess->speed_timer != nullptr) return;
+  const auto period_ms = static_cast<uint32_t>(sess->mgmt->speed_count_period.load());
+  sess->speed_timer = start_timer(sess, period_ms, timer_speed_count);
+}
+
+void c2ms_sess_start_check_timer(c2ms_sess *sess) {
+  if (sess->check_timer != nullptr) return;
+  const auto period_ms = static_cast<uint32_t>(sess->mgmt->sess_check_time.load()) * 1000;
+  sess->check_timer = start_timer(sess, period_ms, timer_sess_check);
+}
+
+uint32_t c2ms::resolve_entry(c2ms_sess *sess) {
+  const uint32_t address = sock_get_hostip(sess->host);
+  if (address == SOCK_NO_ADDRESS) return 0;
+  return address != 0 ? address : lookup(entry_server(sess->mgmt).text);
+}
+
+int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
+  if (sess->entry_node != nullptr) return 0;
+  c2ms_sess_server_clear(sess);
+  sess->open_pending = 1;
+  sess->reopened_us = now_us();
+  if (address == 0) return -100;
+  sess->entry_node = c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
+  return sess->entry_node != nullptr ? 0 : -100;
+}
+
+void c2ms::ask_entry_again(c2ms_sess *sess) {
+  if (sess->desc_count != 0 || sess->entry_node != nullptr || sess->status != 0) return;
+  const int64_t pause_us = int64_t{first_backoff_ms} * 1000 << sess->entry_asks;
+  if (now_us() - sess->reopened_us < pause_us || !all_failed(sess)) return;
+  if (sess->entry_asks < max_entry_asks) ++sess->entry_asks;
+  reopen_later(sess);
+}
+
+void c2ms::reopen_later(c2ms_sess *sess) {
+  in_addr address{};
+  if (inet_pton(AF_INET, sess->host, &address) == 1 && address.s_addr != 0) {
+    start_entry_exchange(sess, address.s_addr);
+    return;
+  }
+  if (sess->lookup_pending) return;
+  c2ms_mgmt *const mgmt = sess->mgmt;
+  const uint32_t id = sess->sess_id;
+  host_name host{};
+  std::memcpy(host.text, sess->host, sizeof sess->host);
+  sess->lookup_pending = mgmt->resolver.post([mgmt, id, host] {
+    uint32_t found = sock_get_hostip(host.text);
+    if (found == 0) found = lookup(entry_server(mgmt).text);
+    c2ms_sess *const again = c2ms_sess_get(mgmt, id);
+    if (again == nullptr) return;
+    const StrandGuard strand(again);
+    if (!still_open(again, id)) return;
+    again->lookup_pending = false;
+    start_entry_exchange(again, found == SOCK_NO_ADDRESS ? 0 : found);
+  });
+}
