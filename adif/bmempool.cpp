@@ -225,7 +225,7 @@ int setGetSizeFunc(block_pool *pool, pool_unit_fn fn) {
 int setWatchedSpans(block_pool *pool, const pool_span *spans, int count) {
   return setting(pool, 0, [=] {
     pool->watched_spans = spans;
-    pool->rest_span_count = count;
+    pool->watched_span_count = count;
   });
 }
 

@@ -81,7 +81,7 @@ struct block_pool {
   std::atomic<uint32_t> changes;  ///< moves whenever a waiter should look again
   adif::pool_mode mode;           ///< fixed by BPoolInit()
   const pool_span *watched_spans;    ///< as setWatchedSpans()
-  int32_t rest_span_count;
+  int32_t watched_span_count;
 };
 
 /// A pool in `storage` (its old content is lost), or in a new record when null. Everything is off

@@ -40,7 +40,7 @@ void unpoison(const uint8_t *, size_t) {}
 // FNV-1a over words: weak against an adversary, and quick; a stray write is none.
 uint64_t digest(const block_pool *pool, const void *unit) {
   uint64_t sum = 0xcbf29ce484222325;
-  for (int32_t i = 0; i < pool->rest_span_count; ++i) {
+  for (int32_t i = 0; i < pool->watched_span_count; ++i) {
     const auto *at = static_cast<const uint8_t *>(unit) + pool->watched_spans[i].offset;
     for (uint32_t left = pool->watched_spans[i].size; left > 0;) {
       uint64_t word = 0;
@@ -57,7 +57,7 @@ uint64_t digest(const block_pool *pool, const void *unit) {
 
 template <class Act>
 void for_each_span(const block_pool *pool, void *unit, Act act) {
-  for (int32_t i = 0; i < pool->rest_span_count; ++i)
+  for (int32_t i = 0; i < pool->watched_span_count; ++i)
     act(static_cast<uint8_t *>(unit) + pool->watched_spans[i].offset, pool->watched_spans[i].size);
 }
 
@@ -88,7 +88,7 @@ void end_watch(const block_pool *pool, const pool_slot &slot) {
 
 bool frees_on_return(const block_pool *pool) {
   if (!bypasses(pool)) return false;
-  for (int32_t i = 0; i < pool->rest_span_count; ++i) {
+  for (int32_t i = 0; i < pool->watched_span_count; ++i) {
     const pool_span &span = pool->watched_spans[i];
     if (span.offset == 0 && static_cast<int64_t>(span.size) == pool->unit_size) return true;
   }

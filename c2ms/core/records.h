@@ -22,11 +22,11 @@
 #include "adif/memunit.h"
 #include "adif/stack.h"
 #include "adif/sync.h"
+#include "c2ms/core/estimate.h"
 #include "c2ms/core/limits.h"
+#include "c2ms/core/pace.h"
 #include "c2ms/core/strand.h"
 #include "c2ms/core/worker.h"
-#include "c2ms/core/estimate.h"
-#include "c2ms/core/pace.h"
 #include "eprobe/probe.h"
 
 struct c2ms_mgmt;
@@ -72,6 +72,17 @@ struct report_waits {
   int reply_ms = 8000;
   int connect_ms = 2000;
   int send_ms = 1000;
+};
+
+/// How long a play bears with what does not go on; tests shorten them.
+struct patience {
+  int64_t stalled_us = c2ms::stalled_us;  // a server that owes an answer and sends nothing
+  int64_t reopen_after_us = c2ms::reopen_after_us;  // no server is usable, or none answers
+  int64_t settled_us = c2ms::settled_us;            // ready that long: the brake begins anew
+  int64_t ratio_stalled_us = c2ms::ratio_stalled_us;
+  int64_t index_open_ms = c2ms::index_open_ms;
+  int32_t index_receive_ms = c2ms::index_receive_ms;
+  int32_t open_s = c2ms::open_timeouts;
 };
 
 /// What a reporting thread has to do for a session on one channel; ended: all has been said.
@@ -317,8 +328,8 @@ struct c2ms_idx_opening {
   c2ms_box_walk walk;
 };
 
-/// Running statistics of a media node's transfers (fetch/node_record.h). Guarded by the session's list
-/// lock.
+/// Running statistics of a media node's transfers (fetch/node_record.h). Guarded by the session's
+/// list lock.
 struct c2ms_node_perf {
   int32_t TN;
   int64_t RTT, AccRTT, AvgRTT;
@@ -552,6 +563,8 @@ struct c2ms_mgmt {
   int32_t mem_size = 0;
   uint8_t *arena = nullptr;
   rac_core *probe = nullptr;
+
+  c2ms::patience patience;  // constant once sessions are open
 
   c2ms::Worker resolver{"c2ms-resolver"};  // looks names up for sessions that reopen by themselves
 

@@ -7,19 +7,19 @@
 #include <cerrno>
 #include <cstring>
 
-#include "c2ms/session/mgmt.h"
+#include "c2ms/core/time.h"
 #include "c2ms/fetch/node.h"
 #include "c2ms/fetch/node_record.h"
-#include "c2ms/ring/pack.h"
-#include "c2ms/wire/pdu.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/session/session.h"
-#include "c2ms/session/object.h"
 #include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/unit.h"
 #include "c2ms/fetch/watch.h"
 #include "c2ms/player/stats.h"
-#include "c2ms/core/time.h"
-#include "c2ms/fetch/unit.h"
+#include "c2ms/ring/pack.h"
+#include "c2ms/session/mgmt.h"
+#include "c2ms/session/object.h"
+#include "c2ms/session/pump.h"
+#include "c2ms/session/session.h"
+#include "c2ms/wire/pdu.h"
 
 namespace {
 
@@ -194,7 +194,8 @@ bool stalled(const c2ms_node *node, int64_t now) {
   const bool owes = state == C2MS_NODE_WAITING_GETMEDIA_RESP ||
                     state == C2MS_NODE_WAITING_DESCMEDIA_RESP ||
                     state == C2MS_NODE_WAITING_SRVLIST_RESP;
-  return node->device == nullptr || (owes && now - node->last_active_us > stalled_us);
+  return node->device == nullptr ||
+         (owes && now - node->last_active_us > node->library->patience.stalled_us);
 }
 
 void account_stalled(c2ms_node *node) {
@@ -317,7 +318,8 @@ int c2ms_node_lifecheck(c2ms_node *node) {
     account_stalled(node);
     return c2ms_node_retry(node);
   }
-  if (node->state >= C2MS_NODE_READY && now - node->ready_since_us > settled_us) {
+  if (node->state >= C2MS_NODE_READY &&
+      now - node->ready_since_us > node->library->patience.settled_us) {
     node->backoff_ms = 0;
     node->retried = false;
   }

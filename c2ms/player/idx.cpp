@@ -5,17 +5,19 @@
 #include <cstring>
 
 #include "c2ms.h"
-#include "c2ms/ring/cache.h"
 #include "c2ms/core/diag.h"
-#include "c2ms/wire/boxes.h"
-#include "c2ms/player/gate.h"
 #include "c2ms/fetch/queue.h"
+#include "c2ms/player/gate.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/wire/boxes.h"
 
 namespace {
 
 using namespace c2ms;
 
-constexpr std::chrono::milliseconds open_limit{index_open_ms};
+std::chrono::milliseconds open_limit(const c2ms_sess *sess) {
+  return std::chrono::milliseconds(sess->mgmt->patience.index_open_ms);
+}
 
 // Whoever waits for the index is to be told so at once.
 bool is_over(const c2ms_sess *sess) {
@@ -122,9 +124,10 @@ int finish(c2ms_sess *sess, c2ms_cache *cache, int result) {
   return result;
 }
 
-int32_t ms_left(steady::time_point deadline) {
+int32_t ms_left(const c2ms_cache *cache, steady::time_point deadline) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now()).count();
-  return static_cast<int32_t>(std::clamp<int64_t>(left, 0, index_receive_ms));
+  return static_cast<int32_t>(
+      std::clamp<int64_t>(left, 0, cache->session->mgmt->patience.index_receive_ms));
 }
 
 int receive_all(c2ms_sess *sess, c2ms_cache *cache, steady::time_point deadline) {
@@ -132,9 +135,9 @@ int receive_all(c2ms_sess *sess, c2ms_cache *cache, steady::time_point deadline)
   int failures = 0;
   for (int32_t received = 0; steady::now() < deadline;) {
     if (received == wanted) return 0;
-    const int32_t n =
-        c2ms_cache_recv(cache, sess->idx_zbuf + received,
-                        std::min(c2ms_cache_packsize(cache), wanted - received), ms_left(deadline));
+    const int32_t n = c2ms_cache_recv(cache, sess->idx_zbuf + received,
+                                      std::min(c2ms_cache_packsize(cache), wanted - received),
+                                      ms_left(cache, deadline));
     if (n == C2MS_CLOSED) return n;
     if (n >= 1) {
       received += n;
@@ -169,7 +172,7 @@ int receive_header(c2ms_cache *cache, c2ms_box_walk *walk, steady::time_point de
   uint8_t *const to = walk->header + walk->have;
   const int32_t n = deadline == one_try
                         ? c2ms_cache_read(cache, to, size - walk->have, 1)
-                        : c2ms_cache_recv(cache, to, size - walk->have, ms_left(deadline));
+                        : c2ms_cache_recv(cache, to, size - walk->have, ms_left(cache, deadline));
   if (n < 0) return n;
   walk->have += n;
   if (walk->have == size) return 0;
@@ -196,7 +199,7 @@ int walk_result(int result) {
 int open_waiting(c2ms_sess *sess, c2ms_cache *cache, steady::time_point t0, uint32_t *len) {
   int result = begin_receiving(sess, cache, idx_no_memory);
   cache->gives_way = false;
-  if (result == 0) result = receive_all(sess, cache, t0 + open_limit);
+  if (result == 0) result = receive_all(sess, cache, t0 + open_limit(sess));
   if (result == 0) result = unpack(sess, len);
   if (result == 0 && sess->media_type == media_type_mp4) {
     result = walk_result(c2ms_sess_idx_parse_moov(sess, t0));
@@ -251,7 +254,7 @@ int open_step(c2ms_sess *sess, c2ms_cache *cache, uint32_t *len) {
 int c2ms_sess_idx_parse_moov(c2ms_sess *sess, steady::time_point t0) {
   c2ms_cache *const cache = sess->cache.load();
   begin_walk(sess, cache);
-  return walk_on(sess, cache, t0 + open_limit);
+  return walk_on(sess, cache, t0 + open_limit(sess));
 }
 
 void c2ms_sess_idx_release(c2ms_sess *sess) {
@@ -269,7 +272,7 @@ int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len) {
   if (cancelled_since(sess, sess->cancel)) return C2MS_CLOSED;
   if (sess->idx_len == 0 || sess->idx_mem != 0) return 0;
   const auto t0 = steady::now();
-  const GateGuard gate(sess, t0 + open_limit, cache);
+  const GateGuard gate(sess, t0 + open_limit(sess), cache);
   if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return idx_timed_out;
   return sess->idx_mem != 0 ? 0 : open_waiting(sess, cache, t0, len);

@@ -45,7 +45,7 @@ bool servers_lost(c2ms_sess *sess) {
   if (sess->desc_count == 0) return false;
   if (c2ms_sess_node_num(sess) < 1) return true;
   const auto for_long = [&](int64_t since) {
-    return now_us() - std::max(since, sess->reopened_us) > reopen_after_us;
+    return now_us() - std::max(since, sess->reopened_us) > sess->mgmt->patience.reopen_after_us;
   };
   if (sess->has_active == 0) return for_long(sess->active_us);
   return sess->fruitless_us != 0 && for_long(sess->fruitless_us);

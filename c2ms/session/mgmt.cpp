@@ -58,13 +58,13 @@ void take_configuration(c2ms_mgmt *mgmt) REQUIRES(mgmt->conf_lock) {
 
 template <size_t N>
 block_pool *make_pool(pool_unit_fn init, pool_unit_fn free_unit, size_t size, int escalate,
-                      const pool_span (&rest)[N]) {
+                      const pool_span (&watched)[N]) {
   block_pool *const pool = BPoolInit(nullptr);
   setInitFunc(pool, init);
   setFreeFunc(pool, free_unit);
   setUnitSize(pool, static_cast<int>(size));
   setEscalate(pool, escalate);
-  setWatchedSpans(pool, rest, static_cast<int>(N));
+  setWatchedSpans(pool, watched, static_cast<int>(N));
   setAutoAlloc(pool, 1);
   return pool;
 }

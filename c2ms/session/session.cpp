@@ -135,7 +135,7 @@ int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
     if (cb != nullptr && cb() < 0) return C2MS_UNAUTHORIZED;
     const StrandGuard strand(sess);
     rearm_timers(sess);
-    if (++timeouts > open_timeouts) return C2MS_OPEN_TIMEOUT;
+    if (++timeouts > sess->mgmt->patience.open_s) return C2MS_OPEN_TIMEOUT;
   }
 }
 
