@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "c2ms/core/records.h"
+#include "c2ms/core/time.h"
 
 namespace bench {
 

@@ -3,6 +3,7 @@
 
 #include "bench/harness.h"
 #include "c2ms.h"
+#include "c2ms/core/records.h"
 
 namespace bench {
 

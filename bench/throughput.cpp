@@ -8,7 +8,7 @@
 #include "bench/limit.h"
 #include "bench/play.h"
 #include "bench/sections.h"
-#include "c2ms/core/records.h"
+#include "c2ms/core/recorder.h"
 
 namespace bench {
 

@@ -6,7 +6,7 @@
 
 #include <thread>
 
-#include "c2ms/session/mgmt.h"
+#include "c2ms/core/context.h"
 #include "c2ms/core/records.h"
 #include "eprobe/rac_core.h"
 

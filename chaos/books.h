@@ -2,6 +2,7 @@
 #pragma once
 
 #include "c2ms.h"
+#include "c2ms/core/records.h"
 #include "findings.h"
 #include "testing/media_server.h"
 

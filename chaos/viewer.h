@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "c2ms.h"
+#include "c2ms/core/records.h"
 #include "world.h"
 
 namespace chaos {

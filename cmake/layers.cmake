@@ -2,7 +2,8 @@
 # it links: the include root of a layer holds one link, to that layer's folder.
 function(c2ms_layer target folder)
   set(root ${CMAKE_BINARY_DIR}/layers/${folder})
-  file(MAKE_DIRECTORY ${root})
+  get_filename_component(above ${root}/${folder} DIRECTORY)
+  file(MAKE_DIRECTORY ${above})
   file(CREATE_LINK ${CMAKE_SOURCE_DIR}/${folder} ${root}/${folder} SYMBOLIC)
   target_include_directories(${target} PUBLIC ${root})
   target_link_libraries(${target} PRIVATE c2ms_warnings)

@@ -8,8 +8,9 @@
 #include <vector>
 
 #include "adif/kalloc.h"
-#include "c2ms/player/idx.h"
+#include "c2ms/core/records.h"
 #include "c2ms/wire/boxes.h"
+#include "c2ms/wire/unpack.h"
 #include "compress/buffer_7z.h"
 #include "container.h"
 

@@ -9,8 +9,8 @@
 #include "adif/frame.h"
 #include "adif/kalloc.h"
 #include "c2ms.h"
-#include "c2ms/wire/pdu.h"
 #include "c2ms/core/records.h"
+#include "c2ms/wire/pdu.h"
 
 namespace {
 

@@ -14,12 +14,13 @@
 
 #include "adif/kalloc.h"
 #include "c2ms.h"
-#include "c2ms/ring/cache.h"
-#include "c2ms/fetch/node_record.h"
-#include "c2ms/ring/pack.h"
-#include "c2ms/session/object.h"
+#include "c2ms/core/records.h"
+#include "c2ms/fetch/node.h"
 #include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/seek.h"
 #include "c2ms/fetch/unit.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/session/object.h"
 #include "wire.h"
 
 namespace {

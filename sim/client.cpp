@@ -4,6 +4,10 @@
 #include <cmath>
 #include <cstdio>
 
+#include "c2ms/core/time.h"
+#include "c2ms/fetch/choice.h"
+#include "c2ms/fetch/work.h"
+
 namespace sim {
 
 namespace {

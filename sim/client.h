@@ -5,8 +5,9 @@
 #include <memory>
 #include <vector>
 
-#include "c2ms/fetch/choice.h"
 #include "c2ms/core/estimate.h"
+#include "c2ms/fetch/choice.h"
+#include "c2ms/fetch/work.h"
 #include "connection.h"
 
 namespace sim {

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "aftermath.h"
+#include "c2ms/core/context.h"
 #include "c2ms/core/records.h"
 #include "cases.h"
 #include "play.h"

@@ -9,7 +9,6 @@
 #include <thread>
 
 #include "aftermath.h"
-#include "c2ms/session/mgmt.h"
 #include "c2ms/core/records.h"
 
 namespace sweep {

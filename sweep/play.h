@@ -3,6 +3,7 @@
 #pragma once
 
 #include "c2ms.h"
+#include "c2ms/core/records.h"
 #include "child.h"
 #include "world.h"
 

@@ -1,4 +1,6 @@
-// Who this device is: ids, hardware id, addresses. Part of session/mgmt.h.
+// See identity.h.
+#include "c2ms/core/identity.h"
+
 #include <arpa/inet.h>
 #include <strings.h>
 
@@ -6,7 +8,7 @@
 #include <cstring>
 
 #include "adif/tsock.h"
-#include "c2ms/session/mgmt.h"
+#include "c2ms.h"
 #include "c2ms/core/time.h"
 
 namespace {
@@ -131,6 +133,11 @@ uint32_t c2ms_sessid(c2ms_mgmt *mgmt) {
 uint32_t c2ms_unitid(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return 0;
   return next_id(&mgmt->next_unit_id);
+}
+
+uint32_t c2ms_sess_pduid(c2ms_sess *sess) {
+  if (sess == nullptr) return 0;
+  return sess->next_pdu_id.fetch_add(1);
 }
 
 c2ms::identity c2ms::current_identity(c2ms_mgmt *mgmt) {

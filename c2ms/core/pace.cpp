@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "c2ms/core/time.h"
+
 namespace c2ms {
 
 namespace {

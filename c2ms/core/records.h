@@ -25,6 +25,7 @@
 #include "c2ms/core/estimate.h"
 #include "c2ms/core/limits.h"
 #include "c2ms/core/pace.h"
+#include "c2ms/core/ranks.h"
 #include "c2ms/core/strand.h"
 #include "c2ms/core/worker.h"
 #include "eprobe/probe.h"
@@ -38,21 +39,6 @@ struct c2ms_cache;
 struct c2ms_trace_event;
 
 namespace c2ms {
-
-// Lock ranks, outermost first: a thread takes a lock only while all that it holds rank lower.
-enum rank : uint8_t {
-  rank_read_gate = 1,
-  rank_strand,
-  rank_download,
-  rank_counters,
-  rank_node_list,
-  rank_unit_queue,
-  rank_cache,
-  rank_pack,
-  rank_speed,
-  rank_registry,
-  rank_memory,
-};
 
 /// As long as a host's name can be (RFC 1035).
 struct host_name {
@@ -451,6 +437,7 @@ struct c2ms_sess {
   // Nodes. The counters follow the nodes' states (c2ms_node_state_to).
   c2ms_node *entry_node = nullptr;
   bool lookup_pending = false;
+  bool list_due = false;   // a media node has failed: is another server list needed?
   uint8_t entry_asks = 0;  // lists asked for again because all servers of the last one failed
   adif::Mutex counter_lock{c2ms::rank_counters};
   std::atomic<int32_t> ready_num{0};   // written under counter_lock
@@ -563,6 +550,8 @@ struct c2ms_mgmt {
   int32_t mem_size = 0;
   uint8_t *arena = nullptr;
   rac_core *probe = nullptr;
+  // The handler of every device and timer (session/pump.h); set before the first is made.
+  int (*on_event)(void *mgmt, void *device, int event, int kind) = nullptr;
 
   c2ms::patience patience;  // constant once sessions are open
 

@@ -1,7 +1,7 @@
-// The registries of sessions and nodes. Part of session/object.h and of the door (core/strand.h).
-#include "c2ms/fetch/node_record.h"
-#include "c2ms/session/object.h"
-#include "c2ms/core/strand.h"
+// See registry.h.
+#include "c2ms/core/registry.h"
+
+#include "c2ms/core/records.h"
 
 namespace {
 
@@ -28,6 +28,19 @@ int c2ms_sess_cmp_sess(const void *a, const void *b) {
   if (b == nullptr) return -2;
   const uint32_t key = static_cast<const c2ms_sess *>(b)->sess_id;
   return c2ms_sess_cmp_sessid(a, &key);
+}
+
+int c2ms_node_cmp_nodeid(const void *node, const void *key) {
+  if (node == nullptr) return -1;
+  if (key == nullptr) return -2;
+  const uint32_t id = static_cast<const c2ms_node *>(node)->node_id;
+  const uint32_t want = *static_cast<const uint32_t *>(key);
+  return id < want ? -1 : (id > want ? 1 : 0);
+}
+
+int c2ms_node_cmp_node(const void *a, const void *b) {
+  if (b == nullptr) return a == nullptr ? -1 : -2;
+  return c2ms_node_cmp_nodeid(a, &static_cast<const c2ms_node *>(b)->node_id);
 }
 
 int c2ms_sess_add(c2ms_mgmt *mgmt, c2ms_sess *sess) {
@@ -87,4 +100,12 @@ bool c2ms::find_node(c2ms_mgmt *mgmt, uint32_t id, node_ref *out) {
   // What a registered node belongs to does not change while the registry is locked.
   *out = {node, id, node->session, node->session_id};
   return true;
+}
+
+bool c2ms::still_open(const c2ms_sess *sess, uint32_t sess_id) {
+  return sess->sess_id.load() == sess_id && sess->life.load() == c2ms_life::live;
+}
+
+bool c2ms::still_there(c2ms_mgmt *mgmt, const node_ref &ref) {
+  return still_open(ref.sess, ref.sess_id) && c2ms_node_get(mgmt, ref.node_id) == ref.node;
 }

@@ -8,30 +8,30 @@
 #include <utility>
 
 #include "adif/tsock.h"
+#include "c2ms/core/count.h"
 #include "c2ms/core/diag.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/fetch/node_record.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/session/session.h"
-#include "c2ms/fetch/work.h"
-#include "c2ms/session/object.h"
-#include "c2ms/fetch/queue.h"
-#include "c2ms/player/stats.h"
-#include "c2ms/core/time.h"
+#include "c2ms/core/identity.h"
+#include "c2ms/core/pooled.h"
 #include "c2ms/core/recorder.h"
+#include "c2ms/core/registry.h"
+#include "c2ms/core/servers.h"
+#include "c2ms/core/strand_hold.h"
+#include "c2ms/core/time.h"
+#include "c2ms/core/timer.h"
+#include "c2ms/core/wake.h"
+#include "c2ms/fetch/choice.h"
+#include "c2ms/fetch/node_list.h"
+#include "c2ms/fetch/node_record.h"
+#include "c2ms/fetch/queue.h"
 #include "c2ms/fetch/unit.h"
+#include "c2ms/fetch/work.h"
 
 namespace {
 
 using namespace c2ms;
 
-void stop_timer(rac_timer **timer) {
-  StopTimer(*timer);
-  *timer = nullptr;
-}
-
-rac_timer *start_timer(c2ms_node *node, uint32_t msec, uint32_t command) {
-  return StartTimer2(node->library->probe, msec, command, node->node_id, c2ms_pump, node->library);
+rac_timer *start_node_timer(c2ms_node *node, uint32_t msec, uint32_t command) {
+  return start_timer(node->library, msec, command, node->node_id);
 }
 
 uint32_t connect_timeout_ms(const c2ms_node *node) {
@@ -41,7 +41,7 @@ uint32_t connect_timeout_ms(const c2ms_node *node) {
 void start_life_timer(c2ms_node *node) {
   const auto period_ms = static_cast<uint32_t>(node->library->conn_check_time.load()) * 1000;
   stop_timer(&node->life_timer);
-  node->life_timer = start_timer(node, period_ms, timer_node_life);
+  node->life_timer = start_node_timer(node, period_ms, timer_node_life);
 }
 
 void drop_device(c2ms_node *node) {
@@ -76,71 +76,6 @@ int send_control(c2ms_node *node, c2ms_unit *unit, uint32_t waiting_state) {
   if (result < 0) return result;
   c2ms_node_state_to(node, waiting_state);
   return 0;
-}
-
-// A state's weight in the session's counters.
-struct weight {
-  bool ready, usable, downloading;
-  explicit weight(uint32_t state)
-      : ready(state == C2MS_NODE_READY),
-        usable(state >= C2MS_NODE_READY),
-        downloading(state >= C2MS_NODE_WAITING_GETMEDIA_RESP) {}
-};
-
-void count_ready(c2ms_sess *sess, const weight &before, const weight &after)
-    REQUIRES(sess->counter_lock) {
-  if (after.ready && !before.ready) ++sess->ready_num;
-  if (before.ready && !after.ready) sess->ready_num = std::max(sess->ready_num - 1, 0);
-}
-
-void count_usable(c2ms_sess *sess, const weight &before, const weight &after)
-    REQUIRES(sess->counter_lock) {
-  if (after.usable && !before.usable) {
-    if (sess->active_num < 1) {
-      sess->active_us = now_us();
-      sess->has_active = 1;
-    }
-    ++sess->active_num;
-  } else if (before.usable && !after.usable) {
-    if (sess->active_num < 2) {
-      sess->active_us = now_us();
-      sess->has_active = 0;
-    }
-    sess->active_num = std::max(sess->active_num - 1, 0);
-  }
-}
-
-// Accounts the time spent downloading when a download ends.
-void count_downloading(c2ms_sess *sess, const weight &before, const weight &after)
-    REQUIRES(sess->counter_lock) {
-  if (after.downloading && !before.downloading) {
-    if (sess->download_num < 1) sess->download_start_us = now_us();
-    ++sess->download_num;
-  } else if (before.downloading && !after.downloading) {
-    const int64_t now = now_us();
-    const int64_t spent = now - sess->download_start_us;
-    sess->download_start_us = now;
-    sess->download_num = std::max(sess->download_num - 1, 0);
-    if (spent > 0) sess->recv_time += static_cast<uint64_t>(spent);
-  }
-}
-
-// Lists of lists must not take the connections of other sessions.
-bool has_room(c2ms_sess *sess, bool media) {
-  const adif::Guard lock(sess->list_lock);
-  const int media_nodes = sk_num(sess->node_list);
-  if (media) return media_nodes < max_media_nodes;
-  return sk_num(sess->node_index) - media_nodes < max_other_nodes;
-}
-
-// True when the last usable node went: who waits for bytes must look at the status.
-bool count_states(c2ms_sess *sess, uint32_t from, uint32_t to) REQUIRES(sess->counter_lock) {
-  const weight before(from), after(to);
-  const bool had = sess->has_active != 0;
-  count_ready(sess, before, after);
-  count_usable(sess, before, after);
-  count_downloading(sess, before, after);
-  return had && sess->has_active == 0;
 }
 
 }  // namespace
@@ -180,9 +115,9 @@ int c2ms_node_connect(c2ms_node *node) {
   stop_timer(&node->life_timer);
   drop_device(node);
   // All nodes of a session on one worker: answers that come together cost one wake-up.
-  node->device =
-      ConnectRemoteAt(node->library->probe, node->session_id, &node->ip,
-                      static_cast<uint16_t>(node->port), node->node_id, c2ms_pump, node->library);
+  node->device = ConnectRemoteAt(node->library->probe, node->session_id, &node->ip,
+                                 static_cast<uint16_t>(node->port), node->node_id,
+                                 node->library->on_event, node->library);
   if (node->device == nullptr) {
     c2ms_node_retry(node);
     return 0;
@@ -190,7 +125,7 @@ int c2ms_node_connect(c2ms_node *node) {
   node->session->strand.spoke();
   diag("NodeID:%lu dev:%p\n", static_cast<unsigned long>(node->node_id),
        static_cast<void *>(node->device));
-  node->connect_timer = start_timer(node, connect_timeout_ms(node), timer_node_connect);
+  node->connect_timer = start_node_timer(node, connect_timeout_ms(node), timer_node_connect);
   return 0;
 }
 
@@ -223,8 +158,8 @@ int c2ms_node_retry(c2ms_node *node) {
   count_failure(node);
   note_ahead_failure(node);
   c2ms_node_disconnect_dbg(node);
-  node->connect_timer = start_timer(node, next_delay_ms(node), timer_node_connect);
-  if (is_media(node)) ask_entry_again(node->session);
+  node->connect_timer = start_node_timer(node, next_delay_ms(node), timer_node_connect);
+  if (is_media(node)) node->session->list_due = true;
   return 0;
 }
 
@@ -242,7 +177,7 @@ void c2ms::rearm(c2ms_node *node) {
   } else if (node->connect_timer == nullptr) {
     const bool waits = state == C2MS_NODE_DISCONNECTED;
     const uint32_t msec = waits ? node->backoff_ms : connect_timeout_ms(node);
-    node->connect_timer = start_timer(node, msec, timer_node_connect);
+    node->connect_timer = start_node_timer(node, msec, timer_node_connect);
   }
 }
 
@@ -400,6 +335,39 @@ int c2ms_node_state_to(c2ms_node *node, uint32_t state) {
   // (Between ready and downloading: the requests tell it.)
   const bool told = before >= C2MS_NODE_READY && state >= C2MS_NODE_READY;
   if (!told) trace_node(node, state);
+  return 0;
+}
+
+c2ms_node *c2ms_node_fetch(c2ms_sess *session) {
+  if (session == nullptr || session->mgmt == nullptr) return nullptr;
+  c2ms_mgmt *const mgmt = session->mgmt;
+  c2ms_node *const node = fetch_record(mgmt->node_pool, c2ms_node_init);
+  if (node == nullptr) return nullptr;
+  node->session_id = session->sess_id;
+  node->session = session;
+  node->library = mgmt;
+  node->node_id = c2ms_nodeid(mgmt);
+  if (c2ms_node_add(mgmt, node) == 0) return node;
+  return_record(mgmt->node_pool, node, c2ms_node_free);
+  return nullptr;
+}
+
+int c2ms_node_recycle(c2ms_node *node) {
+  if (node == nullptr) return -1;
+  c2ms_mgmt *const mgmt = node->library;
+  // By id and pointer: a node that is not registered any more has been recycled.
+  if (mgmt == nullptr || c2ms_node_del(mgmt, node) == nullptr) return 0;
+  c2ms_sess *const session = node->session;
+  drop_connection(node);
+  c2ms_node_state_to(node, C2MS_NODE_NULL);
+  c2ms_sess_node_del(session, node);
+  if (session->entry_node == node) session->entry_node = nullptr;
+  c2ms_node_download_exit(node);
+  count_departed(node);
+  if (session->desc_count == 0) wake_opener(session);  // was it the last one?
+  node->session = nullptr;
+  node->library = nullptr;
+  return_record(mgmt->node_pool, node, c2ms_node_free);
   return 0;
 }
 

@@ -9,7 +9,15 @@
 
 #include "adif/source_place.h"
 #include "c2ms/core/records.h"
-#include "c2ms/core/strand.h"
+
+/// Takes a node from the pool, gives it its id and session and registers it. Inside the session's
+/// strand. NULL for NULL or without memory.
+c2ms_node *c2ms_node_fetch(c2ms_sess *session);
+
+/// Ends the node: device, timers and download unit are given back, the session forgets it, the
+/// record returns to the pool. Inside the strand; nothing of the node may be touched afterwards. 0;
+/// -1 for NULL; harmless on a node that has been recycled already.
+int c2ms_node_recycle(c2ms_node *node);
 
 /// Opens a node to a server whose address is known (network order) and starts connecting. host:
 /// name or dotted address for diagnosis, NULL: the address as text. NULL when the session has its
@@ -48,32 +56,14 @@ int c2ms_node_download_start_dbg(c2ms_node *node,
 int c2ms_node_download_exit(c2ms_node *node);
 int c2ms_node_download_end(c2ms_node *node);
 
-/// The node's device is readable. Payload is received with the strand paused. [may end the node]
-int c2ms_node_recv(const c2ms::node_ref &ref, rac_connection *device, c2ms::StrandGuard &strand);
-
-// What a complete response leads to. 0, or -1 to -4 missing arguments, -100 not complete, -200
-// refused (the node is closed), -300 not to be understood (the node retries). [may end the node]
-int c2ms_node_recv_srvlist(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *closed_flag);
-int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit,
-                             bool *closed_flag);
-int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit);
-
-/// The life timer fired: stalled transfers are dropped, late ones asked for a second time. [may end
-/// the node]
-int c2ms_node_lifecheck(c2ms_node *node);
-
 /// Moves to a state; the session counters of a media node follow. 0, -1 for NULL, -2 without
 /// session.
 int c2ms_node_state_to(c2ms_node *node, uint32_t state);
 
-/// c2ms_node_recycle (fetch/node_record.h).
+/// c2ms_node_recycle.
 int c2ms_node_close(c2ms_node *node);
 
 namespace c2ms {
-
-inline bool is_media(const c2ms_node *node) {
-  return (node->type & node_serves_media) != 0;
-}
 
 /// True when a node that is receiving should send its next request now: it will reach the server
 /// before the answer ends, and no request is ahead already.
@@ -89,13 +79,5 @@ int connect_anew(c2ms_node *node);
 
 /// Arms the timer that the node's state needs, unless it runs: none was free when it was due.
 void rearm(c2ms_node *node);
-
-/// The node list's best usable node (ready or downloading; one whose answer is late only for want
-/// of another), and the number of usable nodes.
-struct usable_nodes {
-  c2ms_node *best;
-  int count;
-};
-usable_nodes find_usable(c2ms_sess *sess);
 
 }  // namespace c2ms

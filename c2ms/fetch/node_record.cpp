@@ -4,41 +4,15 @@
 #include <cstring>
 
 #include "adif/kalloc.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/fetch/node.h"
-#include "c2ms/session/object.h"
-#include "c2ms/fetch/queue.h"
-#include "c2ms/player/stats.h"
+#include "c2ms/core/registry.h"
 #include "c2ms/core/time.h"
+#include "c2ms/core/timer.h"
+#include "c2ms/fetch/node_list.h"
 #include "c2ms/fetch/unit.h"
 
 namespace {
 
-template <class T>
-int three_way(T a, T b) {
-  return a < b ? -1 : (a > b ? 1 : 0);
-}
-
-int compare_address(const c2ms_node *node, uint32_t ip, uint32_t port) {
-  if (node->ip != ip) return node->ip < ip ? -1 : 1;
-  return three_way(static_cast<int32_t>(node->port), static_cast<int32_t>(port));
-}
-
-double comparable(double speed) {
-  return std::isnan(speed) ? 0.0 : speed;
-}
-
-void stop_timer(rac_timer **timer) {
-  StopTimer(*timer);
-  *timer = nullptr;
-}
-
-void drop_connection(c2ms_node *node) {
-  RemoveDevice(node->device);
-  node->device = nullptr;
-  stop_timer(&node->connect_timer);
-  stop_timer(&node->life_timer);
-}
+using namespace c2ms;
 
 void reset_fields(c2ms_node *node) {
   node->level = 0;
@@ -75,14 +49,6 @@ void reset_fields(c2ms_node *node) {
   node->next_unit = nullptr;
 }
 
-void give_back(c2ms_mgmt *mgmt, c2ms_node *node) {
-  if (mgmt->node_pool == nullptr) {
-    c2ms_node_free(node);
-  } else {
-    recycleUnit(mgmt->node_pool, node);
-  }
-}
-
 }  // namespace
 
 int c2ms_node_init(c2ms_node *node) {
@@ -94,42 +60,16 @@ int c2ms_node_init(c2ms_node *node) {
   return 0;
 }
 
-c2ms_node *c2ms_node_fetch(c2ms_sess *session) {
-  if (session == nullptr || session->mgmt == nullptr) return nullptr;
-  c2ms_mgmt *const mgmt = session->mgmt;
-  int status = 0;
-  auto *node = static_cast<c2ms_node *>(blockFetchUnit(mgmt->node_pool, &status));
-  if (node == nullptr) {
-    node = static_cast<c2ms_node *>(kzalloc_dbg(sizeof(c2ms_node)));
-    if (c2ms_node_init(node) != 0) return nullptr;
-  }
-  node->session_id = session->sess_id;
-  node->session = session;
-  node->library = mgmt;
-  node->node_id = c2ms_nodeid(mgmt);
-  if (c2ms_node_add(mgmt, node) == 0) return node;
-  give_back(mgmt, node);
-  return nullptr;
+namespace c2ms {
+
+void drop_connection(c2ms_node *node) {
+  RemoveDevice(node->device);
+  node->device = nullptr;
+  stop_timer(&node->connect_timer);
+  stop_timer(&node->life_timer);
 }
 
-int c2ms_node_recycle(c2ms_node *node) {
-  if (node == nullptr) return -1;
-  c2ms_mgmt *const mgmt = node->library;
-  // By id and pointer: a node that is not registered any more has been recycled.
-  if (mgmt == nullptr || c2ms_node_del(mgmt, node) == nullptr) return 0;
-  c2ms_sess *const session = node->session;
-  drop_connection(node);
-  c2ms_node_state_to(node, C2MS_NODE_NULL);
-  c2ms_sess_node_del(session, node);
-  if (session->entry_node == node) session->entry_node = nullptr;
-  c2ms_node_download_exit(node);
-  c2ms::count_departed(node);
-  if (session->desc_count == 0) c2ms::wake_opener(session);  // was it the last one?
-  node->session = nullptr;
-  node->library = nullptr;
-  give_back(mgmt, node);
-  return 0;
-}
+}  // namespace c2ms
 
 int c2ms_node_free(c2ms_node *node) {
   if (node == nullptr) return -1;
@@ -178,42 +118,6 @@ int c2ms_node_perf_statistic(c2ms_node *node, c2ms_unit *unit) {
   perf.AccBytes += bytes;
   perf.AvgSpeed = static_cast<double>(perf.AccBytes) * 1000.0 / static_cast<double>(perf.AccTime);
   return 0;
-}
-
-int c2ms_node_cmp_iport(const void *node, const void *key) {
-  if (node == nullptr) return -1;
-  if (key == nullptr) return -2;
-  const auto *const want = static_cast<const c2ms_iport_key *>(key);
-  return compare_address(static_cast<const c2ms_node *>(node), want->ip, want->port);
-}
-
-int c2ms_node_cmp_node_by_iport(const void *a, const void *b) {
-  if (a == nullptr) return -1;
-  if (b == nullptr) return -2;
-  const auto *const other = static_cast<const c2ms_node *>(b);
-  return compare_address(static_cast<const c2ms_node *>(a), other->ip, other->port);
-}
-
-int c2ms_node_cmp_node_by_perf(const void *a, const void *b) {
-  if (a == nullptr) return -1;
-  if (b == nullptr) return -2;
-  const auto *const first = *static_cast<const c2ms_node *const *>(a);
-  const auto *const second = *static_cast<const c2ms_node *const *>(b);
-  if (first == nullptr) return -1;
-  if (second == nullptr) return -2;
-  return three_way(comparable(second->perf.AvgSpeed), comparable(first->perf.AvgSpeed));
-}
-
-int c2ms_node_cmp_nodeid(const void *node, const void *key) {
-  if (node == nullptr) return -1;
-  if (key == nullptr) return -2;
-  return three_way(static_cast<const c2ms_node *>(node)->node_id,
-                   *static_cast<const uint32_t *>(key));
-}
-
-int c2ms_node_cmp_node(const void *a, const void *b) {
-  if (b == nullptr) return a == nullptr ? -1 : -2;
-  return c2ms_node_cmp_nodeid(a, &static_cast<const c2ms_node *>(b)->node_id);
 }
 
 const char *c2ms::node_state_name(uint32_t state) {

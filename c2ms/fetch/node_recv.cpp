@@ -1,4 +1,6 @@
-// What arrives on a node's connection, and the life check. Part of fetch/node.h.
+// See node_recv.h.
+#include "c2ms/fetch/node_recv.h"
+
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
@@ -7,18 +9,17 @@
 #include <cerrno>
 #include <cstring>
 
+#include "c2ms/core/count.h"
+#include "c2ms/core/registry.h"
+#include "c2ms/core/servers.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
+#include "c2ms/core/wake.h"
 #include "c2ms/fetch/node.h"
+#include "c2ms/fetch/node_list.h"
 #include "c2ms/fetch/node_record.h"
-#include "c2ms/fetch/queue.h"
 #include "c2ms/fetch/unit.h"
 #include "c2ms/fetch/watch.h"
-#include "c2ms/player/stats.h"
-#include "c2ms/ring/pack.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/session/object.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/session/session.h"
 #include "c2ms/wire/pdu.h"
 
 namespace {
@@ -125,18 +126,6 @@ int recv_control(c2ms_node *node, c2ms_unit *unit, bool list) {
   return c2ms_node_download_start_dbg(node);
 }
 
-// A transfer that takes longer than three round trips is late.
-int64_t patience_us(const c2ms_node_perf &perf) {
-  return 3 * std::max(perf.AvgRTT, min_rtt_us);
-}
-
-// How fast it was before counts for nothing while its answer is late: a server that answers at full
-// speed and then falls silent would drive the others out and leave the session with nobody. For the
-// same reason a few answers, which a server's shaper may let pass at once, prove nothing yet.
-bool is_late(const c2ms_node *node, int64_t now) {
-  return node->asked_us != 0 && now - node->asked_us > patience_us(node->perf);
-}
-
 int next_download(c2ms_node *node) {
   if (node->state != C2MS_NODE_READY || !is_media(node)) return 0;
   const int result = c2ms_node_download_start_dbg(node);
@@ -153,7 +142,7 @@ struct reception {
 // Receives with the strand left, so that nobody waits for it while bytes are copied. The unit is
 // taken inside, and the node's lock held throughout, so that nobody detaches it in between. The
 // descriptor stays open: a device is closed by the thread that serves it, and that is this one.
-reception receive(c2ms_node *node, int fd, StrandGuard &strand) {
+reception receive(c2ms_node *node, int fd, StrandHold &strand) {
   const adif::Guard lock(node->download_lock);
   c2ms_unit *const unit = node->download_unit;
   strand.pause();
@@ -161,7 +150,7 @@ reception receive(c2ms_node *node, int fd, StrandGuard &strand) {
   return {unit, result, unit->state == UNIT_END};
 }
 
-int recv_download(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
+int recv_download(const node_ref &ref, rac_connection *device, StrandHold &strand) {
   c2ms_node *const node = ref.node;
   c2ms_mgmt *const mgmt = node->library;
   const int fd = GetDeviceFD(device);
@@ -214,7 +203,7 @@ int check_list_node(c2ms_node *node, int64_t now) {
 
 }  // namespace
 
-int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandGuard &strand) {
+int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandHold &strand) {
   c2ms_node *const node = ref.node;
   if (node->state == C2MS_NODE_WAITING_GETMEDIA_RESP && node->asked_us == 0) {
     c2ms_node_state_to(node, C2MS_NODE_READY);
@@ -324,21 +313,4 @@ int c2ms_node_lifecheck(c2ms_node *node) {
     node->retried = false;
   }
   return 0;
-}
-
-c2ms::usable_nodes c2ms::find_usable(c2ms_sess *sess) {
-  usable_nodes found{nullptr, 0};
-  c2ms_node *first = nullptr;
-  const int64_t now = now_us();
-  const adif::Guard lock(sess->list_lock);
-  sk_sort_by(sess->node_list, c2ms_node_cmp_node_by_perf);
-  for (int i = 0; i < sk_num(sess->node_list); ++i) {
-    auto *const node = static_cast<c2ms_node *>(sk_value(sess->node_list, i));
-    if (node->state < C2MS_NODE_READY) continue;
-    ++found.count;
-    if (first == nullptr) first = node;
-    if (found.best == nullptr && !is_late(node, now)) found.best = node;
-  }
-  if (found.best == nullptr) found.best = first;
-  return found;
 }

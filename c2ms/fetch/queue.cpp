@@ -3,25 +3,15 @@
 #include <algorithm>
 #include <array>
 
-#include "c2ms/fetch/node.h"
-#include "c2ms/fetch/node_record.h"
-#include "c2ms/ring/pack.h"
-#include "c2ms/session/session.h"
-#include "c2ms/fetch/work.h"
-#include "c2ms/session/object.h"
-#include "c2ms/fetch/watch.h"
-#include "c2ms/player/stats.h"
-#include "c2ms/core/strand.h"
-#include "c2ms/core/time.h"
+#include "c2ms/core/registry.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/fetch/unit.h"
+#include "c2ms/fetch/work.h"
+#include "c2ms/ring/bind.h"
 
 namespace {
 
 using namespace c2ms;
-
-void sort_nodes(c2ms_sess *sess) REQUIRES(sess->list_lock) {
-  if (sk_num(sess->node_list) > 1) sk_sort_by(sess->node_list, c2ms_node_cmp_node_by_perf);
-}
 
 // Help is meant for the node that brings it soonest, as long as that can.
 bool may_take(const c2ms_sess *sess, const c2ms_node *node, const c2ms_unit *unit) {
@@ -43,49 +33,6 @@ c2ms_unit *pop_unit(c2ms_sess *sess, const c2ms_node *node = nullptr) {
 }
 
 }  // namespace
-
-int c2ms_sess_node_add(c2ms_sess *sess, c2ms_node *node) {
-  if (sess == nullptr) return -1;
-  if (node == nullptr) return -2;
-  const adif::Guard lock(sess->list_lock);
-  if (sk_sort_insert_by(sess->node_index, node, c2ms_node_cmp_node_by_iport) < 1) return -3;
-  if ((node->type & node_serves_media) == 0 || sk_push(sess->node_list, node) > 0) return 0;
-  sk_delete_ptr(sess->node_index, node);
-  return -3;
-}
-
-int c2ms_sess_node_del(c2ms_sess *sess, c2ms_node *node) {
-  if (sess == nullptr) return -1;
-  if (node == nullptr) return -2;
-  const adif::Guard lock(sess->list_lock);
-  sk_delete_ptr(sess->node_index, node);
-  sk_delete_ptr(sess->node_list, node);
-  return 0;
-}
-
-c2ms_node *c2ms_sess_node_find(c2ms_sess *sess, uint32_t addr, uint32_t port) {
-  if (sess == nullptr) return nullptr;
-  const c2ms_iport_key key{addr, port};
-  const adif::Guard lock(sess->list_lock);
-  return static_cast<c2ms_node *>(sk_find_by(sess->node_index, &key, c2ms_node_cmp_iport));
-}
-
-int c2ms_sess_node_num(c2ms_sess *sess) {
-  if (sess == nullptr) return -1;
-  const adif::Guard lock(sess->list_lock);
-  return sk_num(sess->node_list);
-}
-
-int c2ms_sess_node_readynum(c2ms_sess *sess) {
-  return sess == nullptr ? -1 : sess->ready_num.load();
-}
-
-int c2ms_sess_node_sort(c2ms_sess *sess) {
-  if (sess == nullptr) return -1;
-  const adif::Guard lock(sess->list_lock);
-  sort_nodes(sess);
-  return 0;
-}
 
 c2ms_unit *c2ms_sess_unit_issue(c2ms_sess *sess, int32_t first, int32_t count) {
   c2ms_unit *const unit = c2ms_unit_fetch(sess);
@@ -170,78 +117,4 @@ void c2ms_sess_unit_purge(c2ms_sess *sess) {
 
 int c2ms_sess_unit_num(c2ms_sess *sess) {
   return sess == nullptr ? 0 : sess->unit_num.load();
-}
-
-int c2ms_sess_dispatch_check(c2ms_sess *sess) {
-  if (sess == nullptr) return -1;
-  c2ms_cache *const cache = sess->cache.load();
-  if (sess->unit_num.load() < 1 && c2ms_cache_get_idle_pack(cache) == nullptr) return -100;
-  const int ready = sess->ready_num.load();
-  return ready < 1 ? -200 : ready;
-}
-
-int c2ms_sess_dispatch(c2ms_sess *sess) {
-  if (sess == nullptr) return 0;
-  const StrandGuard strand(sess);
-  if (sess->life.load() != c2ms_life::live) return 0;
-  std::array<c2ms_node *, snapshot_nodes> ready;
-  size_t count = 0;
-  {
-    const adif::Guard lock(sess->list_lock);
-    sort_nodes(sess);
-    for (int i = 0; i < sk_num(sess->node_list) && count < ready.size(); ++i) {
-      auto *const node = static_cast<c2ms_node *>(sk_value(sess->node_list, i));
-      if (node->state == C2MS_NODE_READY) ready[count++] = node;
-    }
-  }
-  // Nobody recycles a node while we are in the strand, except a start that fails, and then its own.
-  for (size_t i = 0; i < count; ++i) c2ms_node_download_start_dbg(ready[i]);
-  start_watch(sess);
-  return 0;
-}
-
-int c2ms_sess_recv_byte(c2ms_sess *sess, int64_t n) {
-  if (sess == nullptr) return -1;
-  sess->window_bytes += static_cast<uint64_t>(n);
-  sess->total_bytes += static_cast<uint64_t>(n);
-  return 0;
-}
-
-int c2ms_sess_recvspeed_count(c2ms_sess *sess) {
-  if (sess == nullptr) return -1;
-  if (sess->mgmt == nullptr) return -2;
-  {
-    const adif::Guard lock(sess->speed_lock);
-    const int64_t now = now_us();
-    const double elapsed_ms = static_cast<double>(now - sess->window_us) / 1000.0;
-    const auto bytes = static_cast<double>(sess->window_bytes.exchange(0));
-    sess->realtime_speed = elapsed_ms > 0 ? bytes / elapsed_ms : 0;
-    sess->window_us = now;
-  }
-  c2ms_sess_start_speed_timer(sess);
-  return 0;
-}
-
-double c2ms_sess_realtime_recvspeed(c2ms_sess *sess) {
-  if (sess == nullptr) return 0;
-  const adif::Guard lock(sess->speed_lock);
-  return sess->realtime_speed;
-}
-
-double c2ms_sess_average_recvspeed(c2ms_sess *sess) {
-  if (sess == nullptr) return -1.0;
-  const uint64_t time_us = sess->recv_time;
-  if (time_us == 0) return 0;
-  return static_cast<double>(sess->total_bytes) / (static_cast<double>(time_us) / 1000.0);
-}
-
-int32_t c2ms_sess_fasttime(c2ms_sess *sess) {
-  constexpr int32_t no_node = 1'000'000, unknown = 20'000'000;
-  if (sess == nullptr) return no_node;
-  const adif::Guard lock(sess->list_lock);
-  const auto *const best = static_cast<const c2ms_node *>(sk_value(sess->node_list, 0));
-  if (best == nullptr) return no_node;
-  if (best->perf.TN < 1 || best->perf.AccTime < 1) return unknown;
-  const int64_t average = best->perf.AccTime / best->perf.TN;
-  return static_cast<int32_t>(std::clamp<int64_t>(average, min_rtt_us, INT32_MAX));
 }

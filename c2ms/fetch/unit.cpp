@@ -5,12 +5,11 @@
 
 #include "adif/kalloc.h"
 #include "adif/tsock.h"
-#include "c2ms/ring/cache.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/ring/pack.h"
-#include "c2ms/wire/pdu.h"
-#include "c2ms/session/object.h"
+#include "c2ms/core/identity.h"
+#include "c2ms/core/pooled.h"
 #include "c2ms/core/time.h"
+#include "c2ms/ring/bind.h"
+#include "c2ms/wire/pdu.h"
 
 namespace {
 
@@ -89,12 +88,8 @@ int c2ms_unit_init(c2ms_unit *unit) {
 c2ms_unit *c2ms_unit_fetch(c2ms_sess *session) {
   if (session == nullptr || session->mgmt == nullptr) return nullptr;
   c2ms_mgmt *const mgmt = session->mgmt;
-  int status = 0;
-  auto *unit = static_cast<c2ms_unit *>(blockFetchUnit(mgmt->unit_pool, &status));
-  if (unit == nullptr) {
-    unit = static_cast<c2ms_unit *>(kzalloc_dbg(sizeof(c2ms_unit)));
-    if (c2ms_unit_init(unit) != 0) return nullptr;
-  }
+  c2ms_unit *const unit = c2ms::fetch_record(mgmt->unit_pool, c2ms_unit_init);
+  if (unit == nullptr) return nullptr;
   unit->unit_id = c2ms_unitid(mgmt);
   unit->session_id = session->sess_id;
   unit->session = session;
@@ -109,8 +104,7 @@ int c2ms_unit_recycle(c2ms_unit *unit) {
   unit->pack_index = -1;
   unit->run_packs = 0;
   c2ms_mgmt *const mgmt = unit->library;
-  if (mgmt == nullptr || mgmt->unit_pool == nullptr) return c2ms_unit_free(unit);
-  return recycleUnit(mgmt->unit_pool, unit);
+  return c2ms::return_record(mgmt == nullptr ? nullptr : mgmt->unit_pool, unit, c2ms_unit_free);
 }
 
 int c2ms_unit_free(c2ms_unit *unit) {

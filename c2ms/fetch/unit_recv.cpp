@@ -9,13 +9,15 @@
 
 #include "adif/byteiter.h"
 #include "adif/tsock.h"
-#include "c2ms/ring/cache.h"
-#include "c2ms/ring/pack.h"
-#include "c2ms/wire/pdu.h"
-#include "c2ms/fetch/queue.h"
-#include "c2ms/player/stats.h"
+#include "c2ms/core/count.h"
+#include "c2ms/core/records.h"
 #include "c2ms/core/time.h"
 #include "c2ms/fetch/unit.h"
+#include "c2ms/ring/bind.h"
+#include "c2ms/ring/need.h"
+#include "c2ms/ring/pack.h"
+#include "c2ms/ring/range.h"
+#include "c2ms/wire/pdu.h"
 
 namespace {
 

@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
-#include "c2ms/ring/cache.h"
-#include "c2ms/fetch/node.h"
-#include "c2ms/ring/pack.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/fetch/work.h"
-#include "c2ms/fetch/queue.h"
 #include "c2ms/core/time.h"
-#include "c2ms/fetch/unit.h"
+#include "c2ms/core/timer.h"
+#include "c2ms/fetch/choice.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/work.h"
+#include "c2ms/ring/bind.h"
+#include "c2ms/ring/range.h"
 
 namespace c2ms {
 
@@ -238,8 +238,7 @@ void watch_session(c2ms_sess *sess) {
 
 void start_watch(c2ms_sess *sess) {
   if (sess->watch_timer != nullptr || sess->cache.load() == nullptr || sess->active_num < 1) return;
-  sess->watch_timer = StartTimer2(sess->probe, watch_period_ms, timer_sess_watch, sess->sess_id,
-                                  c2ms_pump, sess->mgmt);
+  sess->watch_timer = start_timer(sess->mgmt, watch_period_ms, timer_sess_watch, sess->sess_id);
 }
 
 }  // namespace c2ms

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "c2ms/ring/cache.h"
-#include "c2ms/fetch/node.h"
 #include "c2ms/core/time.h"
+#include "c2ms/fetch/choice.h"
+#include "c2ms/ring/range.h"
 
 namespace c2ms {
 

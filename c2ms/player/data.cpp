@@ -5,10 +5,19 @@
 
 #include "adif/strutil.h"
 #include "c2ms.h"
-#include "c2ms/ring/cache.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/player/gate.h"
+#include "c2ms/core/call.h"
+#include "c2ms/core/context.h"
+#include "c2ms/core/records.h"
+#include "c2ms/core/time.h"
+#include "c2ms/core/wake.h"
+#include "c2ms/fetch/dispatch.h"
 #include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/seek.h"
+#include "c2ms/player/gate.h"
+#include "c2ms/player/reader.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/ring/range.h"
+#include "c2ms/ring/window.h"
 
 namespace {
 

@@ -8,9 +8,12 @@
 
 #include "adif/strutil.h"
 #include "c2ms.h"
-#include "c2ms/fetch/node_record.h"
-#include "c2ms/fetch/queue.h"
+#include "c2ms/core/call.h"
+#include "c2ms/core/records.h"
 #include "c2ms/core/time.h"
+#include "c2ms/fetch/dispatch.h"
+#include "c2ms/fetch/node_list.h"
+#include "c2ms/fetch/node_record.h"
 #include "c2ms/fetch/unit.h"
 
 namespace {
@@ -132,7 +135,7 @@ void c2ms_sess_print(c2ms_sess *sess, FILE *out) {
   if (!call) return;
   std::string text;
   {
-    const StrandGuard strand(sess);
+    const Turn strand(sess);
     add(&text, "%s", rule);
     add_media(&text, sess);
     add(&text, "FastTime: %ld\n\n", static_cast<long>(c2ms_sess_fasttime(sess)));

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "adif/annotations.h"
+#include "c2ms/core/call.h"
 #include "c2ms/core/records.h"
 #include "c2ms/core/time.h"
 

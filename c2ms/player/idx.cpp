@@ -5,11 +5,18 @@
 #include <cstring>
 
 #include "c2ms.h"
+#include "c2ms/core/call.h"
 #include "c2ms/core/diag.h"
+#include "c2ms/core/time.h"
+#include "c2ms/fetch/dispatch.h"
 #include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/seek.h"
 #include "c2ms/player/gate.h"
+#include "c2ms/player/reader.h"
 #include "c2ms/ring/cache.h"
+#include "c2ms/ring/index.h"
 #include "c2ms/wire/boxes.h"
+#include "c2ms/wire/unpack.h"
 
 namespace {
 
@@ -22,35 +29,6 @@ std::chrono::milliseconds open_limit(const c2ms_sess *sess) {
 // Whoever waits for the index is to be told so at once.
 bool is_over(const c2ms_sess *sess) {
   return !is_live(sess) || cancelled(sess);
-}
-
-// The index in memory and its window are gone; readers get everything from the cache again.
-void clear_index(c2ms_sess *sess, c2ms_cache *cache) {
-  {
-    const adif::Guard lock(sess->cache_record.lock);
-    const bool had_window = sess->idx_mem != 0;
-    sess->idx_mem = 0;
-    sess->idx_offset = 0;
-    sess->idx_buf_len = 0;
-    sess->idx_box_len = 0;
-    sess->moov_at_end = 0;
-    if (had_window && cache != nullptr) c2ms_cache_window_changed(&sess->cache_record);
-  }
-  std::free(sess->idx_buf);
-  sess->idx_buf = nullptr;
-}
-
-void drop_packed(c2ms_sess *sess) {
-  std::free(sess->idx_zbuf);
-  sess->idx_zbuf = nullptr;
-  sess->idx_zrecv = 0;
-}
-
-void drop_opening(c2ms_sess *sess) {
-  drop_packed(sess);
-  std::free(sess->idx_opening.buf);
-  sess->idx_opening = {};
-  sess->idx_started = 0;
 }
 
 // The cache still serves what the incremental open pointed it at: nobody has selected a file
@@ -255,11 +233,6 @@ int c2ms_sess_idx_parse_moov(c2ms_sess *sess, steady::time_point t0) {
   c2ms_cache *const cache = sess->cache.load();
   begin_walk(sess, cache);
   return walk_on(sess, cache, t0 + open_limit(sess));
-}
-
-void c2ms_sess_idx_release(c2ms_sess *sess) {
-  drop_opening(sess);
-  clear_index(sess, nullptr);
 }
 
 int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len) {

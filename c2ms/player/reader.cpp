@@ -1,14 +1,21 @@
-// The reader's side of the cache: copying out of the ring, waiting for a late pack, asking for it a
-// second time. Part of ring/cache.h.
+// See reader.h.
+#include "c2ms/player/reader.h"
+
 #include <algorithm>
 #include <cstring>
 
-#include "c2ms/ring/cache.h"
-#include "c2ms/ring/pack.h"
-#include "c2ms/fetch/queue.h"
-#include "c2ms/player/stats.h"
-#include "c2ms/core/strand.h"
+#include "c2ms.h"
+#include "c2ms/core/call.h"
+#include "c2ms/core/count.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
+#include "c2ms/fetch/dispatch.h"
+#include "c2ms/fetch/seek.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/ring/need.h"
+#include "c2ms/ring/pack.h"
+#include "c2ms/ring/range.h"
+#include "c2ms/ring/window.h"
 
 namespace {
 

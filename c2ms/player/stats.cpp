@@ -1,121 +1,24 @@
-#include "c2ms/player/stats.h"
+#include "c2ms/core/call.h"
+#include "c2ms/core/count.h"
+#include "c2ms/core/records.h"
+#include "c2ms/core/time.h"
+#include "c2ms/fetch/dispatch.h"
+#include "c2ms/ring/window.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "c2ms.h"
-#include "c2ms/ring/cache.h"
-#include "c2ms/fetch/node_record.h"
-#include "c2ms/fetch/queue.h"
-#include "c2ms/core/strand.h"
-#include "c2ms/core/time.h"
-#include "c2ms/core/recorder.h"
 
 namespace c2ms {
 
 namespace {
 
-tally &operator+=(tally &sum, const tally &more) {
-  sum.received += more.received;
-  sum.grown += more.grown;
-  sum.sent += more.sent;
-  sum.completed += more.completed;
-  sum.given_up += more.given_up;
-  sum.redundant += more.redundant;
-  sum.won += more.won;
-  sum.wasted += more.wasted;
-  sum.failures += more.failures;
-  return sum;
-}
-
 uint64_t in_flight(const tally &counts) {
   return counts.sent - counts.completed - counts.given_up;
 }
 
-// Where a unit's transfer is counted.
-tally &counts_of(const c2ms_unit &unit) REQUIRES(unit.session->speed_lock) {
-  return unit.node != nullptr ? unit.node->counts : unit.session->departed;
-}
-
 }  // namespace
-
-void count_payload(c2ms_unit *unit, int32_t got, int32_t grown) {
-  const adif::Guard lock(unit->session->speed_lock);
-  c2ms_sess_recv_byte(unit->session, got);
-  if (unit->node != nullptr) unit->node->estimate.received(now_us(), got);
-  tally &counts = counts_of(*unit);
-  counts.received += static_cast<uint64_t>(got);
-  counts.grown += static_cast<uint64_t>(grown);
-  unit->session->twice += static_cast<uint64_t>(got - grown);
-}
-
-void count_forgotten(c2ms_sess *sess, int32_t bytes) {
-  if (bytes < 1) return;
-  const adif::Guard lock(sess->speed_lock);
-  sess->forgotten += static_cast<uint64_t>(bytes);
-}
-
-void count_sent(c2ms_node *node, c2ms_unit *unit) {
-  const adif::Guard lock(node->session->speed_lock);
-  ++node->counts.sent;
-  node->estimate.asked(to_us(unit->sent_time), unit->range_length);
-  node->counts.redundant += unit->redundant ? 1 : 0;
-  unit->is_out = true;
-}
-
-void count_completed(c2ms_unit *unit) {
-  const adif::Guard lock(unit->session->speed_lock);
-  if (!unit->is_out) return;
-  trace_unit(*unit, unit->filled_pack ? 0 : 1);
-  const int64_t short_by = int64_t{unit->range_length} - unit->received;
-  if (unit->node != nullptr && short_by > 0) unit->node->estimate.let_off(short_by);
-  tally &counts = counts_of(*unit);
-  ++counts.completed;
-  counts.won += unit->redundant && unit->filled_pack ? 1 : 0;
-  counts.wasted += unit->filled_pack ? 0 : 1;
-  unit->is_out = false;
-}
-
-void count_given_up(c2ms_node *node, c2ms_unit *unit) {
-  const adif::Guard lock(unit->session->speed_lock);
-  if (!unit->is_out) return;
-  ++node->counts.given_up;
-  trace_unit(*unit, 2);
-  unit->is_out = false;
-}
-
-void count_failure(c2ms_node *node) {
-  const adif::Guard lock(node->session->speed_lock);
-  ++node->counts.failures;
-}
-
-void count_departed(c2ms_node *node) {
-  const adif::Guard lock(node->session->speed_lock);
-  node->session->departed += node->counts;
-  node->counts = {};
-}
-
-void count_wait(c2ms_cache *cache, wait_cause cause, int64_t waited_us) {
-  wait_count &waits = cache->waits[static_cast<size_t>(cause)];
-  const auto waited = static_cast<uint64_t>(std::max<int64_t>(waited_us, 0));
-  trace_wait(cache, cause, waited_us);
-  ++waits.count;
-  waits.total_us += waited;
-  waits.longest_us = std::max(waits.longest_us, waited);
-}
-
-void reset_stats(c2ms_sess *sess) {
-  sess->delivered = 0;
-  {
-    const adif::Guard lock(sess->cache_record.lock);
-    std::fill(std::begin(sess->cache_record.waits), std::end(sess->cache_record.waits),
-              wait_count{});
-  }
-  const adif::Guard lock(sess->speed_lock);
-  sess->departed = {};
-  sess->forgotten = 0;
-  sess->twice = 0;
-}
 
 namespace {
 
@@ -232,7 +135,7 @@ void take_nodes(c2ms_sess *sess, c2ms_stats *out) {
     const auto *const node = static_cast<const c2ms_node *>(sk_value(sess->node_list, i));
     take_node(node, &out->node[i]);
     take_counts(node->counts, &out->node[i]);
-    sum += node->counts;
+    add_tally(sum, node->counts);
   }
   take_totals(sum, sess->forgotten, out);
   out->bytes_overhead = sess->total_bytes - sum.received;
@@ -271,7 +174,7 @@ int c2ms_sess_stats(c2ms_sess *sess, c2ms_stats *stats, size_t struct_size) {
   take_session(sess, &all);
   if (c2ms_cache *const cache = sess->cache.load(); cache != nullptr) take_cache(cache, &all);
   {
-    const StrandGuard strand(sess);  // nodes stay where they are
+    const Turn strand(sess);  // nodes stay where they are
     take_nodes(sess, &all);
   }
   std::memset(stats, 0, struct_size);

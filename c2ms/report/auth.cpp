@@ -7,6 +7,7 @@
 
 #include "adif/tsock.h"
 #include "c2ms/core/time.h"
+#include "c2ms/report/report.h"
 
 namespace {
 

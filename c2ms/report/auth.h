@@ -1,6 +1,6 @@
 // The authorisation channel: datagrams to an agent on this machine (127.0.0.1, UDP port 3528),
-// bodies in clear (report/report.h). It is asked for a sign of life (ping) and told of the begin, the
-// going on and the end of a play. The session's check and its closing drive it
+// bodies in clear (report/report.h). It is asked for a sign of life (ping) and told of the begin,
+// the going on and the end of a play. The session's check and its closing drive it
 // (session/reporting.h).
 //
 // A sender blocks as said and holds no lock meanwhile: never call one inside a strand or on a
@@ -13,6 +13,7 @@
 // time lasts.
 #pragma once
 
+#include "c2ms/core/records.h"
 #include "c2ms/report/report.h"
 
 // Wait for a reply: ping 2000 ms, play begin and play end 8000 ms. Play alive does not wait: 0 once

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "adif/tsock.h"
+#include "c2ms/report/report.h"
 
 namespace {
 

@@ -14,6 +14,7 @@
 // -300 not sent.
 #pragma once
 
+#include "c2ms/core/records.h"
 #include "c2ms/report/report.h"
 
 int c2ms_perf_playbgn(c2ms_sess *sess);  ///< play begin; waits for the server's reply

@@ -8,8 +8,9 @@
 #include <ctime>
 
 #include "adif/byteiter.h"
+#include "c2ms.h"
+#include "c2ms/core/identity.h"
 #include "c2ms/ring/cache.h"
-#include "c2ms/session/mgmt.h"
 #include "crypto/des.h"
 
 namespace c2ms {

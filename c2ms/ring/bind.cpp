@@ -1,9 +1,12 @@
-// Which units fill which packs: a unit is bound to each pack of its run, in order, and a pack that
-// has moved on or been filled by others wants nothing of it any more. Part of ring/cache.h.
+// See bind.h.
+#include "c2ms/ring/bind.h"
+
 #include <algorithm>
 #include <cstring>
 
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/ring/cache.h"
+#include "c2ms/ring/need.h"
 #include "c2ms/ring/pack.h"
 
 namespace {
@@ -155,4 +158,18 @@ int64_t c2ms_cache_wanted(c2ms_cache *cache, const c2ms_unit *unit) {
     sum += pack->size - pack->len;
   }
   return sum;
+}
+
+void c2ms_pack_release_unit(c2ms_unit *unit) {
+  if (unit->session == nullptr || unit->run_packs < 1) return;
+  c2ms_cache *const cache = &unit->session->cache_record;
+  const int32_t end = unit->first_index + unit->run_packs;
+  bool idle = false;
+  for (int32_t index = unit->pack_index; index < end; ++index) {
+    if (!c2ms_cache_unbind(cache, unit, index)) continue;
+    idle = true;
+    c2ms_cache_tell_reader(cache, index);
+  }
+  unit->pack.store(nullptr);
+  if (idle) c2ms::mark_dispatch_due(cache->session);
 }

@@ -1,25 +1,12 @@
-// What a waiting reader needs, and who wakes it. Part of ring/cache.h.
-//
-// A reader that waits for several small packs is woken once, for the last of them: waking a thread
-// costs more than receiving 8 KiB (docs/performance.md). `need_index` is the first pack that it
-// lacks. Who completes that pack moves it on, past all that are there already; every other pack
-// costs its receiver one look at that word.
-#include <sched.h>
+// See need.h.
+#include "c2ms/ring/need.h"
 
 #include <atomic>
-#include <utility>
 
-#include "c2ms/ring/cache.h"
+#include "c2ms/core/wake.h"
 #include "c2ms/ring/pack.h"
-#include "c2ms/core/time.h"
 
 namespace {
-
-// This thread has woken a reader that is in a hurry.
-thread_local bool yield_due = false;
-// Inside a ReaderLast, and whose reader is to be woken at its end.
-thread_local bool reader_last = false;
-thread_local c2ms_cache *held_back = nullptr;
 
 enum class look { missing, there, odd };
 
@@ -75,32 +62,19 @@ void c2ms_cache_tell_reader(c2ms_cache *cache, int32_t index, bool complete) {
   }
   if (!due) return;
   const bool urgent = cache->need_urgent.load(std::memory_order_relaxed);
-  if (complete && reader_last && !urgent) {
-    held_back = cache;
-    return;
-  }
+  c2ms::WakeOrder *const order = c2ms::WakeOrder::current();
+  if (order != nullptr && complete && !urgent) return order->wake_last(cache);
   c2ms_cache_wake(cache);
-  yield_due = yield_due || urgent;
+  if (order != nullptr && urgent) order->make_way();
 }
 
-ReaderLast::ReaderLast() {
-  reader_last = true;
-}
-
-// (A cache's memory stays until the context is cleaned: at worst nobody waits there any more.)
-ReaderLast::~ReaderLast() {
-  reader_last = false;
-  c2ms_cache_wake(std::exchange(held_back, nullptr));
-}
-
-void c2ms_cache_wake(c2ms_cache *cache) {
-  if (cache == nullptr) return;
-  cache->wake_count.fetch_add(1);
-  adif::signal_lasting_event(cache->event, 1);
-}
-
-void c2ms_cache_yield_to_reader() {
-  if (!yield_due) return;
-  yield_due = false;
-  sched_yield();
+void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index, bool complete) {
+  c2ms_cache *cache;
+  {
+    // Under the lock: the record may have become another session's.
+    const adif::Guard lock(pack->lock);
+    if (pack->index != index) return;  // who has moved it wakes its reader
+    cache = pack->cache;
+  }
+  c2ms_cache_tell_reader(cache, index, complete);
 }

@@ -3,10 +3,8 @@
 #include <algorithm>
 
 #include "adif/kalloc.h"
-#include "c2ms/ring/cache.h"
-#include "c2ms/fetch/queue.h"
-#include "c2ms/player/stats.h"
-#include "c2ms/core/strand.h"
+#include "c2ms/core/count.h"
+#include "c2ms/core/pooled.h"
 #include "c2ms/core/time.h"
 
 namespace {
@@ -36,12 +34,8 @@ int c2ms_pack_init(c2ms_pack *pack) {
 
 c2ms_pack *c2ms_pack_fetch(c2ms_cache *cache, int32_t slot, uint8_t *buf, int32_t size) {
   if (cache == nullptr) return nullptr;
-  int status = 0;
-  auto *pack = static_cast<c2ms_pack *>(blockFetchUnit(cache->session->mgmt->pack_pool, &status));
-  if (pack == nullptr) {
-    pack = static_cast<c2ms_pack *>(kzalloc_dbg(sizeof(c2ms_pack)));
-    if (c2ms_pack_init(pack) != 0) return nullptr;
-  }
+  c2ms_pack *const pack = c2ms::fetch_record(cache->session->mgmt->pack_pool, c2ms_pack_init);
+  if (pack == nullptr) return nullptr;
   // Under its lock: a unit that has just lost the record may still look at it.
   const adif::Guard lock(pack->lock);
   pack->cache = cache;
@@ -53,8 +47,7 @@ c2ms_pack *c2ms_pack_fetch(c2ms_cache *cache, int32_t slot, uint8_t *buf, int32_
 
 int c2ms_pack_recycle(c2ms_mgmt *mgmt, c2ms_pack *pack) {
   if (pack == nullptr) return -1;
-  if (mgmt == nullptr || mgmt->pack_pool == nullptr) return c2ms_pack_free(pack);
-  return recycleUnit(mgmt->pack_pool, pack);
+  return c2ms::return_record(mgmt == nullptr ? nullptr : mgmt->pack_pool, pack, c2ms_pack_free);
 }
 
 int c2ms_pack_free(c2ms_pack *pack) {
@@ -71,17 +64,6 @@ bool c2ms_pack_is_paused(const c2ms_pack *pack) {
 
 void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) {
   pack->state = state;
-}
-
-void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index, bool complete) {
-  c2ms_cache *cache;
-  {
-    // Under the lock: the record may have become another session's.
-    const adif::Guard lock(pack->lock);
-    if (pack->index != index) return;  // who has moved it wakes its reader
-    cache = pack->cache;
-  }
-  c2ms_cache_tell_reader(cache, index, complete);
 }
 
 int c2ms_pack_bind_unit(c2ms_pack *pack, c2ms_unit *unit) {
@@ -115,34 +97,6 @@ void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index) {
   if (pack->state != pack_ready) c2ms::count_forgotten(pack->cache->session, pack->len);
   reset(pack);
   pack->index = index;
-}
-
-void c2ms_pack_release_unit(c2ms_unit *unit) {
-  if (unit->session == nullptr || unit->run_packs < 1) return;
-  c2ms_cache *const cache = &unit->session->cache_record;
-  const int32_t end = unit->first_index + unit->run_packs;
-  bool idle = false;
-  for (int32_t index = unit->pack_index; index < end; ++index) {
-    if (!c2ms_cache_unbind(cache, unit, index)) continue;
-    idle = true;
-    c2ms_cache_tell_reader(cache, index);
-  }
-  unit->pack.store(nullptr);
-  if (idle) c2ms::mark_dispatch_due(cache->session);
-}
-
-int c2ms_pack_redownload(c2ms_pack *pack) {
-  if (pack == nullptr) return -1;
-  c2ms_cache *cache;
-  int32_t index;
-  {
-    const adif::Guard lock(pack->lock);
-    cache = pack->cache;
-    index = pack->index;
-  }
-  if (cache == nullptr) return 0;
-  c2ms_unit *const unit = c2ms_sess_unit_issue_again(cache->session, index, 1);
-  return unit == nullptr ? 0 : c2ms_sess_unit_put(cache->session, unit);
 }
 
 uint8_t *c2ms_pack_buf(c2ms_pack *pack) {

@@ -24,10 +24,6 @@ void c2ms_pack_state_to(c2ms_pack *pack, uint8_t state) REQUIRES(pack->lock);
 /// True while an idle pack is not to be asked for again yet.
 bool c2ms_pack_is_paused(const c2ms_pack *pack);
 
-/// Tells the reader that the pack has got bytes or changed its state while it held `index`
-/// (c2ms_cache_tell_reader). Hold no lock.
-void c2ms_pack_ready_notify(c2ms_pack *pack, int32_t index, bool complete = false);
-
 /// Appends a unit: 0, -100 when it is bound already, -200 when 5 units are.
 int c2ms_pack_bind_unit(c2ms_pack *pack, c2ms_unit *unit) REQUIRES(pack->lock);
 /// Removes a unit, keeping the order of the others: 1 when it was there.
@@ -38,15 +34,6 @@ void c2ms_pack_unbind_all(c2ms_pack *pack) REQUIRES(pack->lock);
 /// Ends whatever the pack is doing: no units, idle, nothing received; it holds media pack `index`
 /// next.
 void c2ms_pack_exit_download(c2ms_pack *pack, int32_t index);
-
-/// Takes a unit away from what is left of its run. A pack that is not ready and loses its last unit
-/// is idle again: its reader is woken and the session looks for work. Hold neither the cache's lock
-/// nor a pack's.
-void c2ms_pack_release_unit(c2ms_unit *unit);
-
-/// Asks for what a pack still lacks a second time, through another unit, unless it is ready, 5
-/// units have it, or one of them has not been sent. 0; -1 for NULL; the result.
-int c2ms_pack_redownload(c2ms_pack *pack);
 
 /// The pack's bytes, its size and how many of them are there; NULL or 0 for NULL.
 uint8_t *c2ms_pack_buf(c2ms_pack *pack);

@@ -1,14 +1,16 @@
-// The periodic session check. Part of session/pump.h.
+// See check.h.
+#include "c2ms/session/check.h"
+
 #include <algorithm>
 
-#include "c2ms/ring/cache.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/fetch/node.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/session/session.h"
-#include "c2ms/session/reporting.h"
-#include "c2ms/fetch/queue.h"
 #include "c2ms/core/time.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/fetch/node_list.h"
+#include "c2ms/fetch/seek.h"
+#include "c2ms/ring/range.h"
+#include "c2ms/session/entry.h"
+#include "c2ms/session/reporting.h"
+#include "c2ms/session/timers.h"
 
 namespace {
 
@@ -52,17 +54,6 @@ bool servers_lost(c2ms_sess *sess) {
 }
 
 }  // namespace
-
-void c2ms::rearm_timers(c2ms_sess *sess) {
-  if (sess->hook_registered != 0) {
-    c2ms_sess_start_check_timer(sess);
-    c2ms_sess_start_speed_timer(sess);
-  }
-  const adif::Guard lock(sess->list_lock);
-  for (int i = 0; i < sk_num(sess->node_index); ++i) {
-    rearm(static_cast<c2ms_node *>(sk_value(sess->node_index, i)));
-  }
-}
 
 int c2ms_sess_check(c2ms_sess *sess) {
   if (sess == nullptr) return -1;

@@ -7,16 +7,23 @@
 
 #include "adif/kalloc.h"
 #include "adif/strutil.h"
-#include "c2ms/ring/cache.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/fetch/node_record.h"
-#include "c2ms/player/idx.h"
-#include "c2ms/session/reporting.h"
-#include "c2ms/fetch/queue.h"
-#include "c2ms/player/stats.h"
-#include "c2ms/core/time.h"
+#include "c2ms/core/context.h"
+#include "c2ms/core/count.h"
+#include "c2ms/core/identity.h"
+#include "c2ms/core/pooled.h"
 #include "c2ms/core/recorder.h"
-#include "c2ms/fetch/unit.h"
+#include "c2ms/core/registry.h"
+#include "c2ms/core/servers.h"
+#include "c2ms/core/time.h"
+#include "c2ms/core/timer.h"
+#include "c2ms/fetch/dispatch.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/fetch/node_record.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/report/report.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/ring/index.h"
+#include "c2ms/session/reporting.h"
 #include "crypto/md5.h"
 
 namespace {
@@ -54,6 +61,7 @@ void reset_opening(c2ms_sess *sess) {
   sess->status = 0;
   sess->hook_registered = 0;
   sess->lookup_pending = false;
+  sess->list_due = false;
   sess->entry_asks = 0;
   sess->open_time = 0;
   sess->close_time = 0;
@@ -97,11 +105,6 @@ void reset_counters(c2ms_sess *sess) {
     sess->realtime_speed = 0;
   }
   sess->next_pdu_id = 1;
-}
-
-void stop_timer(rac_timer **timer) {
-  StopTimer(*timer);
-  *timer = nullptr;
 }
 
 c2ms_node *any_node(c2ms_sess *sess) {
@@ -164,26 +167,17 @@ void set_hid_text(c2ms_sess *sess, const uint8_t (&hid)[20]) {
   }
 }
 
-int give_back(c2ms_mgmt *mgmt, c2ms_sess *sess) {
-  return mgmt->sess_pool == nullptr ? c2ms_sess_free(sess) : recycleUnit(mgmt->sess_pool, sess);
-}
-
 c2ms_sess *take_record(c2ms_mgmt *mgmt) {
-  int status = 0;
-  auto *sess = static_cast<c2ms_sess *>(blockFetchUnit(mgmt->sess_pool, &status));
-  if (sess == nullptr) {
-    sess = static_cast<c2ms_sess *>(kzalloc_dbg(sizeof(c2ms_sess)));
-    if (sess == nullptr) return nullptr;
-  }
   // The pool hands a record out whatever its init function has said: it is asked here.
-  if (c2ms_sess_init(sess) == 0) return sess;
-  give_back(mgmt, sess);
+  c2ms_sess *const sess = fetch_record<c2ms_sess>(mgmt->sess_pool, [](c2ms_sess *) { return 0; });
+  if (sess == nullptr || c2ms_sess_init(sess) == 0) return sess;
+  return_record(mgmt->sess_pool, sess, c2ms_sess_free);
   return nullptr;
 }
 
 // False without memory for its place in the registry.
 bool bring_to_life(c2ms_mgmt *mgmt, c2ms_sess *sess) {
-  const StrandGuard strand(sess);
+  const Turn strand(sess);
   sess->mgmt = mgmt;
   sess->probe = mgmt->probe;
   sess->sess_id = c2ms_sessid(mgmt);
@@ -204,7 +198,7 @@ c2ms_sess *c2ms_sess_fetch(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return nullptr;
   c2ms_sess *const sess = take_record(mgmt);
   if (sess == nullptr || bring_to_life(mgmt, sess)) return sess;
-  give_back(mgmt, sess);
+  return_record(mgmt->sess_pool, sess, c2ms_sess_free);
   return nullptr;
 }
 
@@ -213,7 +207,7 @@ int c2ms_sess_init(c2ms_sess *sess) {
   construct_once(sess);
   // A late event may look at the record: it finds the strand taken, then a session that is not its
   // own.
-  const StrandGuard strand(sess);
+  const Turn strand(sess);
   if (!make_once(sess)) return -2;
   reset_opening(sess);
   reset_reporting(sess);
@@ -232,7 +226,7 @@ int c2ms::recycle_session(c2ms_sess *sess, last_report report) {
   c2ms_mgmt *const mgmt = sess->mgmt;
   report_facts facts;
   {
-    const StrandGuard strand(sess);
+    const Turn strand(sess);
     if (!is_registered(sess)) return 0;
     sess->life = c2ms_life::closing;  // no check begins after this
     sess->close_time = now_us() / 1'000'000;
@@ -242,11 +236,11 @@ int c2ms::recycle_session(c2ms_sess *sess, last_report report) {
   if (report == last_report::here) report_closing(sess, facts);
   if (report == last_report::handed_over) report_failed_open(facts);
   {
-    const StrandGuard strand(sess);
+    const Turn strand(sess);
     if (!unregister(sess)) return 0;
     sess->life = c2ms_life::pooled;
   }
-  give_back(mgmt, sess);
+  return_record(mgmt->sess_pool, sess, c2ms_sess_free);
   return 0;
 }
 
@@ -283,89 +277,4 @@ void c2ms_sess_random(c2ms_sess *sess, uint8_t *out) {
   Md5Val(&seed, sizeof seed, out);
 }
 
-uint32_t c2ms_sess_pduid(c2ms_sess *sess) {
-  if (sess == nullptr) return 0;
-  return sess->next_pdu_id.fetch_add(1);
-}
-
-namespace {
-
-c2ms_server *find_server(c2ms_sess *sess, uint32_t addr, uint32_t port, uint8_t type)
-    REQUIRES(sess->list_lock) {
-  for (int i = 0; i < sk_num(sess->server_list); ++i) {
-    auto *const server = static_cast<c2ms_server *>(sk_value(sess->server_list, i));
-    if (server->addr == addr && server->port == port && server->type == type) return server;
-  }
-  return nullptr;
-}
-
-c2ms_server *new_server(c2ms_sess *sess, uint32_t addr, uint32_t port, uint8_t type)
-    REQUIRES(sess->list_lock) {
-  auto *const server = static_cast<c2ms_server *>(kzalloc_dbg(sizeof(c2ms_server)));
-  if (server == nullptr) return nullptr;
-  server->addr = addr;
-  server->port = port;
-  server->type = type;
-  if (sk_push(sess->server_list, server) > 0) return server;
-  kfree_dbg(server);
-  return nullptr;
-}
-
-}  // namespace
-
-int c2ms_sess_server_add(c2ms_sess *sess, const char *name, uint32_t addr, uint32_t port,
-                         uint8_t type) {
-  if (sess == nullptr) return -1;
-  const adif::Guard lock(sess->list_lock);
-  c2ms_server *server = find_server(sess, addr, port, type);
-  if (server == nullptr) server = new_server(sess, addr, port, type);
-  if (server == nullptr) return -2;
-  ++server->count;
-  if (name != nullptr && *name != '\0') {
-    std::memset(server->name, 0, sizeof server->name);
-    std::strncpy(server->name, name, sizeof server->name - 1);
-  }
-  return 0;
-}
-
-c2ms_server *c2ms_sess_server_get(c2ms_sess *sess, uint32_t addr, uint32_t port, uint8_t type) {
-  if (sess == nullptr) return nullptr;
-  const adif::Guard lock(sess->list_lock);
-  return find_server(sess, addr, port, type);
-}
-
-int c2ms_sess_server_clear(c2ms_sess *sess) {
-  if (sess == nullptr) return -1;
-  const adif::Guard lock(sess->list_lock);
-  while (void *server = sk_pop(sess->server_list)) kfree_dbg(server);
-  return 0;
-}
-
-bool c2ms_sess_server_lists(c2ms_sess *sess, uint32_t addr, uint32_t port) {
-  const adif::Guard lock(sess->list_lock);
-  for (int i = 0; i < sk_num(sess->server_list); ++i) {
-    const auto *const server = static_cast<const c2ms_server *>(sk_value(sess->server_list, i));
-    const bool same = server->addr == addr && server->port == port;
-    if (same && (server->type & node_serves_list) != 0) return true;
-  }
-  return false;
-}
-
-void c2ms::wake_opener(c2ms_sess *sess) {
-  sess->wake_count.fetch_add(1);
-  SetEvent(sess->event, 100);
-}
-
-void c2ms::wake_waiters(c2ms_sess *sess) {
-  wake_opener(sess);
-  c2ms_cache_wake(sess->cache.load());
-}
-
-void c2ms::wait_idle(c2ms_sess *sess) {
-  // Callers that were woken leave within microseconds; nobody signals that, so that the last one
-  // touches nothing of the session after it has counted itself out.
-  while (sess->calls.load() > 0) {
-    wake_waiters(sess);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-}
+namespace {}  // namespace

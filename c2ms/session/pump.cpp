@@ -1,13 +1,19 @@
+// See pump.h.
 #include "c2ms/session/pump.h"
 
-#include "c2ms/ring/cache.h"
 #include "c2ms/core/diag.h"
+#include "c2ms/core/records.h"
+#include "c2ms/core/registry.h"
+#include "c2ms/core/timer.h"
+#include "c2ms/core/wake.h"
+#include "c2ms/fetch/dispatch.h"
 #include "c2ms/fetch/node.h"
-#include "c2ms/session/session.h"
-#include "c2ms/session/object.h"
-#include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/node_list.h"
+#include "c2ms/fetch/node_recv.h"
 #include "c2ms/fetch/watch.h"
-#include "c2ms/core/strand.h"
+#include "c2ms/session/check.h"
+#include "c2ms/session/entry.h"
+#include "c2ms/session/timers.h"
 
 namespace {
 
@@ -25,94 +31,109 @@ void drop_stale(rac_connection *device) {
   RemoveDevice(device);
 }
 
-int on_connected(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
+// The door: finds an event's node by its id, enters its session's strand and looks again. What is
+// not there any more is `gone`, which is told whether the registry still knew it.
+template <class Handle, class Gone>
+int at_the_door(c2ms_mgmt *mgmt, uintptr_t id, Handle handle, Gone gone) {
   node_ref ref;
-  if (!find_node(mgmt, static_cast<uint32_t>(id), &ref)) {
+  if (!find_node(mgmt, static_cast<uint32_t>(id), &ref)) return gone(false);
+  Turn turn(ref.sess);
+  if (!still_there(mgmt, ref)) return gone(true);
+  const int result = handle(ref, turn);
+  if (turn.inside()) ask_entry_if_due(ref.sess);
+  return result;
+}
+
+// Something that the operator reads, in the order in which it happened.
+template <class... Values>
+void say(c2ms_node *node, const char *format, Values... values) {
+  node->session->strand.spoke();
+  diag(format, values...);
+}
+
+int on_connected(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
+  const auto gone = [device](bool) {
     drop_stale(device);
     return -100;
-  }
-  const StrandGuard strand(ref.sess);
-  if (!still_there(mgmt, ref)) {
-    drop_stale(device);
-    return -100;
-  }
-  c2ms_node *const node = ref.node;
-  ref.sess->strand.spoke();
-  diag("NodeID:%lu connect %s:%d successfully.\n", printable(id), node->host,
-       static_cast<int>(node->port));
-  if (node->device != device) {
-    diag("node->pdev:%p , vboj:%p \n", static_cast<void *>(node->device),
-         static_cast<void *>(device));
-    drop_stale(device);
-    return -130;
-  }
-  c2ms_node_get_connected(node);
-  return 0;
+  };
+  const auto handle = [&](const node_ref &ref, Turn &) {
+    c2ms_node *const node = ref.node;
+    say(node, "NodeID:%lu connect %s:%d successfully.\n", printable(id), node->host,
+        static_cast<int>(node->port));
+    if (node->device != device) {
+      diag("node->pdev:%p , vboj:%p \n", static_cast<void *>(node->device),
+           static_cast<void *>(device));
+      drop_stale(device);
+      return -130;
+    }
+    c2ms_node_get_connected(node);
+    return 0;
+  };
+  return at_the_door(mgmt, id, handle, gone);
 }
 
 int on_connect_failed(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
-  node_ref ref;
-  if (!find_node(mgmt, static_cast<uint32_t>(id), &ref)) {
-    diag("Connect failed, but not find node instance! %lu\n", printable(id));
+  const auto gone = [&](bool known) {
+    if (!known) diag("Connect failed, but not find node instance! %lu\n", printable(id));
     drop_stale(device);
     return -200;
-  }
-  const StrandGuard strand(ref.sess);
-  if (!still_there(mgmt, ref)) {
-    drop_stale(device);
-    return -200;
-  }
-  c2ms_node *const node = ref.node;
-  ref.sess->strand.spoke();
-  diag("NodeID:%lu connect %s:%d failed, now reconnect again.\n", printable(id), node->host,
-       static_cast<int>(node->port));
-  if (node->device == device) {
-    c2ms_node_retry(node);
-  } else {
-    drop_stale(device);
-  }
-  return 0;
+  };
+  const auto handle = [&](const node_ref &ref, Turn &) {
+    c2ms_node *const node = ref.node;
+    say(node, "NodeID:%lu connect %s:%d failed, now reconnect again.\n", printable(id), node->host,
+        static_cast<int>(node->port));
+    if (node->device == device) {
+      c2ms_node_retry(node);
+    } else {
+      drop_stale(device);
+    }
+    return 0;
+  };
+  return at_the_door(mgmt, id, handle, gone);
 }
 
 int on_read(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
-  node_ref ref;
-  if (!find_node(mgmt, static_cast<uint32_t>(id), &ref)) {
+  const auto gone = [&](bool known) {
+    drop_stale(device);
+    if (known) return -120;
     diag("\nIOE_READ event recved, nodeid=%ld, but node not exist.\n\n", static_cast<long>(id));
-    drop_stale(device);
     return -20;
-  }
-  const ReaderLast after_strand;
-  StrandGuard strand(ref.sess);
-  if (!still_there(mgmt, ref) || ref.node->device != device) {
-    drop_stale(device);
-    return -120;
-  }
-  return c2ms_node_recv(ref, device, strand);
+  };
+  const auto handle = [&](const node_ref &ref, Turn &turn) {
+    return ref.node->device == device ? c2ms_node_recv(ref, device, turn) : gone(true);
+  };
+  return at_the_door(mgmt, id, handle, gone);
 }
 
 int on_invalid_device(c2ms_mgmt *mgmt, rac_connection *device, uintptr_t id) {
-  node_ref ref;
-  const auto gone = [&] {
+  const auto gone = [&](bool) {
     diag("\nIOE_INVALID_DEV event recved, nodeid=%ld, but node not exist.\n\n",
          static_cast<long>(id));
     drop_stale(device);
     return -141;
   };
-  if (!find_node(mgmt, static_cast<uint32_t>(id), &ref)) return gone();
-  const StrandGuard strand(ref.sess);
-  if (!still_there(mgmt, ref) || ref.node->device != device) return gone();
-  c2ms_node *const node = ref.node;
-  ref.sess->strand.spoke();
-  diag("NodeID:%lu connect %s:%d, INVALID device.\n", printable(id), node->host,
-       static_cast<int>(node->port));
-  if (node->level == 0) c2ms_sess_set_status(node->session, 400);
-  if (is_media(node)) {
-    c2ms_node_retry(node);
-  } else {
-    c2ms_node_disconnect_dbg(node);
-    c2ms_node_close(node);
-  }
-  return 0;
+  const auto handle = [&](const node_ref &ref, Turn &) {
+    c2ms_node *const node = ref.node;
+    if (node->device != device) return gone(true);
+    say(node, "NodeID:%lu connect %s:%d, INVALID device.\n", printable(id), node->host,
+        static_cast<int>(node->port));
+    if (node->level == 0) c2ms_sess_set_status(node->session, 400);
+    if (is_media(node)) {
+      c2ms_node_retry(node);
+    } else {
+      c2ms_node_disconnect_dbg(node);
+      c2ms_node_close(node);
+    }
+    return 0;
+  };
+  return at_the_door(mgmt, id, handle, gone);
+}
+
+// True when this is the timer that `own` points at: it has fired, and is forgotten.
+bool take_timer(rac_timer **own, rac_timer *fired) {
+  if (*own != fired) return false;
+  stop_timer(own);
+  return true;
 }
 
 int on_sess_timer(c2ms_mgmt *mgmt, rac_timer *timer, uint32_t command, uintptr_t id) {
@@ -125,40 +146,30 @@ int on_sess_timer(c2ms_mgmt *mgmt, rac_timer *timer, uint32_t command, uintptr_t
     return -140;
   };
   if (sess == nullptr) return gone();
-  const StrandGuard strand(sess);
+  const Turn turn(sess);
   if (!still_open(sess, static_cast<uint32_t>(id))) return gone();
+  int result = 0;
   if (command == timer_sess_check) {
     sess->strand.spoke();
     diag("t_sess_check timeout\n");
-    if (sess->check_timer != timer) return 0;
-    StopTimer(timer);
-    sess->check_timer = nullptr;
+    if (!take_timer(&sess->check_timer, timer)) return 0;
     c2ms_sess_check(sess);
-    rearm_timers(sess);
-    return 0;
-  }
-  if (command == timer_sess_watch) {
-    if (sess->watch_timer != timer) return 0;
-    StopTimer(timer);
-    sess->watch_timer = nullptr;
+  } else if (command == timer_sess_watch) {
+    if (!take_timer(&sess->watch_timer, timer)) return 0;
     watch_session(sess);
-    return 0;
+  } else {
+    if (!take_timer(&sess->speed_timer, timer)) return 0;
+    result = c2ms_sess_recvspeed_count(sess);
   }
-  if (sess->speed_timer != timer) return 0;
-  StopTimer(timer);
-  sess->speed_timer = nullptr;
-  const int result = c2ms_sess_recvspeed_count(sess);
-  rearm_timers(sess);
+  ask_entry_if_due(sess);
+  if (command != timer_sess_watch) rearm_timers(sess);
   return result;
 }
 
 int on_connect_timer(c2ms_node *node, rac_timer *timer) {
-  if (node->connect_timer != timer) return 0;
-  StopTimer(timer);
-  node->connect_timer = nullptr;
+  if (!take_timer(&node->connect_timer, timer)) return 0;
   if (node->state == C2MS_NODE_CONNECTING) {
-    node->session->strand.spoke();
-    diag("t_build_node_conn timeout, now node %lu clean\n", printable(node->node_id));
+    say(node, "t_build_node_conn timeout, now node %lu clean\n", printable(node->node_id));
     c2ms_node_retry(node);
   } else {
     c2ms_node_connect(node);  // the brake is over
@@ -167,10 +178,7 @@ int on_connect_timer(c2ms_node *node, rac_timer *timer) {
 }
 
 int on_life_timer(c2ms_node *node, rac_timer *timer) {
-  if (node->life_timer != timer) return 0;
-  StopTimer(timer);
-  node->life_timer = nullptr;
-  c2ms_node_lifecheck(node);
+  if (take_timer(&node->life_timer, timer)) c2ms_node_lifecheck(node);
   return 0;
 }
 
@@ -180,15 +188,14 @@ int on_timer(c2ms_mgmt *mgmt, rac_timer *timer) {
   if (command == timer_sess_check || command == timer_speed_count || command == timer_sess_watch) {
     return on_sess_timer(mgmt, timer, command, id);
   }
-  node_ref ref;
-  if (!find_node(mgmt, static_cast<uint32_t>(id), &ref)) return -22;
-  const StrandGuard strand(ref.sess);
-  if (!still_there(mgmt, ref)) return -22;
-  if (command != timer_node_connect && command != timer_node_life) return -1;
-  const int result = command == timer_node_connect ? on_connect_timer(ref.node, timer)
-                                                   : on_life_timer(ref.node, timer);
-  rearm_timers(ref.sess);
-  return result;
+  const auto handle = [&](const node_ref &ref, Turn &) {
+    if (command != timer_node_connect && command != timer_node_life) return -1;
+    const int result = command == timer_node_connect ? on_connect_timer(ref.node, timer)
+                                                     : on_life_timer(ref.node, timer);
+    rearm_timers(ref.sess);
+    return result;
+  };
+  return at_the_door(mgmt, id, handle, [](bool) { return -22; });
 }
 
 int handle(c2ms_mgmt *mgmt, void *dev, int event, int kind) {
@@ -217,8 +224,9 @@ int handle(c2ms_mgmt *mgmt, void *dev, int event, int kind) {
 
 int c2ms_pump(void *mgmt, void *dev, int event, int kind) {
   if (mgmt == nullptr || event < first_event || event > last_event) return -1;
+  WakeOrder wakes;
   const int result = handle(static_cast<c2ms_mgmt *>(mgmt), dev, event, kind);
   diag_deliver();
-  c2ms_cache_yield_to_reader();
+  wakes.finish();
   return result;
 }

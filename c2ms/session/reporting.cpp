@@ -1,10 +1,11 @@
 #include "c2ms/session/reporting.h"
 
+#include "c2ms/core/call.h"
+#include "c2ms/core/time.h"
+#include "c2ms/core/wake.h"
 #include "c2ms/report/auth.h"
 #include "c2ms/report/perf.h"
-#include "c2ms/session/session.h"
-#include "c2ms/core/strand.h"
-#include "c2ms/core/time.h"
+#include "c2ms/report/report.h"
 
 namespace c2ms {
 

@@ -1,9 +1,11 @@
-// When a session reports on the two channels (report/auth.h, report/perf.h): at its checks and when it
-// closes. No exchange runs inside a strand or on a thread of the engine. Each channel has reporting
-// threads of its own, a free one for each session as long as 16 suffice: an exchange that waits
-// delays nothing but its own session on its own channel, where the exchanges keep their order.
+// When a session reports on the two channels (report/auth.h, report/perf.h): at its checks and when
+// it closes. No exchange runs inside a strand or on a thread of the engine. Each channel has
+// reporting threads of its own, a free one for each session as long as 16 suffice: an exchange that
+// waits delays nothing but its own session on its own channel, where the exchanges keep their
+// order.
 #pragma once
 
+#include "c2ms/core/records.h"
 #include "c2ms/report/report.h"
 
 namespace c2ms {

@@ -1,4 +1,14 @@
-#include "c2ms/session/session.h"
+#include "c2ms.h"
+#include "c2ms/core/call.h"
+#include "c2ms/core/diag.h"
+#include "c2ms/core/records.h"
+#include "c2ms/core/time.h"
+#include "c2ms/core/wake.h"
+#include "c2ms/fetch/dispatch.h"
+#include "c2ms/session/entry.h"
+#include "c2ms/session/object.h"
+#include "c2ms/session/timers.h"
+#include "c2ms/session/url.h"
 
 #include <arpa/inet.h>
 #include <strings.h>
@@ -6,14 +16,6 @@
 #include <cstring>
 
 #include "adif/tsock.h"
-#include "c2ms/core/diag.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/fetch/node.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/session/object.h"
-#include "c2ms/fetch/queue.h"
-#include "c2ms/core/time.h"
-#include "c2ms/session/url.h"
 
 namespace {
 
@@ -40,23 +42,6 @@ constexpr code_text error_texts[] = {
     {C2MS_CACHING, "Net data caching"},
 };
 
-int32_t status_of(int32_t code) {
-  switch (code) {
-    case 10:
-      return C2MS_MEDIA_NOT_EXIST;
-    case 20:
-      return C2MS_UNAUTHORIZED;
-    case 30:
-      return C2MS_AUTH_FAILED;
-    case 40:
-      return C2MS_IN_DEBT;
-    case 400:
-      return C2MS_ENTRY_UNAVAILABLE;
-    default:
-      return 0;
-  }
-}
-
 // Opens and closes under way keep c2ms_mgmt_clean from going on.
 class LifeGuard {
  public:
@@ -81,7 +66,7 @@ bool set_scheme(c2ms_sess *sess) {
 }
 
 int32_t take_url(c2ms_sess *sess, const char *url) {
-  const StrandGuard strand(sess);
+  const Turn strand(sess);
   std::strncpy(sess->url, url, sizeof sess->url - 1);
   sess->url[sizeof sess->url - 1] = '\0';
   sess->url_parsed = 0;
@@ -91,7 +76,7 @@ int32_t take_url(c2ms_sess *sess, const char *url) {
 }
 
 int32_t start_opening(c2ms_sess *sess, uint32_t address) {
-  const StrandGuard strand(sess);
+  const Turn strand(sess);
   const int64_t now = now_us();
   sess->open_pending = 1;
   sess->open_time = now / 1'000'000;
@@ -109,16 +94,6 @@ bool has_nodes(c2ms_sess *sess) {
   return sk_num(sess->node_index) > 0;
 }
 
-// No media node is connected, and each has tried.
-bool all_failed(c2ms_sess *sess) {
-  const adif::Guard lock(sess->list_lock);
-  for (int i = 0; i < sk_num(sess->node_list); ++i) {
-    const auto *const node = static_cast<const c2ms_node *>(sk_value(sess->node_list, i));
-    if (node->state >= C2MS_NODE_CONNECTED || node->times < 1) return false;
-  }
-  return true;
-}
-
 // Waits for the first description. 0, or what ends the open.
 int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
   int timeouts = 0;
@@ -133,7 +108,7 @@ int32_t wait_described(c2ms_sess *sess, int32_t (*cb)(void)) {
     if (WaitEventUntil(sess->event, tick, changed)) continue;
     tick += std::chrono::seconds(1);
     if (cb != nullptr && cb() < 0) return C2MS_UNAUTHORIZED;
-    const StrandGuard strand(sess);
+    const Turn strand(sess);
     rearm_timers(sess);
     if (++timeouts > sess->mgmt->patience.open_s) return C2MS_OPEN_TIMEOUT;
   }
@@ -148,7 +123,7 @@ int hook_dispatch(void *sess, int) {
 }
 
 void start_playing(c2ms_sess *sess) {
-  const StrandGuard strand(sess);
+  const Turn strand(sess);
   sess->open_pending = 0;
   if (sess->hook_registered == 0) {
     RegisterHook(sess->probe, hook_check, sess, hook_dispatch, sess);
@@ -171,15 +146,6 @@ int32_t open_in(c2ms_sess *sess, const char *url, int32_t (*cb)(void)) {
     sess->status = result;
   }
   return result;
-}
-
-uint32_t lookup(const char *host) {
-  const uint32_t address = sock_get_hostip(host);
-  return address == SOCK_NO_ADDRESS ? 0 : address;
-}
-
-rac_timer *start_timer(c2ms_sess *sess, uint32_t msec, uint32_t command) {
-  return StartTimer2(sess->probe, msec, command, sess->sess_id, c2ms_pump, sess->mgmt);
 }
 
 }  // namespace
@@ -223,7 +189,7 @@ int c2ms_sess_reopen(c2ms_sess *sess) {
   const CallGuard call(sess);
   if (!call) return C2MS_CLOSED;
   const uint32_t address = resolve_entry(sess);
-  const StrandGuard strand(sess);
+  const Turn strand(sess);
   rearm_timers(sess);
   return start_entry_exchange(sess, address);
 }
@@ -242,78 +208,4 @@ const char *c2ms_sess_error(int32_t code) {
     if (entry.code == code) return entry.text;
   }
   return "";
-}
-
-int c2ms_sess_set_status(c2ms_sess *sess, int32_t code) {
-  if (sess == nullptr) return -1;
-  const int32_t status = status_of(code);
-  // A plain success on top of a success is nobody's news, and there is one for each transfer.
-  if (sess->status.exchange(status) == 0 && status == 0) return 0;
-  wake_opener(sess);
-  if (status != 0) c2ms_cache_wake(sess->cache.load());
-  return 0;
-}
-
-void c2ms_sess_refuse(c2ms_sess *sess, int32_t code) {
-  sess->refusal = status_of(code);
-  c2ms_sess_set_status(sess, code);
-}
-
-void c2ms_sess_start_speed_timer(c2ms_sess *sess) {
-  if (sess->speed_timer != nullptr) return;
-  const auto period_ms = static_cast<uint32_t>(sess->mgmt->speed_count_period.load());
-  sess->speed_timer = start_timer(sess, period_ms, timer_speed_count);
-}
-
-void c2ms_sess_start_check_timer(c2ms_sess *sess) {
-  if (sess->check_timer != nullptr) return;
-  const auto period_ms = static_cast<uint32_t>(sess->mgmt->sess_check_time.load()) * 1000;
-  sess->check_timer = start_timer(sess, period_ms, timer_sess_check);
-}
-
-uint32_t c2ms::resolve_entry(c2ms_sess *sess) {
-  const uint32_t address = sock_get_hostip(sess->host);
-  if (address == SOCK_NO_ADDRESS) return 0;
-  return address != 0 ? address : lookup(entry_server(sess->mgmt).text);
-}
-
-int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
-  if (sess->entry_node != nullptr) return 0;
-  c2ms_sess_server_clear(sess);
-  sess->open_pending = 1;
-  sess->reopened_us = now_us();
-  if (address == 0) return -100;
-  sess->entry_node = c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
-  return sess->entry_node != nullptr ? 0 : -100;
-}
-
-void c2ms::ask_entry_again(c2ms_sess *sess) {
-  if (sess->desc_count != 0 || sess->entry_node != nullptr || sess->status != 0) return;
-  const int64_t pause_us = int64_t{first_backoff_ms} * 1000 << sess->entry_asks;
-  if (now_us() - sess->reopened_us < pause_us || !all_failed(sess)) return;
-  if (sess->entry_asks < max_entry_asks) ++sess->entry_asks;
-  reopen_later(sess);
-}
-
-void c2ms::reopen_later(c2ms_sess *sess) {
-  in_addr address{};
-  if (inet_pton(AF_INET, sess->host, &address) == 1 && address.s_addr != 0) {
-    start_entry_exchange(sess, address.s_addr);
-    return;
-  }
-  if (sess->lookup_pending) return;
-  c2ms_mgmt *const mgmt = sess->mgmt;
-  const uint32_t id = sess->sess_id;
-  host_name host{};
-  std::memcpy(host.text, sess->host, sizeof sess->host);
-  sess->lookup_pending = mgmt->resolver.post([mgmt, id, host] {
-    uint32_t found = sock_get_hostip(host.text);
-    if (found == 0) found = lookup(entry_server(mgmt).text);
-    c2ms_sess *const again = c2ms_sess_get(mgmt, id);
-    if (again == nullptr) return;
-    const StrandGuard strand(again);
-    if (!still_open(again, id)) return;
-    again->lookup_pending = false;
-    start_entry_exchange(again, found == SOCK_NO_ADDRESS ? 0 : found);
-  });
 }

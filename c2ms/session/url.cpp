@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "adif/strutil.h"
-#include "c2ms/session/mgmt.h"
+#include "c2ms/core/context.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 
 #include "adif/byteiter.h"
 #include "adif/kalloc.h"
-#include "c2ms/session/mgmt.h"
-#include "c2ms/session/object.h"
+#include "c2ms.h"
+#include "c2ms/core/identity.h"
 #include "crypto/des.h"
 
 namespace {

@@ -1,6 +1,7 @@
 // Messages in frames, and their print. Part of wire/pdu.h.
 #include "adif/frame.h"
 #include "c2ms/core/diag.h"
+#include "c2ms/core/records.h"
 #include "c2ms/wire/pdu.h"
 
 namespace {

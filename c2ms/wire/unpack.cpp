@@ -1,6 +1,7 @@
-// Unpacks the packed index, which a server sent. Part of player/idx.h.
+// See unpack.h.
+#include "c2ms/wire/unpack.h"
+
 #include "adif/kalloc.h"
-#include "c2ms/player/idx.h"
 #include "compress/buffer_7z.h"
 
 int c2ms_idx_unpack(const uint8_t *packed, size_t len, uint64_t bound, uint8_t **out,

@@ -6,9 +6,8 @@
 
 #include "../support.h"
 #include "c2ms.h"
-#include "c2ms/session/mgmt.h"
+#include "c2ms/core/records.h"
 #include "c2ms/session/object.h"
-#include "c2ms/fetch/queue.h"
 
 class Local : public ::testing::Test {
  protected:

@@ -10,7 +10,6 @@
 #include "../support.h"
 #include "adif/bmempool.h"
 #include "c2ms.h"
-#include "c2ms/session/mgmt.h"
 #include "c2ms/core/records.h"
 #include "testing/media_server.h"
 

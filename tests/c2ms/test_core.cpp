@@ -6,12 +6,19 @@
 #include <numeric>
 
 #include "c2ms/core/diag.h"
+#include "c2ms/core/identity.h"
+#include "c2ms/core/records.h"
+#include "c2ms/core/registry.h"
+#include "c2ms/core/servers.h"
+#include "c2ms/fetch/dispatch.h"
 #include "c2ms/fetch/node.h"
+#include "c2ms/fetch/node_list.h"
 #include "c2ms/fetch/node_record.h"
-#include "c2ms/wire/pdu.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/core/strand.h"
+#include "c2ms/fetch/node_recv.h"
 #include "c2ms/fetch/unit.h"
+#include "c2ms/session/object.h"
+#include "c2ms/session/pump.h"
+#include "c2ms/wire/pdu.h"
 #include "crypto/des.h"
 #include "local.h"
 
@@ -230,7 +237,7 @@ TEST_F(Core, LinesAreToldInOrder) {
   int said = 0;
   Threads(4, [&](int) {
     for (int i = 0; i < 2000; ++i) {
-      const c2ms::StrandGuard strand(sess);
+      const c2ms::Turn strand(sess);
       sess->strand.spoke();
       c2ms::diag("%d", said++);
     }
@@ -247,7 +254,7 @@ TEST_F(Core, LinesAreToldInOrder) {
   for (const auto &row : rows) {
     lines.clear();
     {
-      const c2ms::StrandGuard strand(sess);
+      const c2ms::Turn strand(sess);
       c2ms_node *const node = c2ms_node_fetch(sess);
       node->type = c2ms::node_serves_media;
       c2ms_node_state_to(node, row.state);
@@ -266,7 +273,7 @@ TEST_F(Core, LinesAreToldInOrder) {
 
 // Devices and timers that a node or session has had before change nothing of it.
 TEST_F(Core, FormerHandlesAreIgnored) {
-  const c2ms::StrandGuard strand(sess);
+  const c2ms::Turn strand(sess);
   const uint32_t loopback = htonl(INADDR_LOOPBACK);
   c2ms_node *const node = c2ms_node_fetch(sess);
   node->type = c2ms::node_serves_media;
@@ -300,7 +307,7 @@ TEST_F(Core, FormerHandlesAreIgnored) {
 // No timer was free when one was due: whichever is left brings all others back when it expires, and
 // so does a reopen.
 TEST_F(Core, TimersThatAreMissingComeBack) {
-  const c2ms::StrandGuard strand(sess);
+  const c2ms::Turn strand(sess);
   const auto add = [&](uint8_t type, uint32_t state) {
     c2ms_node *const node = c2ms_node_fetch(sess);
     node->type = type, node->ip = htonl(INADDR_LOOPBACK), node->port = 9 + state;
@@ -334,7 +341,7 @@ TEST_F(Core, TimersThatAreMissingComeBack) {
 
 // An entry of a list becomes a node, unless it serves lists alone and has been asked for its own.
 TEST_F(Core, ListEntriesOfEveryType) {
-  const c2ms::StrandGuard strand(sess);
+  const c2ms::Turn strand(sess);
   c2ms_node *const sender = c2ms_node_fetch(sess);
   sender->level = 1;
   const std::pair<uint8_t, int> rows[] = {{0, 1}, {4, 1}, {0x80, 1}, {2, 1}, {3, 1}, {1, 0}};
@@ -356,7 +363,7 @@ TEST_F(Core, ListEntriesOfEveryType) {
 }
 
 TEST_F(Core, NodesOfASessionAreLimited) {
-  const c2ms::StrandGuard strand(sess);
+  const c2ms::Turn strand(sess);
   for (uint32_t i = 0; i < 20; ++i) {
     const bool opened = c2ms_node_open(sess, nullptr, htonl(INADDR_LOOPBACK), 9 + i,
                                        c2ms::node_serves_media, 0, 1) != nullptr;

@@ -1,8 +1,10 @@
 // Opening: what is accepted, which error each failure gives and how soon.
 #include "adif/tsock.h"
+#include "c2ms/core/context.h"
+#include "c2ms/core/records.h"
+#include "c2ms/fetch/dispatch.h"
 #include "c2ms/fetch/node.h"
 #include "c2ms/session/object.h"
-#include "c2ms/core/strand.h"
 #include "c2ms/session/url.h"
 #include "player.h"
 
@@ -134,7 +136,7 @@ TEST_F(Opening, RefusalsAndListsHaveTheirCodes) {
 
 TEST_F(Opening, ServersThatOnlyKnowOthersAreFew) {
   start(1'000'000);
-  const c2ms::StrandGuard strand(film->get());
+  const c2ms::Turn strand(film->get());
   int opened = 0;
   for (uint32_t port = 1; port <= 40; ++port)
     opened += c2ms_node_open(film->get(), nullptr, htonl(0x7f000001), port, 1, 0, 2) != nullptr;

@@ -1,7 +1,6 @@
 // A media is played from several servers: the bytes are exact in every shape of reading, fast, and
 // idle players cost nothing.
 
-#include "c2ms/core/records.h"
 #include "player.h"
 
 namespace player {

@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <atomic>
 
+#include "c2ms/core/records.h"
+#include "c2ms/fetch/dispatch.h"
 #include "c2ms/report/auth.h"
 #include "c2ms/report/perf.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/core/records.h"
-#include "c2ms/session/session.h"
+#include "c2ms/session/check.h"
 #include "c2ms/session/object.h"
 #include "player.h"
 #include "testing/report_service.h"
@@ -58,7 +58,7 @@ class Reporting : public Served {
         eventually([&] { return idle(&c2ms_sess::perf_job) && idle(&c2ms_sess::auth_job); }, 60s));
   }
   static void begin_check(c2ms_sess *sess) {
-    const c2ms::StrandGuard strand(sess);
+    const c2ms::Turn strand(sess);
     StopTimer(sess->check_timer);
     ASSERT_EQ(c2ms_sess_check(sess), 0);
   }

@@ -1,7 +1,7 @@
 // What the reporting channels put on the wire, byte by byte, and that the reference side reads the
 // same.
-#include "c2ms/report/auth.h"
 #include "c2ms/report/perf.h"
+#include "c2ms/report/report.h"
 #include "local.h"
 #include "testing/report_wire.h"
 

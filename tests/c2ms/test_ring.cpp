@@ -4,9 +4,13 @@
 #include <algorithm>
 #include <random>
 
+#include "c2ms/core/records.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/seek.h"
+#include "c2ms/fetch/unit.h"
 #include "c2ms/ring/cache.h"
 #include "c2ms/ring/pack.h"
-#include "c2ms/fetch/unit.h"
+#include "c2ms/ring/range.h"
 #include "local.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <map>
 
-#include "c2ms/core/strand.h"
+#include "c2ms/fetch/dispatch.h"
 #include "player.h"
 
 namespace player {
@@ -227,7 +227,7 @@ TEST_F(Statistics, NextRequestLeavesBeforeAnAnswerEnds) {
     std::atomic<bool> over{false};
     std::thread late([&] {
       while (!over) {
-        const c2ms::StrandGuard strand(film->get());
+        const c2ms::Turn strand(film->get());
         std::this_thread::sleep_for(50ms);  // an acknowledgement is delayed by up to 40
       }
     });

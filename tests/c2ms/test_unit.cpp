@@ -7,10 +7,14 @@
 #include <numeric>
 #include <string>
 
-#include "c2ms/ring/cache.h"
-#include "c2ms/fetch/node_record.h"
-#include "c2ms/ring/pack.h"
+#include "c2ms/core/records.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/fetch/queue.h"
+#include "c2ms/fetch/seek.h"
 #include "c2ms/fetch/unit.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/ring/need.h"
+#include "c2ms/ring/pack.h"
 #include "local.h"
 
 namespace {

@@ -7,7 +7,9 @@
 
 #include "../support.h"
 #include "c2ms.h"
-#include "c2ms/session/mgmt.h"
+#include "c2ms/core/context.h"
+#include "c2ms/core/identity.h"
+#include "c2ms/core/records.h"
 #include "c2ms/session/object.h"
 
 namespace {

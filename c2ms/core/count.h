@@ -1,17 +1,21 @@
-// What the library counts while it plays, and the snapshot that a player takes of it
-// (c2ms_sess_stats, c2ms_sess_ranges; c2ms.h says what each figure means).
+// What the library counts while it plays: transfers for each node, waits for each reader, speeds.
 //
-// Transfers are counted where they happen, per node, under the session's speed lock; a node that
-// ends leaves its counts with the session. Nothing is counted per byte: a slice of payload, a
-// request and a wait each cost one hold of a lock that was taken there anyway or a few
-// instructions.
+// Transfers are counted where they happen, under the session's speed lock; a node that ends leaves
+// its counts with the session. Nothing is counted per byte: a slice of payload, a request and a
+// wait each cost one hold of a lock that was taken there anyway, or a few instructions.
 #pragma once
 
 #include <cstdint>
 
 #include "c2ms/core/records.h"
 
+/// Counts received bytes. 0, -1 for NULL.
+int c2ms_sess_recv_byte(c2ms_sess *sess, int64_t n);
+
 namespace c2ms {
+
+/// Adds one node's counts to a sum.
+void add_tally(tally &sum, const tally &more);
 
 /// Payload that arrived for a unit: `got` bytes, of which `grown` made its pack longer. The
 /// unit's node keeps it (its download lock is held).
@@ -37,5 +41,12 @@ void count_wait(c2ms_cache *cache, wait_cause cause, int64_t waited_us) REQUIRES
 
 /// Everything begins at nothing: a record that is used again.
 void reset_stats(c2ms_sess *sess);
+
+/// A media node's state changes: the session's counters of ready, usable and downloading nodes
+/// follow. True when the last usable node went: who waits for bytes must look at the status.
+bool count_states(c2ms_sess *sess, uint32_t from, uint32_t to) REQUIRES(sess->counter_lock);
+
+/// Closes a window of the receive speed and begins the next.
+void count_speed(c2ms_sess *sess);
 
 }  // namespace c2ms

@@ -1,0 +1,75 @@
+// See entry.h.
+#include "c2ms/session/entry.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <utility>
+
+#include "adif/tsock.h"
+#include "c2ms/core/context.h"
+#include "c2ms/core/registry.h"
+#include "c2ms/core/servers.h"
+#include "c2ms/core/time.h"
+#include "c2ms/fetch/dispatch.h"
+#include "c2ms/fetch/node.h"
+#include "c2ms/fetch/node_list.h"
+
+using namespace c2ms;
+
+namespace {
+
+uint32_t lookup(const char *host) {
+  const uint32_t address = sock_get_hostip(host);
+  return address == SOCK_NO_ADDRESS ? 0 : address;
+}
+
+}  // namespace
+
+uint32_t c2ms::resolve_entry(c2ms_sess *sess) {
+  const uint32_t address = sock_get_hostip(sess->host);
+  if (address == SOCK_NO_ADDRESS) return 0;
+  return address != 0 ? address : lookup(entry_server(sess->mgmt).text);
+}
+
+int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
+  if (sess->entry_node != nullptr) return 0;
+  c2ms_sess_server_clear(sess);
+  sess->open_pending = 1;
+  sess->reopened_us = now_us();
+  if (address == 0) return -100;
+  sess->entry_node = c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
+  return sess->entry_node != nullptr ? 0 : -100;
+}
+
+void c2ms::ask_entry_if_due(c2ms_sess *sess) {
+  if (!std::exchange(sess->list_due, false)) return;
+  if (sess->desc_count != 0 || sess->entry_node != nullptr || sess->status != 0) return;
+  const int64_t pause_us = int64_t{first_backoff_ms} * 1000 << sess->entry_asks;
+  if (now_us() - sess->reopened_us < pause_us || !all_failed(sess)) return;
+  if (sess->entry_asks < max_entry_asks) ++sess->entry_asks;
+  reopen_later(sess);
+}
+
+void c2ms::reopen_later(c2ms_sess *sess) {
+  in_addr address{};
+  if (inet_pton(AF_INET, sess->host, &address) == 1 && address.s_addr != 0) {
+    start_entry_exchange(sess, address.s_addr);
+    return;
+  }
+  if (sess->lookup_pending) return;
+  c2ms_mgmt *const mgmt = sess->mgmt;
+  const uint32_t id = sess->sess_id;
+  host_name host{};
+  std::memcpy(host.text, sess->host, sizeof sess->host);
+  sess->lookup_pending = mgmt->resolver.post([mgmt, id, host] {
+    uint32_t found = sock_get_hostip(host.text);
+    if (found == 0) found = lookup(entry_server(mgmt).text);
+    c2ms_sess *const again = c2ms_sess_get(mgmt, id);
+    if (again == nullptr) return;
+    const Turn strand(again);
+    if (!still_open(again, id)) return;
+    again->lookup_pending = false;
+    start_entry_exchange(again, found == SOCK_NO_ADDRESS ? 0 : found);
+  });
+}
