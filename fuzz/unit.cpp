@@ -15,6 +15,7 @@
 #include "adif/kalloc.h"
 #include "c2ms.h"
 #include "c2ms/core/records.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/fetch/node.h"
 #include "c2ms/fetch/queue.h"
 #include "c2ms/fetch/seek.h"
@@ -50,6 +51,11 @@ void require(bool holds) {
   if (!holds) std::abort();
 }
 
+c2ms_node *fetch_node(c2ms_sess *sess) {
+  const c2ms::StrandHold strand(sess);
+  return c2ms_node_fetch(sess);
+}
+
 struct world {
   c2ms_sess *sess;
   c2ms_node *node;
@@ -58,7 +64,7 @@ struct world {
 
   world(c2ms_mgmt *mgmt, int32_t pack, int count)
       : sess(c2ms_sess_fetch(mgmt)),
-        node(c2ms_node_fetch(sess)),
+        node(fetch_node(sess)),
         size(pack),
         memory(static_cast<size_t>(pack) * static_cast<size_t>(count) + 2 * border, canary) {
     sess->cache = c2ms_cache_init(sess);

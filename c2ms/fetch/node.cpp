@@ -83,6 +83,7 @@ int send_control(c2ms_node *node, c2ms_unit *unit, uint32_t waiting_state) {
 c2ms_node *c2ms_node_open(c2ms_sess *session, const char *host, uint32_t ip, uint32_t port,
                           uint8_t type, uint16_t load, uint32_t level) {
   if (session == nullptr || ip == 0 || ip == SOCK_NO_ADDRESS) return nullptr;
+  check_inside(session);
   const bool media = (type & node_serves_media) != 0;
   if (!has_room(session, media)) return nullptr;
   c2ms_node *const node = c2ms_node_fetch(session);
@@ -108,6 +109,7 @@ c2ms_node *c2ms_node_open(c2ms_sess *session, const char *host, uint32_t ip, uin
 
 int c2ms_node_connect(c2ms_node *node) {
   if (node == nullptr) return -1;
+  check_inside(node->session);
   if (node->state != C2MS_NODE_DISCONNECTED) return 0;
   c2ms_node_state_to(node, C2MS_NODE_CONNECTING);
   node->opened_us = now_us();
@@ -131,6 +133,7 @@ int c2ms_node_connect(c2ms_node *node) {
 
 int c2ms_node_disconnect_dbg(c2ms_node *node, adif::source_place) {
   if (node == nullptr) return -1;
+  check_inside(node->session);
   const bool open = node->state != C2MS_NODE_NULL;
   if (open) c2ms_node_state_to(node, C2MS_NODE_DISCONNECTED);
   c2ms_node_download_exit(node);
@@ -154,6 +157,7 @@ void note_ahead_failure(c2ms_node *node) {
 
 int c2ms_node_retry(c2ms_node *node) {
   if (node == nullptr) return -1;
+  check_inside(node->session);
   ++node->times;
   count_failure(node);
   note_ahead_failure(node);
@@ -164,12 +168,14 @@ int c2ms_node_retry(c2ms_node *node) {
 }
 
 int c2ms::connect_anew(c2ms_node *node) {
+  check_inside(node->session);
   node->anew_us = now_us();
   c2ms_node_disconnect_dbg(node);
   return c2ms_node_connect(node);
 }
 
 void c2ms::rearm(c2ms_node *node) {
+  check_inside(node->session);
   const uint32_t state = node->state;
   if (state == C2MS_NODE_NULL) return;
   if (state >= C2MS_NODE_CONNECTED) {
@@ -184,6 +190,7 @@ void c2ms::rearm(c2ms_node *node) {
 int c2ms_node_get_connected(c2ms_node *node) {
   if (node == nullptr) return -1;
   if (node->session == nullptr) return -2;
+  check_inside(node->session);
   c2ms_node_state_to(node, C2MS_NODE_CONNECTED);
   stop_timer(&node->connect_timer);
   node->last_active_us = now_us();
@@ -202,6 +209,7 @@ int c2ms_node_get_connected(c2ms_node *node) {
 
 int c2ms_node_get_srvlist(c2ms_node *node) {
   if (node == nullptr) return -1;
+  check_inside(node->session);
   if (node->state < C2MS_NODE_CONNECTED) return -2;
   c2ms_unit_init_srvlist(node, &node->srvlist_unit);
   return send_control(node, &node->srvlist_unit, C2MS_NODE_WAITING_SRVLIST_RESP);
@@ -209,6 +217,7 @@ int c2ms_node_get_srvlist(c2ms_node *node) {
 
 int c2ms_node_desc_media(c2ms_node *node) {
   if (node == nullptr) return -1;
+  check_inside(node->session);
   if (node->state < C2MS_NODE_CONNECTED) return -2;
   c2ms_unit_init_descmedia(node, &node->descmedia_unit);
   return send_control(node, &node->descmedia_unit, C2MS_NODE_WAITING_DESCMEDIA_RESP);
@@ -227,6 +236,7 @@ int send_download(c2ms_node *node, c2ms_unit *unit) REQUIRES(node->download_lock
 }  // namespace
 
 bool c2ms::may_ask_ahead(c2ms_node *node) {
+  check_inside(node->session);
   if (!node->takes_ahead || node->state != C2MS_NODE_WAITING_GETMEDIA_RESP) return false;
   {
     const adif::Guard lock(node->download_lock);
@@ -239,6 +249,7 @@ bool c2ms::may_ask_ahead(c2ms_node *node) {
 }
 
 bool c2ms::ask_ahead(c2ms_node *node) {
+  check_inside(node->session);
   c2ms_unit *const unit = c2ms_sess_unit_get(node->session, node);
   if (unit == nullptr) return true;
   int result;
@@ -254,6 +265,7 @@ bool c2ms::ask_ahead(c2ms_node *node) {
 
 int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
   if (node == nullptr) return -1;
+  check_inside(node->session);
   if (!is_media(node) || node->state != C2MS_NODE_READY) return 0;
   const bool asked_ahead = node->asked_us != 0;  // its request is out
   if (asked_ahead) return c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);
@@ -313,6 +325,7 @@ int c2ms_node_download_exit(c2ms_node *node) {
 
 int c2ms_node_download_end(c2ms_node *node) {
   if (node == nullptr) return -1;
+  check_inside(node->session);
   c2ms_unit *const unit = detach_download(node);
   return unit == nullptr ? -2 : c2ms_unit_recycle(unit);
 }
@@ -340,6 +353,7 @@ int c2ms_node_state_to(c2ms_node *node, uint32_t state) {
 
 c2ms_node *c2ms_node_fetch(c2ms_sess *session) {
   if (session == nullptr || session->mgmt == nullptr) return nullptr;
+  check_inside(session);
   c2ms_mgmt *const mgmt = session->mgmt;
   c2ms_node *const node = fetch_record(mgmt->node_pool, c2ms_node_init);
   if (node == nullptr) return nullptr;

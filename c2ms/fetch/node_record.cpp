@@ -5,6 +5,7 @@
 
 #include "adif/kalloc.h"
 #include "c2ms/core/registry.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
 #include "c2ms/core/timer.h"
 #include "c2ms/fetch/node_list.h"
@@ -94,6 +95,7 @@ int c2ms_node_free(c2ms_node *node) {
 int c2ms_node_perf_statistic(c2ms_node *node, c2ms_unit *unit) {
   if (node == nullptr) return -1;
   if (unit == nullptr) return -2;
+  check_inside(node->session);
   // A transfer longer than about 2147 s wraps here; that is meant, servers' figures are built the
   // same way.
   const auto seconds_us = [](const timeval &a, const timeval &b) {

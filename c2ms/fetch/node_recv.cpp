@@ -204,6 +204,7 @@ int check_list_node(c2ms_node *node, int64_t now) {
 }  // namespace
 
 int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandHold &strand) {
+  check_inside(ref.sess);
   c2ms_node *const node = ref.node;
   if (node->state == C2MS_NODE_WAITING_GETMEDIA_RESP && node->asked_us == 0) {
     c2ms_node_state_to(node, C2MS_NODE_READY);
@@ -222,6 +223,7 @@ int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandHold &stra
 }
 
 int c2ms_node_recv_srvlist(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
+  check_inside(session);
   control_body body;
   const int bad = open_body(session, node, unit, &body);
   if (bad != 0) return bad;
@@ -245,6 +247,7 @@ void note_exchange(c2ms_node *node, const c2ms_unit &unit) {
 }  // namespace
 
 int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, bool *) {
+  check_inside(session);
   control_body body;
   const int bad = open_body(session, node, unit, &body);
   if (bad != 0) return bad;
@@ -267,6 +270,7 @@ int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *uni
 int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
   if (node == nullptr) return -1;
   if (unit == nullptr) return -2;
+  check_inside(node->session);
   if (unit->state != UNIT_END) return -100;
   const uint32_t result = unit->response.result;
   if (result != 0) {
@@ -299,6 +303,7 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
 
 int c2ms_node_lifecheck(c2ms_node *node) {
   if (node == nullptr) return -1;
+  check_inside(node->session);
   const int64_t now = now_us();
   if (!is_media(node)) return check_list_node(node, now);
   if (node->state <= C2MS_NODE_DISCONNECTED) return 0;

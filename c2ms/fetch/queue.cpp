@@ -82,6 +82,7 @@ int c2ms_sess_unit_requeue(c2ms_sess *sess, c2ms_unit *unit) {
 
 c2ms_unit *c2ms_sess_unit_get(c2ms_sess *sess, c2ms_node *node) {
   if (sess == nullptr) return nullptr;
+  if (node != nullptr) check_inside(sess);
   c2ms_unit *unit = pop_unit(sess, node);
   while (unit != nullptr && c2ms_unit_verify(unit) == 0) {
     c2ms_unit_recycle(unit);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
 #include "c2ms/core/timer.h"
 #include "c2ms/fetch/choice.h"
@@ -227,6 +228,7 @@ bool is_near(const watched &seen) {
 }  // namespace
 
 void watch_session(c2ms_sess *sess) {
+  check_inside(sess);
   c2ms_cache *const cache = sess->cache.load();
   if (cache == nullptr || sess->life.load() != c2ms_life::live) return;
   const watched seen = look(cache);
@@ -238,6 +240,7 @@ void watch_session(c2ms_sess *sess) {
 
 void start_watch(c2ms_sess *sess) {
   if (sess->watch_timer != nullptr || sess->cache.load() == nullptr || sess->active_num < 1) return;
+  check_inside(sess);
   sess->watch_timer = start_timer(sess->mgmt, watch_period_ms, timer_sess_watch, sess->sess_id);
 }
 

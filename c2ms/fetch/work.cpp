@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
 #include "c2ms/fetch/choice.h"
 #include "c2ms/ring/range.h"
@@ -86,6 +87,7 @@ bool fill_ring_view(c2ms_cache *cache, idle_packs *out) {
 }
 
 run choose_work(c2ms_sess *sess, c2ms_node *node) {
+  if (node != nullptr) check_inside(sess);
   c2ms_cache *const cache = sess->cache.load();
   if (cache == nullptr || cache->packnum < 1) return {};
   idle_packs idle;

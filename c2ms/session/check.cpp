@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
 #include "c2ms/fetch/node.h"
 #include "c2ms/fetch/node_list.h"
@@ -58,6 +59,7 @@ bool servers_lost(c2ms_sess *sess) {
 int c2ms_sess_check(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
   if (sess->mgmt == nullptr) return -2;
+  check_inside(sess);
   report_check(sess);
   grow(sess);
   note_answers(sess);

@@ -10,6 +10,7 @@
 #include "c2ms/core/context.h"
 #include "c2ms/core/registry.h"
 #include "c2ms/core/servers.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
 #include "c2ms/fetch/dispatch.h"
 #include "c2ms/fetch/node.h"
@@ -33,6 +34,7 @@ uint32_t c2ms::resolve_entry(c2ms_sess *sess) {
 }
 
 int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
+  check_inside(sess);
   if (sess->entry_node != nullptr) return 0;
   c2ms_sess_server_clear(sess);
   sess->open_pending = 1;
@@ -43,6 +45,7 @@ int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
 }
 
 void c2ms::ask_entry_if_due(c2ms_sess *sess) {
+  check_inside(sess);
   if (!std::exchange(sess->list_due, false)) return;
   if (sess->desc_count != 0 || sess->entry_node != nullptr || sess->status != 0) return;
   const int64_t pause_us = int64_t{first_backoff_ms} * 1000 << sess->entry_asks;
@@ -52,6 +55,7 @@ void c2ms::ask_entry_if_due(c2ms_sess *sess) {
 }
 
 void c2ms::reopen_later(c2ms_sess *sess) {
+  check_inside(sess);
   in_addr address{};
   if (inet_pton(AF_INET, sess->host, &address) == 1 && address.s_addr != 0) {
     start_entry_exchange(sess, address.s_addr);

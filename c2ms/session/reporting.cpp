@@ -1,6 +1,7 @@
 #include "c2ms/session/reporting.h"
 
 #include "c2ms/core/call.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
 #include "c2ms/core/wake.h"
 #include "c2ms/report/auth.h"
@@ -155,6 +156,7 @@ void report_failed_open(const report_facts &facts, const channel &on) {
 }  // namespace
 
 void report_check(c2ms_sess *sess) {
+  check_inside(sess);
   // The first attempt to report makes every session's checks this far apart, whatever was
   // configured.
   if (sess->perf_state == not_begun || sess->auth_state == not_begun) {

@@ -10,6 +10,7 @@
 #include "c2ms/core/records.h"
 #include "c2ms/core/registry.h"
 #include "c2ms/core/servers.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/fetch/dispatch.h"
 #include "c2ms/fetch/node.h"
 #include "c2ms/fetch/node_list.h"
@@ -112,6 +113,7 @@ TEST_F(Core, EncipheredBodies) {
 }
 
 TEST_F(Core, StatisticsOfTransfers) {
+  const c2ms::StrandHold strand(sess);
   c2ms_node *const node = c2ms_node_fetch(sess);
   c2ms_unit *const unit = c2ms_unit_fetch(sess);
   unit->received = 1'000'000;
@@ -164,6 +166,7 @@ TEST_F(Core, StatisticsOfTransfers) {
 
 // The counters follow the states, whatever the order, and end where they began.
 TEST_F(Core, CountersFollowStates) {
+  const c2ms::StrandHold strand(sess);
   std::vector<c2ms_node *> nodes;
   for (int i = 0; i < 4; ++i) {
     nodes.push_back(c2ms_node_fetch(sess));

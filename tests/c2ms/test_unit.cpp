@@ -8,6 +8,7 @@
 #include <string>
 
 #include "c2ms/core/records.h"
+#include "c2ms/core/strand_hold.h"
 #include "c2ms/fetch/node.h"
 #include "c2ms/fetch/queue.h"
 #include "c2ms/fetch/seek.h"
@@ -181,6 +182,7 @@ TEST_F(Unit, VersionsAndStrayBytes) {
       {"many behind a description", false, 1, 3000, 0},
       {"stray bytes behind a payload", true, 1, 5, unit_bad_payload},
   };
+  const c2ms::StrandHold strand(sess);
   c2ms_node *const node = c2ms_node_fetch(sess);
   for (const auto &row : rows) {
     SCOPED_TRACE(row.what);
