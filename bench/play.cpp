@@ -30,7 +30,7 @@ play::~play() {
 
 void play::cache(int pack_bytes, int nodes) {
   const auto start = steady::now();
-  while (session_->active_num.load() < nodes && seconds_since(start) < 10)
+  while (session_->usable_num.load() < nodes && seconds_since(start) < 10)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   c2ms_sess_cache_init(session_, pack_bytes);
 }

@@ -47,17 +47,17 @@ void count_ready(c2ms_sess *sess, const weight &before, const weight &after)
 void count_usable(c2ms_sess *sess, const weight &before, const weight &after)
     REQUIRES(sess->counter_lock) {
   if (after.usable && !before.usable) {
-    if (sess->active_num < 1) {
-      sess->active_us = now_us();
+    if (sess->usable_num < 1) {
+      sess->active_at_us = now_us();
       sess->has_active = 1;
     }
-    ++sess->active_num;
+    ++sess->usable_num;
   } else if (before.usable && !after.usable) {
-    if (sess->active_num < 2) {
-      sess->active_us = now_us();
+    if (sess->usable_num < 2) {
+      sess->active_at_us = now_us();
       sess->has_active = 0;
     }
-    sess->active_num = std::max(sess->active_num - 1, 0);
+    sess->usable_num = std::max(sess->usable_num - 1, 0);
   }
 }
 
@@ -65,12 +65,12 @@ void count_usable(c2ms_sess *sess, const weight &before, const weight &after)
 void count_downloading(c2ms_sess *sess, const weight &before, const weight &after)
     REQUIRES(sess->counter_lock) {
   if (after.downloading && !before.downloading) {
-    if (sess->download_num < 1) sess->download_start_us = now_us();
+    if (sess->download_num < 1) sess->download_at_us = now_us();
     ++sess->download_num;
   } else if (before.downloading && !after.downloading) {
     const int64_t now = now_us();
-    const int64_t spent = now - sess->download_start_us;
-    sess->download_start_us = now;
+    const int64_t spent = now - sess->download_at_us;
+    sess->download_at_us = now;
     sess->download_num = std::max(sess->download_num - 1, 0);
     if (spent > 0) sess->recv_time += static_cast<uint64_t>(spent);
   }
@@ -169,10 +169,10 @@ bool count_states(c2ms_sess *sess, uint32_t from, uint32_t to) REQUIRES(sess->co
 void count_speed(c2ms_sess *sess) {
   const adif::Guard lock(sess->speed_lock);
   const int64_t now = now_us();
-  const double elapsed_ms = static_cast<double>(now - sess->window_us) / 1000.0;
+  const double elapsed_ms = static_cast<double>(now - sess->window_at_us) / 1000.0;
   const auto bytes = static_cast<double>(sess->window_bytes.exchange(0));
   sess->realtime_speed = elapsed_ms > 0 ? bytes / elapsed_ms : 0;
-  sess->window_us = now;
+  sess->window_at_us = now;
 }
 
 }  // namespace c2ms

@@ -16,7 +16,7 @@ namespace {
 constexpr int max_interfaces = 6;
 constexpr int64_t ask_again_us = 1'000'000;
 
-// `identity_asked_us` once the hardware id is set: nobody asks again.
+// `identity_asked_at_us` once the hardware id is set: nobody asks again.
 constexpr int64_t hid_is_set = INT64_MAX;
 
 bool knows_address(const c2ms_mgmt *mgmt) {
@@ -50,14 +50,14 @@ finding look_at(const sock_interface *table, int n) {
 void set_hid(c2ms_mgmt *mgmt, const uint8_t *bytes, size_t size) REQUIRES(mgmt->identity_lock) {
   std::memset(mgmt->hid, 0, sizeof mgmt->hid);
   std::memcpy(mgmt->hid, bytes, std::min(size, sizeof mgmt->hid - 1));
-  mgmt->identity_asked_us = hid_is_set;
+  mgmt->identity_asked_at_us = hid_is_set;
 }
 
 // Id and address are each written once and then stay as they are: the getters hand out pointers to
 // them that are read without the lock.
 void ask_system(c2ms_mgmt *mgmt) REQUIRES(mgmt->identity_lock) {
-  if (mgmt->identity_asked_us == hid_is_set) return;
-  mgmt->identity_asked_us = c2ms::now_us();
+  if (mgmt->identity_asked_at_us == hid_is_set) return;
+  mgmt->identity_asked_at_us = c2ms::now_us();
   sock_interface table[max_interfaces];
   const finding found = look_at(table, get_selfaddr(table, max_interfaces));
   if (found.address != 0 && !knows_address(mgmt)) {
@@ -142,7 +142,8 @@ uint32_t c2ms_sess_pduid(c2ms_sess *sess) {
 
 c2ms::identity c2ms::current_identity(c2ms_mgmt *mgmt) {
   const adif::Guard lock(mgmt->identity_lock);
-  if (!knows_address(mgmt) && now_us() - mgmt->identity_asked_us > ask_again_us) ask_system(mgmt);
+  if (!knows_address(mgmt) && now_us() - mgmt->identity_asked_at_us > ask_again_us)
+    ask_system(mgmt);
   return copy_identity(mgmt);
 }
 
@@ -164,7 +165,7 @@ const uint8_t *c2ms_hid(c2ms_mgmt *mgmt) {
   static const uint8_t none[21] = {};
   if (mgmt == nullptr) return none;
   const adif::Guard lock(mgmt->identity_lock);
-  return mgmt->identity_asked_us == hid_is_set ? mgmt->hid : none;
+  return mgmt->identity_asked_at_us == hid_is_set ? mgmt->hid : none;
 }
 
 const char *c2ms_localip(c2ms_mgmt *mgmt) {

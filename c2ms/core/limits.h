@@ -82,7 +82,6 @@ inline constexpr int32_t min_pack_bytes = 4096;
 // What the library chooses: small enough that a seek is served by several servers, big enough that
 // packs cost little.
 inline constexpr int32_t chosen_pack_bytes = 32 * 1024;
-inline constexpr int min_issue_limit = 10;
 inline constexpr int32_t receive_slice_bytes =
     256 * 1024;  // received under one hold of a pack's lock
 inline constexpr int32_t receive_event_bytes =

@@ -108,8 +108,8 @@ void trace_place(c2ms_cache *cache) {
   const uint64_t base = cache->base_offset, pos = base + cache->read_pos;
   const uint64_t bytes = std::min(ring_begin + ring_bytes, cache->media_size) - ring_begin;
   cache->traced_pos = cache->read_pos;
-  cache->traced_us = now_us();
-  record(cache->session, C2MS_TRACE_PLACE, cache->traced_us, [&](c2ms_trace_event &event) {
+  cache->traced_at_us = now_us();
+  record(cache->session, C2MS_TRACE_PLACE, cache->traced_at_us, [&](c2ms_trace_event &event) {
     event.pos = pos;
     event.begin = base + ring_begin;
     event.bytes = bytes;
@@ -120,7 +120,7 @@ void trace_move(c2ms_cache *cache) {
   if (!tracing(cache->session)) return;
   if (cache->read_pos == cache->traced_pos) return;
   if (far_from_last_place(cache) || cache->read_pos == cache->media_size ||
-      now_us() - cache->traced_us >= places_apart_us) {
+      now_us() - cache->traced_at_us >= places_apart_us) {
     trace_place(cache);
   }
 }

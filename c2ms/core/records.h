@@ -164,7 +164,7 @@ struct c2ms_pdu {
   uint32_t range_length;
   uint8_t range_flag;
   // Fixed part of a media response.
-  uint16_t media_word;  // the node's load
+  uint16_t media_load;  // the node's load
   uint64_t media_position;
   uint32_t media_aux;
   uint32_t payload_length;
@@ -230,7 +230,7 @@ struct c2ms_pack {
   std::atomic<uint8_t> state{pack_idle};  // written under lock
   uint8_t flag GUARDED_BY(lock) = 0;  // of the last answer that completed it, whatever it held then
   int32_t len GUARDED_BY(lock) = 0;
-  std::atomic<int64_t> not_before_us{0};  // an idle pack is not asked for again before this
+  std::atomic<int64_t> not_before_at_us{0};  // an idle pack is not asked for again before this
 };
 
 /// A session's ring of packs; embedded in the session record.
@@ -253,8 +253,8 @@ struct c2ms_cache {
   int32_t last_pack_len GUARDED_BY(lock) = 0;
   uint64_t read_pos GUARDED_BY(lock) = 0;
   int32_t read_index GUARDED_BY(lock) = 0;
-  uint64_t traced_pos GUARDED_BY(lock) = 0;  // of the last place that was recorded
-  int64_t traced_us GUARDED_BY(lock) = 0;    // when that was
+  uint64_t traced_pos GUARDED_BY(lock) = 0;   // of the last place that was recorded
+  int64_t traced_at_us GUARDED_BY(lock) = 0;  // when that was
   int32_t max_first GUARDED_BY(lock) = 0;
   int32_t buffering_size GUARDED_BY(lock) = 0;
   int32_t buffering_packs GUARDED_BY(lock) = 0;
@@ -263,7 +263,7 @@ struct c2ms_cache {
   c2ms::wait_count waits[c2ms::wait_causes] GUARDED_BY(lock);
   uint32_t served_seek GUARDED_BY(lock) = 0;  // seek_count of the last bytes that were delivered
   c2ms::Pace pace GUARDED_BY(lock);           // at which the reader takes bytes
-  int64_t sought_us GUARDED_BY(lock) = 0;     // when the reader last went elsewhere; 0: it has not
+  int64_t sought_at_us GUARDED_BY(lock) = 0;  // when the reader last went elsewhere; 0: it has not
   int32_t urgent_end GUARDED_BY(lock) =
       0;  // packs before it are what the first read after a seek needs
   // Written under lock; read without it where a second look under a pack's lock follows.
@@ -335,23 +335,23 @@ struct c2ms_node {
   uint32_t ip = 0;                              // network order
   uint32_t port = 0;
   char host[64]{};
-  int32_t times = 0;
+  int32_t failures = 0;  // of the connection in a row, until a description comes
   int32_t ready_times = 0;
   rac_connection *device = nullptr;
   rac_timer *connect_timer = nullptr;
   rac_timer *life_timer = nullptr;
-  std::atomic<int64_t> last_active_us{0};
+  std::atomic<int64_t> last_active_at_us{0};
   c2ms_unit srvlist_unit, descmedia_unit;
   adif::Mutex download_lock{c2ms::rank_download};
   c2ms_unit *download_unit GUARDED_BY(download_lock) = nullptr;
-  // Asked for while the answer of download_unit lay in the socket as a whole; comes after it.
+  // Asked for ahead: its answer comes after that of download_unit.
   c2ms_unit *next_unit GUARDED_BY(download_lock) = nullptr;
-  int64_t asked_us = 0;     // when the range was asked for that is still to come; 0: none is
-  bool takes_ahead = true;  // its server has answered every request that was sent ahead
-  int64_t opened_us = 0;    // when it last began to connect
-  int64_t probed_us = 0;    // when it was last asked for anything
-  int64_t anew_us = 0;      // when a hopeless answer was last given up
-  c2ms::Estimate estimate;  // guarded by the session's speed lock
+  int64_t asked_at_us = 0;   // when the range was asked for that is still to come; 0: none is
+  bool takes_ahead = true;   // its server has answered every request that was sent ahead
+  int64_t opened_at_us = 0;  // when it last began to connect
+  int64_t probed_at_us = 0;  // when it was last asked for anything
+  int64_t anew_at_us = 0;    // when a hopeless answer was last given up
+  c2ms::Estimate estimate;   // guarded by the session's speed lock
   c2ms_node_perf perf{};
   c2ms::tally counts;  // guarded by the session's speed lock
   uint32_t session_id = 0;
@@ -360,7 +360,7 @@ struct c2ms_node {
   // The brake on reconnecting.
   uint32_t backoff_ms = 0;
   bool retried = false;  // the attempt at once has been used
-  int64_t ready_since_us = 0;
+  int64_t ready_at_us = 0;
   int short_answers = 0;
 };
 
@@ -417,8 +417,7 @@ struct c2ms_sess {
   c2ms::recorder trace GUARDED_BY(speed_lock);
   std::atomic<uint64_t> total_bytes{0}, window_bytes{0};  // received; since the last count
   std::atomic<uint64_t> recv_time{0};                     // microseconds
-  int64_t stats_us GUARDED_BY(speed_lock) = 0;
-  int64_t window_us GUARDED_BY(speed_lock) = 0;
+  int64_t window_at_us GUARDED_BY(speed_lock) = 0;
   double realtime_speed GUARDED_BY(speed_lock) = 0;
   c2ms::tally departed GUARDED_BY(speed_lock);    // of nodes that are gone
   uint64_t forgotten GUARDED_BY(speed_lock) = 0;  // bytes of packs that were not completed
@@ -440,16 +439,16 @@ struct c2ms_sess {
   bool list_due = false;   // a media node has failed: is another server list needed?
   uint8_t entry_asks = 0;  // lists asked for again because all servers of the last one failed
   adif::Mutex counter_lock{c2ms::rank_counters};
-  std::atomic<int32_t> ready_num{0};   // written under counter_lock
-  std::atomic<int32_t> active_num{0};  // written under counter_lock
-  std::atomic<int32_t> has_active{0};  // written under counter_lock
-  std::atomic<int64_t> active_us{0};   // when has_active last changed
+  std::atomic<int32_t> ready_num{0};     // written under counter_lock
+  std::atomic<int32_t> usable_num{0};    // written under counter_lock
+  std::atomic<int32_t> has_active{0};    // written under counter_lock
+  std::atomic<int64_t> active_at_us{0};  // when has_active last changed
   int32_t download_num GUARDED_BY(counter_lock) = 0;
-  int64_t download_start_us GUARDED_BY(counter_lock) = 0;
-  int64_t reopened_us = 0;
-  uint32_t answers = 0;       // ranges that came in full
-  uint32_t answers_seen = 0;  // by the last check
-  int64_t fruitless_us = 0;   // since when checks have seen requests out and no answer; 0: not so
+  int64_t download_at_us GUARDED_BY(counter_lock) = 0;
+  int64_t reopened_at_us = 0;
+  uint32_t answers = 0;         // ranges that came in full
+  uint32_t answers_seen = 0;    // by the last check
+  int64_t fruitless_at_us = 0;  // since when checks have seen requests out and no answer; 0: not so
   adif::Mutex list_lock{c2ms::rank_node_list};
   pointer_stack *node_index GUARDED_BY(list_lock) = nullptr;  // every node, by address and port
   pointer_stack *node_list GUARDED_BY(list_lock) = nullptr;  // media nodes, best first after a sort
@@ -534,7 +533,7 @@ struct c2ms_mgmt {
   uint8_t hid[21]{};
   char local_ip_text[16]{};
   uint32_t local_ip = 0;
-  int64_t identity_asked_us GUARDED_BY(identity_lock) = 0;
+  int64_t identity_asked_at_us GUARDED_BY(identity_lock) = 0;
 
   adif::Mutex node_lock{c2ms::rank_registry};
   pointer_stack *nodes GUARDED_BY(node_lock) = nullptr;

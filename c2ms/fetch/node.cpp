@@ -112,8 +112,8 @@ int c2ms_node_connect(c2ms_node *node) {
   check_inside(node->session);
   if (node->state != C2MS_NODE_DISCONNECTED) return 0;
   c2ms_node_state_to(node, C2MS_NODE_CONNECTING);
-  node->opened_us = now_us();
-  if (!is_media(node) && node->times > max_failed_attempts) return give_up(node);
+  node->opened_at_us = now_us();
+  if (!is_media(node) && node->failures > max_failed_attempts) return give_up(node);
   stop_timer(&node->life_timer);
   drop_device(node);
   // All nodes of a session on one worker: answers that come together cost one wake-up.
@@ -158,7 +158,7 @@ void note_ahead_failure(c2ms_node *node) {
 int c2ms_node_retry(c2ms_node *node) {
   if (node == nullptr) return -1;
   check_inside(node->session);
-  ++node->times;
+  ++node->failures;
   count_failure(node);
   note_ahead_failure(node);
   c2ms_node_disconnect_dbg(node);
@@ -169,7 +169,7 @@ int c2ms_node_retry(c2ms_node *node) {
 
 int c2ms::connect_anew(c2ms_node *node) {
   check_inside(node->session);
-  node->anew_us = now_us();
+  node->anew_at_us = now_us();
   c2ms_node_disconnect_dbg(node);
   return c2ms_node_connect(node);
 }
@@ -193,7 +193,7 @@ int c2ms_node_get_connected(c2ms_node *node) {
   check_inside(node->session);
   c2ms_node_state_to(node, C2MS_NODE_CONNECTED);
   stop_timer(&node->connect_timer);
-  node->last_active_us = now_us();
+  node->last_active_at_us = now_us();
   start_life_timer(node);
   int result = 0;
   if ((node->type & node_serves_list) != 0) {
@@ -267,7 +267,7 @@ int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
   if (node == nullptr) return -1;
   check_inside(node->session);
   if (!is_media(node) || node->state != C2MS_NODE_READY) return 0;
-  const bool asked_ahead = node->asked_us != 0;  // its request is out
+  const bool asked_ahead = node->asked_at_us != 0;  // its request is out
   if (asked_ahead) return c2ms_node_state_to(node, C2MS_NODE_WAITING_GETMEDIA_RESP);
   c2ms_unit *const unit = c2ms_sess_unit_get(node->session, node);
   if (unit == nullptr) return -100;
@@ -279,7 +279,7 @@ int c2ms_node_download_start_dbg(c2ms_node *node, adif::source_place) {
     result = send_download(node, unit);
   }
   if (result == 0) {
-    node->asked_us = node->last_active_us;
+    node->asked_at_us = node->last_active_at_us;
     return 0;
   }
   if (result == unit_socket_failed) {
@@ -300,7 +300,7 @@ c2ms_unit *detach_download(c2ms_node *node) {
   const adif::Guard lock(node->download_lock);
   c2ms_unit *const unit = node->download_unit;
   node->download_unit = std::exchange(node->next_unit, nullptr);
-  node->asked_us = node->download_unit == nullptr ? 0 : to_us(node->download_unit->sent_time);
+  node->asked_at_us = node->download_unit == nullptr ? 0 : to_us(node->download_unit->sent_time);
   if (unit == nullptr) return nullptr;
   count_given_up(node, unit);  // unless it is complete, or was never sent
   unit->node = nullptr;
@@ -341,7 +341,7 @@ int c2ms_node_state_to(c2ms_node *node, uint32_t state) {
     before = node->state;
     if (before == state) return 0;
     if (is_media(node)) lost_last = count_states(sess, before, state);
-    if (state == C2MS_NODE_READY && before < C2MS_NODE_READY) node->ready_since_us = now_us();
+    if (state == C2MS_NODE_READY && before < C2MS_NODE_READY) node->ready_at_us = now_us();
     node->state = state;
   }
   if (lost_last) c2ms_cache_wake(sess->cache.load());

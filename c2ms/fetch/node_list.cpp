@@ -132,7 +132,7 @@ bool c2ms::all_failed(c2ms_sess *sess) {
   const adif::Guard lock(sess->list_lock);
   for (int i = 0; i < sk_num(sess->node_list); ++i) {
     const auto *const node = static_cast<const c2ms_node *>(sk_value(sess->node_list, i));
-    if (node->state >= C2MS_NODE_CONNECTED || node->times < 1) return false;
+    if (node->state >= C2MS_NODE_CONNECTED || node->failures < 1) return false;
   }
   return true;
 }

@@ -120,7 +120,7 @@ int recv_control(c2ms_node *node, c2ms_unit *unit, bool list) {
   if (handled < 0) return handled;
   if (closed) return c2ms_node_close(node);
   if (list) return after_srvlist(node);
-  node->times = 0;
+  node->failures = 0;
   ++node->ready_times;
   c2ms_node_state_to(node, C2MS_NODE_READY);
   return c2ms_node_download_start_dbg(node);
@@ -184,7 +184,7 @@ bool stalled(const c2ms_node *node, int64_t now) {
                     state == C2MS_NODE_WAITING_DESCMEDIA_RESP ||
                     state == C2MS_NODE_WAITING_SRVLIST_RESP;
   return node->device == nullptr ||
-         (owes && now - node->last_active_us > node->library->patience.stalled_us);
+         (owes && now - node->last_active_at_us > node->library->patience.stalled_us);
 }
 
 void account_stalled(c2ms_node *node) {
@@ -206,10 +206,10 @@ int check_list_node(c2ms_node *node, int64_t now) {
 int c2ms_node_recv(const node_ref &ref, rac_connection *device, StrandHold &strand) {
   check_inside(ref.sess);
   c2ms_node *const node = ref.node;
-  if (node->state == C2MS_NODE_WAITING_GETMEDIA_RESP && node->asked_us == 0) {
+  if (node->state == C2MS_NODE_WAITING_GETMEDIA_RESP && node->asked_at_us == 0) {
     c2ms_node_state_to(node, C2MS_NODE_READY);
   }
-  node->last_active_us = now_us();
+  node->last_active_at_us = now_us();
   switch (node->state) {
     case C2MS_NODE_WAITING_SRVLIST_RESP:
       return recv_control(node, &node->srvlist_unit, true);
@@ -283,7 +283,7 @@ int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit) {
   c2ms_sess_set_status(node->session, 0);
   count_completed(unit);
   c2ms_node_perf_statistic(node, unit);
-  node->load = unit->response.media_word;
+  node->load = unit->response.media_load;
   const bool was_short = is_short_answer(*unit);
   c2ms_node_download_end(node);
   c2ms_node_state_to(node, C2MS_NODE_READY);
@@ -313,7 +313,7 @@ int c2ms_node_lifecheck(c2ms_node *node) {
     return c2ms_node_retry(node);
   }
   if (node->state >= C2MS_NODE_READY &&
-      now - node->ready_since_us > node->library->patience.settled_us) {
+      now - node->ready_at_us > node->library->patience.settled_us) {
     node->backoff_ms = 0;
     node->retried = false;
   }

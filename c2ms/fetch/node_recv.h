@@ -19,6 +19,6 @@ int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *uni
                              bool *closed_flag);
 int c2ms_node_recv_getmedia(c2ms_node *node, c2ms_unit *unit);
 
-/// The life timer fired: stalled transfers are dropped, late ones asked for a second time. [may end
-/// the node]
+/// The life timer fired: a node whose server owes an answer and has been silent for too long drops
+/// its connection and retries. [may end the node]
 int c2ms_node_lifecheck(c2ms_node *node);

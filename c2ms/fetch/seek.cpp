@@ -18,7 +18,7 @@ int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos, c2ms::cache_use use) {
     pos = std::min(pos, cache->media_size - 1);
     if (pos == cache->read_pos) return 0;
     cache->seek_count.fetch_add(1);
-    cache->sought_us = c2ms::now_us();
+    cache->sought_at_us = c2ms::now_us();
     cache->other_pos = c2ms::no_place;
     c2ms_cache_seek_to(cache, pos);
     c2ms::trace_seek(cache);

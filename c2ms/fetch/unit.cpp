@@ -169,7 +169,7 @@ int c2ms_unit_send(c2ms_unit *unit, int fd) {
   unit->first_time = unit->end_time = {};
   const int64_t now = c2ms::now_us();
   unit->sent_time = c2ms::to_tv(now);
-  unit->node->last_active_us = now;
+  unit->node->last_active_at_us = now;
   unit->state = UNIT_SENT;
   return 0;
 }

@@ -150,7 +150,7 @@ bool take_payload(c2ms_unit *unit, c2ms_pack *pack, int got, pack_news *news) RE
     return true;
   }
   if (missing_payload(unit) > 0) return false;
-  if (pack->size == 0) pack->not_before_us = now_us() + empty_pack_pause_us;
+  if (pack->size == 0) pack->not_before_at_us = now_us() + empty_pack_pause_us;
   complete_short(unit, pack);
   news->idle = pack->state == pack_idle;
   return true;
@@ -314,7 +314,7 @@ bool drop_surplus(c2ms_unit *unit, int fd) {
 int c2ms_unit_recv_control(c2ms_node *node, c2ms_unit *unit, int fd, bool *closed_flag) {
   if (node == nullptr) return -1;
   if (unit == nullptr) return -2;
-  node->last_active_us = now_us();
+  node->last_active_at_us = now_us();
   const int result = receive_pdu(unit, fd);
   if (result < 0) {
     *closed_flag = true;

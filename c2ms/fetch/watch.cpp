@@ -186,7 +186,7 @@ void give_up_hopeless(c2ms_sess *sess) {
       c2ms_node_retry(node);
       continue;
     }
-    if (now - node->anew_us < anew_pause_us) continue;
+    if (now - node->anew_at_us < anew_pause_us) continue;
     if (is_unwanted(sess, node) && is_hopeless(known.all(), i)) connect_anew(node);
   }
 }
@@ -207,7 +207,7 @@ void fit_connections(c2ms_sess *sess) {
   for (size_t i = 1; i < known.count; ++i) {
     c2ms_node *const node = known.nodes[i];
     if (node->state != C2MS_NODE_READY ||
-        now - std::max(node->probed_us, node->opened_us) < unused_us)
+        now - std::max(node->probed_at_us, node->opened_at_us) < unused_us)
       continue;
     const auto before = known.lanes.begin() + static_cast<ptrdiff_t>(i);
     const bool beside = std::any_of(known.lanes.begin(), before, [&](const lane &other) {
@@ -235,11 +235,11 @@ void watch_session(c2ms_sess *sess) {
   help(sess, seen);
   give_up_hopeless(sess);
   fit_connections(sess);
-  if (is_near(seen) || sess->ready_num < sess->active_num) start_watch(sess);
+  if (is_near(seen) || sess->ready_num < sess->usable_num) start_watch(sess);
 }
 
 void start_watch(c2ms_sess *sess) {
-  if (sess->watch_timer != nullptr || sess->cache.load() == nullptr || sess->active_num < 1) return;
+  if (sess->watch_timer != nullptr || sess->cache.load() == nullptr || sess->usable_num < 1) return;
   check_inside(sess);
   sess->watch_timer = start_timer(sess->mgmt, watch_period_ms, timer_sess_watch, sess->sess_id);
 }

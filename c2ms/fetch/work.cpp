@@ -25,7 +25,7 @@ lane lane_of(const c2ms_node *node, int64_t now) {
   one.server = node->ip ^ (node->port << 16);
   one.usable = node->state >= C2MS_NODE_READY;
   // One that is being opened: for how long.
-  if (!one.usable) one.silence = static_cast<double>(now - node->opened_us) * 1e-6;
+  if (!one.usable) one.silence = static_cast<double>(now - node->opened_at_us) * 1e-6;
   return one;
 }
 
@@ -76,7 +76,8 @@ reader_view reader_of(c2ms_cache *cache) {
   const adif::Guard lock(cache->lock);
   reader.pace = cache->pace.rate();
   reader.lead = static_cast<double>(c2ms_cache_lead(cache));
-  if (cache->sought_us != 0) reader.since_seek = static_cast<double>(now - cache->sought_us) * 1e-6;
+  if (cache->sought_at_us != 0)
+    reader.since_seek = static_cast<double>(now - cache->sought_at_us) * 1e-6;
   return reader;
 }
 
@@ -97,9 +98,9 @@ run choose_work(c2ms_sess *sess, c2ms_node *node) {
   const size_t who = known.find(node);
   if (who == known.count) return {};
   const int64_t now = now_us();
-  const bool probe = node->asked_us == 0 && now - node->probed_us > probe_us;
+  const bool probe = node->asked_at_us == 0 && now - node->probed_at_us > probe_us;
   const run chosen = choose_run(known.all(), who, idle.view, reader_of(cache), probe);
-  if (chosen.count > 0) node->probed_us = now;
+  if (chosen.count > 0) node->probed_at_us = now;
   return chosen;
 }
 

@@ -285,6 +285,6 @@ int c2ms_sess_bufratio(c2ms_sess *sess, int32_t *ratio) {
   const int result = c2ms_cache_buffering_ratio(cache, ratio);
   if (result < 0) return result;
   const int64_t bears_us = sess->mgmt->patience.ratio_stalled_us;
-  const bool stalled = sess->has_active == 0 && now_us() - sess->active_us > bears_us;
+  const bool stalled = sess->has_active == 0 && now_us() - sess->active_at_us > bears_us;
   return stalled ? -400 : 0;
 }

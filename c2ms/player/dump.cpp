@@ -97,10 +97,10 @@ void add_node(std::string *text, c2ms_node *node) {
   // The line and a newline more: a blank line parts the node's name from its figures.
   add(text, "    NodeID:%lu %s:%d FD:%d Level:%d Type:0x%02X Load:%d Times:%d ReadyTimes:%d\n\n",
       printable(node->node_id), node->host, static_cast<int>(node->port), GetDeviceFD(node->device),
-      static_cast<int>(node->level), node->type, node->load, node->times, node->ready_times);
+      static_cast<int>(node->level), node->type, node->load, node->failures, node->ready_times);
   add(text, "        State: %s\n", node_state_name(node->state));
   add(text, "        LastActiveTime: %lu  CurrentTime: %lu\n",
-      printable(static_cast<uint64_t>(node->last_active_us / 1'000'000)),
+      printable(static_cast<uint64_t>(node->last_active_at_us / 1'000'000)),
       printable(static_cast<uint64_t>(now_us() / 1'000'000)));
   add(text, "        TN:%d  RTT:%lld  AccRTT:%lld  AvgRTT:%lld\n", perf.TN,
       static_cast<long long>(perf.RTT), static_cast<long long>(perf.AccRTT),

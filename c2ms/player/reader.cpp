@@ -100,7 +100,7 @@ step take(reading &call, const place &at) {
   const adif::Guard lock(pack->lock);
   if (pack->index != at.index) return step::move_range;
   const int32_t wanted = wanted_of(call, pack, at.in_pack);
-  const bool asked_for = pack->state != pack_idle || pack->not_before_us != 0;
+  const bool asked_for = pack->state != pack_idle || pack->not_before_at_us != 0;
   if (asked_for && wanted == 0) return step::stop;  // a last pack of size 0
   const int32_t there = std::clamp(pack->len - at.in_pack, 0, wanted);
   const bool enough = there == wanted || pack->state == pack_ready;
@@ -231,7 +231,7 @@ step request(reading &call, const place &at) {
     call.cache->idle_from = std::min(call.cache->idle_from, at.index);
   }
   if (!ahead && c2ms_cache_download_pack(call.cache, at.pack) == -100) {
-    at.pack->not_before_us = c2ms::now_us() + c2ms::no_memory_pause_us;
+    at.pack->not_before_at_us = c2ms::now_us() + c2ms::no_memory_pause_us;
   }
   c2ms::mark_dispatch_due(call.cache->session);
   c2ms::dispatch_if_due(call.cache->session);

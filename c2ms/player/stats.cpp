@@ -117,7 +117,7 @@ void take_totals(const tally &sum, uint64_t forgotten, c2ms_stats *out) {
 // With the download under way, which recv_time gets at its end.
 uint64_t receiving_us(c2ms_sess *sess) {
   const adif::Guard lock(sess->counter_lock);
-  const int64_t since = sess->download_start_us;
+  const int64_t since = sess->download_at_us;
   const int64_t now = sess->download_num > 0 ? std::max(now_us(), since) : since;
   return sess->recv_time + static_cast<uint64_t>(now - since);
 }
@@ -149,7 +149,7 @@ void take_nodes(c2ms_sess *sess, c2ms_stats *out) {
 void take_session(c2ms_sess *sess, c2ms_stats *out) {
   out->bytes_delivered = sess->delivered;
   out->seeks = sess->seek_num;
-  out->nodes_usable = static_cast<uint32_t>(std::max(sess->active_num.load(), 0));
+  out->nodes_usable = static_cast<uint32_t>(std::max(sess->usable_num.load(), 0));
   out->units_queued = static_cast<uint32_t>(std::max(sess->unit_num.load(), 0));
   out->status = sess->status;
   out->report_state = sess->perf_state;

@@ -25,7 +25,7 @@ void go_to_start(c2ms_cache *cache) REQUIRES(cache->lock) {
   cache->first_index = 0;
   cache->wanted_from = 0;
   cache->idle_from = 0;
-  cache->sought_us = 0;
+  cache->sought_at_us = 0;
 }
 
 // The lead that a player wants; no more than the ring can hold ahead. Without a ring it is kept as

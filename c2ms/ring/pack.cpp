@@ -14,7 +14,7 @@ void reset(c2ms_pack *pack) REQUIRES(pack->lock) {
   pack->index = -1;
   pack->state = pack_idle;
   pack->len = 0;
-  pack->not_before_us = 0;
+  pack->not_before_at_us = 0;
 }
 
 }  // namespace
@@ -58,7 +58,7 @@ int c2ms_pack_free(c2ms_pack *pack) {
 }
 
 bool c2ms_pack_is_paused(const c2ms_pack *pack) {
-  const int64_t until = pack->not_before_us.load(std::memory_order_relaxed);
+  const int64_t until = pack->not_before_at_us.load(std::memory_order_relaxed);
   return until != 0 && until > c2ms::now_us();
 }
 

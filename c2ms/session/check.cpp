@@ -38,9 +38,9 @@ void note_answers(c2ms_sess *sess) {
   const bool fruitless = requests_out(sess) && sess->answers == sess->answers_seen;
   sess->answers_seen = sess->answers;
   if (!fruitless) {
-    sess->fruitless_us = 0;
-  } else if (sess->fruitless_us == 0) {
-    sess->fruitless_us = now_us();
+    sess->fruitless_at_us = 0;
+  } else if (sess->fruitless_at_us == 0) {
+    sess->fruitless_at_us = now_us();
   }
 }
 
@@ -48,10 +48,10 @@ bool servers_lost(c2ms_sess *sess) {
   if (sess->desc_count == 0) return false;
   if (c2ms_sess_node_num(sess) < 1) return true;
   const auto for_long = [&](int64_t since) {
-    return now_us() - std::max(since, sess->reopened_us) > sess->mgmt->patience.reopen_after_us;
+    return now_us() - std::max(since, sess->reopened_at_us) > sess->mgmt->patience.reopen_after_us;
   };
-  if (sess->has_active == 0) return for_long(sess->active_us);
-  return sess->fruitless_us != 0 && for_long(sess->fruitless_us);
+  if (sess->has_active == 0) return for_long(sess->active_at_us);
+  return sess->fruitless_at_us != 0 && for_long(sess->fruitless_at_us);
 }
 
 }  // namespace
@@ -64,7 +64,7 @@ int c2ms_sess_check(c2ms_sess *sess) {
   grow(sess);
   note_answers(sess);
   if (servers_lost(sess)) reopen_later(sess);
-  if (sess->active_num > 0 && sess->desc_count > 0) {
+  if (sess->usable_num > 0 && sess->desc_count > 0) {
     c2ms_cache *const cache = sess->cache.load();
     if (cache != nullptr) c2ms_cache_note_idle(cache, 0);
     c2ms_cache_download_all(cache);

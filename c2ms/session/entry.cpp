@@ -38,7 +38,7 @@ int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
   if (sess->entry_node != nullptr) return 0;
   c2ms_sess_server_clear(sess);
   sess->open_pending = 1;
-  sess->reopened_us = now_us();
+  sess->reopened_at_us = now_us();
   if (address == 0) return -100;
   sess->entry_node = c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
   return sess->entry_node != nullptr ? 0 : -100;
@@ -49,7 +49,7 @@ void c2ms::ask_entry_if_due(c2ms_sess *sess) {
   if (!std::exchange(sess->list_due, false)) return;
   if (sess->desc_count != 0 || sess->entry_node != nullptr || sess->status != 0) return;
   const int64_t pause_us = int64_t{first_backoff_ms} * 1000 << sess->entry_asks;
-  if (now_us() - sess->reopened_us < pause_us || !all_failed(sess)) return;
+  if (now_us() - sess->reopened_at_us < pause_us || !all_failed(sess)) return;
   if (sess->entry_asks < max_entry_asks) ++sess->entry_asks;
   reopen_later(sess);
 }

@@ -89,19 +89,19 @@ void reset_media(c2ms_sess *sess) {
 void reset_counters(c2ms_sess *sess) {
   {
     const adif::Guard lock(sess->counter_lock);
-    sess->ready_num = sess->active_num = sess->has_active = 0;
+    sess->ready_num = sess->usable_num = sess->has_active = 0;
     sess->download_num = 0;
-    sess->download_start_us = 0;
+    sess->download_at_us = 0;
   }
-  sess->active_us = 0;
-  sess->reopened_us = 0;
+  sess->active_at_us = 0;
+  sess->reopened_at_us = 0;
   sess->answers = sess->answers_seen = 0;
-  sess->fruitless_us = 0;
+  sess->fruitless_at_us = 0;
   sess->dispatch_due = false;
   sess->total_bytes = sess->recv_time = sess->window_bytes = 0;
   {
     const adif::Guard lock(sess->speed_lock);
-    sess->stats_us = sess->window_us = 0;
+    sess->window_at_us = 0;
     sess->realtime_speed = 0;
   }
   sess->next_pdu_id = 1;

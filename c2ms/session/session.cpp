@@ -82,10 +82,10 @@ int32_t start_opening(c2ms_sess *sess, uint32_t address) {
   sess->open_time = now / 1'000'000;
   {
     const adif::Guard lock(sess->speed_lock);
-    sess->stats_us = sess->window_us = now;
+    sess->window_at_us = now;
   }
-  sess->active_us = now;
-  sess->reopened_us = now;
+  sess->active_at_us = now;
+  sess->reopened_at_us = now;
   return start_entry_exchange(sess, address) == 0 ? 0 : C2MS_ENTRY_UNAVAILABLE;
 }
 

@@ -54,7 +54,7 @@ uint8_t tail_octet(const char *text) {
 
 void decode_media_part(byte_iter *it, c2ms_pdu *pdu) {
   if (adif::iter_left(it) <= 13) return;
-  iter_get_uint16BE(it, &pdu->media_word);
+  iter_get_uint16BE(it, &pdu->media_load);
   iter_get_uint64BE(it, &pdu->media_position);
   iter_get_uint32BE(it, &pdu->media_aux);
   iter_get_uint32BE(it, &pdu->payload_length);

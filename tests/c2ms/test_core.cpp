@@ -182,11 +182,11 @@ TEST_F(Core, CountersFollowStates) {
       usable += nodes[static_cast<size_t>(i)]->state >= C2MS_NODE_READY;
     }
     ASSERT_EQ(sess->ready_num, ready);
-    ASSERT_EQ(sess->active_num, usable);
+    ASSERT_EQ(sess->usable_num, usable);
     ASSERT_EQ(sess->has_active, usable > 0 ? 1 : 0);
   }
   for (c2ms_node *node : nodes) c2ms_node_recycle(node);
-  EXPECT_EQ(sess->ready_num + sess->active_num + sess->has_active, 0);
+  EXPECT_EQ(sess->ready_num + sess->usable_num + sess->has_active, 0);
 }
 
 TEST_F(Core, RegistriesAndServers) {

@@ -66,7 +66,7 @@ TEST_F(Places, TwoFetchEachByteOnce) {
 TEST_F(Places, JumpsOfAHostWaitForNobody) {
   start(60'000'001);
   const c2ms_sess *const sess = film->get();
-  const auto all_idle = [&] { return sess->unit_num == 0 && sess->ready_num == sess->active_num; };
+  const auto all_idle = [&] { return sess->unit_num == 0 && sess->ready_num == sess->usable_num; };
   std::vector<uint8_t> buf(100'000);
   std::mt19937 random(7);
   double longest = 0;

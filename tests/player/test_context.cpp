@@ -111,7 +111,7 @@ TEST(Context, AnIdentityThatIsFoundLateIsWholeAndAPlayersIdStays) {
     if (given == nullptr) {
       std::memset(mgmt->hid, 0, sizeof mgmt->hid);
       const adif::Guard lock(mgmt->identity_lock);
-      mgmt->identity_asked_us = 0;
+      mgmt->identity_asked_at_us = 0;
     }
     c2ms_sess *const sess = c2ms_sess_fetch(mgmt);
     Threads(4, [&](int i) {
