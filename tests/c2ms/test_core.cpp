@@ -330,7 +330,7 @@ TEST_F(Core, TimersThatAreMissingComeBack) {
   for (const auto &[left, survivor] : all) {
     SCOPED_TRACE(left);
     c2ms_node_state_to(media, C2MS_NODE_READY);
-    entry->times = 0;
+    entry->failures = 0;
     media->device = UDPClient(mgmt->probe, &media->ip, 9, 0, nullptr, c2ms_pump, mgmt);
     EXPECT_EQ(c2ms_sess_reopen(sess), 0);
     for (const auto &[name, timer] : all) {
