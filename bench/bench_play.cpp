@@ -1,11 +1,11 @@
-// The end-to-end benches: the library over the reference server, each figure beside its limit.
+// The end-to-end benches: the library over the reference server, with a limit beside each figure.
 //
 //   bench_play [--once] [--congestion NAME] [--json FILE] [--svg FILE] [SECTION ...]
-//   bench_play --from FILE --svg FILE      draws what an earlier run has written, measures nothing
+//   bench_play --from FILE --svg FILE      draws the results of an earlier run, measures nothing
 //
-// Without sections all are run, in some ten minutes; --once runs each for a second or two, to see
-// that all of it works: its figures mean nothing. --congestion names the congestion control of the
-// servers' connections, which is else one that does not pace; "" is the system's.
+// Without sections all are run, in about ten minutes. --once runs each for a second or two, to see
+// that all of them work; its figures mean nothing. --congestion names the congestion control of the
+// servers' connections: "" is the system's, the default is one that does not pace.
 #include <cstdio>
 #include <cstring>
 #include <string>

@@ -1,6 +1,6 @@
 /*
- * blocks.c - a film whose picture and sound come in long blocks, and what a host fetches to play
- * it. Run by the benches (places.cpp).
+ * blocks.c - makes a film whose picture and sound come in long blocks, and plays it to count the
+ * fetched bytes. The benches run it (places.cpp).
  *
  *     blocks remux IN OUT SECONDS     OUT, an MP4 file, holds IN's streams in blocks of that length
  *     blocks play [--seek] URL|FILE   reads all packets as a player would; of a URL through
@@ -106,7 +106,7 @@ static int remux(const char *from, const char *to, double seconds) {
 struct source {
   c2ms_sess *sess;
   int64_t pos, size;
-  int64_t stands_at; /* the session's position, when it is the host that seeks */
+  int64_t stands_at; /* the session's position, with --seek */
   int seeks;
 };
 
@@ -136,7 +136,7 @@ static int64_t seek_source(void *opaque, int64_t offset, int whence) {
   return s->pos = offset;
 }
 
-/* Reads all packets: their number, or negative. */
+/* Reads all packets. Returns their number, or a negative error. */
 static long read_packets(AVFormatContext *format, uint64_t *sum) {
   long count = 0;
   AVPacket *packet = av_packet_alloc();

@@ -1,4 +1,4 @@
-// What the library costs when nothing is to be done, and how much memory it takes.
+// Measures what the library costs when there is nothing to do, and how much memory it takes.
 #include <dirent.h>
 #include <sys/stat.h>
 

@@ -1,3 +1,4 @@
+// Processors, child processes and the reference server of the end-to-end benches.
 #include "bench/harness.h"
 
 #include <sched.h>
@@ -17,7 +18,7 @@ namespace {
 
 constexpr size_t block_bytes = size_t{1} << 20;
 
-// Every Linux has it and lets everybody choose it.
+// Every Linux kernel has it and lets every user choose it.
 std::string congestion = "reno";
 
 void pin(int cpu) {

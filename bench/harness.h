@@ -1,6 +1,6 @@
-// What the end-to-end benches share: processors to run on, children that measure and hand their
-// figures back, medians. A bench is a function that runs in a child process of its own, pinned, so
-// that its processor time and memory are its own.
+// What the end-to-end benches share: processors, child processes that return figures, medians. A
+// bench is a function that runs in a pinned child process of its own, so that processor time and
+// memory belong to it alone.
 #pragma once
 
 #include <chrono>
@@ -22,10 +22,10 @@ inline double seconds_since(steady::time_point start) {
   return std::chrono::duration<double>(steady::now() - start).count();
 }
 
-/// Processor seconds of this process so far, user and system.
+/// Processor seconds (user and system) of this process so far.
 double cpu_seconds();
 
-/// Resident bytes of this process.
+/// Resident memory of this process in bytes.
 double resident_bytes();
 
 /// Runs `measure` in a child pinned to `cpu` and returns its figures; empty when it failed.
@@ -34,21 +34,21 @@ figures in_child(int cpu, const std::function<figures()> &measure);
 /// The median of each figure over several runs; runs without figures are left out.
 figures medians(const std::vector<figures> &runs);
 
-/// What all servers of the benches have in common: they keep no log and ask for no authorisation.
-/// Their congestion control is one that does not pace: a pacing one (bbr) sends at the rate that it
-/// has seen, so that a run is fast or half as fast by chance.
+/// The options of all servers of the benches: no log, no check of authorisation, and a congestion
+/// control that does not pace. One that does (bbr) sends at the rate that it has seen, so that
+/// chance decides whether a run is fast or half as fast.
 refserver::server_options plain_server(int nodes = 4);
 
-/// Another congestion control for those servers; empty: the system's.
+/// Chooses another congestion control for those servers; empty: the system's.
 void set_congestion(const std::string &name);
 
 /// The reference server in a process of its own, pinned to `cpu`. It serves one file of `size`
-/// bytes and of type `type`, which repeats a block in memory: sending costs it no more than the
-/// copy into the kernel.
+/// bytes and of type `type` that repeats a block in memory: sending costs only the copy into the
+/// kernel.
 class served_file {
  public:
   served_file(int cpu, uint64_t size, refserver::server_options options);
-  /// Serves a file of the disk, with its index.
+  /// Serves a file on disk, with its index.
   served_file(int cpu, const std::string &path, refserver::server_options options);
   ~served_file();
   served_file(const served_file &) = delete;
@@ -64,7 +64,7 @@ class served_file {
              const refserver::server_options &options);
 
   int child_ = -1;
-  int life_ = -1;  ///< the server ends when this is closed
+  int life_ = -1;  ///< closing this ends the server
   uint64_t size_ = 0;
   std::string url_;
   refserver::file_id id_{};

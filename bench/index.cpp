@@ -1,4 +1,4 @@
-// What a demuxer gains from the index: examples/streams.c, which needs libavformat, on a film of
+// Measures what a demuxer gains from the index: examples/streams.c (with libavformat) on a film of
 // two hours with its `moov` box at the end, made by ffmpeg once.
 #include <sys/stat.h>
 
@@ -18,7 +18,7 @@ bool exists(const std::string &path) {
   return stat(path.c_str(), &info) == 0;
 }
 
-// Seconds in all as the program tells them; 0 when it failed.
+// The total seconds that the program prints; 0 when it failed.
 double total_seconds(const std::string &program, const char *options, int pack_bytes,
                      const std::string &url) {
   const std::string command =

@@ -1,3 +1,4 @@
+// The bare client against which the library is measured, see limit.h.
 #include "bench/limit.h"
 
 #include <arpa/inet.h>

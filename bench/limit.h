@@ -1,6 +1,7 @@
-// The limit that the library is measured against: a bare client over the same server. One thread
-// receives on K connections, one range outstanding on each, straight into a ring of packs; a second
-// copies out in order. No retry, no seek, no second node for a late pack, no check of what comes.
+// The limit against which the library is measured: a bare client of the same server. One thread
+// receives on K connections, with one range outstanding on each, straight into a ring of packs; a
+// second thread copies out in order. It has no retry, no seek, no second request for a late pack,
+// and no check of the bytes.
 #pragma once
 
 #include "bench/harness.h"
@@ -12,7 +13,7 @@ struct limit_options {
   int connections;
   int pack_bytes;
   int ring_bytes;
-  int read_bytes;     ///< the consumer waits for this much at a time
+  int read_bytes;     ///< the consumer waits for so many bytes at a time
   int64_t packs = 0;  ///< fetched, from the beginning; 0: all
 };
 

@@ -1,7 +1,7 @@
-// Small benches of the foundation's and the engine's hot operations, each beside what a C++ program
-// would take instead, printed as ratios of time: 1.00 is as fast, above 1 slower than the other.
-// `bench_micro` measures for some ten seconds; `--once` for about a second, to see that all of
-// it runs. Other arguments are Google Benchmark's.
+// Small benches of the foundation's and the engine's hot operations. Each runs beside what a C++
+// program would use instead; the ratio of times is printed, above 1 means slower than the other.
+// `bench_micro` measures for about ten seconds, `--once` for about a second, to see that all
+// benches run. Other arguments are Google Benchmark's.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -26,7 +26,7 @@ namespace {
 
 using benchmark::DoNotOptimize;
 
-// Frame: 1000 appends, and 1000 takes of the same size from the head of what they made.
+// Frame: 1000 appends, then 1000 takes of the same size from its head.
 constexpr int kAppends = 1000;
 
 void append_frame(int piece) {
@@ -125,7 +125,7 @@ void memcpy_set(int) {
   benchmark::ClobberMemory();
 }
 
-// Stack: n random keys inserted in order, then each found.
+// Stack: n random keys inserted so that they stay sorted, then each found.
 struct Element {
   uint32_t key;
 };

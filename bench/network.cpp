@@ -1,4 +1,4 @@
-// Slow nodes: their sum, and their delay.
+// Measures slow nodes: how much of the sum of their rates arrives, and what their delay costs.
 #include <algorithm>
 #include <cstdio>
 #include <numeric>
@@ -21,7 +21,7 @@ refserver::server_options slow_nodes(const std::vector<double> &rates_mb, int de
   return options;
 }
 
-// Mean share of `possible_mb` over files of several sizes: the tail differs with each.
+// Mean share of `possible_mb` over files of several sizes, because the end of each file differs.
 double mean_rate(const effort &e, const std::vector<double> &rates_mb, int pack_bytes, int ring,
                  int usable) {
   double sum = 0;
@@ -61,7 +61,7 @@ void bench_aggregation(const effort &e, results &out) {
   aggregate(e, {1, 2, 4, 8}, 14, 256 << 10, ring_bytes, 0.97, out);
   for (const int ring : {8 << 20, 10 << 20, 16 << 20})
     aggregate(e, {2, 4, 6, 8}, 20, 1 << 20, ring, 0, out);
-  // One that hardly moves: how long does the reader stand still at most?
+  // One node that is almost stuck: how long is the longest stall of the reader?
   const served_file file(0, 30'000'000, slow_nodes({0.05, 4, 4, 4}, 0));
   figures f = in_child(any_cpu, [&] {
     play p(file.url(), ring_bytes);
@@ -89,7 +89,7 @@ void bench_delay(const effort &e, results &out) {
       if (e.skips(pack_bytes)) continue;
       const double cap = 4 * pack_bytes / 1e6 / (delay_ms / 1e3);
       const double bytes = std::max(cap * 1e6 * (e.quick() ? 0.3 : 3), 8.0 * pack_bytes);
-      // (A size that is no multiple of the pack's: see c2ms_sess_pack_size.)
+      // (A size that the pack size does not divide: see c2ms_sess_pack_size.)
       const served_file file(0, static_cast<uint64_t>(bytes) | 1, slow_nodes(unlimited, delay_ms));
       constexpr int ring = 32 << 20;
       figures bare = in_child(client_cpu, [&] {

@@ -1,5 +1,5 @@
-// Other programs on a static HTTP server (nginx, where it is installed): the same bytes from one
-// machine's memory, processor seconds beside ours. Server on processor 0, client on 1.
+// Measures other programs on a static HTTP server (nginx, if installed): the same bytes from the
+// memory of this machine, processor seconds beside ours. Server on processor 0, client on 1.
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
@@ -51,7 +51,7 @@ pid_t start(int cpu, std::vector<std::string> words) {
   _exit(127);
 }
 
-// Seconds and processor seconds of a command; empty when it is not there or fails.
+// Seconds and processor seconds of a command; empty when it does not exist or fails.
 figures run_command(std::vector<std::string> words) {
   const auto begin = steady::now();
   const pid_t child = start(client_cpu, std::move(words));
@@ -143,7 +143,7 @@ class http_server {
   bool works_ = false;
 };
 
-// nginx leaves the congestion control to the system; so does ours beside it.
+// nginx leaves the congestion control to the system; our server does the same here.
 refserver::server_options server_like_theirs(int nodes) {
   refserver::server_options options = plain_server(nodes);
   options.congestion.clear();
@@ -158,7 +158,7 @@ size_t take(char *bytes, size_t size, size_t count, void *to) {
   return size * count;
 }
 
-// Ranges of `pack_bytes` one after another on one connection, into a buffer.
+// Reads ranges of `pack_bytes` one after another on one connection, into a buffer.
 figures run_libcurl(const std::string &url, int pack_bytes, int packs) {
   CURL *const curl = curl_easy_init();
   std::vector<char> buffer(static_cast<size_t>(pack_bytes));
@@ -206,7 +206,7 @@ struct rival {
 
 void beside(const effort &e, const http_server &server, uint64_t size, const rival &r,
             results &out) {
-  // (A size that is no multiple of the pack's: see c2ms_sess_pack_size.)
+  // (A size that the pack size does not divide: see c2ms_sess_pack_size.)
   const served_file file(0, size + 1, server_like_theirs(r.nodes));
   std::vector<figures> ours, theirs, bare;
   for (int i = 0; i < e.runs; ++i) {
@@ -226,7 +226,7 @@ void beside(const effort &e, const http_server &server, uint64_t size, const riv
       std::string(r.name) + ", ours at " + std::to_string(r.pack_bytes >> 10) + " KiB";
   out.add(
       {"beside others", what, "processor s/GiB", own["cpu"] / gib, other["cpu"] / gib, false, 1});
-  // What receiving so many ranges and copying them costs at least.
+  // The least cost of receiving so many ranges and copying them.
   out.add({"beside others", what + ": the limit", "processor s/GiB", medians(bare)["cpu"] / gib,
            other["cpu"] / gib, false, 0});
   out.add({"beside others", what, "MB/s", static_cast<double>(size) / 1e6 / own["seconds"],

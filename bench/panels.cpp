@@ -1,5 +1,5 @@
-// The picture of a run: six panels, in each a row for every setting and in it a dot for every size
-// of packs. Where 1 is and which side of it is better is what the eye should find first.
+// Draws the results of a run: six panels with a row for every setting and a dot in it for every
+// size of packs. The line at 1 and the better side of it should catch the eye first.
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -57,7 +57,7 @@ constexpr pack_colour colours[] = {{"8 KiB", "#8fc1ee"},
                                    {"1024 KiB", "#0c2f63"}};
 constexpr const char *no_pack = "#57606a", *missed = "#d6322f";
 
-// A row is a setting without its pack size.
+// A row stands for a setting without its pack size.
 struct row {
   std::string name;
   std::vector<const finding *> findings{};

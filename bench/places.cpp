@@ -1,5 +1,5 @@
-// Two places in turn: a film really remuxed, its picture and sound in blocks of five seconds, read
-// to its end by libavformat (blocks.c). What is told is how often each byte was fetched.
+// Measures reads at two places in turn: a film remuxed into blocks of five seconds of picture and
+// of sound, read to its end by libavformat (blocks.c). Reports how often each byte was fetched.
 #include <cstdio>
 #include <cstdlib>
 #include <memory>

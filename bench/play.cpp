@@ -1,3 +1,4 @@
+// One play through the library's player API, see play.h.
 #include "bench/play.h"
 
 #include <cstdio>

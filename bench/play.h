@@ -7,7 +7,8 @@
 
 namespace bench {
 
-/// The library with one open session; silent. Ends the process with a message when the open fails.
+/// The library with one open session, without diagnostics. Ends the process with a message when the
+/// open fails.
 class play {
  public:
   play(const std::string &url, int arena_bytes);
@@ -15,7 +16,8 @@ class play {
   play(const play &) = delete;
   play &operator=(const play &) = delete;
 
-  /// Sets up the cache, once `nodes` connections are usable. No byte of the media is asked for yet.
+  /// Makes the cache, after `nodes` connections have become usable. Requests no byte of the media
+  /// yet.
   void cache(int pack_bytes, int nodes);
   void select_media();
 

@@ -1,4 +1,5 @@
-// How soon: after a seek, at the open, in single reads. Server on processor 0, client on 1.
+// Measures how soon bytes come: after a seek, after the open, in single reads. Server on processor
+// 0, client on 1.
 #include <algorithm>
 #include <cstdio>
 #include <random>
@@ -31,7 +32,7 @@ double percentile(std::vector<double> &values, double share) {
   return values[at];
 }
 
-// Seconds of one exchange of a pack, delay included, on a connection that does nothing else.
+// Seconds of one exchange of a pack with its delay, on a connection that does nothing else.
 double exchange_seconds(const served_file &file, int pack_bytes, int packs) {
   figures f = in_child(client_cpu, [&] {
     limit_options options{&file, 1, pack_bytes, ring_bytes, pack_bytes};
@@ -95,7 +96,7 @@ figures run_reads(const served_file &file, int reads, bool flowing) {
   took.reserve(static_cast<size_t>(reads));
   for (int i = 0; i < reads; ++i) {
     if (!flowing && i % filled == 0) {
-      // The whole ring is there before the timed reads begin.
+      // The whole ring is filled before the timed reads begin.
       c2ms_sess_seek(p.session(), i % (2 * filled) == 0 ? 0 : p.size() / 2);
       c2ms_sess_buffering(p.session(), filled * pack_bytes);
       for (int32_t ratio = 0; ratio < 100;) {

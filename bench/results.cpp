@@ -1,3 +1,4 @@
+// Prints, writes and reads what the end-to-end benches found.
 #include "bench/results.h"
 
 #include <cstdio>
@@ -63,7 +64,7 @@ bool results::write_json(const std::string &path) const {
   return true;
 }
 
-// Reads what write_json has written: a finding a line.
+// Reads the output of write_json: one finding per line.
 bool results::read_json(const std::string &path) {
   const file in(std::fopen(path.c_str(), "r"), &std::fclose);
   char line[512], section[128], what[128], unit[64], more[8];

@@ -1,5 +1,5 @@
-// What the end-to-end benches found: printed as a table while it comes in, written as JSON and as a
-// picture at the end.
+// The findings of the end-to-end benches: printed as a table while they arrive, written as JSON and
+// as a picture at the end.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace bench {
 
-/// One figure beside what it is judged by.
+/// One figure, and what it is compared with.
 struct finding {
   std::string section;  ///< "throughput", ...
   std::string what;     ///< "4 nodes, 64 KiB, split"
@@ -23,14 +23,14 @@ struct finding {
 
 class results {
  public:
-  void add(const finding &f);  ///< prints its line too
+  void add(const finding &f);  ///< also prints its line
   /// Lines of text that belong to no ratio.
   void note(const std::string &text);
-  /// Something that is wrong on any machine, however slow.
+  /// Reports a fault that does not depend on the speed of the machine.
   void fail(const std::string &text);
   bool failed() const { return failed_; }
   bool write_json(const std::string &path) const;
-  bool read_json(const std::string &path);  ///< adds what was written before; false: nothing there
+  bool read_json(const std::string &path);  ///< adds the findings of a file; false: there are none
   bool write_svg(const std::string &path) const;
 
  private:

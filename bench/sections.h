@@ -6,11 +6,11 @@
 
 namespace bench {
 
-/// How much is measured.
+/// The amount of measuring.
 struct effort {
-  int runs = 5;       ///< of each figure, of which the median counts
+  int runs = 5;       ///< runs for each figure; their median counts
   double scale = 1;   ///< of file sizes and repetitions
-  std::string build;  ///< folder of the programs and libraries, for what is measured there
+  std::string build;  ///< folder of the programs and libraries to measure
   bool quick() const { return scale < 1; }
   bool skips(int pack_bytes) const { return quick() && pack_bytes != (64 << 10); }
   int times(int full) const { return std::max(static_cast<int>(full * scale), 1); }
@@ -28,7 +28,7 @@ void bench_delay(const effort &e, results &out);
 void bench_seek(const effort &e, results &out);
 void bench_open(const effort &e, results &out);
 void bench_latency(const effort &e, results &out);
-/// The recorder: processor time with it beside without.
+/// The recorder: processor time with it, compared to without.
 void bench_trace(const effort &e, results &out);
 /// A paused session; memory and size.
 void bench_rest(const effort &e, results &out);

@@ -1,4 +1,4 @@
-// Full speed. "split": server on processor 0, client on 1; "one": both on 0.
+// Measures full speed. "split": server on processor 0, client on 1; "one": both on 0.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -55,7 +55,7 @@ void bench_throughput(const effort &e, results &out) {
 
 namespace {
 
-// Reads pieces until `bytes` more have come; processor seconds.
+// Reads pieces until `bytes` more have arrived. Returns processor seconds.
 double read_bytes_for(const play &p, std::vector<char> &piece, uint64_t bytes) {
   const double before = cpu_seconds();
   for (uint64_t done = 0; done < bytes;) {
@@ -66,8 +66,8 @@ double read_bytes_for(const play &p, std::vector<char> &piece, uint64_t bytes) {
   return cpu_seconds() - before;
 }
 
-// One play, in which the recorder is off, on, on and off in turn: the ratio of each four slices.
-// Two plays differ by more than what is looked for here.
+// One play, in which the recorder is off, on, on and off in turn: the ratio for every four slices.
+// (Two plays differ by more than the recorder costs.)
 figures run_with_recorder(const served_file &file, int pack_bytes, uint64_t slice_bytes,
                           int fours) {
   play p(file.url(), ring_bytes);
@@ -104,7 +104,7 @@ void bench_trace(const effort &e, results &out) {
     for (const auto &[name, ratio] : found) ratios.push_back(ratio);
     if (ratios.empty()) continue;
     std::sort(ratios.begin(), ratios.end());
-    // Bounds between which the median lies with 95 %.
+    // Bounds of the median with a confidence of 95 %.
     const auto n = static_cast<double>(ratios.size());
     const auto at = [&](double place) {
       return ratios[static_cast<size_t>(std::clamp(place, 0.0, n - 1))];

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # demo.sh BIN FILE: serves FILE from four media nodes of different speed, fetches it through the library and
-# compares. Called by ./dev demo. The nodes are slow enough that a fetch takes about four seconds (a big file:
-# longer, 2 MB/s at least); the server ends with this script.
+# compares. Called by ./dev demo. The nodes are so slow that a fetch takes about four seconds; with a big file it takes
+# longer, at 2 MB/s or more. The server ends with this script.
 set -euo pipefail
 bin=$1 file=$2
 scratch=$(mktemp -d)
@@ -28,7 +28,7 @@ until url=$(head -n 1 "$scratch/urls") && [[ $url == *keyid=* ]]; do
   kill -0 "$server"  # ends the script when the server has ended
   sleep 0.05
 done
-# Agent and report server have a fixed port: the demo does without them where it is taken.
+# Agent and report server have a fixed port. Where it is taken, the demo runs without them.
 "$bin/c2ms-server" --agent --report 127.0.0.1 > "$scratch/reports" &
 reports=$!
 echo "Fetching $url"

@@ -96,7 +96,7 @@ compile() {
   # Every header alone, with the flags of a source beside it (c2ms.h: of the example player, in C, too).
   for header in "${headers[@]}"; do
     local folder=${header%/*} beside flags
-    [[ $folder != include ]] || folder=c2ms
+    [[ $folder != include ]] || folder=c2ms/player
     [[ $folder != tests ]] || folder=tests/adif
     beside=$(grep -m 1 "^$root/$folder/[^/]*\.cpp"$'\t' <<< "$list" | cut -f 2) || {
       breach no-target "$header" "no compiled source beside it"

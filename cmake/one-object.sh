@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# one-object.sh LD OBJCOPY AR MAP OUTPUT ARCHIVE...: links the archives into one object, leaves only the
-# names of MAP global in it and packs it as the archive OUTPUT. Called by the build (c2ms_static).
-# The groups of inline functions are dissolved: a group whose name became local could otherwise be
-# exchanged for a player's group of the same name.
+# one-object.sh LD OBJCOPY AR MAP OUTPUT ARCHIVE...: links the archives into one object in which only the
+# names of MAP are global, and packs it as the archive OUTPUT. Called by the build (c2ms_static).
+# It dissolves the groups of inline functions: the linker could otherwise replace a group whose name has
+# become local by a player's group of the same name.
 set -euo pipefail
 ld=$1 objcopy=$2 ar=$3 map=$4 output=$5
 shift 5

@@ -1,4 +1,4 @@
-/* A whole player: fetches the media of a URL and writes its bytes to standard output.
+/* A complete player: fetches the media of a URL and writes its bytes to standard output.
  *     cc -std=c99 player.c -lc2ms -o player && ./player 'kesp://...' > film.mp4 */
 #include <c2ms.h>
 
@@ -6,7 +6,7 @@ static void complain(void *arg, const char *line) {
   fputs(line, (FILE *)arg);
 }
 
-/* A range of the file, from pos to its end; 0 when every byte of it was played. */
+/* Plays from pos to the end of the file. Returns 0 when every byte was played. */
 static int play(c2ms_sess *film, uint64_t pos, uint64_t size) {
   static char buf[65536];
   int32_t n = c2ms_sess_seek(film, pos);
@@ -46,7 +46,7 @@ int main(int argc, char **argv) {
     fprintf(stderr, "usage: player URL > FILE\n");
     return 2;
   }
-  c2ms_set_diag(complain, stderr); /* standard output is the film's */
+  c2ms_set_diag(complain, stderr); /* standard output is for the film */
   lib = c2ms_mgmt_init(NULL, 0, 0, NULL, 16 << 20);
   if (!lib) {
     fprintf(stderr, "player: the library cannot start\n");

@@ -1,6 +1,6 @@
 /*
- * streams.c - what a real demuxer gains from a media's index: opens a URL with libavformat over the
- * library, and prints how long it took until all streams were found.
+ * streams.c - measures what a real demuxer gains from a media's index: opens a URL with libavformat
+ * through the library and prints how long it took until all streams were found.
  *
  *     streams [--index] [--pack BYTES] URL
  *
@@ -17,8 +17,8 @@
 
 enum { io_buffer = 32768, end_of_file = -200 };
 
-/* The demuxer's view of a session: the library clamps seeks to the last byte, so the end is kept
- * here. */
+/* The demuxer's view of a session. It keeps the end itself, because the library turns a seek to the
+ * end into one to the last byte. */
 struct source {
   c2ms_sess *sess;
   int64_t pos, size;
@@ -51,7 +51,7 @@ static int64_t seek_source(void *opaque, int64_t offset, int whence) {
   return s->pos = offset;
 }
 
-/* Number of streams, or negative. */
+/* Returns the number of streams, or a negative error. */
 static int find_streams(struct source *source) {
   AVFormatContext *format = avformat_alloc_context();
   uint8_t *const buffer = av_malloc(io_buffer);
@@ -87,7 +87,7 @@ static int time_streams(c2ms_mgmt *library, const char *url, int with_index, int
   c2ms_sess_attr(sess, NULL, NULL, &size, NULL);
   c2ms_sess_cache_init(sess, c2ms_sess_pack_size(sess, pack));
   const int index = with_index ? c2ms_sess_idx_open(sess, NULL) : 0;
-  /* An index that was fetched has left the session on the media. */
+  /* Opening the index leaves the session on the media. */
   if (!with_index || c2ms_sess_idxfile(sess, NULL, NULL) != 1) c2ms_sess_range(sess, 0, size);
   const double indexed = now_s();
   struct source source = {sess, 0, (int64_t)size};

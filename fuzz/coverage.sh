@@ -9,9 +9,9 @@ readonly parsers=(
   adif/{base64,byteiter,kmp,strutil,timetext}.cpp         # string codecs
   adif/{frame,framecodec,framesearch,frametext,framext}.cpp
   adif/{confile,profile}.cpp
-  c2ms/{c2ms_pdu,c2ms_pdu_frame,c2ms_unit_recv,c2ms_url}.cpp
+  c2ms/{wire/pdu,wire/pdu_frame,fetch/unit_recv,session/url}.cpp
   c2ms/report/reply.cpp
-  c2ms/{c2ms_sess_idx_box,c2ms_sess_idx_unpack}.cpp
+  c2ms/wire/{boxes,unpack}.cpp
   compress/{buffer_7z,lzma86,x86_filter}.cpp
 )
 profiles=() objects=()

@@ -1,6 +1,6 @@
 // Media content that identifies itself: every byte is a function of the file's id and of its
-// position, so that the server needs no file on disk and a test can check any byte that it got, at
-// any position beyond 4 GiB too, without asking the server. Used by the media server and by tests.
+// position. So the server needs no file on disk, and a test can check any byte at any position,
+// also beyond 4 GiB, without asking the server. Used by the media server and by tests.
 //
 // The function: the 64-bit little-endian word number w (bytes 8w .. 8w+7) is the finaliser of
 // SplitMix64 (Steele, Lea, Flood: "Fast splittable pseudorandom number generators", 2014) over
@@ -18,7 +18,7 @@ namespace refserver {
 using file_id = std::array<uint8_t, 16>;
 
 /// Writes the content bytes [position, position + size) of generated file `id` to `out`.
-/// Any thread; touches nothing but `out`. Several GB/s.
+/// Any thread may call it. Writes several GB/s.
 void content_fill(const file_id &id, uint64_t position, void *out, size_t size);
 
 /// The one content byte at `position`.

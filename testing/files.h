@@ -1,5 +1,5 @@
-// What the media server serves: files of the disk, generated content and bytes in memory, found by
-// id. Belongs to the server's one thread.
+// The files of the media server: files on disk, generated content and bytes in memory, found by id.
+// Only the server's one thread uses them.
 #pragma once
 
 #include <cstdint>
@@ -17,12 +17,12 @@ struct media_file {
   media_file(const media_file &) = delete;
   media_file &operator=(const media_file &) = delete;
 
-  /// Writes bytes [position, position + size) to `out`; what lies beyond the file's end, or cannot
-  /// be read any more, becomes 0xee.
+  /// Writes bytes [position, position + size) to `out`. Bytes beyond the file's end, and bytes that
+  /// cannot be read any more, become 0xee.
   void read(uint64_t position, uint8_t *out, size_t size) const;
 
-  /// The bytes from `position` on as they lie in memory, at most `size` of them; none for a file
-  /// that does not lie there.
+  /// At most `size` bytes from `position` on, where they are in memory; none for a file that is not
+  /// in memory.
   std::span<const uint8_t> in_memory(uint64_t position, size_t size) const;
 
   /// How many of `length` bytes from `offset` exist.
@@ -43,9 +43,9 @@ struct media_file {
 /// Files stay where they are in memory and are never removed.
 class file_store {
  public:
-  /// Opens a regular file. NULL: it cannot be.
+  /// Opens a regular file. NULL: this failed.
   media_file *add_disk(const std::string &path);
-  /// A file of the given name without content; the one that has the name already, if there is one.
+  /// The file with this name; a new one without content if there is none.
   media_file *add(const std::string &name, uint64_t size, uint8_t type);
   media_file *find(const file_id &id);
 

@@ -1,4 +1,4 @@
-// The face of the media server: every call becomes a job of its thread.
+// The functions of the media server: each call becomes a job of its thread.
 #include "testing/media_server.h"
 
 #include <arpa/inet.h>
@@ -58,7 +58,7 @@ file_id media_server::add_index(const file_id &media, std::string *problem) {
   loop_->run([&] { file = loop_->files.find(media); });
   mp4_moov moov{.problem = "no such file"};
   std::string content;
-  if (file != nullptr) {  // it stays where it is, so its bytes are read and packed outside the loop
+  if (file != nullptr) {  // a file never moves, so it can be read outside the loop
     moov = find_moov(file->size, [file](uint64_t position, uint8_t *out, size_t size) {
       file->read(position, out, size);
     });
@@ -88,8 +88,8 @@ std::string media_server::error() const {
   return text;
 }
 
-// The client does not decode escapes and a URL has limited room: what could end the path is
-// replaced.
+// Replaces characters that could end the path of a URL: the client does not decode escapes, and a
+// URL has limited room.
 static std::string url_name(std::string name) {
   std::replace_if(
       name.begin(), name.end(),

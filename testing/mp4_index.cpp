@@ -1,4 +1,4 @@
-// Index files of MP4 media, see mp4_index.h.
+// Makes index files of MP4 media, see mp4_index.h.
 #include "testing/mp4_index.h"
 
 #include <lzma.h>
@@ -22,7 +22,7 @@ uint64_t big_endian(const uint8_t *at, int width) {
   return value;
 }
 
-/// The box at `at` of a file or box that ends at `end`; false: there is no sound one.
+/// Reads the box at `at` of a file or box that ends at `end`; false: there is no valid one.
 bool read_box(uint64_t at, uint64_t end, const file_reader &read, box *out) {
   uint8_t bytes[16] = {};
   if (end - at < 8) return false;
@@ -40,7 +40,7 @@ bool read_box(uint64_t at, uint64_t end, const file_reader &read, box *out) {
   return found.size >= found.header && found.size <= end - at;
 }
 
-/// Where the first box of a type lies in [at, end); `end` when there is none.
+/// The position of the first box of a type in [at, end); `end` when there is none.
 uint64_t find_box(uint64_t at, uint64_t end, const char *type, const file_reader &read, box *out) {
   while (at < end) {
     if (!read_box(at, end, read, out)) return end;
@@ -62,11 +62,11 @@ mp4_moov find_moov(uint64_t file_size, const file_reader &read) {
   return {at, moov.size, ""};
 }
 
-// An index file is a byte that names a filter (0: none), then what the encoder of .lzma files
-// makes: 5 bytes of properties, the size in 8 bytes, the stream with a mark at its end. That
+// An index file is a byte that names a filter (0: none), then the output of the encoder of .lzma
+// files: 5 bytes of properties, 8 bytes for the size, the stream with a mark at its end. That
 // encoder leaves the size open.
 std::string pack_index(const std::string &plain) {
-  constexpr uint32_t level = 1;  // sample tables gain a few percent from more, at twice the time
+  constexpr uint32_t level = 1;  // higher ones gain a few percent at twice the time
   constexpr size_t size_at = 6;
   lzma_options_lzma options;
   lzma_stream stream = LZMA_STREAM_INIT;

@@ -1,5 +1,5 @@
-// The separate index file of an MP4 media: its `moov` box, packed. Made by the media server for the
-// files that it serves (media_server::add_index) and by tests that want to damage one.
+// The separate index file of an MP4 media: its `moov` box, packed. The media server makes it for
+// the files that it serves (media_server::add_index), and tests make one to damage it.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,8 @@ struct mp4_moov {
 };
 
 /// Finds the `moov` box among the boxes of the file's top level (ISO/IEC 14496-12, 4.2), however
-/// many there are. One that announces fragments (it holds an `mvex` box) does not count: it
-/// describes next to nothing, the samples are described beside the fragments.
+/// many there are. A `moov` box that announces fragments (it holds an `mvex` box) does not count:
+/// the samples are described beside the fragments, not in it.
 mp4_moov find_moov(uint64_t file_size, const file_reader &read);
 
 /// Packs bytes as an index file. Empty: not enough memory.

@@ -91,7 +91,7 @@ class report_service::loop {
   };
   struct reply {
     steady::time_point when;
-    int fd;  // -1: the connection has gone
+    int fd;  // -1: the connection is closed
     bool datagram;
     sockaddr_in peer;
     report_message message;
@@ -175,7 +175,8 @@ bool report_service::loop::read_one(report_channel channel, const bytes &whole,
                                     report_message *out) {
   std::string why;
   bool good = parse_report(channel, whole, out, &why);
-  // Datagrams of both come to one socket then; a clear body is never as long as an enciphered one.
+  // Then both kinds of datagrams arrive at one socket. A clear body never has an enciphered one's
+  // length.
   if (!good && one_address()) good = parse_report(report_channel::performance, whole, out, &why);
   {
     const std::lock_guard lock(mutex);
@@ -212,7 +213,7 @@ void report_service::loop::accept_all() {
   }
 }
 
-// False when the connection is over.
+// False when the connection has ended.
 bool report_service::loop::readable(connection &c) {
   uint8_t block[max_report_size];
   const ssize_t n = recv(c.fd.get(), block, sizeof block, 0);

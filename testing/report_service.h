@@ -1,12 +1,12 @@
 // The reference agent and the reference report server on this machine's loopback, for tests and for
-// c2ms-server: they read what players report, answer, keep it, and can be silent, late, wrong or
+// c2ms-server. They read, keep and answer what players report, and can be silent, late, wrong or
 // hostile.
 //
 //   refserver::report_service service({.agent = "127.0.0.1", .report = "127.0.0.9"});
 //   if (!service.start()) ... service.error() ...
 //   service.set_agent({.begin_result = 30}); play(...); service.messages() ...
 //
-// Both use port 3528, which the protocol fixes, on one address each. One thread does the work.
+// Both use port 3528, which the protocol fixes, each on its own address. One thread does the work.
 // Every member function may be called by any thread after start(). Nothing throws.
 #pragma once
 
@@ -26,17 +26,16 @@ struct report_manners {
   int delay_ms = 0;
   uint32_t ping_result = 0, begin_result = 0, end_result = 0;
   bool wrong_kind = false;  ///< replies are of another kind
-  /// Sent before each reply of an agent: one from a foreign port, one of another sequence number,
-  /// an oversized, a cut and an empty datagram. All of them carry result 40 where they have room
-  /// for one.
+  /// Before each reply of an agent, five false ones are sent: from another port, with another
+  /// sequence number, oversized, cut, and empty. Those with room for a result have result 40.
   bool noise = false;
-  bool hang_up = false;        ///< a report server closes instead of replying
+  bool hang_up = false;        ///< the report server closes the connection instead of replying
   std::optional<bytes> raw{};  ///< these bytes instead of every reply
 };
 
 struct report_options {
-  std::string agent{};   ///< dotted address; "": no agent
-  std::string report{};  ///< the same of the report server; may be the agent's
+  std::string agent{};   ///< address of the agent, dotted; "": no agent
+  std::string report{};  ///< the same for the report server; may be the same address
   std::function<void(const report_message &)> on_message{};  ///< on the service's thread
 };
 
@@ -54,13 +53,13 @@ class report_service {
   void set_agent(const report_manners &manners);
   void set_report(const report_manners &manners);
 
-  /// What came in order of arrival, of both channels or of one.
+  /// The messages of both channels or of one, in order of arrival.
   std::vector<report_message> messages() const;
   std::vector<report_message> messages(report_channel channel) const;
-  /// "agent ping, performance play_begin, ..." and the same of one channel without its name.
+  /// "agent ping, performance play_begin, ..."; for one channel the same without its name.
   std::string story() const;
   std::string story(report_channel channel) const;
-  /// Messages that could not be read.
+  /// The number of messages that could not be read.
   int bad() const;
   void clear();
 

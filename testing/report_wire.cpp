@@ -1,4 +1,4 @@
-// Codec of the reporting channels' receivers, see report_wire.h.
+// Reads and writes messages of the reporting channels on the receivers' side, see report_wire.h.
 #include "testing/report_wire.h"
 
 #include <cstdio>
@@ -68,7 +68,7 @@ size_t width(shape is) {
   return 0;
 }
 
-// Takes one field from the front of `rest`; false when it is not all there.
+// Takes one field from the front of `rest`; false when it is incomplete.
 bool take(const column &c, std::span<const uint8_t> &rest, std::string *out) {
   if (rest.size() < width(c.is)) return false;
   const auto data = rest.first(width(c.is));

@@ -1,5 +1,5 @@
-// The receivers' side of the two reporting channels: messages of players are read strictly, replies
-// are written. Written from docs/protocol.md alone, sharing nothing with the library's encoder.
+// The receivers' side of the two reporting channels: reads messages of players strictly and writes
+// replies. It is written from docs/protocol.md alone and shares nothing with the library's encoder.
 // Used by report_service, its tests and fuzz/report.cpp.
 #pragma once
 
@@ -21,21 +21,22 @@ inline constexpr uint32_t report_ping = 1, report_begin = 257, report_end = 258,
 inline constexpr size_t report_header_size = 18, max_report_size = 1024;
 inline constexpr uint16_t report_udp_tcp_port = 3528;
 
-/// A message as it came.
+/// A message as it arrived.
 struct report_message {
   report_channel channel = report_channel::agent;
   uint32_t type = 0;
   uint32_t sequence = 0;
   uint32_t value = 0;  ///< time of a ping and an end, session id of a begin and an alive
   bytes body{};        ///< in clear
-  /// In order. Numbers in decimal, ids in hexadecimal, addresses dotted, texts as they came.
+  /// The fields in order: numbers in decimal, ids in hexadecimal, addresses dotted, texts as they
+  /// came.
   std::vector<std::pair<std::string_view, std::string>> fields{};
 
   /// The field of this name; "" when there is none.
   std::string operator[](std::string_view name) const;
 };
 
-/// Length that the first four bytes announce; 0 while they are not there.
+/// The length that the first four bytes announce; 0 while they have not arrived.
 uint32_t report_length(std::span<const uint8_t> input);
 
 /// Reads one whole message. False: not acceptable, and `error` says why.

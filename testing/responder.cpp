@@ -1,4 +1,4 @@
-// Answers of the media server, see responder.h.
+// Makes the answers of the media server, see responder.h.
 #include "testing/responder.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@ namespace {
 
 constexpr uint32_t plain = 0, enciphered = 1, not_found = 10, authentication_failed = 30;
 
-// One request being answered; `kind` and `value` are those of the fault, `none` without one.
+// One request being answered, with kind and value of its fault (`none` without one).
 struct answering {
   const request &r;
   const service &s;

@@ -1,6 +1,6 @@
 // Decides what the media server answers to a request: the bytes of the PDU and the media bytes that
-// follow, faults of content included. Faults of the stream (cuts, stalls, ...) are the sender's
-// affair (testing/server_loop.h). No sockets, no state.
+// follow, with faults of content. The sender adds the faults of the stream (cuts, stalls, ...;
+// testing/server_loop.h). No sockets, no state.
 #pragma once
 
 #include <array>
@@ -13,7 +13,7 @@
 
 namespace refserver {
 
-/// What an answer depends on beside the request.
+/// What an answer depends on besides the request.
 struct service {
   std::vector<list_entry> nodes{};   ///< as listed, in order
   list_entry self{};                 ///< the server that answers

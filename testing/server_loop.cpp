@@ -86,8 +86,7 @@ bool server_loop::open_port(server_node &n, uint16_t port) {
   return false;
 }
 
-// With several addresses one free port has to suit all of them: it may take a few attempts to find
-// it.
+// With several addresses one port must be free at all of them. Finding one may take a few attempts.
 bool server_loop::open_ports() {
   const bool same = one_port();
   for (int attempt = 0; attempt < (same && options.port == 0 ? 20 : 1); ++attempt) {
@@ -107,7 +106,7 @@ bool server_loop::open_ports() {
   return false;
 }
 
-// Opens or closes the listening socket as the server's state wants it.
+// Opens or closes the listening socket according to the server's state.
 bool server_loop::update_listener(server_node &n) {
   const bool wanted = n.alive && !n.refusing;
   if (!wanted && n.listener >= 0) {
@@ -181,7 +180,7 @@ void server_loop::run(const std::function<void()> &job) {
   jobs_done_.wait(hold, [&done] { return done; });
 }
 
-// Runs what other threads asked for. The last time, later callers are told to help themselves.
+// Runs the jobs of other threads. After the last time, callers run their jobs themselves.
 void server_loop::run_jobs(bool last) {
   std::unique_lock hold(mutex_);
   if (last) running_ = false;
@@ -293,7 +292,7 @@ void server_loop::revive(server_node &n) {
 void server_loop::set_rate(server_node &n, double bytes_per_s) {
   n.options.rate_bytes_per_s = bytes_per_s;
   n.bucket.set_rate(bytes_per_s, steady::now());
-  ++n.rates;  // the old rate's timer may be far away
+  ++n.rates;  // the timer of the old rate may be due much later
   n.rate_timer = false;
   for (const uint64_t id : std::exchange(n.waiting, {})) {
     if (connection *c = find(id)) {
@@ -351,7 +350,7 @@ void server_loop::accept_all(server_node &n) {
   while (n.listener >= 0) {
     const int fd = accept4(n.listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
-      // The port pauses: the pending connection would wake the loop without end.
+      // Stop listening for a while: the pending connection would wake the loop without end.
       close(n.listener);
       n.listener = -1;
       return wake(timer_kind::listen, steady::now() + accept_pause, n.refusals, &n);
@@ -394,7 +393,8 @@ void server_loop::drop(uint64_t id, bool reset) {
 void server_loop::writable(uint64_t id) {
   connection *c = find(id);
   if (c == nullptr) return;
-  // Off until the socket is full again: a connection that waits for something else must not spin.
+  // Not wanted until the socket is full again: a connection that waits for something else must not
+  // spin.
   want_write(*c, false);
   pump(id);
 }

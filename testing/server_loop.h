@@ -38,33 +38,33 @@ struct server_node {
   node_options options;
   uint32_t address = 0;
   uint16_t port = 0;
-  int holder = -1;    ///< bound, never listening: keeps the port while nobody listens on it
+  int holder = -1;    ///< bound but not listening: reserves the port while nobody listens on it
   int listener = -1;  ///< -1 while killed or refusing
   bool alive = true;
   bool refusing = false;
-  uint64_t life = 0;        ///< raised by kill and revive: older timers to revive mean nothing
-  uint64_t refusals = 0;    ///< the same for timers that reopen the port
-  uint64_t rates = 0;       ///< the same for timers of the rate
+  uint64_t life = 0;        ///< counts kills and revivals: timers of an earlier one are ignored
+  uint64_t refusals = 0;    ///< the same, for timers that reopen the port
+  uint64_t rates = 0;       ///< the same, for timers of the rate
   bool rate_timer = false;  ///< a timer will serve `waiting`, or it is being served
   token_bucket bucket;
-  std::deque<uint64_t> waiting;  ///< connections that wait for tokens, in turn
+  std::deque<uint64_t> waiting;  ///< connections that wait for tokens, in order
   std::vector<armed_fault> faults;
   std::array<uint64_t, fault_kinds> injected{};
   node_totals totals;
 };
 
-/// One response on its way, with what shall go wrong in the stream.
+/// One response being sent, with the faults of its stream.
 struct outgoing {
   reply what{};
   uint64_t sent = 0;
-  int delay_ms = 0;                 ///< passes once it is at the head of the queue
+  int delay_ms = 0;                 ///< counts from when it is at the head of the queue
   steady::time_point not_before{};  ///< nothing is sent earlier
   uint64_t cut_at = UINT64_MAX;     ///< `cut` happens here
   fault cut{};
   uint64_t drip_until = 0;  ///< byte by byte up to here
   int drip_ms = 0;
-  bool stuck = false;                    ///< stalled for ever
-  int reset_waits = 0;                   ///< for the peer to take what precedes a reset
+  bool stuck = false;   ///< stalled for ever
+  int reset_waits = 0;  ///< waits so far for the peer to take the bytes before a reset
   fault_kind counts = fault_kind::none;  ///< committed once `counts_at` bytes are sent
   uint64_t counts_at = 0;
   uint64_t record = UINT64_MAX;  ///< number of its log record
@@ -92,10 +92,10 @@ class server_loop {
   bool start();
   void stop();
 
-  /// Runs `job` on the loop's thread and waits for its end; directly while there is no such thread.
+  /// Runs `job` on the loop's thread and waits for its end. Without that thread, runs it here.
   void run(const std::function<void()> &job);
 
-  // What follows is for jobs.
+  // The rest is for jobs only.
   server_node &node(int index) { return nodes_[static_cast<size_t>(index) + 1]; }
   std::deque<server_node> &nodes() { return nodes_; }
   void kill(server_node &n, bool reset);

@@ -1,6 +1,5 @@
-// The media server's thread: from the bytes of a request to the bytes of its response, with the
-// stream's faults and the sharing of a server's rate. Ports, events and jobs are in
-// server_loop.cpp.
+// The media server's thread: reads requests and sends responses, with the faults of the stream and
+// the sharing of a server's rate. Ports, events and jobs are in server_loop.cpp.
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -15,10 +14,10 @@
 
 namespace refserver {
 
-// A client asks once and waits. One that has this much unanswered is no client of ours.
+// A client has at most two requests without answer. One with so many bytes of them is disconnected.
 static constexpr size_t input_limit = 4096;
 
-// After so many pieces it is another connection's turn.
+// After so many pieces another connection has its turn.
 static constexpr int pieces_per_turn = 8;
 
 static constexpr int reset_patience = 2000;  // milliseconds
@@ -36,16 +35,16 @@ void server_loop::readable(uint64_t id) {
     closed = n == 0 || (n < 0 && errno != EAGAIN);
     if (n <= 0) break;
     c->in.insert(c->in.end(), piece, piece + n);
-    if (static_cast<size_t>(n) < sizeof piece) break;  // an end that follows is an event of its own
+    if (static_cast<size_t>(n) < sizeof piece) break;  // if an end follows, it is another event
   }
   if (c->in.size() > input_limit) closed = true;
-  // What came before the end is still logged and answered as far as it goes.
+  // Requests that arrived before the end are still logged, and answered as far as possible.
   if (c->out.empty()) pump(id);
   if (closed) drop(id, false);
 }
 
-// Takes the next whole request of a connection and plans its response. False: there is none, or it
-// is not acceptable and the connection is gone, or it is not to be answered.
+// Takes the next whole request of a connection and plans its response. False: there is no request,
+// or it was not acceptable and the connection is closed, or a fault says that it gets no answer.
 bool server_loop::next_request(connection &c) {
   request r;
   std::string wrong;
@@ -135,7 +134,7 @@ void server_loop::answer(connection &c, const request &r, const fault *order, ui
   head.not_before = steady::now() + std::chrono::milliseconds(head.delay_ms);
 }
 
-// Queues a response with the faults of the stream laid into it.
+// Queues a response with the faults of its stream.
 void server_loop::plan(connection &c, outgoing o, const fault *order) {
   if (order == nullptr) return void(c.out.push_back(std::move(o)));
   const fault_kind kind = order->kind;
@@ -157,7 +156,7 @@ void server_loop::plan(connection &c, outgoing o, const fault *order) {
     c.out.push_back(std::move(o));
     o = std::move(again);
   } else if (kind == fault_kind::unsolicited) {
-    // It looks like the answer to the next request, which has not been made.
+    // It looks like the answer to the next request, which has not been sent yet.
     outgoing extra{.delay_ms = order->ms, .counts = kind};
     extra.what.pdu =
         encode_response({.command = command_media, .sequence = get32(o.what.pdu.data() + 8) + 1}, 0,
@@ -178,7 +177,7 @@ void server_loop::pump(uint64_t id) {
     connection *c = find(id);
     if (c == nullptr) return;
     if (c->out.empty() && !next_request(*c)) {
-      // A request that is not to be answered does not keep the next one waiting.
+      // A request that gets no answer does not hold up the next one.
       if (find(id) == nullptr || c->in.size() < control_request_size) return;
       continue;
     }
@@ -230,7 +229,7 @@ server_loop::step_result server_loop::step(connection &c) {
   return step_result::again;
 }
 
-// Sends up to `size` bytes from where the response stands, header and media bytes in one call.
+// Sends up to `size` further bytes of the response, header and media bytes in one call.
 ssize_t server_loop::transmit(connection &c, const outgoing &o, size_t size) {
   iovec pieces[2];
   size_t count = 0;
@@ -270,7 +269,7 @@ void server_loop::account(connection &c, outgoing &o, size_t size) {
   committed(*c.node, o);
 }
 
-// Counts the response's fault once it is far enough.
+// Counts the response's fault once so many bytes are sent that it has been committed.
 void server_loop::committed(server_node &n, outgoing &o) {
   if (o.counts == fault_kind::none || o.sent < o.counts_at) return;
   ++n.injected[static_cast<size_t>(o.counts)];
@@ -279,7 +278,7 @@ void server_loop::committed(server_node &n, outgoing &o) {
 
 server_loop::step_result server_loop::cut(connection &c, outgoing &o) {
   if (o.cut.kind == fault_kind::reset_at) {
-    // A reset throws away what the peer's side has not taken yet: it must come after that.
+    // A reset throws away bytes that the peer has not received yet, so wait for those first.
     int unsent = 0;
     if (ioctl(c.fd, SIOCOUTQ, &unsent) == 0 && unsent > 0 && o.reset_waits++ < reset_patience) {
       o.not_before = steady::now() + std::chrono::milliseconds(1);
@@ -319,7 +318,7 @@ void server_loop::wake_rate(server_node &n, steady::time_point when) {
   if (!std::exchange(n.rate_timer, true)) wake(timer_kind::rate, when, n.rates, &n);
 }
 
-// Hands a limited server's tokens to its busy connections, a slice each in turn.
+// Gives the tokens of a limited server to its busy connections, one slice to each in turn.
 void server_loop::serve_rate(server_node &n) {
   while (!n.waiting.empty() && (!n.bucket.limited() || n.bucket.ready(steady::now()))) {
     const uint64_t id = n.waiting.front();

@@ -1,5 +1,5 @@
-// The rate of one server, shared by its connections: a token bucket with a burst of some 20 ms. The
-// server's thread takes a slice for one connection after the other.
+// The rate of one server, shared by its connections: a token bucket with a burst of about 20 ms.
+// The server's thread takes slices for its connections in turn.
 #pragma once
 
 #include <algorithm>
@@ -22,7 +22,7 @@ class token_bucket {
 
   bool limited() const { return rate_ > 0; }
 
-  /// What one connection may send in its turn: 5 ms worth, 1 byte to 64 KiB.
+  /// The bytes that a connection may send in its turn: 5 ms at the rate, 1 byte to 64 KiB.
   size_t slice() const { return static_cast<size_t>(std::clamp(rate_ * 0.005, 1.0, 65536.0)); }
 
   /// True: a slice may be sent now.
@@ -36,7 +36,7 @@ class token_bucket {
 
   void take(size_t size) { tokens_ -= static_cast<double>(size); }
 
-  /// When a slice will be there, as of the last ready().
+  /// When there will be a slice, computed from the last ready().
   clock::time_point ready_at() const {
     const std::chrono::duration<double> missing{
         std::max(0.0, static_cast<double>(slice()) - tokens_) / rate_};

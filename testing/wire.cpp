@@ -1,4 +1,4 @@
-// Codec of the media server, see wire.h.
+// Reads requests and writes responses of the media server, see wire.h.
 #include "testing/wire.h"
 
 #include <arpa/inet.h>
@@ -11,7 +11,7 @@
 
 namespace refserver {
 
-// One line says what broke and the process ends: without its ciphers the server could only mislead.
+// Prints a message and ends the process: without ciphers the answers of the server would mislead.
 static void must(gcry_error_t error, const char *what) {
   if (error == 0) return;
   std::fprintf(stderr, "media server: %s: %s\n", what, gcry_strerror(error));

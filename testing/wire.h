@@ -1,6 +1,6 @@
-// The server's side of the media protocol: requests are read strictly, responses are written.
-// Written from the protocol's description alone, sharing nothing with the client's codec. Used by
-// the server and by tests that speak to it over raw sockets. All integers on the wire are
+// The server's side of the media protocol: reads requests strictly and writes responses. It is
+// written from the description of the protocol alone and shares nothing with the client's codec.
+// Used by the server and by tests that speak to it over raw sockets. All integers on the wire are
 // big-endian.
 //
 // Request: u32 total length, u32 command, u32 sequence, u16 version; u32 client version, 16 bytes
@@ -28,7 +28,7 @@ inline constexpr size_t header_size = 14, result_end = 18, media_response_size =
 using bytes = std::vector<uint8_t>;
 using des_key = std::array<uint8_t, 8>;
 
-/// A request as it came.
+/// A request as it arrived.
 struct request {
   uint32_t command = 0;  ///< 1 list, 2 description, 3 media
   uint32_t sequence = 0;
@@ -46,19 +46,20 @@ struct request {
   uint8_t flag = 0;
 };
 
-/// Reads one request from the front of `input`. Returns its size; 0: not whole yet, or not
-/// acceptable, then `error` says why: unknown command, a total length other than the command's, a
-/// local IP that is neither a NUL-padded dotted address nor empty, a stamp that is no sign-extended
-/// 32-bit number. Wrong bytes are noticed as soon as they are there.
+/// Reads one request from the front of `input`. Returns its size, or 0: it is not complete yet, or
+/// it is not acceptable, and `error` says why. Not acceptable are an unknown command, a total
+/// length other than the command's, a local IP that is neither a NUL-padded dotted address nor
+/// empty, and a stamp that is no sign-extended 32-bit number. Wrong bytes are noticed as soon as
+/// they arrive.
 size_t parse_request(std::span<const uint8_t> input, request *out, std::string *error);
 
-/// The DES key that belongs to a request, made of the request's own bytes.
+/// The DES key for the answer to a request, made of the request's bytes.
 des_key request_key(const request &r);
 
-/// DES in ECB mode with PKCS#5 padding; weak keys are taken. The result is 1 to 8 bytes longer.
+/// DES in ECB mode with PKCS#5 padding; accepts weak keys. The result is 1 to 8 bytes longer.
 bytes encipher(const des_key &key, std::span<const uint8_t> plain);
 
-/// The reverse; false for anything but whole blocks that end in such padding.
+/// The reverse; false unless the input is whole blocks that end in such padding.
 bool decipher(const des_key &key, std::span<const uint8_t> coded, bytes *plain);
 
 /// Enciphers whole blocks without padding; `size` is a multiple of 8.
@@ -81,7 +82,7 @@ struct description {
   uint16_t load = 0;
 };
 
-/// Bodies behind the result word. `count` need not tell the truth.
+/// Bodies behind the result. `count` may differ from the number of entries.
 bytes list_body(std::span<const list_entry> entries, uint16_t count);
 bytes description_body(const description &d);
 bytes media_body(uint16_t load, uint64_t position, uint32_t payload_length, uint8_t flag);

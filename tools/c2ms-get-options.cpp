@@ -1,4 +1,4 @@
-// The command line of c2ms-get.
+// Reads the command line of c2ms-get.
 #include "tools/c2ms-get-options.h"
 
 #include <getopt.h>
@@ -16,7 +16,7 @@
 namespace get {
 namespace {
 
-constexpr size_t kUrlMax = 511;  // what the library keeps of them
+constexpr size_t kUrlMax = 511;  // the library cuts off what is longer
 constexpr size_t kHostMax = 63;
 constexpr size_t kConfMax = 63;
 constexpr size_t kSha256Digits = 64;
@@ -114,7 +114,7 @@ bool parse_digest(const std::string &text, std::string *digest) {
   return true;
 }
 
-/// Takes one option; empty, or what is wrong with its argument.
+/// Takes one option. Returns "", or a message about its argument.
 std::string take(int id, const std::string &value, Options *options, std::string *entry) {
   switch (id) {
     case 'o':
@@ -168,13 +168,13 @@ std::string take(int id, const std::string &value, Options *options, std::string
   }
 }
 
-/// The option that getopt_long has just refused: a letter, which may stand among others, or a word.
+/// The option that getopt_long has just refused: a long one, or a letter, perhaps one of several.
 std::string refused_option(char **argv) {
   const bool letter = optopt > 0 && optopt < kOffset;
   return letter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
 }
 
-/// The URL and what follows from it; empty, or what is wrong.
+/// Takes the URL and the settings that depend on it. Returns "", or a message.
 std::string take_url(const std::string &url, const std::string &entry, Options *options) {
   options->url = entry.empty() ? url : with_host(url, entry);
   if (options->url.empty()) return "--entry needs a URL with a scheme (kesp:// or kedp://)";
@@ -230,7 +230,7 @@ std::string name_in(const std::string &url) {
 
 Parsed parse_options(int argc, char **argv, Options *options) {
   std::string entry;
-  opterr = 0;  // the messages here are our own
+  opterr = 0;  // this file prints its own messages
   for (;;) {
     const int id = getopt_long(argc, argv, ":o:", kLong, nullptr);
     if (id == -1) break;

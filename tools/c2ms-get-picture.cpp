@@ -1,6 +1,7 @@
-// Time goes to the right, places in the media upwards. Each request is a box as high as the part
-// that it brought and as long as it took, in the colour of its server; what came early stays as a
-// pale box until the reader, a line, has passed it. Below, a lane for each connection.
+// Draws a play. Time goes to the right, the place in the media goes upwards. Each request is a box
+// in the colour of its server: its width is the duration, its height the part that it brought.
+// Bytes that came early are a pale box until the reader, a line, has passed them. Below is a lane
+// for each connection.
 #include "tools/c2ms-get-picture.h"
 
 #include <algorithm>
@@ -22,17 +23,17 @@ constexpr const char *kInk = "#1d2b3a", *kGrid = "#e1e5ea", *kStall = "#d6322f",
                      *kAhead = "#ffd58a", *kSeek = "#8e5bd0", *kVain = "#c3c9d1";
 
 constexpr int64_t kSecond = 1'000'000, kSame = 10'000;
-constexpr int64_t kNoticed = 40'000;  // a shorter wait costs a viewer nothing
-constexpr int64_t kLong = 250'000;    // a longer one in one place is a stall for anybody
+constexpr int64_t kNoticed = 40'000;  // a viewer does not notice a shorter wait
+constexpr int64_t kLong = 250'000;    // a longer wait in one place is always a stall
 
-/// The reader at a moment.
+/// Where the reader was at one moment.
 struct Point {
   int64_t us;
   uint64_t pos;
   bool jump;  // a seek led here
 };
 
-/// A wait in one place.
+/// A wait of the reader in one place.
 struct Wait {
   int64_t begin, end;
   uint64_t pos;
@@ -84,7 +85,7 @@ void text(FILE *out, double x, double y, const char *anchor, const std::string &
                more, words.c_str());
 }
 
-// Waits in order of time; those that follow each other in one place are one.
+// Waits in order of time. Waits in the same place that follow each other count as one.
 std::vector<Wait> waits_of(const Events &events) {
   std::vector<Wait> waits;
   for (const c2ms_trace_event &event : events) {
@@ -99,11 +100,12 @@ std::vector<Wait> waits_of(const Events &events) {
   return waits;
 }
 
-// Who takes what comes waits again and again while the place moves on: the servers set the pace. A
-// stall is a wait without a move, or one of a reader who had not been waiting.
+// A reader that takes whatever arrives waits again and again while its place moves on, because the
+// servers set the pace. A stall is a wait without a move, or a wait of a reader that had not been
+// waiting.
 void find_stalls(std::vector<Wait> *waits) {
   size_t first = 0;
-  int64_t waited = 0;  // of the second before
+  int64_t waited = 0;  // within the second before
   for (size_t i = 0; i < waits->size(); ++i) {
     Wait &wait = (*waits)[i];
     for (; (*waits)[first].end < wait.begin - kSecond; ++first)
@@ -115,7 +117,7 @@ void find_stalls(std::vector<Wait> *waits) {
   }
 }
 
-// Where the reader was: the places recorded, and where it waited.
+// The places where the reader was, from recorded places and waits.
 std::vector<Point> reader_of(const Events &events, const std::vector<Wait> &waits) {
   std::vector<Point> points;
   for (const c2ms_trace_event &event : events) {
@@ -131,7 +133,7 @@ std::vector<Point> reader_of(const Events &events, const std::vector<Wait> &wait
   return points;
 }
 
-/// When the reader has left the bytes before `pos` behind, at `from_us` or later.
+/// The moment, `from_us` or later, at which the reader has passed the bytes before `pos`.
 int64_t passed_at(const Picture &p, uint64_t pos, int64_t from_us) {
   const auto later = std::lower_bound(p.reader.begin(), p.reader.end(), from_us,
                                       [](const Point &a, int64_t us) { return a.us < us; });
@@ -213,7 +215,7 @@ void draw_lane(const Picture &p, const Lane &lane, double y) {
   text(p.out, kWidth - kRight + 8, y + 15, "start", text_of_bytes(static_cast<double>(bytes)));
 }
 
-// What is not there to be seen is not explained.
+// The legend explains only what the picture shows.
 void draw_legend(const Picture &p) {
   const auto any = [&p](auto test) { return std::any_of(p.events.begin(), p.events.end(), test); };
   const auto waits = [&p](bool stall) {

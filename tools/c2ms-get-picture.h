@@ -1,5 +1,5 @@
-// The picture of a play (--timeline): what was read when, which server brought which part, where
-// the reader had to wait. Called by the trace alone.
+// The picture of a play (--timeline): when each part was read, which server brought it, and where
+// the reader had to wait. Only c2ms-get-trace.cpp calls this.
 #pragma once
 
 #include <c2ms.h>

@@ -1,4 +1,4 @@
-// The live line of c2ms-get.
+// Draws the progress line of c2ms-get.
 #include "tools/c2ms-get-progress.h"
 
 #include <sys/ioctl.h>
@@ -55,7 +55,7 @@ std::string text_of_bytes(double bytes) {
 std::string progress_line(const Figures &f, int width) {
   const double share =
       f.total > 0 ? static_cast<double>(f.received) / static_cast<double>(f.total) : 1.0;
-  // Rounded down: 100 % is shown when every byte is there, and not before.
+  // Rounded down: 100 % means that every byte has arrived.
   std::string words = format("%5.1f%%  ", static_cast<int>(share * 1000) / 10.0);
   words += text_of_bytes(static_cast<double>(f.received)) + " of " +
            text_of_bytes(static_cast<double>(f.total)) + "  " + text_of_bytes(f.bytes_per_s) + "/s";
@@ -94,7 +94,7 @@ void Progress::measure(Clock::time_point now, uint64_t received) {
 
 void Progress::ask(c2ms_sess *sess, Clock::time_point now) {
   int32_t percent = -1;
-  c2ms_sess_bufratio(sess, &percent);  // -400 (no usable server) writes the ratio all the same
+  c2ms_sess_bufratio(sess, &percent);  // writes the ratio also when it returns -400
   figures_.buffer_percent = percent;
   if (now < next_ask_) return;
   next_ask_ = now + kAskEvery;
@@ -104,7 +104,7 @@ void Progress::ask(c2ms_sess *sess, Clock::time_point now) {
   figures_.nodes_usable = static_cast<int>(stats.nodes_usable);
 }
 
-// Where nothing can be drawn over: a line for each second.
+// On output that cannot be overwritten: one line per second.
 void Progress::print_line(c2ms_sess *sess, Clock::time_point now, uint64_t received) {
   if (next_ask_ == Clock::time_point{}) {
     next_ask_ = now + kAskEvery;
@@ -132,7 +132,7 @@ void Progress::update(c2ms_sess *sess, uint64_t received) {
   next_draw_ = now + kDrawEvery;
   measure(now, received);
   ask(sess, now);
-  // One write, erased to the end of the line by the terminal: the line does not flicker.
+  // One write, and the terminal erases the rest of the line, so that nothing flickers.
   const std::string line = "\r" + progress_line(figures_, terminal_width()) + "\x1b[K";
   std::fwrite(line.data(), 1, line.size(), stderr);
   drawn_ = true;

@@ -1,5 +1,6 @@
-// The live line of c2ms-get: bar, percent, amounts, speed, buffer, nodes, time left. Where no line
-// can be redrawn: figures of the session, a line a second. Used by the thread that fetches alone.
+// The progress line of c2ms-get: bar, percent, amounts, speed, buffer, nodes, time left. Where a
+// line cannot be redrawn: the session's figures, one line per second. Only the fetching thread uses
+// it.
 #pragma once
 
 #include <c2ms.h>
@@ -11,7 +12,7 @@
 
 namespace get {
 
-/// What one line shows.
+/// The contents of one line.
 struct Figures {
   uint64_t received = 0;  // bytes
   uint64_t total = 0;
@@ -22,26 +23,26 @@ struct Figures {
   double seconds_left = -1;  // negative: unknown
 };
 
-/// A text of at most 255 characters by printf's rules.
+/// Formats like printf; at most 255 characters.
 [[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...);
 
 /// Bytes as a short text: "517 B", "1.50 MiB".
 std::string text_of_bytes(double bytes);
 
-/// The line, at most `width` columns; the bar takes what the words leave.
+/// The line, at most `width` columns. The bar takes the columns that the words leave free.
 std::string progress_line(const Figures &figures, int width);
 
 class Progress {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Draws on standard error if `wanted`: one line over and over on a terminal, else a line a
-  /// second.
+  /// Draws on standard error if `wanted`: on a terminal one line that is redrawn, elsewhere one
+  /// line per second.
   Progress(bool wanted, uint64_t total);
   ~Progress();  // ends the line
 
-  /// Call as often as one likes: it redraws at most ten times a second, and asks the session for
-  /// its nodes at most once a second.
+  /// May be called at any rate: it redraws at most ten times a second, and asks the session for its
+  /// nodes at most once a second.
   void update(c2ms_sess *sess, uint64_t received);
 
  private:

@@ -1,4 +1,4 @@
-// The outcome of one run of c2ms-get.
+// Writes the outcome of one run of c2ms-get.
 #include "tools/c2ms-get-report.h"
 
 #include <c2ms.h>
@@ -12,7 +12,7 @@
 namespace get {
 namespace {
 
-/// Length of the UTF-8 sequence at `at` (RFC 3629), 0 when it is none.
+/// Length of the UTF-8 sequence at `at` (RFC 3629), 0 when there is none.
 size_t utf8_length(const std::string &text, size_t at) {
   const auto byte = [&](size_t i) {
     return at + i < text.size() ? static_cast<uint8_t>(text[at + i]) : uint8_t{0};

@@ -1,4 +1,4 @@
-// Where c2ms-get puts the bytes.
+// Writes the bytes that c2ms-get fetches.
 #include "tools/c2ms-get-sink.h"
 
 #include <fcntl.h>
@@ -39,7 +39,7 @@ size_t Sink::write(const uint8_t *data, size_t size, const volatile int *stop) {
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && errno == EAGAIN) {  // a non-blocking pipe that another program handed down
+    if (n < 0 && errno == EAGAIN) {  // a non-blocking pipe inherited from another program
       pollfd ready{fd_, POLLOUT, 0};
       ::poll(&ready, 1, 100);
       continue;

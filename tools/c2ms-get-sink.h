@@ -1,5 +1,5 @@
-// Where c2ms-get puts the bytes: a file or standard output, hashed on the way when asked. Used by
-// the thread that fetches, and no other.
+// The output of c2ms-get: a file or standard output, with SHA-256 if asked for. Only the fetching
+// thread uses it.
 #pragma once
 
 #include <gcrypt.h>
@@ -13,19 +13,19 @@ namespace get {
 class Sink {
  public:
   Sink() = default;
-  ~Sink();  // closes; what was written stays
+  ~Sink();  // closes the file; the bytes written stay
   Sink(const Sink &) = delete;
   Sink &operator=(const Sink &) = delete;
 
   /// Opens `path` ("-": standard output) for writing from its start; `exclusive`: only if it does
-  /// not exist. `hashed`: sha256() will be asked for. Empty, or what went wrong.
+  /// not exist. `hashed`: sha256() will be called. Returns "", or a message.
   std::string open(const std::string &path, bool exclusive, bool hashed);
 
-  /// Writes all bytes, blocking as the file does; a signal that sets `*stop` ends it. Returns how
-  /// many were written; fewer than `size` with error() empty means that it was stopped.
+  /// Writes all bytes and blocks if the file does. A signal that sets `*stop` ends it. Returns how
+  /// many were written; fewer than `size` with an empty error() means that it was stopped.
   size_t write(const uint8_t *data, size_t size, const volatile int *stop);
 
-  /// Closes, so that late errors of the file system show. Empty, or what went wrong.
+  /// Closes the file, which shows late errors of the file system. Returns "", or a message.
   std::string close();
 
   /// SHA-256 of everything written so far, 64 lower-case digits. Nothing may be written afterwards.

@@ -1,4 +1,4 @@
-// The session's figures in c2ms-get's forms.
+// Writes the session's figures as text and as JSON.
 #include "tools/c2ms-get-stats.h"
 
 #include <cinttypes>

@@ -1,5 +1,5 @@
-// What the session told of itself, as c2ms-get shows it: a line while it runs, lines at the end,
-// JSON.
+// The session's figures as c2ms-get shows them: one line while it runs, several lines at the end,
+// and JSON.
 #pragma once
 
 #include <c2ms.h>
@@ -12,10 +12,10 @@ namespace get {
 /// "buffer 3.1 MiB  nodes 3/4  received 12 MiB  discarded 0 B  waited 0.4 s".
 std::string stats_words(const c2ms_stats &stats);
 
-/// A line for the transfers, one for the waits, one for each node; to standard error.
+/// Writes to standard error: a line for the transfers, one for the waits, one for each node.
 void print_stats(const c2ms_stats &stats);
 
-/// The JSON object, every figure under the name that it has in c2ms.h.
+/// Writes the JSON object. Every figure has its name from c2ms.h.
 void print_stats_json(const c2ms_stats &stats, FILE *out);
 
 }  // namespace get

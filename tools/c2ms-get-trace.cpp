@@ -1,4 +1,4 @@
-// What a session recorded, and the trace made of it.
+// Collects the events that a session recorded and writes them as a trace.
 #include "tools/c2ms-get-trace.h"
 
 #include <arpa/inet.h>
@@ -13,7 +13,7 @@
 namespace get {
 namespace {
 
-constexpr int kRing = 1 << 16;       // events between two looks
+constexpr int kRing = 1 << 16;       // events between two calls of collect()
 constexpr size_t kMost = 4'000'000;  // events of one run that are kept
 constexpr const char *kOutcome[] = {"filled its pack", "in vain", "given up"};
 constexpr const char *kCause[] = {"no node", "late pack", "seek", "cancelled"};
@@ -36,7 +36,7 @@ void write_bytes(FILE *out, const c2ms_trace_event &event) {
                event.bytes);
 }
 
-// The members of an event that depend on its kind: name, phase, arguments.
+// Writes the members of an event that depend on its kind: name, phase, arguments.
 void write_kind(FILE *out, const c2ms_trace_event &event) {
   const auto complete = [&](const char *name) {
     std::fprintf(out, "\"name\": \"%s\", \"ph\": \"X\", \"dur\": %" PRId64, name,
@@ -121,8 +121,8 @@ void Trace::collect(c2ms_sess *sess) {
   }
 }
 
-// A node is asked anew while the answer before is copied: in its lane that request begins where the
-// former one ends.
+// A node sends its next request before the answer to the one before has ended. In its lane the
+// later request is drawn from the end of the earlier one, so that they do not overlap.
 c2ms_trace_event Trace::in_its_lane(c2ms_trace_event event) {
   if (event.kind != C2MS_TRACE_REQUEST) return event;
   int64_t &taken = lane_taken_us_[event.node];

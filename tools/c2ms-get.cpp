@@ -1,5 +1,5 @@
-// c2ms-get: fetches a media file over the player's interface, to a file or a pipe. The program's
-// parts are in c2ms-get-*.cpp; this file holds the run itself.
+// c2ms-get: fetches a media file to a file or a pipe, through the player's interface alone. This
+// file holds main and the course of a run; c2ms-get-*.cpp hold the program's parts.
 #include <c2ms.h>
 
 #include <algorithm>
@@ -22,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int32_t kBudgetMs = 100;    // how late a signal or a redraw may be noticed
+constexpr int32_t kBudgetMs = 100;    // the longest delay of a signal or a redraw
 constexpr size_t kChunk = 256 << 10;  // bytes asked for at once
 constexpr double kIndexLimit_s = 30;
 constexpr auto kIndexPause = std::chrono::milliseconds(2);
@@ -44,8 +44,8 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// The first signal asks for a clean stop, the second one ends the program where it stands. Without
-/// SA_RESTART, so that a write to a full pipe notices.
+/// The first signal asks for a clean stop, the second one ends the program at once. SA_RESTART is
+/// not set, so that a signal interrupts a write to a full pipe.
 void catch_signals() {
   struct sigaction action {};
   action.sa_handler = [](int number) { g_signal = number; };
@@ -78,7 +78,7 @@ Session open_session(c2ms_mgmt *library, const get::Options &options, get::Repor
   return session;
 }
 
-/// Decides which bytes are wanted; false when the media does not have them.
+/// Determines the range to fetch; false when it lies outside the media.
 bool choose_range(const get::Options &options, get::Report *report) {
   const uint64_t size = report->media_size;
   const uint64_t rest = options.offset <= size ? size - options.offset : 0;
@@ -90,7 +90,7 @@ bool choose_range(const get::Options &options, get::Report *report) {
   return false;
 }
 
-/// Bytes of the range in packs that the open index holds as a whole: they are not fetched.
+/// Counts the bytes of the range that lie in packs wholly inside the open index: not fetched.
 uint64_t saved_by_index(c2ms_sess *session, int32_t pack_size, const get::Report &report) {
   const auto pack = static_cast<uint64_t>(pack_size);
   uint64_t begin = 0;
@@ -104,7 +104,7 @@ uint64_t saved_by_index(c2ms_sess *session, int32_t pack_size, const get::Report
   return last > first ? last - first : 0;
 }
 
-/// Opens the index, polling so that a signal is noticed. Without it the fetch goes on all the same.
+/// Opens the index; polls, so that a signal is noticed. If the open fails, the fetch goes on.
 void open_index(c2ms_sess *session, int32_t pack_size, get::Report *report) {
   const auto start = Clock::now();
   report->indexed = c2ms_sess_idxfile(session, nullptr, &report->index_fetched) == 1;
@@ -122,15 +122,15 @@ void open_index(c2ms_sess *session, int32_t pack_size, get::Report *report) {
   }
 }
 
-/// Gives the session its memory and selects the range. A range that ends with a whole pack would
-/// never be delivered to its end, so the pack size avoids that.
+/// Gives the session its cache and selects the range. The last pack of a range whose size the pack
+/// size divides is never delivered, so the pack size avoids that.
 bool prepare(c2ms_sess *session, const get::Options &options, get::Report *report) {
   int32_t pack_size = c2ms_sess_pack_size(session, options.pack_size);
   while (pack_size > 0 && report->length % static_cast<uint32_t>(pack_size) == 0) ++pack_size;
   int32_t result = c2ms_sess_cache_init(session, pack_size);
   if (result == -2) get::fail(report, "the memory (--mem) has no room for a pack (--pack-size)");
   if (result >= 0 && options.index) open_index(session, pack_size, report);
-  // An open of the index has selected the whole media.
+  // Opening the index has already selected the whole media.
   const bool selected = report->indexed && report->length == report->media_size;
   if (result >= 0 && !selected) {
     result = c2ms_sess_range(session, report->offset, report->length);
@@ -140,7 +140,7 @@ bool prepare(c2ms_sess *session, const get::Options &options, get::Report *repor
   return result >= 0;
 }
 
-/// Moves bytes until all are there, something fails, time is up or a signal came.
+/// Copies bytes until all have arrived, something fails, the time is up or a signal comes.
 void fetch(c2ms_sess *session, const get::Options &options, get::Sink *sink,
            get::Progress *progress, get::Trace *trace, get::Report *report) {
   std::vector<uint8_t> buffer(kChunk);
@@ -155,7 +155,7 @@ void fetch(c2ms_sess *session, const get::Options &options, get::Sink *sink,
       const auto size = static_cast<size_t>(got);
       report->received += sink->write(buffer.data(), size, &g_signal);
       if (!sink->error().empty()) return get::fail(report, sink->error());
-      last_byte = Clock::now();  // time spent writing is not the servers' fault
+      last_byte = Clock::now();  // the time spent writing does not count against the servers
     } else if (options.timeout_s > 0 && seconds_since(last_byte) > options.timeout_s) {
       return get::fail(report, "no byte for " + std::to_string(options.timeout_s) + " seconds");
     }
@@ -191,7 +191,8 @@ void run(c2ms_mgmt *library, const get::Options &options, get::Report *report) {
     fetch(session.get(), options, &sink, &progress, &trace, report);
   }
   report->fetch_s = seconds_since(start);
-  if (report->received < report->length) report->signal = g_signal;  // else it came too late
+  // A signal after the last byte does not matter.
+  if (report->received < report->length) report->signal = g_signal;
   c2ms_sess_stats(session.get(), &report->stats, sizeof report->stats);
   trace.collect(session.get());
   get::fail(report, trace.write(report->media_size));

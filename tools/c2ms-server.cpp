@@ -1,6 +1,5 @@
-// c2ms-server: serves files or generated content to players on this machine, for trying things out
-// and for scripts. It prints the URL to open for each file and the totals of its servers at the
-// end.
+// c2ms-server: serves files or generated content to players on this machine, for trials and
+// scripts. It prints a URL for each file, and at the end the totals of its servers.
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <sys/stat.h>
@@ -33,7 +32,7 @@ struct settings {
   server_options server;
   std::vector<std::string> paths;
   std::vector<generated_file> generated;
-  std::vector<std::pair<int, fault>> faults;  ///< with the node
+  std::vector<std::pair<int, fault>> faults;  ///< each with the node that commits it
   std::vector<double> rates;
   std::vector<int> delays;
   bool index = false;
@@ -77,7 +76,7 @@ void print_help() {
   std::exit(2);
 }
 
-// A number of at most `limit`, with k, M or G behind it.
+// Reads a number of at most `limit`, perhaps with k, M or G behind it.
 uint64_t number(std::string_view text, uint64_t limit, const char *option) {
   uint64_t value = 0;
   const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -107,7 +106,7 @@ std::vector<Number> numbers(std::string_view text, uint64_t limit, const char *o
   return out;
 }
 
-// Addresses divided by commas.
+// Reads addresses separated by commas.
 std::vector<std::string> parse_addresses(std::string_view text) {
   std::vector<std::string> out;
   for (size_t at = 0; at <= text.size();) {
@@ -145,7 +144,7 @@ bool takes_reports(const settings &s) {
   return !s.reporting.agent.empty() || !s.reporting.report.empty();
 }
 
-// The option that getopt_long has just refused: a letter, which may stand among others, or a word.
+// The option that getopt_long has just refused: a long one, or a letter, perhaps one of several.
 std::string refused_option(char **argv) {
   const bool letter = optopt >= ' ';
   return letter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
@@ -187,7 +186,7 @@ settings parse(int argc, char **argv) {
   };
   settings s;
   s.server.keep_log = false;
-  opterr = 0;  // the messages here are our own
+  opterr = 0;  // this file prints its own messages
   for (int c; (c = getopt_long(argc, argv, ":", options, nullptr)) != -1;) {
     switch (c) {
       case port:
@@ -252,7 +251,7 @@ settings parse(int argc, char **argv) {
   return s;
 }
 
-// What was said of node 0, 1, ...: the last of a list holds for the rest.
+// Rate and delay of node 0, 1, ...: the last value of a list applies to all further nodes.
 void apply_to_nodes(settings &s) {
   s.server.node.resize(static_cast<size_t>(s.server.nodes));
   for (size_t i = 0; i < s.server.node.size(); ++i) {
@@ -271,7 +270,8 @@ void apply_to_nodes(settings &s) {
   }
 }
 
-// The files meant by a path, a folder's regular files (not those of its folders) in order of name.
+// The files that a path stands for. Of a folder: its regular files in order of name, without those
+// of folders inside it.
 std::vector<std::string> files_of(const std::string &path) {
   std::error_code failure;
   if (!std::filesystem::is_directory(path, failure)) return {path};
@@ -332,7 +332,7 @@ void print_totals(const media_server &server, int nodes) {
 int main(int argc, char **argv) {
   settings s = parse(argc, argv);
   apply_to_nodes(s);
-  // Blocked in every thread, so that they end the wait below and nothing else.
+  // These signals are blocked in every thread, so that they only end the wait below.
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);

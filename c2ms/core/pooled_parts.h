@@ -1,6 +1,6 @@
 // Which parts of the pooled records nobody may touch between their return and their next use; the
-// pools' test modes watch them (adif/bmempool.h). What is left out is looked at by those who come
-// late and find out that they do: the doors of session and pack, and what a second close reads.
+// pools' test modes watch them (adif/bmempool.h). Left out: fields that a late event reads to learn
+// that the record is no longer its own, and what a second close reads.
 #pragma once
 
 #include <cstddef>

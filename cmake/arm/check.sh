@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# check.sh BIN LIBRARY: a stripped library for 32-bit ARM needs the C library alone, shows the player's names and no
-# others, has no text relocations, and plays a file beyond 4 GiB under qemu-arm with the tools in BIN. Prints its
-# size and what it needs. Called by ./dev arm.
+# check.sh BIN LIBRARY: checks a stripped library for 32-bit ARM. It must need only the C library, export only the
+# player's names, have no text relocations, and play a file beyond 4 GiB under qemu-arm with the tools in BIN. Prints
+# its size and what it needs. Called by ./dev arm.
 source "$(dirname "$0")/../../tests/player/service.sh"
 export LC_ALL=C
 bin=$1 library=$2
@@ -14,7 +14,7 @@ fail() {
   exit 1
 }
 
-# The loader is part of the C library and in every process already; thread-local words are found by it.
+# The loader belongs to the C library and is in every process already; it finds the thread-local words.
 needed=$($tool-readelf -d "$library" | sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p' | sort | tr '\n' ' ')
 [[ $needed == 'ld-linux-armhf.so.3 libc.so.6 ' || $needed == 'libc.so.6 ' ]] || fail "needs $needed"
 [[ -z $($tool-readelf -d "$library" | grep TEXTREL) ]] || fail "has text relocations"
@@ -22,11 +22,11 @@ needed=$($tool-readelf -d "$library" | sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p' |
 diff <("$sources/cmake/api-names.sh" "$sources/c2ms/c2ms.map") \
   <($tool-nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort) ||
   fail "shows other names ('>') than the player's"
-# What it does not define comes from the C library, but for the weak names that every object has.
+# Names that it does not define come from the C library, except the weak names that every object has.
 strange=$($tool-nm -D --undefined-only "$library" | grep -vE '@GLIBC_|_ITM_|__gmon_start__' || true)
 [[ -z $strange ]] || fail "wants" "$strange"
 
-# Ranges across 2 and 4 GiB and beyond them, of a sparse file with a text at each.
+# Ranges across 2 GiB, across 4 GiB and beyond, of a sparse file with a text at each place.
 size=5000000011
 marks=(0 2147480000 2147500000 4294964000 4295000000 4999990000)
 truncate -s $size "$scratch/big.mp4"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# sysroot.sh FOLDER PACKAGE...: unpacks Debian's armhf packages into FOLDER, once for each list of packages. apt
-# runs with a configuration, state and cache of its own below FOLDER.apt, so that this machine does not get a
-# second architecture. Called by ./dev arm.
+# sysroot.sh FOLDER PACKAGE...: unpacks Debian's armhf packages into FOLDER, unless the same list is there already.
+# apt runs with its own configuration, state and cache in FOLDER.apt, so that this machine does not get a second
+# architecture. Called by ./dev arm.
 set -euo pipefail
 mkdir -p "$1"
 sysroot=$(realpath "$1") apt=$(realpath "$1").apt
@@ -11,7 +11,7 @@ shift
 rm -rf "$apt" "$sysroot"
 mkdir -p "$apt"/{lists,archives}/partial "$sysroot"
 : > "$apt/status"
-# From where this machine takes its own packages.
+# The packages come from where this machine takes its own.
 apt-get indextargets --format '$(ORIGIN) deb [arch=armhf] $(REPO_URI) $(RELEASE) main' \
   'Created-By: Packages' 'Component: main' | sed -n 's/^Debian //p' | sort -u > "$apt/sources.list"
 [[ -s $apt/sources.list ]] || { echo "apt knows no source of Debian packages: apt-get update first"; exit 1; }
