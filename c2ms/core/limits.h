@@ -22,7 +22,8 @@ inline constexpr uint32_t timer_node_life = 7551;
 inline constexpr uint32_t timer_sess_check = 7563;
 inline constexpr uint32_t timer_speed_count = 7564;
 inline constexpr uint32_t timer_sess_watch = 7565;
-inline constexpr uint32_t watch_period_ms = 20;  // while a reader waits, or soon will
+inline constexpr uint32_t watch_near_ms = 20;  // while a reader waits, or soon will
+inline constexpr uint32_t watch_far_ms = 100;  // while anything else is under way
 
 // Node types (bits).
 inline constexpr uint8_t node_serves_list = 0x01;

@@ -71,6 +71,17 @@ struct patience {
   int32_t open_s = c2ms::open_timeouts;
 };
 
+/// A server that described a film of some entry server (core/known.h); at_us 0: none.
+struct known_record {
+  uint32_t entry_ip = 0, entry_port = 0;
+  uint32_t ip = 0, port = 0;
+  int64_t at_us = 0;
+};
+
+/// A node that a session has opened to a server of the film before, without being told to: until
+/// the entry server's list names it, nothing that its server says against the session counts.
+enum class from_memory : uint8_t { no, unconfirmed, confirmed };
+
 /// What a reporting thread has to do for a session on one channel; ended: all has been said.
 enum class report_job : int { none, queued, running, ended };
 
@@ -330,6 +341,7 @@ struct c2ms_node {
   uint32_t level = 0;
   uint16_t load = 0;
   uint8_t type = 0;
+  c2ms::from_memory remembered = c2ms::from_memory::no;
   uint32_t node_id = 0;
   std::atomic<uint32_t> state{C2MS_NODE_NULL};  // written under the session's counter_lock
   uint32_t ip = 0;                              // network order
@@ -435,6 +447,7 @@ struct c2ms_sess {
 
   // Nodes. The counters follow the nodes' states (c2ms_node_state_to).
   c2ms_node *entry_node = nullptr;
+  uint32_t entry_ip = 0;  // of the entry server that was last asked; network order
   bool lookup_pending = false;
   bool list_due = false;   // a media node has failed: is another server list needed?
   uint8_t entry_asks = 0;  // lists asked for again because all servers of the last one failed
@@ -475,7 +488,8 @@ struct c2ms_sess {
   std::atomic<uint8_t> idx_mem{0};
 
   rac_timer *check_timer = nullptr;
-  rac_timer *watch_timer = nullptr;    // while a deadline is near (fetch/watch.h)
+  rac_timer *watch_timer = nullptr;    // while something is under way (fetch/watch.h)
+  bool watches_soon = false;           // it runs for a deadline that is near
   int64_t open_time = 0;               // seconds
   std::atomic<int64_t> close_time{0};  // the same; 0 until the session closes
   uint8_t token[8]{};
@@ -539,6 +553,8 @@ struct c2ms_mgmt {
   pointer_stack *nodes GUARDED_BY(node_lock) = nullptr;
   adif::Mutex sess_lock{c2ms::rank_registry};
   pointer_stack *sessions GUARDED_BY(sess_lock) = nullptr;
+  adif::Mutex known_lock{c2ms::rank_registry};
+  c2ms::known_record known[32] GUARDED_BY(known_lock);
   std::atomic<uint32_t> next_node_id{1}, next_sess_id{1}, next_unit_id{1};
 
   block_pool *sess_pool = nullptr, *node_pool = nullptr, *unit_pool = nullptr, *pack_pool = nullptr;

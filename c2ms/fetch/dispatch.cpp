@@ -89,6 +89,6 @@ int c2ms_sess_dispatch(c2ms_sess *sess) {
   }
   // Nobody recycles a node while we are in the strand, except a start that fails, and then its own.
   for (size_t i = 0; i < count; ++i) c2ms_node_download_start_dbg(ready[i]);
-  start_watch(sess);
+  watch_soon(sess);
   return 0;
 }

@@ -19,6 +19,7 @@ void reset_fields(c2ms_node *node) {
   node->level = 0;
   node->load = 0;
   node->type = 0;
+  node->remembered = c2ms::from_memory::no;
   node->node_id = 0;
   node->state.store(C2MS_NODE_NULL);
   node->ip = 0;

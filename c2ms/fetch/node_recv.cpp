@@ -8,8 +8,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <span>
 
 #include "c2ms/core/count.h"
+#include "c2ms/core/known.h"
 #include "c2ms/core/registry.h"
 #include "c2ms/core/servers.h"
 #include "c2ms/core/strand_hold.h"
@@ -26,10 +28,44 @@ namespace {
 
 using namespace c2ms;
 
+// The media nodes that `wanted` chooses, for a walk that ends nodes.
+struct chosen_nodes {
+  std::array<c2ms_node *, snapshot_nodes> nodes;
+  size_t count = 0;
+};
+
+template <class Wanted>
+chosen_nodes choose_nodes(c2ms_sess *session, Wanted wanted) {
+  chosen_nodes chosen;
+  const adif::Guard lock(session->list_lock);
+  for (int i = 0; i < sk_num(session->node_list) && chosen.count < chosen.nodes.size(); ++i) {
+    auto *const node = static_cast<c2ms_node *>(sk_value(session->node_list, i));
+    if (wanted(node)) chosen.nodes[chosen.count++] = node;
+  }
+  return chosen;
+}
+
+bool is_unconfirmed(const c2ms_node *node) {
+  return node->remembered == from_memory::unconfirmed;
+}
+
+// The entry server has refused: who was opened from memory goes, too.
+void close_unconfirmed(c2ms_sess *session) {
+  const chosen_nodes chosen = choose_nodes(session, is_unconfirmed);
+  for (size_t i = 0; i < chosen.count; ++i) c2ms_node_close(chosen.nodes[i]);
+}
+
 // The status that a server's answer means for the session. True: it refused, and the node is gone.
 bool refused(c2ms_sess *session, c2ms_node *node, uint32_t result) {
+  if (is_unconfirmed(node)) {
+    if (result < 2) return false;
+    forget_server(session, node->ip, node->port);
+    c2ms_node_close(node);
+    return true;
+  }
   c2ms_sess_set_status(session, static_cast<int32_t>(std::min<uint32_t>(result, INT32_MAX)));
   if (result < 2) return false;
+  if (node->level == 0) close_unconfirmed(session);
   c2ms_node_close(node);
   return true;
 }
@@ -69,21 +105,42 @@ int open_body(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit, control_body
 
 // Media nodes that never became ready make room for what a new list names.
 void replace_unready(c2ms_sess *session) {
-  std::array<c2ms_node *, snapshot_nodes> unready;
-  size_t count = 0;
-  {
-    const adif::Guard lock(session->list_lock);
-    for (int i = 0; i < sk_num(session->node_list) && count < unready.size(); ++i) {
-      auto *const node = static_cast<c2ms_node *>(sk_value(session->node_list, i));
-      if (node->state < C2MS_NODE_READY) unready[count++] = node;
+  const chosen_nodes unready = choose_nodes(session, [](const c2ms_node *node) {
+    return node->state < C2MS_NODE_READY && !is_unconfirmed(node);
+  });
+  for (size_t i = 0; i < unready.count; ++i) c2ms_node_recycle(unready.nodes[i]);
+}
+
+uint32_t address_of(const c2ms_node *sender, const list_entry &entry) {
+  return entry.address == 0 ? sender->ip : htonl(entry.address);
+}
+
+uint32_t port_of(const list_entry &entry) {
+  return entry.port == 0 ? default_port : entry.port;
+}
+
+// Nodes that were opened from memory stay if the list names them.
+void confirm(c2ms_sess *session, const c2ms_node *sender, std::span<const list_entry> entries) {
+  const chosen_nodes chosen = choose_nodes(session, is_unconfirmed);
+  for (size_t i = 0; i < chosen.count; ++i) {
+    c2ms_node *const node = chosen.nodes[i];
+    const auto named = std::find_if(entries.begin(), entries.end(), [&](const list_entry &entry) {
+      return (entry.type & node_serves_media) != 0 && address_of(sender, entry) == node->ip &&
+             port_of(entry) == node->port;
+    });
+    if (named == entries.end()) {
+      forget_server(session, node->ip, node->port);
+      c2ms_node_close(node);
+      continue;
     }
+    node->remembered = from_memory::confirmed;
+    node->load = named->load;
   }
-  for (size_t i = 0; i < count; ++i) c2ms_node_recycle(unready[i]);
 }
 
 void open_listed(c2ms_sess *session, const c2ms_node *sender, const list_entry &entry) {
-  const uint32_t ip = entry.address == 0 ? sender->ip : htonl(entry.address);
-  const uint32_t port = entry.port == 0 ? default_port : entry.port;
+  const uint32_t ip = address_of(sender, entry);
+  const uint32_t port = port_of(entry);
   const uint32_t level = sender->level + 1;
   uint8_t type = entry.type;
   if (level > max_level) return;
@@ -94,6 +151,10 @@ void open_listed(c2ms_sess *session, const c2ms_node *sender, const list_entry &
   if ((type & served) == 0 && (entry.type & served) != 0) return;
   const c2ms_node *const known = c2ms_sess_node_find(session, ip, port);
   if (known != nullptr && known->state >= C2MS_NODE_READY && is_media(known)) return;
+  if (known != nullptr && known->remembered == from_memory::confirmed && known->failures == 0) {
+    type &= static_cast<uint8_t>(~node_serves_media);  // it is being opened already
+    if ((type & served) == 0) return;
+  }
   c2ms_node_open(session, nullptr, ip, port, type, entry.load, level);
 }
 
@@ -230,7 +291,10 @@ int c2ms_node_recv_srvlist(c2ms_sess *session, c2ms_node *node, c2ms_unit *unit,
   list_entry entries[max_list_entries];
   const int count = parse_server_list(body.bytes, body.length, entries);
   if (count < 0) return not_understood(node);
-  if (node->level == 0) replace_unready(session);
+  if (node->level == 0) {
+    replace_unready(session);
+    confirm(session, node, {entries, static_cast<size_t>(count)});
+  }
   for (int i = 0; i < count; ++i) open_listed(session, node, entries[i]);
   return 0;
 }
@@ -255,6 +319,7 @@ int c2ms_node_recv_descmedia(c2ms_sess *session, c2ms_node *node, c2ms_unit *uni
   if (!parse_description(body.bytes, body.length, &media)) return not_understood(node);
   node->load = media.load;
   note_exchange(node, *unit);
+  remember_server(session, node->ip, node->port);
   if (session->desc_count == 0) {
     std::memcpy(session->media_name, media.name, sizeof session->media_name);
     session->media_size = media.size;

@@ -1,9 +1,9 @@
 // Units, from the pool to a node: a unit is issued for a run of packs, waits in the session's queue
 // if it is meant for one node or for a reader, and is taken by a node that is free.
 //
-// The queue holds only help (a second request for a late pack) and packs that a reader needs outside
-// the prefetched range. Everything else is chosen when a node takes it (work.h). Queueing a unit only
-// marks the session "dispatch due" (core/strand_hold.h).
+// The queue holds only help (a second request for a late pack) and packs that a reader needs
+// outside the prefetched range. Everything else is chosen when a node takes it (work.h). Queueing a
+// unit only marks the session "dispatch due" (core/strand_hold.h).
 #pragma once
 
 #include <cstdint>

@@ -225,6 +225,12 @@ bool is_near(const watched &seen) {
   return seen.waits || (seen.pace > 0 && seen.lead < near_s * seen.pace);
 }
 
+void arm(c2ms_sess *sess, uint32_t period_ms) {
+  if (sess->cache.load() == nullptr || sess->usable_num < 1) return;
+  sess->watch_timer = start_timer(sess->mgmt, period_ms, timer_sess_watch, sess->sess_id);
+  sess->watches_soon = period_ms == watch_near_ms;
+}
+
 }  // namespace
 
 void watch_session(c2ms_sess *sess) {
@@ -235,13 +241,23 @@ void watch_session(c2ms_sess *sess) {
   help(sess, seen);
   give_up_hopeless(sess);
   fit_connections(sess);
-  if (is_near(seen) || sess->ready_num < sess->usable_num) start_watch(sess);
+  if (is_near(seen)) {
+    watch_soon(sess);
+  } else if (sess->ready_num < sess->usable_num) {
+    start_watch(sess);
+  }
 }
 
 void start_watch(c2ms_sess *sess) {
-  if (sess->watch_timer != nullptr || sess->cache.load() == nullptr || sess->usable_num < 1) return;
   check_inside(sess);
-  sess->watch_timer = start_timer(sess->mgmt, watch_period_ms, timer_sess_watch, sess->sess_id);
+  if (sess->watch_timer == nullptr) arm(sess, watch_far_ms);
+}
+
+void watch_soon(c2ms_sess *sess) {
+  check_inside(sess);
+  if (sess->watch_timer != nullptr && sess->watches_soon) return;
+  stop_timer(&sess->watch_timer);
+  arm(sess, watch_near_ms);
 }
 
 }  // namespace c2ms

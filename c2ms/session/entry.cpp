@@ -8,6 +8,7 @@
 
 #include "adif/tsock.h"
 #include "c2ms/core/context.h"
+#include "c2ms/core/known.h"
 #include "c2ms/core/registry.h"
 #include "c2ms/core/servers.h"
 #include "c2ms/core/strand_hold.h"
@@ -39,9 +40,20 @@ int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
   c2ms_sess_server_clear(sess);
   sess->open_pending = 1;
   sess->reopened_at_us = now_us();
+  sess->entry_ip = address;
   if (address == 0) return -100;
   sess->entry_node = c2ms_node_open(sess, sess->host, address, sess->port, node_serves_list, 0, 0);
   return sess->entry_node != nullptr ? 0 : -100;
+}
+
+void c2ms::open_known(c2ms_sess *sess) {
+  check_inside(sess);
+  for (const known_server &server : servers_known_to(sess)) {
+    if (server.ip == 0) break;
+    c2ms_node *const node =
+        c2ms_node_open(sess, nullptr, server.ip, server.port, node_serves_media, 0, 1);
+    if (node != nullptr) node->remembered = from_memory::unconfirmed;
+  }
 }
 
 void c2ms::ask_entry_if_due(c2ms_sess *sess) {

@@ -16,8 +16,12 @@ uint32_t resolve_entry(c2ms_sess *sess);
 /// strand. 0, or -100 when it can't be started.
 int start_entry_exchange(c2ms_sess *sess, uint32_t address);
 
-/// The same from an engine thread, which must not look a name up: a dotted host is asked at once,
-/// another one when the resolver's thread has its address. Inside the strand.
+/// Begins with the servers of the film before (core/known.h), while the list is on its way. Inside
+/// the strand.
+void open_known(c2ms_sess *sess);
+
+/// As start_entry_exchange, from an engine thread, which must not look a name up: a dotted host is
+/// asked at once, another one when the resolver's thread has its address. Inside the strand.
 void reopen_later(c2ms_sess *sess);
 
 /// A media node has failed (c2ms_sess::list_due): while the media has not been described and every

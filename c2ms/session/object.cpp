@@ -62,6 +62,7 @@ void reset_opening(c2ms_sess *sess) {
   sess->hook_registered = 0;
   sess->lookup_pending = false;
   sess->list_due = false;
+  sess->entry_ip = 0;
   sess->entry_asks = 0;
   sess->open_time = 0;
   sess->close_time = 0;

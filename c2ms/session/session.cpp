@@ -86,7 +86,9 @@ int32_t start_opening(c2ms_sess *sess, uint32_t address) {
   }
   sess->active_at_us = now;
   sess->reopened_at_us = now;
-  return start_entry_exchange(sess, address) == 0 ? 0 : C2MS_ENTRY_UNAVAILABLE;
+  if (start_entry_exchange(sess, address) != 0) return C2MS_ENTRY_UNAVAILABLE;
+  open_known(sess);
+  return 0;
 }
 
 bool has_nodes(c2ms_sess *sess) {
