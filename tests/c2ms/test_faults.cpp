@@ -119,8 +119,8 @@ void PrintTo(const row &r, std::ostream *out) {
 }
 
 constexpr int32_t unlisted = 1;  // what has no such phase, or would take minutes
-// A life check asks elsewhere for what is late: every 3 s, plus the transfer and a noisy machine.
-constexpr double life_check = 5.0;
+// A life check asks elsewhere for what is late: every second, plus the transfer and a noisy machine.
+constexpr double life_check = 3.0;
 
 // Each cut of a response at one place, a whole answer in between.
 std::vector<fault> cuts(fault_kind kind, bool payload) {
@@ -174,7 +174,9 @@ class OneOfFour : public Faults, public ::testing::WithParamInterface<row> {
  protected:
   // Slow enough that the bad server gets its share of requests.
   void start_four() {
-    start_rated(40'000'001, {3e6, 3e6, 3e6, 3e6});  // more than the ring holds
+    start_rated(120'000'001, {9e6, 9e6, 9e6, 9e6});  // more than the ring holds
+    library->get()->conn_check_time = 1;
+    library->get()->patience.stalled_us = 2'000'000;
   }
   void misbehave(int at, uint8_t on) {
     for (fault order : GetParam().orders) {
@@ -221,7 +223,8 @@ TEST_P(OneOfFour, PlayingSeekingAndClosing) {
   fetched = 6 * step;
   ASSERT_TRUE(play(0, fetched));
   // On a loaded machine the bad server, which connects again and again, has fewer turns meanwhile.
-  for (; server->totals(0).accepted < GetParam().orders.size() && fetched + step < size;
+  for (; GetParam().must == outcome::again &&
+         server->totals(0).accepted < GetParam().orders.size() && fetched + step < size;
        fetched += step)
     ASSERT_TRUE(play(fetched, fetched + step));
   EXPECT_LT(film->longest_wait, GetParam().longest_wait * (sanitized ? 3 : 1) * machine_slack);
@@ -293,26 +296,28 @@ TEST_F(Faults, ReadingGoesOnWhenServersReturn) {
   ASSERT_TRUE(play(0, 1'000'000));
   server->kill_all(true);
   std::thread revival([&] {
-    std::this_thread::sleep_for(5s);
+    std::this_thread::sleep_for(1500ms);
     server->revive_all();
   });
   const auto accepted = server->totals().accepted;
   const double cost = processor_seconds();
   EXPECT_TRUE(play(1'000'000, 8'000'000));
-  EXPECT_LT(processor_seconds() - cost, (0.02 * 5 + 0.3) * slack) << "mostly waiting";
+  EXPECT_LT(processor_seconds() - cost, (0.02 * 1.5 + 0.3) * slack) << "mostly waiting";
   EXPECT_TRUE(play(8'000'000, size));
   revival.join();
-  EXPECT_LT(film->longest_wait, 5.0 + 5.0);
+  EXPECT_LT(film->longest_wait, 1.5 + 1.5 + 0.5 * slack) << "the brake doubles";
   EXPECT_LT(server->totals().accepted - accepted, 60u);
 }
 
 // All servers are silent for longer than one is waited for: a receive keeps its budget, a read goes
 // on by itself.
 TEST_F(Faults, AllStallAndGoOn) {
-  start_rated(20'000'001, {4e6, 4e6});
+  start_rated(20'000'001, {16e6, 16e6});
+  library->get()->conn_check_time = 1;
+  library->get()->patience.stalled_us = 1'000'000;
   open();
   ASSERT_TRUE(play(0, 1'000'000));
-  constexpr int silence_ms = 4'000;
+  constexpr int silence_ms = 2'500;
   const fault stall{.kind = fault_kind::stall_at, .value = 5000, .ms = 12'000};
   on_all([&](int node) { server->set_fault(node, stall); });
   std::thread end([&] {
@@ -328,13 +333,15 @@ TEST_F(Faults, AllStallAndGoOn) {
   EXPECT_TRUE(play(1'000'000, 12'000'000, budget));
   end.join();
   EXPECT_GT(film->longest_wait, 1.0) << "there was no silence";
-  EXPECT_LT(film->longest_wait, 10.0 + 5.0);  // who is silent for 10 s is given up
+  EXPECT_LT(film->longest_wait, 2.5 + 2.0 + 2.0 * slack);  // who is silent for 1 s is given up
   EXPECT_TRUE(play(12'000'000, size));
 }
 
 // The servers that play are gone for good; the entry server, asked again by itself, names others.
 TEST_F(Faults, AnotherListReplacesDeadServers) {
-  start_rated(30'000'001, {3e6, 3e6, 3e6});
+  start_rated(30'000'001, {20e6, 20e6, 20e6});
+  library->get()->sess_check_time = library->get()->patience.reporting_check_s = 1;
+  library->get()->patience.reopen_after_us = 2'000'000;
   server->set_fault(refserver::entry_server, {.kind = fault_kind::list_duplicates});
   open();
   ASSERT_TRUE(play(0, 1'000'000));
@@ -343,13 +350,13 @@ TEST_F(Faults, AnotherListReplacesDeadServers) {
   server->clear_faults(refserver::entry_server);
   ASSERT_TRUE(play(1'000'000, size));
   EXPECT_GT(server->totals(1).media + server->totals(2).media, 0u);
-  EXPECT_GT(film->longest_wait, 15.0);
-  EXPECT_LT(film->longest_wait, 20.0 + 8 + 8 + 5);  // lost for 20 s, seen at a check, listed
+  EXPECT_GT(film->longest_wait, 1.5);
+  EXPECT_LT(film->longest_wait, 2.0 + 1 + 1 + 1 * slack);  // lost for 2 s, seen at a check, listed
 }
 
 // One server is slow, one is stuck: the reader gets what the healthy ones can give.
 TEST_F(Faults, OneSlowOneStuck) {
-  start_rated(40'000'001, {5e6, 5e6, 1e5, 5e6});
+  start_rated(40'000'001, {8e6, 8e6, 1e5, 8e6});
   server->set_fault(3, {.kind = fault_kind::stall_at, .value = 20'000, .from = 3});
   open();
   ASSERT_TRUE(play(0, size));
