@@ -174,9 +174,9 @@ class OneOfFour : public Faults, public ::testing::WithParamInterface<row> {
  protected:
   // Slow enough that the bad server gets its share of requests.
   void start_four() {
-    start_rated(120'000'001, {9e6, 9e6, 9e6, 9e6});  // more than the ring holds
+    start_rated(120'000'001, {12e6, 12e6, 12e6, 12e6});  // more than the ring holds
     library->get()->conn_check_time = 1;
-    library->get()->patience.stalled_us = 2'000'000;
+    library->get()->patience.stalled_us = 1'000'000;
   }
   void misbehave(int at, uint8_t on) {
     for (fault order : GetParam().orders) {
@@ -231,7 +231,7 @@ TEST_P(OneOfFour, PlayingSeekingAndClosing) {
   expect_outcome();
   // A second answer of two is not always needed to be seen.
   EXPECT_TRUE(injected(0) > 0 || server->totals(0).accepted > 1) << "not committed";
-  seek_and_read(10);
+  seek_and_read(6);
   server->clear_faults(0);
   server->kill_node(2);
   server->kill_node(3);
