@@ -2,7 +2,7 @@
 #pragma once
 
 #include "c2ms.h"
-#include "findings.h"
+#include "dice.h"
 #include "testing/media_server.h"
 
 namespace chaos {

@@ -19,7 +19,4 @@ inline constexpr const char *script_names[] = {"play", "index", "steps"};
 /// healthy play. The seconds that the first took.
 double run_play(Report &report, World &world, script which, const std::function<void()> &arm);
 
-/// So that nothing takes long, and reports go to nobody.
-void shorten_periods(c2ms_mgmt *mgmt);
-
 }  // namespace sweep

@@ -6,11 +6,11 @@
 #include <map>
 #include <memory>
 
-#include "../support.h"
 #include "adif/dlist.h"
 #include "adif/hashtab.h"
 #include "adif/kalloc.h"
 #include "adif/stack.h"
+#include "support/support.h"
 
 namespace {
 

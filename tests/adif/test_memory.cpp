@@ -8,10 +8,10 @@
 #include <memory>
 #include <set>
 
-#include "../support.h"
 #include "adif/bmempool.h"
 #include "adif/kalloc.h"
 #include "adif/memunit.h"
+#include "support/support.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <csignal>
 #include <limits>
 
-#include "../support.h"
 #include "adif/filemutex.h"
 #include "adif/process.h"
 #include "adif/sync.h"
+#include "support/support.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "../support.h"
 #include "adif/frame.h"
 #include "adif/timetext.h"
+#include "support/support.h"
 
 namespace {
 

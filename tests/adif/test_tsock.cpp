@@ -9,8 +9,8 @@
 
 #include <algorithm>
 
-#include "../support.h"
 #include "adif/tsock.h"
+#include "support/support.h"
 
 namespace {
 

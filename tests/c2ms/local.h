@@ -4,11 +4,11 @@
 #include <cstring>
 #include <vector>
 
-#include "../support.h"
 #include "c2ms.h"
+#include "c2ms/fetch/queue.h"
 #include "c2ms/session/mgmt.h"
 #include "c2ms/session/object.h"
-#include "c2ms/fetch/queue.h"
+#include "support/support.h"
 
 class Local : public ::testing::Test {
  protected:

@@ -1,8 +1,8 @@
 // Opening: what is accepted, which error each failure gives and how soon.
 #include "adif/tsock.h"
+#include "c2ms/core/strand.h"
 #include "c2ms/fetch/node.h"
 #include "c2ms/session/object.h"
-#include "c2ms/core/strand.h"
 #include "c2ms/session/url.h"
 #include "player.h"
 
@@ -149,7 +149,7 @@ TEST_F(Opening, AnotherListIsAskedForWhenAllServersOfOneAreDead) {
   const auto lists = [&] { return server->totals(refserver::entry_server).lists; };
   server->set_fault(refserver::entry_server,
                     {.kind = refserver::fault_kind::list_duplicates, .count = 1});
-  EXPECT_LT(took([&] { EXPECT_EQ(open_error(server->url(id)), 0); }), 2.0 * slack);
+  EXPECT_LT(took([&] { EXPECT_EQ(open_error(server->url(id)), 0); }), 2.0 * slack());
   EXPECT_EQ(lists(), 2u);
   server->kill_node(1);
   static int seconds;

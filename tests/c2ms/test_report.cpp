@@ -7,12 +7,12 @@
 #include <algorithm>
 #include <atomic>
 
+#include "c2ms/core/records.h"
 #include "c2ms/report/auth.h"
 #include "c2ms/report/perf.h"
-#include "c2ms/session/pump.h"
-#include "c2ms/core/records.h"
-#include "c2ms/session/session.h"
 #include "c2ms/session/object.h"
+#include "c2ms/session/pump.h"
+#include "c2ms/session/session.h"
 #include "player.h"
 #include "testing/report_service.h"
 
@@ -80,7 +80,7 @@ class Reporting : public Served {
 };
 
 TEST_F(Reporting, AgentsAnswersAndTheirResults) {
-  const int wait_ms = static_cast<int>(100 * std::min(slack, 3.0));
+  const int wait_ms = static_cast<int>(100 * std::min(slack(), 3.0));
   point(*library, {wait_ms, 3 * wait_ms / 2, wait_ms, wait_ms});
   c2ms_sess *const sess = c2ms_sess_fetch(library->get());
   struct row {
@@ -217,7 +217,7 @@ TEST_F(Reporting, AgentsRefusalEndsReading) {
         [&] { waited = c2ms_sess_read(play.get(), nullptr, static_cast<int32_t>(size), 0); });
     EXPECT_TRUE(reader_waits(play));
     check(play.get());
-    EXPECT_LT(took([&] { reader.join(); }), 1.0 * slack);
+    EXPECT_LT(took([&] { reader.join(); }), 1.0 * slack());
     EXPECT_EQ(waited, code);
     const auto before = server->totals().payload_sent;
     for (int node = 0; node < 2; ++node) server->set_rate(node, 0);
@@ -262,7 +262,7 @@ TEST_F(Reporting, ClosedDuringEachWait) {
     service.clear();
     service.set_agent({.delay_ms = 50});
     service.set_report({.delay_ms = 50});
-    EXPECT_LT(closing(after_ms), 1.0 * slack);
+    EXPECT_LT(closing(after_ms), 1.0 * slack());
     for (const auto channel : {report_channel::agent, report_channel::performance}) {
       EXPECT_TRUE(eventually([&] { return count(channel, 258) == 1; }));
       EXPECT_EQ(count(channel, 257), 1u);
@@ -272,14 +272,14 @@ TEST_F(Reporting, ClosedDuringEachWait) {
   for (const int after_ms : {0, 30, 130, 230, 270, 330}) {  // connected, -500; ping; -400
     service.set_agent({.silent = after_ms > 200});
     service.set_report({.silent = true});
-    EXPECT_LT(closing(after_ms), 0.2 + 0.1 + 0.2 + 0.2 + 0.5 * slack);
+    EXPECT_LT(closing(after_ms), 0.2 + 0.1 + 0.2 + 0.2 + 0.5 * slack());
   }
 }
 
 // Who does not answer delays neither the other channel nor another session: one after another, the
 // last of four would be told after three waits.
 TEST_F(Reporting, SilenceDelaysNobodyElse) {
-  const int wait_ms = static_cast<int>(500 * slack);
+  const int wait_ms = static_cast<int>(500 * slack());
   point(*library, {wait_ms, wait_ms, wait_ms, wait_ms});
   const auto told = [&](report_channel channel, uint32_t type, size_t times) {
     return eventually([&] { return count(channel, type) >= times; }, 2ms * wait_ms);
@@ -330,7 +330,7 @@ TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
     });
     std::this_thread::sleep_for(100ms);
     const size_t before = service.messages().size();
-    EXPECT_LT(took([&] { other.clean(); }), 1.2 * slack);
+    EXPECT_LT(took([&] { other.clean(); }), 1.2 * slack());
     closer.join();
     EXPECT_EQ(service.messages().size(), before);
     for (const auto &play : films) play->forget();

@@ -6,10 +6,10 @@
 #include <set>
 #include <vector>
 
-#include "../support.h"
 #include "crypto/des.h"
 #include "crypto/md5.h"
 #include "crypto/random.h"
+#include "support/support.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 
 #include <atomic>
 
-#include "../support.h"
 #include "c2ms.h"
 #include "c2ms/session/mgmt.h"
 #include "c2ms/session/object.h"
+#include "support/support.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #pragma once
 
 #include "c2ms.h"
-#include "findings.h"
+#include "support/findings.h"
 
-namespace chaos {
+namespace support {
 
 /// What the process holds.
 struct Holdings {
@@ -29,4 +29,4 @@ void check_idle(Findings &findings, c2ms_mgmt *mgmt, const Idle &before);
 /// Library and servers are gone: descriptors and threads are as before.
 void check_gone(Findings &findings, const Holdings &before);
 
-}  // namespace chaos
+}  // namespace support
