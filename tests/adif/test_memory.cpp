@@ -107,17 +107,6 @@ TEST_F(MemUnitModel, BlocksNeverOverlapAndMergeAgain) {
   EXPECT_GT(made, 800) << "only the smallest are refused";
 }
 
-TEST(MemUnit, NullsAndSmallestLengths) {
-  alignas(16) uint8_t memory[1024];
-  mem_unit *const unit = mem_unit_init(memory, sizeof memory), *const none = nullptr;
-  void *const p = mem_unit_alloc(unit, 1);
-  EXPECT_EQ(mem_unit_free(none, p) + mem_unit_shrinkto(none, p, 1), -2);
-  EXPECT_EQ(mem_unit_free(unit, nullptr) + mem_unit_shrinkto(unit, nullptr, 1), -4);
-  for (int size : {-1, 0})
-    EXPECT_TRUE(mem_unit_alloc(unit, size) == nullptr && mem_unit_shrinkto(unit, p, size) == -4);
-  EXPECT_TRUE(mem_unit_init(nullptr, 4096) == nullptr && mem_unit_alloc(none, 1) == nullptr);
-}
-
 // A pool of int, with a limit if `maximum` isn't 0.
 struct TestPool {
   block_pool *pool = BPoolInit(nullptr);
