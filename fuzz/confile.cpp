@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "adif/check.h"
 #include "adif/confile.h"
 #include "adif/kalloc.h"
 #include "adif/profile.h"
