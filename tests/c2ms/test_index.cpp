@@ -359,20 +359,13 @@ TEST(Index, RefusedOrUnfinished) {
     ASSERT_EQ(c2ms_sess_cache_init(movie.sess, 4096), 0);
     EXPECT_EQ(c2ms_sess_idx_open(movie.sess, nullptr), -200);
   }
-  // No cache at all, no session, closed index.
+  // No cache at all.
   Movie movie(media);
   movie.set_index(refserver::pack_index(moov(3000)));
   ASSERT_TRUE(movie.server.start());
   const Film film(movie.library, movie.server, movie.id);
-  for (const opener open : {c2ms_sess_idx_open, c2ms_sess_idx_open_asyn}) {
+  for (const opener open : {c2ms_sess_idx_open, c2ms_sess_idx_open_asyn})
     EXPECT_EQ(open(film.get(), nullptr), -2);
-    EXPECT_EQ(open(nullptr, nullptr), -1);
-  }
-  for (const int result :
-       {c2ms_sess_idx_read(nullptr, nullptr, 1, 0), c2ms_sess_idx_offset(nullptr, nullptr),
-        c2ms_sess_idx_attr(nullptr), c2ms_sess_is_in_idx(nullptr, 0), c2ms_sess_idx_close(nullptr)})
-    EXPECT_EQ(result, -1);
-  EXPECT_EQ(c2ms_sess_idx_close(film.get()), 0);
 }
 
 TEST(Index, OfAnotherMediaStandsForItsFirstBytes) {

@@ -135,19 +135,9 @@ TEST(Des, WrongPaddingAndLengthsAreRefused) {
   }
   for (const size_t len : {0, 1, 7, 9, 15}) EXPECT_EQ(c.decrypt(std::string(len, 'x')), "failed");
 
-  const cipher c3("0123456789abcdef23456789abcdef01");
   uint8_t out[16];
   int n = 0;
-  for (int result :
-       {DesSetKey(nullptr, out), Des3Set2Key(nullptr, out, out),
-        DesEncrypt(nullptr, "x", 1, out, &n), DesEncrypt(&c.des, "x", -1, out, &n),
-        DesEncrypt(&c.des, "x", INT32_MAX, out, &n), DesEncrypt(&c.des, "x", 1, out, nullptr),
-        DesDecrypt(nullptr, "12345678", 8, out, &n), DesDecrypt(&c.des, "12345678", -8, out, &n),
-        DesDecrypt(&c.des, "12345678", 8, out, nullptr), DesDecrypt(&c.des, "12345678", 1, out, &n),
-        Des3Encrypt(nullptr, "x", 1, out, &n), Des3Encrypt(&c3.des3, "x", -1, out, &n),
-        Des3Decrypt(&c3.des3, "12345678", 1, out, &n),
-        Des3Decrypt(nullptr, "12345678", 8, out, &n)})
-    EXPECT_EQ(result, -1);
+  EXPECT_EQ(DesEncrypt(&c.des, "x", INT32_MAX, out, &n), -1) << "padded, no int tells its length";
 }
 
 TEST(Md5, PublishedVectorsWholeInPiecesAndFromFiles) {
