@@ -39,6 +39,10 @@ void server_loop::readable(uint64_t id) {
     if (static_cast<size_t>(n) < sizeof piece) break;  // an end that follows is an event of its own
   }
   if (c->in.size() > input_limit) closed = true;
+  if (c->node->options.one_at_a_time && !c->out.empty() && !c->in.empty()) {
+    ++c->node->totals.thrown_away;
+    c->in.clear();
+  }
   // What came before the end is still logged and answered as far as it goes.
   if (c->out.empty()) pump(id);
   if (closed) drop(id, false);

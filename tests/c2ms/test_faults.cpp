@@ -360,6 +360,56 @@ TEST_F(Faults, TheFastestFallsSilent) {
   EXPECT_LT(film->longest_wait, 1.0 * slack());
 }
 
+// Answers of several packs end at a pack's border and in the middle of one: what came before is
+// kept, and only the rest is asked for again.
+TEST_F(Faults, RunsThatAreCutKeepWhatCame) {
+  constexpr uint64_t pack = 16384, cut = 2 * pack;
+  start(12'000'001, {.nodes = 1, .node = {{.rate_bytes_per_s = 20e6, .delay_ms = 5}}});
+  for (uint32_t i = 0; i < 8; ++i)
+    server->add_fault(0, {.kind = fault_kind::close_at,
+                          .value = 37 + cut + i % 2 * pack / 2,
+                          .from = 8 + 4 * i,
+                          .count = 1,
+                          .on = refserver::on_media});
+  open(0, pack);
+  ASSERT_TRUE(play(0, size));
+  int at_a_border = 0, inside = 0;
+  for (const auto &request : server->log()) {
+    if (request.injected != fault_kind::close_at || request.length < cut + pack) continue;
+    ++(request.payload_sent == cut ? at_a_border : inside);
+  }
+  EXPECT_GT(at_a_border, 0);
+  EXPECT_GT(inside, 0);
+  EXPECT_EQ(stats_of(*film).bytes_received, size);
+  EXPECT_EQ(server->totals().payload_sent, size);
+}
+
+// A server throws away what it is asked while it answers: each connection finds that out once.
+TEST_F(Faults, WhoTakesNothingAheadIsNotAskedAheadAgain) {
+  start(20'000'001,
+        {.nodes = 1, .node = {{.rate_bytes_per_s = 20e6, .delay_ms = 40, .one_at_a_time = true}}});
+  open();
+  ASSERT_TRUE(play(0, size));
+  EXPECT_LT(film->longest_wait, 1.0 * slack());
+  EXPECT_GT(server->totals().thrown_away, 0u) << "nothing was asked ahead";
+  EXPECT_LE(server->totals().thrown_away, 8u) << "more than there are connections";
+}
+
+TEST_F(Faults, WhoWasSilentAndRecoversIsUsedAgain) {
+  start_rated(30'000'001, {12e6, 12e6});
+  library->get()->conn_check_time = 1;
+  library->get()->patience.stalled_us = 500'000;
+  open();
+  ASSERT_TRUE(play(0, 1'000'000));
+  server->set_fault(0, {.kind = fault_kind::mute, .on = refserver::on_media});
+  const uint64_t sent = server->totals(0).payload_sent;
+  ASSERT_TRUE(play(1'000'000, 14'000'000));
+  EXPECT_LT(server->totals(0).payload_sent - sent, 1'000'000u) << "it was not silent";
+  server->clear_faults(0);
+  ASSERT_TRUE(play(14'000'000, size));
+  EXPECT_GT(server->totals(0).payload_sent - sent, 3'000'000u);
+}
+
 // The servers refuse while the film plays: buffered bytes are delivered, then the reader is told
 // why.
 TEST_F(Faults, RefusalsReachTheReader) {
