@@ -195,24 +195,9 @@ void machine::step(uint8_t what, size_t offset, size_t n) {
   }
 }
 
-/// More than a frame may hold, and a frame joined to itself.
-bool refuses_the_impossible() {
-  frame_t *none = nullptr, *some = nullptr;
-  char byte = 'x';
-  require(putLastByte(&some, byte) == 1 && frameGrow(&some, INT32_MAX) == -1);
-  require(putnLastBytes(&none, &byte, INT32_MAX) == -1 && none == nullptr);
-  frame_t *twice = some;
-  require(combineFrame(&some, &some) == -1 && combineFrame(&some, &twice) == -1);
-  require(frameLength(some) == 1);
-  deleteFrame(&some);
-  return true;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static const bool refused = refuses_the_impossible();
-  require(refused);
   constexpr size_t longest = 4096;
   machine under_test;
   for (; size >= 3 && under_test.text.size() < longest; data += 3, size -= 3) {

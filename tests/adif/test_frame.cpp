@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cwchar>
 
 #include "adif/framebuf.h"
 #include "adif/framecodec.h"
@@ -200,6 +201,8 @@ TEST(frame_family, refuses_what_cannot_be) {
        {putnLastBytes(h, nullptr, INT_MAX), frameGrowHead(h, INT_MAX),
         appendnBytes(h, 'x', INT_MAX), deleteMidBytes(f, INT_MAX, INT_MAX), setBit(f, INT_MAX, 1)})
     EXPECT_EQ(result, -1);
+  frame_t *same = f;
+  EXPECT_EQ(combineFrame(h, h) + combineFrame(h, &same), -2) << "a frame joined to itself";
   EXPECT_EQ(held.text(), "abc");
 }
 
@@ -228,6 +231,7 @@ TEST(frame, texts_numbers_and_shifts_at_their_bounds) {
   EXPECT_EQ(copyToString(frame.get(), 6, 3, out, sizeof out), 3);
   EXPECT_STREQ(out, "App");
   appendDecimal(frame.handle(), INT64_MIN);
+  EXPECT_EQ(appendFormatString(frame.handle(), "%lc", static_cast<wint_t>(-1)), -1) << "no text";
   EXPECT_STREQ(frameString(frame.get()), "  -42 Apples-9223372036854775808");
   for (const auto shift : {shiftBitLeft, shiftBitRight}) {
     holder bits("@@");

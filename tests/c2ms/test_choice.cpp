@@ -2,8 +2,8 @@
 // tries the whole.
 #include <gtest/gtest.h>
 
-#include "c2ms/fetch/choice.h"
 #include "c2ms/core/estimate.h"
+#include "c2ms/fetch/choice.h"
 
 namespace c2ms {
 namespace {

@@ -3,8 +3,8 @@
 #include <atomic>
 #include <set>
 
-#include "boxes.h"
 #include "player.h"
+#include "support/boxes.h"
 #include "testing/mp4_index.h"
 
 namespace player {
@@ -469,7 +469,7 @@ TEST(Index, IncrementalOpenGivenUpOrDisturbed) {
 TEST(Index, SeeksDuringAnOpenDoNothing) {
   for (const opener open : both_opens) {
     Movie movie(ftyp() + moov(100'000) + box("mdat", noise(300'000)), "film.mp4",
-                {.nodes = 1, .node = {{.rate_bytes_per_s = 200'000}}});
+                {.nodes = 1, .node = {{.rate_bytes_per_s = 400'000}}});
     movie.open_indexed();
     std::atomic<bool> over{false};
     std::thread seeker([&] {

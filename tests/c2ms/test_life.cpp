@@ -40,6 +40,8 @@ class Blocked : public Life {
  protected:
   void SetUp() override {
     Life::SetUp();
+    library->get()->conn_check_time = 1;
+    library->get()->patience.stalled_us = 1'000'000;
     film = std::make_unique<Film>(*library, *server, id, 65536);
     ASSERT_TRUE(film->play(0, 65536, 65536, Film::blocking));
     on_all([&](int node) { server->set_fault(node, {.kind = refserver::fault_kind::mute}); });
@@ -122,7 +124,6 @@ TEST_F(Blocked, CancelEndsWhoWaitsAndLaterCalls) {
   ASSERT_EQ(c2ms_sess_cancel(sess, 0), 0);
   on_all([&](int node) { server->clear_faults(node); });
   EXPECT_TRUE(film->play(20'000, 200'000, 30'000, Film::blocking));
-  EXPECT_EQ(c2ms_sess_cancel(nullptr, 1), -1);
   // A cancelled session closes. Its record is used again: the next film is not cancelled.
   ASSERT_EQ(c2ms_sess_cancel(sess, 1), 0);
   film->close();

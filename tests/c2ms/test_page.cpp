@@ -1,8 +1,8 @@
 // The examples of docs/protocol.md are what both sides of the wire write and read.
 #include <sstream>
 
-#include "c2ms/wire/pdu.h"
 #include "c2ms/report/report.h"
+#include "c2ms/wire/pdu.h"
 #include "local.h"
 #include "testing/report_wire.h"
 

@@ -7,10 +7,10 @@
 #include <numeric>
 #include <string>
 
-#include "c2ms/ring/cache.h"
 #include "c2ms/fetch/node_record.h"
-#include "c2ms/ring/pack.h"
 #include "c2ms/fetch/unit.h"
+#include "c2ms/ring/cache.h"
+#include "c2ms/ring/pack.h"
 #include "local.h"
 
 namespace {
