@@ -1,22 +1,11 @@
 #include "books.h"
 
+#include "support/books.h"
+
 namespace chaos {
 
 void Books::enter(Findings &findings, c2ms_sess *sess) {
-  c2ms_stats stats{};
-  if (c2ms_sess_stats(sess, &stats, sizeof stats) != 0) return findings.add("no statistics");
-  c2ms_node_stats sum = stats.gone;
-  for (uint32_t i = 0; i < stats.nodes; ++i) {
-    sum.bytes_received += stats.node[i].bytes_received;
-    sum.requests += stats.node[i].requests;
-    sum.failures += stats.node[i].failures;
-  }
-  if (stats.bytes_received != stats.bytes_kept + stats.bytes_discarded ||
-      stats.requests != stats.completed + stats.given_up + stats.in_flight ||
-      sum.bytes_received != stats.bytes_received || sum.requests != stats.requests ||
-      sum.failures != stats.failures)
-    findings.add("the statistics do not add up");
-  if (stats.memory_bytes > stats.memory_cap_bytes) findings.add("more memory than the context's");
+  const c2ms_stats stats = support::check_books(findings, sess);
   received_ += stats.bytes_received + stats.bytes_overhead;
   completed_ += stats.completed;
 }

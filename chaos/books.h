@@ -3,7 +3,7 @@
 
 #include "c2ms.h"
 #include "c2ms/core/records.h"
-#include "findings.h"
+#include "dice.h"
 #include "testing/media_server.h"
 
 namespace chaos {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <thread>
 
-#include "aftermath.h"
+#include "support/library.h"
 #include "viewer.h"
 
 namespace chaos {
@@ -154,25 +154,23 @@ void Driver::work(int role) {
 }
 
 int Driver::run() {
-  std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first
-  const Holdings before = holdings_now();
+  const support::Holdings before = support::holdings_now();
   server_ = std::make_unique<refserver::media_server>(
       refserver::server_options{.nodes = 3, .keep_log = false});
   film_ = server_->add_generated("film.mp4", film_bytes);
   if (!server_->start()) return 2;
-  static const uint8_t hid[20] = {2, 0, 0, 0, 0, 1};
-  mgmt_ = c2ms_mgmt_init(nullptr, 1, 0, hid, 16 << 20);
-  const Idle idle = idle_of(mgmt_);
+  support::Library library(16 << 20);
+  mgmt_ = library.get();
   begin_ = clock::now();
   std::vector<std::thread> threads;
   for (int role = 0; role < thread_count; ++role) threads.emplace_back([=, this] { work(role); });
   for (std::thread &thread : threads) thread.join();
   const double took = seconds_since(begin_);
   for (Slot &slot : slots_) close(slot);
-  check_idle(findings_, mgmt_, idle);
-  c2ms_mgmt_clean(mgmt_);
+  library.check(findings_);
+  library.clean();
   server_.reset();
-  check_gone(findings_, before);
+  support::check_gone(findings_, before);
   for (const std::string &line : findings_.lines()) std::printf("%s\n", line.c_str());
   std::printf("%.1f s, %llu opens, %llu bytes read: %s\n", took,
               static_cast<unsigned long long>(opens_.load()),
@@ -184,7 +182,6 @@ int Driver::run() {
 }  // namespace
 
 int drive(int64_t calls, uint64_t seed, adif::pool_mode pools) {
-  c2ms_set_diag(nullptr, nullptr);
   adif::pool_test_mode(pools);
   return Driver(calls, seed).run();
 }

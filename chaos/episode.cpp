@@ -5,9 +5,8 @@
 #include <cstdlib>
 #include <thread>
 
-#include "aftermath.h"
-#include "c2ms/core/records.h"
 #include "pair.h"
+#include "support/library.h"
 
 namespace chaos {
 
@@ -19,7 +18,7 @@ class Watchdog {
   Watchdog(uint64_t seed, std::vector<const current_call *> calls)
       : thread_([this, seed, watched = std::move(calls)] {
           std::unique_lock lock(mutex_);
-          const auto limit = std::chrono::seconds(static_cast<int>(150 * std::min(slack, 2.0)));
+          const auto limit = std::chrono::seconds(static_cast<int>(150 * std::min(slack(), 2.0)));
           if (over_.wait_for(lock, limit, [this] { return done_; })) return;
           std::fprintf(stderr, "seed %llu hangs in:", static_cast<unsigned long long>(seed));
           for (const current_call *call : watched) {
@@ -46,29 +45,14 @@ class Watchdog {
 };
 
 /// A library with short periods.
-class Library {
+class Library : public support::Library {
  public:
-  explicit Library(World &world) : findings_(world.findings) {
-    static const uint8_t hid[20] = {2, 0, 0, 0, 0, 1};
-    mgmt = c2ms_mgmt_init(nullptr, 1, 0, hid, 8 << 20);
-    mgmt->build_tcp_max_time = 1;
-    mgmt->conn_check_time = 1;
-    mgmt->sess_check_time = 1;
-    mgmt->report_waits = {.ping_ms = 50, .reply_ms = 50, .connect_ms = 50, .send_ms = 50};
-    before_ = idle_of(mgmt);
-  }
+  explicit Library(World &world) : findings_(world.findings) { support::shorten_waits(get()); }
   /// With its sessions closed.
-  ~Library() {
-    check_idle(findings_, mgmt, before_);
-    c2ms_mgmt_clean(mgmt);
-  }
-  Library(const Library &) = delete;
-  Library &operator=(const Library &) = delete;
-  c2ms_mgmt *mgmt;
+  ~Library() { check(findings_); }
 
  private:
   Findings &findings_;
-  Idle before_;
 };
 
 void run_viewers(World &world, Tally &tally, uint64_t seed, bool two_libraries,
@@ -76,8 +60,8 @@ void run_viewers(World &world, Tally &tally, uint64_t seed, bool two_libraries,
   const Library one(world);
   std::unique_ptr<Library> other;
   if (two_libraries) other = std::make_unique<Library>(world);
-  Viewer first(world, one.mgmt, tally, seed, 1);
-  Viewer second(world, two_libraries ? other->mgmt : one.mgmt, tally, seed, 2);
+  Viewer first(world, one.get(), tally, seed, 1);
+  Viewer second(world, two_libraries ? other->get() : one.get(), tally, seed, 2);
   const Watchdog watchdog(seed, {&first.current, &second.current});
   std::thread threads[] = {
       std::thread([&] { first.storm(), first.finish(); }),
@@ -89,8 +73,8 @@ void run_viewers(World &world, Tally &tally, uint64_t seed, bool two_libraries,
 
 void run_pair(World &world, Tally &tally, uint64_t seed, milliseconds storm) {
   const Library library(world);
-  Pair pair(world, library.mgmt, tally, seed);
-  Viewer last(world, library.mgmt, tally, seed, 3);
+  Pair pair(world, library.get(), tally, seed);
+  Viewer last(world, library.get(), tally, seed, 3);
   const Watchdog watchdog(seed, {&pair.reader_call, &pair.other_call, &last.current});
   std::thread reader([&] { pair.read_on(); });
   std::thread other([&] { pair.disturb(); });
@@ -103,7 +87,7 @@ void run_pair(World &world, Tally &tally, uint64_t seed, milliseconds storm) {
 }  // namespace
 
 Episode run_episode(uint64_t seed, Tally &tally) {
-  const Holdings before = holdings_now();
+  const support::Holdings before = support::holdings_now();
   const auto begin = clock::now();
   Episode episode;
   Findings left;
@@ -121,7 +105,7 @@ Episode run_episode(uint64_t seed, Tally &tally) {
     episode.injected = world.injected();
     episode.findings = world.findings.lines();
   }
-  check_gone(left, before);
+  support::check_gone(left, before);
   for (const std::string &line : left.lines()) episode.findings.push_back(line);
   return episode;
 }

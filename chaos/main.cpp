@@ -1,18 +1,14 @@
 // chaos: seeded runs of the library against servers that misbehave at random, in several processes
 // at once. Called by ./dev chaos and by CTest. Status 0: no run found anything.
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+#include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <thread>
 
 #include "adif/bmempool.h"
-#include "aftermath.h"
 #include "driver.h"
 #include "episode.h"
+#include "support/aftermath.h"
+#include "support/child.h"
 
 namespace {
 
@@ -92,7 +88,6 @@ void report(uint64_t seed, const std::vector<std::string> &findings) {
 int work(const options &wanted, int job, clock::time_point begin, progress *mine) {
   c2ms_set_diag(nullptr, nullptr);
   adif::pool_test_mode(wanted.pools);
-  std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first
   Tally tally;
   int64_t heap_early = 0;
   for (uint64_t i = static_cast<uint64_t>(job);; i += static_cast<uint64_t>(wanted.jobs)) {
@@ -108,7 +103,7 @@ int work(const options &wanted, int job, clock::time_point begin, progress *mine
     mine->injected += episode.injected;
     if (!episode.findings.empty()) ++mine->failed, report(seed, episode.findings);
     const uint64_t runs = ++mine->runs;
-    const Holdings now = holdings_now();
+    const support::Holdings now = support::holdings_now();
     if (runs <= warm_up) heap_early = now.heap_bytes, mine->resident_early = now.resident_bytes;
     mine->heap_growth = now.heap_bytes - heap_early;
     mine->resident_late = now.resident_bytes;
@@ -125,14 +120,10 @@ int work(const options &wanted, int job, clock::time_point begin, progress *mine
 int gather(const std::vector<pid_t> &children, const progress *shared) {
   int lost = 0;
   for (size_t job = 0; job < children.size(); ++job) {
-    int status = 0;
-    waitpid(children[job], &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) continue;
+    const support::Ended ended = support::await_child(children[job]);
+    if (ended.code() == 0) continue;
     ++lost;
-    const bool signalled = WIFSIGNALED(status);
-    report(shared[job].seed,
-           {std::string("the process ended with ") + (signalled ? "signal " : "status ") +
-            std::to_string(signalled ? WTERMSIG(status) : WEXITSTATUS(status))});
+    report(shared[job].seed, {"the process ended with " + ended.text()});
   }
   return lost;
 }
@@ -183,17 +174,13 @@ int main(int count, char **words) {
   if (wanted.driver_calls > 0) return drive(wanted.driver_calls, wanted.seed, wanted.pools);
   if (wanted.seeds > 0)
     wanted.jobs = static_cast<int>(std::min<uint64_t>(wanted.seeds, wanted.jobs));
-  void *const memory = mmap(nullptr, sizeof(progress) * most_jobs, PROT_READ | PROT_WRITE,
-                            MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) return 2;
-  auto *const shared = new (memory) progress[most_jobs]{};
+  const support::Shared<std::array<progress, most_jobs>> memory;
+  progress *const shared = memory->data();
   const auto begin = clock::now();
   std::vector<pid_t> children;
   for (int job = 0; job < wanted.jobs; ++job) {
-    const pid_t child = fork();
-    // exit() lets the leak sanitizer look.
-    if (child == 0) std::exit(work(wanted, job, begin, &shared[job]));
-    children.push_back(child);
+    children.push_back(
+        support::start_child([&] { return work(wanted, job, begin, &shared[job]); }));
   }
   const int lost = gather(children, shared);
   return summarize(wanted, shared, seconds_since(begin), lost);

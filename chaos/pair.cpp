@@ -34,7 +34,7 @@ size_t Pair::moves_over() const {
   return count;
 }
 
-void Pair::move_to(c2ms_sess *, uint64_t to, const std::function<int()> &call) {
+void Pair::move_to(uint64_t to, const std::function<int()> &call) {
   {
     const std::lock_guard lock(moves_lock_);
     moves_.push_back({to, false, base_});
@@ -49,7 +49,7 @@ void Pair::select_file(c2ms_sess *sess) {
   base_ = other_dice_.one_in(2) ? 0 : other_dice_.below(world_.size - 1);
   length_ = world_.size - base_;
   if (length_ % static_cast<uint64_t>(pack_) == 0) --length_;
-  move_to(sess, base_, [&] { return c2ms_sess_range(sess, base_, length_); });
+  move_to(base_, [&] { return c2ms_sess_range(sess, base_, length_); });
 }
 
 bool Pair::open() {
@@ -77,7 +77,7 @@ void Pair::close() {
 void Pair::seek(c2ms_sess *sess) {
   const uint64_t to = other_dice_.below(length_ + 1);
   const uint64_t lands = base_ + std::min(to, length_ - 1);
-  move_to(sess, lands, [&] { return c2ms_sess_seek(sess, to); });
+  move_to(lands, [&] { return c2ms_sess_seek(sess, to); });
 }
 
 void Pair::act(c2ms_sess *sess) {

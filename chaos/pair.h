@@ -33,7 +33,7 @@ class Pair {
   void close();
   void act(c2ms_sess *sess);
   void seek(c2ms_sess *sess);
-  void move_to(c2ms_sess *sess, uint64_t to, const std::function<int()> &call);
+  void move_to(uint64_t to, const std::function<int()> &call);
   void select_file(c2ms_sess *sess);
   size_t moves_over() const;
   void read_once(c2ms_sess *sess);

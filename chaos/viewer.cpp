@@ -22,7 +22,7 @@ class Idleness {
   ~Idleness() {
     const double waited = seconds_since(begin_);
     const double cost = static_cast<double>(std::clock() - cost_) / CLOCKS_PER_SEC;
-    if (waited > 5 && cost > (0.02 * waited + 0.3) * slack)
+    if (waited > 5 && cost > (0.02 * waited + 0.3) * slack())
       findings_.add("%.2f processor seconds in %.1f s of waiting", cost, waited);
   }
   Idleness(const Idleness &) = delete;
@@ -70,11 +70,6 @@ Viewer::~Viewer() {
   close();
 }
 
-// A call that waits for servers is back when they are: soon after the storm.
-double Viewer::patience() const {
-  return until_recovered;
-}
-
 bool Viewer::allowed_refusal(int result) const {
   return world_.refuses && result <= C2MS_MEDIA_NOT_EXIST && result >= C2MS_IN_DEBT;
 }
@@ -102,7 +97,7 @@ bool Viewer::prepare() {
   // A big pack leaves a rest of the memory to another session.
   constexpr int32_t sizes[] = {4096, 16384, 65536, 262144, 3 << 20};
   pack_ = c2ms_sess_pack_size(sess_, dice_.of(sizes));
-  const int result = timed(world_.findings, current, "cache_init", patience(),
+  const int result = timed(world_.findings, current, "cache_init", until_recovered,
                            [&] { return c2ms_sess_cache_init(sess_, pack_); });
   cached_ = result == 0;
   index_open_ = index_open_ && cached_;
@@ -176,7 +171,7 @@ void Viewer::read_some(bool may_wait) {
   int n;
   switch (may_wait ? dice_.below(3) : 1 + dice_.below(2)) {
     case 0:
-      n = timed(world_.findings, current, "read", patience(),
+      n = timed(world_.findings, current, "read", until_recovered,
                 [&] { return c2ms_sess_read(sess_, to, len, 0); });
       take("read", n, to, len);
       if (n >= 0 && n < len && !explains_short(pos_))
@@ -315,11 +310,11 @@ void Viewer::finish() {
   while (pos_ < length_ && !world_.findings.any()) {
     const int32_t len = 1 + static_cast<int32_t>(dice_.below(buffer_bytes));
     const Idleness idleness(world_.findings);
-    const int n = timed(world_.findings, current, "last read", patience(),
+    const int n = timed(world_.findings, current, "last read", until_recovered,
                         [&] { return c2ms_sess_read(sess_, buffer, len, 0); });
     take("last read", n, buffer, len);
     if (n < 0) std::this_thread::sleep_for(milliseconds(5));
-    if (seconds_since(begin) > until_recovered * slack)
+    if (seconds_since(begin) > until_recovered * slack())
       return world_.findings.add("the film does not complete: %llu of %llu",
                                  static_cast<unsigned long long>(pos_),
                                  static_cast<unsigned long long>(length_));

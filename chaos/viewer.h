@@ -44,7 +44,6 @@ class Viewer {
   void poll_index();
   void look();
   bool allowed_refusal(int result) const;
-  double patience() const;
 
   World &world_;
   c2ms_mgmt *const mgmt_;

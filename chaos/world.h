@@ -6,7 +6,6 @@
 #include <string>
 
 #include "books.h"
-#include "findings.h"
 #include "testing/media_server.h"
 
 namespace chaos {

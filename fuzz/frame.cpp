@@ -1,7 +1,6 @@
 // A program of frame operations, one per three input bytes, against the same program on a string.
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -10,12 +9,9 @@
 #include "adif/framesearch.h"
 #include "adif/framext.h"
 #include "adif/kalloc.h"
+#include "require.h"
 
 namespace {
-
-[[gnu::noinline]] void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 bool same(const frame_t *frame, const std::string &text) {
   return frameLength(frame) == static_cast<int>(text.size()) &&
@@ -199,54 +195,9 @@ void machine::step(uint8_t what, size_t offset, size_t n) {
   }
 }
 
-/// No frame, no bytes, a count or an offset that is none, more than a frame may hold.
-bool refuses_nothing() {
-  frame_t *none = nullptr, *some = createFrame(-1);
-  char byte = 'x';
-  require(frameSize(none) == 0 && frameSize(some) == 0 && emptyFrame(none) == -1 &&
-          frameSetLength(none, 1) == 0);
-  require(frameSetLength(some, -1) == -1 && frameGrow(nullptr, 1) == -1 &&
-          frameGrow(&some, 0) == 0);
-  require(frameGrowTo(nullptr, 1) == -1 && frameGrowHead(nullptr, 1) == -1);
-  require(putLastByte(nullptr, 1) == -1 && putnLastBytes(nullptr, "x", 1) == -1);
-  require(putnLastBytes(&some, "x", 0) == 0 && putnLastBytes(&some, "x", 1) == 1);
-  require(frameGrow(&some, INT32_MAX) == -1 && frameLength(some) == 1);
-  require(putnLastBytes(&none, &byte, INT32_MAX) == -1 && none == nullptr);
-  require(putFirstByte(nullptr, 1) == -1 && appendnBytes(nullptr, 1, 1) == -1);
-  require(appendnBytes(&none, 1, 0) == 0 && insertBytes(nullptr, 0, "x", 1) == -1);
-  require(insertBytes(&some, 0, nullptr, 1) == -1 && insertBytes(&some, -1, "x", 1) == -1);
-  require(insertBytes(&some, 0, "x", 0) == 0 && appendFrameBytes(nullptr, some, 0, 1) == -1);
-  require(appendFrame(&some, none) == 0 && appendFrameBytes(&some, some, 2, 1) == -1);
-  require(combineFrame(nullptr, &some) == -1 && combineFrame(&some, nullptr) == -1);
-  frame_t *twice = some;
-  require(combineFrame(&some, &some) == -1 && combineFrame(&some, &twice) == -1);
-  require(combineFrame(&some, &none) == 0 && attachBuffer(nullptr, &byte, 1) == -1);
-  require(attachBuffer(&some, nullptr, 1) == -1 && attachBuffer(&some, &byte, -1) == -1);
-  require(attachBuffer(&some, some->data, 0) == 0 && getFirstByte(none) == -1);
-  require(readnBytes(some, &byte, -1) == -1 && readnBytes(none, &byte, 1) == -1);
-  require(writeByte(nullptr, 0, 1) == -1 && writeByte(&some, -1, 1) == -1);
-  require(setnBytes(some, 0, nullptr, 1) == -1 && setnBytes(some, -1, "x", 1) == -1);
-  require(getnLastBytes(none, &byte, 1) == -1 && getnLastBytes(some, &byte, 1) == 0);
-  require(truncateFrame(none, 1) == -1 && !copyFrame(none) && !splitFrame(none, 0));
-  int total = 9;
-  require(frame_tcp_nb_receive2(-1, &some, 1, &total) == -1 && total == 0);
-  require(frame_tcp_nb_receive2(0, nullptr, 1, nullptr) == -1);
-  require(frame_tcp_nb_receive2(0, &some, 0, nullptr) == -1);
-  require(attachBuffer(&none, kzalloc_dbg(2), 1) == 1 && putFirstByte(&some, 1) == 1);
-  require(frameCompare(none, some) < 0 && frameCompare(some, none) > 0);
-  deleteFrame(&none);
-  require(!splitFrame(some, 9) && frameCompare(none, none) == 0 && byte == 'x');
-  deleteFrame(nullptr);
-  deleteFrame(&none);
-  deleteFrame(&some);
-  return true;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static const bool refused = refuses_nothing();
-  require(refused);
   constexpr size_t longest = 4096;
   machine under_test;
   for (; size >= 3 && under_test.text.size() < longest; data += 3, size -= 3) {

@@ -13,12 +13,9 @@
 #include "c2ms/wire/unpack.h"
 #include "compress/buffer_7z.h"
 #include "container.h"
+#include "require.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 void unpack(const uint8_t *data, size_t size) {
   const bool patient = fuzz::may_take_long(data, size);

@@ -9,14 +9,11 @@
 #include "compress/buffer_7z.h"
 #include "compress/x86_filter.h"
 #include "container.h"
+#include "require.h"
 
 namespace {
 
 constexpr size_t kRepackMax = 8192;  // the encoder is slow beside the decoder
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 void repack(const uint8_t *plain, size_t size) {
   std::vector<uint8_t> packed(size * 5 / 4 + 100);
@@ -64,35 +61,9 @@ void filter(const uint8_t *data, size_t size) {
   require(compress::x86_encode(copy) == compress::x86_decode(copy) && copy == plain);
 }
 
-/// What is missing is told, and so is room that is too small.
-bool refuses_nothing() {
-  uint8_t bytes[64] = {};
-  size_t length = sizeof bytes;
-  uint64_t stored = 0;
-  constexpr int param = 5, no_room = 7;
-  require(buffer_7z(nullptr, &length, bytes, 8, 1, 1 << 12) == param);
-  require(buffer_7z(bytes, nullptr, bytes, 8, 1, 1 << 12) == param);
-  require(buffer_7z(bytes, &length, nullptr, 8, 1, 1 << 12) == param);
-  require(buffer_un7z_size(nullptr, 8, &stored) == param);
-  require(buffer_un7z_size(bytes, 8, nullptr) == param);
-  require(buffer_un7z_size(bytes, 0, &stored) == param);
-  require(buffer_un7z(nullptr, &length, bytes, 8) == param);
-  require(buffer_un7z(bytes, nullptr, bytes, 8) == param);
-  require(buffer_un7z(bytes, &length, nullptr, 8) == param);
-  require(buffer_un7z(bytes, &length, bytes, 0) == param);
-  require(buffer_un7z_auto(nullptr, bytes, 8, 64) == nullptr);
-  for (length = 0; length < 15; ++length) {
-    size_t room = length;
-    require(buffer_7z(bytes, &room, "text that needs more", 20, 1, 1 << 12) == no_room);
-  }
-  return true;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static const bool refused = refuses_nothing();
-  require(refused);
   filter(data, size);
   uint64_t stored = 0;
   const int header = buffer_un7z_size(data, size, &stored);

@@ -1,15 +1,11 @@
 // The media server's reader of requests, and its answers to what it accepts, with any fault: reads
 // only what is there, accepts whole requests alone and never refuses the beginning of a good one.
 #include <cstdint>
-#include <cstdlib>
 
+#include "require.h"
 #include "testing/responder.h"
 
 using namespace refserver;
-
-static void expect(bool holds) {
-  if (!holds) std::abort();
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 3) return 0;
@@ -19,11 +15,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   request r;
   std::string error;
   const size_t taken = parse_request(input, &r, &error);
-  expect(taken == 0 || (error.empty() && taken <= input.size()));
+  require(taken == 0 || (error.empty() && taken <= input.size()));
   if (taken == 0) return 0;
-  expect(taken == (r.command == command_media ? media_request_size : control_request_size));
+  require(taken == (r.command == command_media ? media_request_size : control_request_size));
   for (size_t part = 0; part < taken; ++part)
-    expect(parse_request(std::span(input).first(part), &r, &error) == 0 && error.empty());
+    require(parse_request(std::span(input).first(part), &r, &error) == 0 && error.empty());
 
   parse_request(input, &r, &error);
   media_file film;
@@ -33,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                   .encipher = (data[2] & 64) != 0,
                   .check_auth = false};
   const reply answer = respond(r, s, &order);
-  expect(answer.pdu.size() <= 18 + 2 + 10 * 65535U + 8);
-  expect(answer.payload <= 1000 || order.kind == fault_kind::payload_longer);
+  require(answer.pdu.size() <= 18 + 2 + 10 * 65535U + 8);
+  require(answer.payload <= 1000 || order.kind == fault_kind::payload_longer);
   return 0;
 }

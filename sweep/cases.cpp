@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "play.h"
+#include "support/slack.h"
 
 namespace sweep {
 
@@ -16,12 +17,6 @@ constexpr uint32_t all_up_to = 400;
 constexpr uint32_t step_behind = 7;
 constexpr uint32_t quick_numbers = 3;  // of each kind and script
 constexpr int storm_seeds = 3;
-
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool sanitized = true;
-#else
-constexpr bool sanitized = false;
-#endif
 
 Case failing_case(World &world, script which, call kind, uint32_t nth, bool for_good) {
   const std::string family = kind == call::allocation ? "allocations/" : "calls/";
@@ -150,7 +145,7 @@ void run_clock(Report &report, int64_t jump_s, int period_ms) {
   const double took = run_play(report, world, script::play, [] {});
   over = true;
   jumper.join();
-  if (took > (sanitized ? 15 : 5)) report.find("the play took %.1f s", took);
+  if (took > 5 * support::slack()) report.find("the play took %.1f s", took);
   // Nothing is given up before its time, so nothing is asked for twice.
   const uint64_t asked = world.server.totals().media,
                  packs = 2 * (world.film.bytes.size() / 8192 + 1);
@@ -174,7 +169,7 @@ void add_clock(Collection *all) {
 void run_pipe(Report &report, World &world, script which) {
   const double took = run_play(report, world, which, [] { plan::brim = true; });
   // A wake-up that is lost costs at least the next timer's period.
-  if (took > (sanitized ? 10 : 0.9)) report.find("the play took %.1f s", took);
+  if (took > 0.9 * support::slack()) report.find("the play took %.1f s", took);
 }
 
 void add_pipe(Collection *all, World &world) {

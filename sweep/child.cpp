@@ -4,31 +4,24 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
-#include <new>
+#include <memory>
 
 #include "c2ms.h"
 #include "crypto/gcrypt_ready.h"
+#include "support/child.h"
+#include "support/slack.h"
 
 namespace sweep {
 
 namespace {
 
-using clock = std::chrono::steady_clock;
-
-#ifdef __SANITIZE_ADDRESS__
-constexpr int limit_s = 100;
-constexpr int finding_status = 77;  // of the sanitizer
-#else
-constexpr int limit_s = 40;
-#endif
+using support::Ended;
 
 Report *current = nullptr;  // in a child
 
@@ -51,7 +44,7 @@ void trace_crashes() {
   signal(SIGABRT, end_with_trace);
 }
 
-[[noreturn]] void be_child(const Case &one, Report *report, int output) {
+int be_child(const Case &one, Report *report, int output) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   dup2(output, STDOUT_FILENO);
   dup2(output, STDERR_FILENO);
@@ -59,7 +52,6 @@ void trace_crashes() {
   current = report;
   report->doing = "set-up";
   trace_crashes();
-  alarm(limit_s);
   // Silent but for the line that an end for want of memory is known by.
   c2ms_set_diag(
       [](void *, const char *line) {
@@ -74,8 +66,7 @@ void trace_crashes() {
   plan::stop();
   report->take_counts();
   report->over = true;
-  // exit() lets the leak sanitizer look.
-  std::exit(0);
+  return 0;
 }
 
 std::string text_of(int output) {
@@ -85,20 +76,15 @@ std::string text_of(int output) {
   return text;
 }
 
-std::string describe(int status) {
-  if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
-  const int number = WTERMSIG(status);
-  return number == SIGALRM || number == SIGKILL ? "it hangs" : std::string(strsignal(number));
-}
-
 /// A documented fatal end of a start: no memory for a configuration record, or no base or thread.
 bool is_failed_start(int code, const Report &report, const std::string &output) {
   if (std::strcmp(report.doing, "start") != 0) return false;
   return code == 2 || (code == 1 && output.find("memory NULL! exit(1)") != std::string::npos);
 }
 
-verdict judge_end(const Case &one, int status, const Report &report, const std::string &output) {
-  const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+verdict judge_end(const Case &one, const Ended &ended, const Report &report,
+                  const std::string &output) {
+  const int code = ended.code();
   const bool told = output.find(one.text) != std::string::npos;
   switch (one.expected) {
     case ending::exits_1:
@@ -106,8 +92,7 @@ verdict judge_end(const Case &one, int status, const Report &report, const std::
       return told && code == (one.expected == ending::exits_1 ? 1 : 2) ? verdict::fatal
                                                                        : verdict::failed;
     case ending::aborts:
-      return told && WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT ? verdict::fatal
-                                                                        : verdict::failed;
+      return told && ended.signal() == SIGABRT ? verdict::fatal : verdict::failed;
     default:
       break;
   }
@@ -118,17 +103,17 @@ verdict judge_end(const Case &one, int status, const Report &report, const std::
   return verdict::carried_on;
 }
 
-Outcome judge(const Case &one, int status, const Report &report, int output, double took) {
+Outcome judge(const Case &one, const Ended &ended, const Report &report, int output, double took) {
   Outcome outcome;
   const std::string printed = text_of(output);
   outcome.took_s = took;
-  outcome.what = judge_end(one, status, report, printed);
+  outcome.what = judge_end(one, ended, report, printed);
   for (const auto &count : report.counts) outcome.counts.push_back(count);
   if (outcome.what == verdict::error_said)
     outcome.why = std::string(report.error_in) + " gave " + std::to_string(report.error);
-  if (outcome.what == verdict::fatal) outcome.why = describe(status);
+  if (outcome.what == verdict::fatal) outcome.why = ended.text();
   if (outcome.what == verdict::failed) {
-    outcome.why = describe(status) + " in step \"" + report.doing.load() + "\"";
+    outcome.why = ended.text() + " in step \"" + report.doing.load() + "\"";
     for (uint32_t i = 0; i < std::min<uint32_t>(report.findings, 4); ++i)
       outcome.why += std::string("; ") + report.finding[i];
     outcome.output = printed;
@@ -140,9 +125,9 @@ Outcome judge(const Case &one, int status, const Report &report, int output, dou
 
 struct Running {
   const Case *one;
-  Report *report;
+  std::unique_ptr<support::Shared<Report>> report;
   int output;
-  clock::time_point begin;
+  support::clock::time_point begin;
 };
 
 }  // namespace
@@ -172,26 +157,21 @@ void run_cases(const std::vector<Case> &cases, int jobs,
   std::map<pid_t, Running> running;
   size_t next = 0;
   const auto wait_for_one = [&] {
-    int status = 0;
-    const pid_t pid = wait(&status);
-    const auto found = running.find(pid);
+    const Ended ended = support::await_child();
+    const auto found = running.find(ended.pid);
     if (found == running.end()) return;
-    const Running &ended = found->second;
-    const double took = std::chrono::duration<double>(clock::now() - ended.begin).count();
-    tell(*ended.one, judge(*ended.one, status, *ended.report, ended.output, took));
-    munmap(ended.report, sizeof(Report));
-    close(ended.output);
+    const auto &[one, report, output, begin] = found->second;
+    tell(*one, judge(*one, ended, **report, output, support::seconds_since(begin)));
+    close(output);
     running.erase(found);
   };
   const auto begin = [&](const Case &one) {
-    void *const memory =
-        mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto report = std::make_unique<support::Shared<Report>>();
     const int output = memfd_create("sweep", MFD_CLOEXEC);
-    auto *const report = new (memory) Report{};
-    std::fflush(stdout);  // or the child prints it again
-    const pid_t pid = fork();
-    if (pid == 0) be_child(one, report, output);
-    running[pid] = {&one, report, output, clock::now()};
+    const auto limit_s = static_cast<unsigned>(40 * std::min(support::slack(), 3.0));
+    const pid_t pid =
+        support::start_child([&] { return be_child(one, &**report, output); }, limit_s);
+    running[pid] = {&one, std::move(report), output, support::clock::now()};
   };
   while (next < cases.size() || !running.empty()) {
     while (next < cases.size() && running.size() < static_cast<size_t>(jobs)) begin(cases[next++]);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "plan.h"
+#include "support/findings.h"
 
 namespace sweep {
 
@@ -24,6 +25,9 @@ struct Report {
   char finding[4][200];  ///< the first ones
   std::atomic<uint32_t> injected;
   std::atomic<uint32_t> counts[calls];
+  void find(support::Findings &&all) {
+    for (const std::string &line : all.lines()) find("%s", line.c_str());
+  }
   __attribute__((format(printf, 2, 3))) void find(const char *format, ...);
   void said(const char *step, int32_t result);
   void take_counts();

@@ -8,26 +8,20 @@
 #include <optional>
 #include <thread>
 
-#include "aftermath.h"
-#include "c2ms/core/context.h"
-#include "c2ms/core/records.h"
 #include "cases.h"
 #include "play.h"
+#include "support/library.h"
+#include "support/slack.h"
 
 namespace sweep {
 
 namespace {
 
-using clock = std::chrono::steady_clock;
 using refserver::entry_server;
 using refserver::fault_kind;
-using std::chrono::milliseconds;
+using support::clock;
+using support::milliseconds;
 
-#ifdef __SANITIZE_ADDRESS__
-constexpr int slack = 6;
-#else
-constexpr int slack = 1;
-#endif
 constexpr int look_up_ms = 500;
 constexpr int longest_ms = 200;  // beside what a look-up that is under way takes
 
@@ -114,27 +108,22 @@ class Stage {
  public:
   Stage(Report &report, refserver::server_options options = {.nodes = 2, .keep_log = false})
       : report_(report) {
-    std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first
-    before_ = chaos::holdings_now();
     world.emplace(std::move(options));
     hole.emplace();
     if (!world->start()) report_.find("no server");
-    mgmt = c2ms_mgmt_init(nullptr, 1, 0, nullptr, 0);
-    shorten_periods(mgmt);
-    idle_ = chaos::idle_of(mgmt);
+    library.emplace();
+    support::shorten_waits(library->get());
   }
   ~Stage() {
     plan::hole = 0;
     plan::slow_names = 0;
-    chaos::Findings findings;
-    if (mgmt != nullptr) {
-      chaos::check_idle(findings, mgmt, idle_);
-      c2ms_mgmt_clean(mgmt);
-    }
+    support::Findings findings;
+    if (library->get() != nullptr) library->check(findings);
+    library.reset();
     world.reset();
     hole.reset();
-    chaos::check_gone(findings, before_);
-    for (const std::string &line : findings.lines()) report_.find("%s", line.c_str());
+    support::check_gone(findings, before_);
+    report_.find(std::move(findings));
   }
   Stage(const Stage &) = delete;
   Stage &operator=(const Stage &) = delete;
@@ -153,19 +142,18 @@ class Stage {
     report_.doing = name;
     const auto begin = clock::now();
     const int result = call();
-    const auto took = std::chrono::duration_cast<milliseconds>(clock::now() - begin).count();
+    const double took_ms = 1000 * support::seconds_since(begin);
     if (result != 0) report_.find("%s gave %d", name, result);
-    if (took > allowed_ms * slack) report_.find("%s took %d ms", name, static_cast<int>(took));
+    if (took_ms > allowed_ms * support::slack()) report_.find("%s took %.0f ms", name, took_ms);
   }
 
   std::optional<World> world;
   std::optional<Hole> hole;
-  c2ms_mgmt *mgmt;
+  std::optional<support::Library> library;
 
  private:
   Report &report_;
-  chaos::Holdings before_;
-  chaos::Idle idle_;
+  const support::Holdings before_ = support::holdings_now();
 };
 
 int allowed_in(const Phase &phase) {
@@ -179,12 +167,11 @@ void stop_while_opening(Report &report, const Phase &phase) {
   std::thread opener([&] {
     int32_t error = 0;
     c2ms_sess *const sess =
-        c2ms_sess_open(stage.mgmt, named(stage.world->film.url).c_str(), &error);
+        c2ms_sess_open(stage.library->get(), named(stage.world->film.url).c_str(), &error);
     if (sess != nullptr || error != C2MS_CLOSED) report.find("the open gave %d", error);
   });
   stage.await(phase);
-  stage.timed("stop", allowed_in(phase), [&] { return c2ms_mgmt_clean(stage.mgmt); });
-  stage.mgmt = nullptr;
+  stage.timed("stop", allowed_in(phase), [&] { return stage.library->clean(); });
   opener.join();
 }
 
@@ -192,7 +179,8 @@ void stop_while_opening(Report &report, const Phase &phase) {
 void close_while_reopening(Report &report, const Phase &phase) {
   Stage stage(report, options_for(phase));
   int32_t error = 0;
-  c2ms_sess *const sess = c2ms_sess_open(stage.mgmt, named(stage.world->film.url).c_str(), &error);
+  c2ms_sess *const sess =
+      c2ms_sess_open(stage.library->get(), named(stage.world->film.url).c_str(), &error);
   if (sess == nullptr) return report.find("the open gave %d", error);
   stage.world->server.kill_all(true);
   phase.hold(*stage.world, *stage.hole);
@@ -212,7 +200,8 @@ using waiting_call = int (*)(c2ms_sess *sess);
 void end_waiting(Report &report, end_by how, waiting_call call) {
   Stage stage(report);
   int32_t error = 0;
-  c2ms_sess *const sess = c2ms_sess_open(stage.mgmt, stage.world->movie.url.c_str(), &error);
+  c2ms_sess *const sess =
+      c2ms_sess_open(stage.library->get(), stage.world->movie.url.c_str(), &error);
   if (sess == nullptr) return report.find("the open gave %d", error);
   mute_nodes(*stage.world, refserver::on_media);
   c2ms_sess_cache_init(sess, c2ms_sess_pack_size(sess, 8192));
@@ -227,8 +216,7 @@ void end_waiting(Report &report, end_by how, waiting_call call) {
     stage.timed("the cancelled call", longest_ms, [&] { return waiter.join(), 0; });
   }
   if (how == end_by::stop) {
-    stage.timed("stop", longest_ms, [&] { return c2ms_mgmt_clean(stage.mgmt); });
-    stage.mgmt = nullptr;
+    stage.timed("stop", longest_ms, [&] { return stage.library->clean(); });
   } else {
     stage.timed("close", longest_ms, [&] { return c2ms_sess_close(sess); });
   }

@@ -1,30 +1,25 @@
 #include "play.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <thread>
 
-#include "aftermath.h"
 #include "c2ms/core/records.h"
+#include "support/library.h"
+#include "support/slack.h"
 
 namespace sweep {
 
 namespace {
 
-using clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
+using support::milliseconds;
+using support::seconds_since;
+using support::slack;
 
-#ifdef __SANITIZE_ADDRESS__
-constexpr double slack = 4;
-#else
-constexpr double slack = 1;
-#endif
-constexpr double failing_s = 0.7;         // failures "for good" end so long after the first
-constexpr double recovery_s = 8 * slack;  // within which reads must go on then
+constexpr double failing_s = 0.7;  // failures "for good" end so long after the first
+constexpr double recovery_s = 8;   // within which reads must go on then
 // Of a play in steps: one that is asked for while the answer before it lies in the socket.
 constexpr int32_t small_pack = 8192, big_pack = 40'000;
 
@@ -92,7 +87,7 @@ class Play {
   const script which_;
   c2ms_mgmt *mgmt_ = nullptr;
   c2ms_sess *sess_ = nullptr;
-  chaos::Idle idle_;
+  support::Idle idle_;
 };
 
 template <class Act>
@@ -123,8 +118,8 @@ bool Play::start() {
     return mgmt_ != nullptr ? 0 : -1;
   });
   if (!started) return false;
-  shorten_periods(mgmt_);
-  idle_ = chaos::idle_of(mgmt_);
+  support::shorten_waits(mgmt_);
+  idle_ = support::idle_of(mgmt_);
   return true;
 }
 
@@ -149,7 +144,7 @@ bool Play::set_up() {
 }
 
 bool Play::open_index_in_steps() {
-  const auto begin = clock::now();
+  const auto begin = support::clock::now();
   for (;;) {
     const int result =
         in_library("index", [this] { return c2ms_sess_idx_open_asyn(sess_, nullptr); });
@@ -162,7 +157,7 @@ bool Play::open_index_in_steps() {
         return false;
       }
     }
-    if (std::chrono::duration<double>(clock::now() - begin).count() > failing_s + recovery_s) {
+    if (seconds_since(begin) > failing_s + recovery_s * slack()) {
       report_.find("the index does not come");
       return false;
     }
@@ -192,9 +187,8 @@ bool Play::read(uint64_t from, uint64_t to, bool waits) {
     report_.find("a seek failed");
     return false;
   }
-  const auto begin = clock::now();
+  const auto begin = support::clock::now();
   for (uint64_t at = from; at < to;) {
-    mgmt_->sess_check_time = 1;  // the first attempt to report makes it longer
     const auto length = static_cast<int32_t>(std::min<uint64_t>(sizeof buffer, to - at));
     const int n = in_library("read", [&] {
       return waits ? c2ms_sess_read(sess_, buffer, length, 0)
@@ -209,8 +203,7 @@ bool Play::read(uint64_t from, uint64_t to, bool waits) {
       return false;
     }
     at += static_cast<uint64_t>(n);
-    const double took = std::chrono::duration<double>(clock::now() - begin).count();
-    if (took > 2 + failing_s + recovery_s) {
+    if (seconds_since(begin) > 2 + failing_s + recovery_s * slack()) {
       report_.find("no bytes at %llu", static_cast<unsigned long long>(at));
       return false;
     }
@@ -229,9 +222,9 @@ void Play::stop() {
   close();
   if (mgmt_ == nullptr) return;
   report_.doing = "aftermath";
-  chaos::Findings findings;
-  chaos::check_idle(findings, mgmt_, idle_);
-  for (const std::string &line : findings.lines()) report_.find("%s", line.c_str());
+  support::Findings findings;
+  support::check_idle(findings, mgmt_, idle_);
+  report_.find(std::move(findings));
   in_library("stop", [this] { return c2ms_mgmt_clean(mgmt_); });
   mgmt_ = nullptr;
 }
@@ -247,34 +240,23 @@ void Play::run() {
 
 }  // namespace
 
-void shorten_periods(c2ms_mgmt *mgmt) {
-  mgmt->build_tcp_max_time = 1;
-  mgmt->conn_check_time = 1;
-  mgmt->sess_check_time = 1;
-  mgmt->report_waits = {.ping_ms = 50, .reply_ms = 50, .connect_ms = 50, .send_ms = 50};
-  // Nobody is there; and who is on the loopback's first address is not ours.
-  mgmt->agent_ip = mgmt->perf_server_ip = inet_addr("127.66.66.66");
-}
-
 double run_play(Report &report, World &world, script which, const std::function<void()> &arm) {
   if (!world.start()) report.find("no server");
   const Media &media = which == script::play ? world.film : world.movie;
-  const chaos::Holdings before = chaos::holdings_now();
+  const support::Holdings before = support::holdings_now();
   double took = 0;
   {
     const Referee referee;
     arm();
-    const auto begin = clock::now();
-    Play(report, media, which).run();
-    took = std::chrono::duration<double>(clock::now() - begin).count();
+    took = support::took([&] { Play(report, media, which).run(); });
   }
   plan::stop();
   report.take_counts();
   report.doing = "the play after";
   Play(report, media, which).run();
-  chaos::Findings findings;
-  chaos::check_gone(findings, before);
-  for (const std::string &line : findings.lines()) report.find("%s", line.c_str());
+  support::Findings findings;
+  support::check_gone(findings, before);
+  report.find(std::move(findings));
   world.server.stop();
   return took;
 }

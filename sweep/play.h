@@ -3,7 +3,6 @@
 #pragma once
 
 #include "c2ms.h"
-#include "c2ms/core/records.h"
 #include "child.h"
 #include "world.h"
 
@@ -19,8 +18,5 @@ inline constexpr const char *script_names[] = {"play", "index", "steps"};
 /// Starts the world. `arm` is called when the library is about to be started. Then a second,
 /// healthy play. The seconds that the first took.
 double run_play(Report &report, World &world, script which, const std::function<void()> &arm);
-
-/// So that nothing takes long, and reports go to nobody.
-void shorten_periods(c2ms_mgmt *mgmt);
 
 }  // namespace sweep

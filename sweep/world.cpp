@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/boxes.h"
+
 namespace sweep {
 
 namespace {
@@ -13,18 +15,8 @@ constexpr size_t film_bytes = 200'001;
 constexpr size_t movie_bytes = 90'000;
 constexpr size_t moov_bytes = 20'000;
 
-std::string noise(size_t size, uint8_t kind) {
-  std::string bytes(size, '\0');
-  refserver::content_fill({kind}, 0, bytes.data(), size);
-  return bytes;
-}
-
-std::string box(const char *type, const std::string &content) {
-  const auto size = static_cast<uint32_t>(content.size() + 8);
-  const char head[] = {static_cast<char>(size >> 24), static_cast<char>(size >> 16),
-                       static_cast<char>(size >> 8), static_cast<char>(size)};
-  return std::string(head, sizeof head) + type + content;
-}
+using boxes::box;
+using boxes::noise;
 
 }  // namespace
 

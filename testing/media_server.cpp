@@ -190,6 +190,7 @@ node_totals media_server::totals() const {
       sum.open += n.totals.open;
       sum.requests += n.totals.requests;
       sum.bad_requests += n.totals.bad_requests;
+      sum.thrown_away += n.totals.thrown_away;
       sum.lists += n.totals.lists;
       sum.descriptions += n.totals.descriptions;
       sum.media += n.totals.media;

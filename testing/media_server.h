@@ -35,6 +35,7 @@ struct node_options {
   int delay_ms = 0;             ///< between each request and the first byte of its response
   uint8_t type = 2;             ///< in the server list; bit 0: serves lists, bit 1: serves media
   int load = -1;                ///< the load that it reports; -1: number of its open connections
+  bool one_at_a_time = false;   ///< throws requests away that come while it answers another
   std::vector<fault> faults{};
 };
 
@@ -74,6 +75,7 @@ struct node_totals {
   uint64_t open = 0;      ///< connections now
   uint64_t requests = 0;  ///< whole requests, bad ones too
   uint64_t bad_requests = 0;
+  uint64_t thrown_away = 0;                         ///< by a server that answers one at a time
   uint64_t lists = 0, descriptions = 0, media = 0;  ///< good requests by command
   uint64_t bytes_sent = 0, payload_sent = 0;
 };

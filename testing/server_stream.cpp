@@ -38,6 +38,10 @@ void server_loop::readable(uint64_t id) {
     if (static_cast<size_t>(n) < sizeof piece) break;  // if an end follows, it is another event
   }
   if (c->in.size() > input_limit) closed = true;
+  if (c->node->options.one_at_a_time && !c->out.empty() && !c->in.empty()) {
+    ++c->node->totals.thrown_away;
+    c->in.clear();
+  }
   // Requests that arrived before the end are still logged, and answered as far as possible.
   if (c->out.empty()) pump(id);
   if (closed) drop(id, false);

@@ -69,6 +69,7 @@ struct patience {
   int64_t index_open_ms = c2ms::index_open_ms;
   int32_t index_receive_ms = c2ms::index_receive_ms;
   int32_t open_s = c2ms::open_timeouts;
+  int32_t reporting_check_s = c2ms::reporting_check_time_s;
 };
 
 /// A server that described a film of some entry server (core/known.h); at_us 0: none.

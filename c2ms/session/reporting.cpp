@@ -160,7 +160,7 @@ void report_check(c2ms_sess *sess) {
   // The first attempt to report makes every session's checks this far apart, whatever was
   // configured.
   if (sess->perf_state == not_begun || sess->auth_state == not_begun) {
-    sess->mgmt->sess_check_time = reporting_check_time_s;
+    sess->mgmt->sess_check_time = sess->mgmt->patience.reporting_check_s;
   }
   check_later(sess, perf);
   check_later(sess, auth);

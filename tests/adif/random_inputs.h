@@ -1,7 +1,7 @@
 // The models of the fuzz drivers (fuzz/) on random inputs, in every run of the tests.
 #pragma once
 
-#include "../support.h"
+#include "support/support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 

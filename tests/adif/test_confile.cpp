@@ -7,11 +7,11 @@
 #include <memory>
 #include <regex>
 
-#include "../support.h"
 #include "adif/confile.h"
 #include "adif/kalloc.h"
 #include "adif/line_sink.h"
 #include "adif/profile.h"
+#include "support/support.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <map>
 #include <memory>
 
-#include "../support.h"
 #include "adif/dlist.h"
 #include "adif/hashtab.h"
 #include "adif/kalloc.h"
 #include "adif/stack.h"
+#include "support/support.h"
 
 namespace {
 
@@ -298,26 +298,6 @@ TEST(Stack, GrowsOneInsertionEarlyAndMissesLeaveItAlone) {
   pointer_stack *const blocks = sk_new(nullptr);
   sk_push(blocks, kalloc_dbg(8));
   sk_pop_kfree(blocks);  // the leak checker watches
-}
-
-TEST(Containers, NullsAreMisses) {
-  const StackPtr sk(sk_new(nullptr));
-  pointer_stack *const ns = nullptr;
-  lt_list *const nl = nullptr;
-  hash_table *const nt = nullptr;
-  Element e{1};
-  for (int result : {sk_num(ns), sk_find(ns, &e), lt_num(nl), lt_index(nl, &e), ht_num(nt),
-                     isFull(nt), sk_sort_insert_by(sk.get(), nullptr, by_key)})
-    EXPECT_EQ(result, -1);
-  for (int result : {sk_insert(ns, &e, 0), lt_insert(nl, &e, 0), lt_insert_list(nl, nl, 0),
-                     lt_tail_combine(nl, nl), lt_delete_from_loc(nl, 0), ht_set(nt, "k", &e)})
-    EXPECT_EQ(result, 0);
-  for (const void *result : {sk_pop(ns), sk_value(ns, 0), sk_shift(sk.get()), lt_rm_head(nl),
-                             lt_get(nl, 0), ht_value(nt, "k"), ht_delete(nt, "k")})
-    EXPECT_EQ(result, nullptr);
-  EXPECT_TRUE(sk_dup(ns) == nullptr && lt_dup(nl) == nullptr && lt_first(nl) == nullptr &&
-              ht_only_new(0, 1, nullptr) == nullptr && ht_only_new(1, -1, nullptr) == nullptr);
-  sk_free(ns), sk_zero(ns), sk_pop_free(ns, nullptr), lt_free(nl), lt_empty(nl), ht_free(nt);
 }
 
 TEST(Stack, EachFailedAllocationOfACopyLeavesNothingBehind) {

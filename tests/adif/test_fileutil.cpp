@@ -5,10 +5,10 @@
 
 #include <csignal>
 
-#include "../support.h"
 #include "adif/fileutil.h"
 #include "adif/kalloc.h"
 #include "adif/trace.h"
+#include "support/support.h"
 
 TEST(files, rollover_drops_lines) {
   const Folder folder;

@@ -18,33 +18,6 @@ int len_of(std::string_view text) {
 
 }  // namespace
 
-// fuzz/strcodec.cpp tells what comes of a missing pointer.
-TEST(strutil, refuses_lengths_below_one) {
-  char text[] = "1", out[16];
-  const auto *const key = "1";
-  int table[2];
-  for (const int n : {-1, 0}) {
-    for (int result : {bin_to_ascii(text, n, out, nullptr), ascii_to_bin(text, n, out, nullptr),
-                       bin_to_base64(text, n, out), base64_to_bin(text, n, out),
-                       get_value_by_key(text, n, key, nullptr, nullptr), QuotedStrlen(text, n),
-                       MBI2Uint(text, n, nullptr), get_int_from_str(text, n, nullptr),
-                       kmp_fail_func(text, n, table), winstrcpy(out, n, text)})
-      EXPECT_EQ(result, -1);
-    for (int result : {str_trim_head(text, n), str_trim_tail(text, n), str_trim(text, n),
-                       secure_memcpy(out, 1, text, n), secure_memcpy(out, n, text, 1)})
-      EXPECT_EQ(result, 0);
-    for (const void *at :
-         {skipTo(text, n, key, 1), skipOver(text, n, key, 1), rskipTo(text, n, key, 1),
-          rskipOver(text, n, key, 1), skipQuoteTo(text, n, key, 1), skipOver(text, 1, key, n)})
-      EXPECT_EQ(at, text);
-    for (const void *at : {kmp_find_bytes(text, n, key, 1), kmp_rfind_bytes(text, n, key, 1),
-                           str_find_bytes(text, n, key, 1), str_rfind_bytes(text, n, key, 1),
-                           str_find_bytes(text, 1, key, n)})
-      EXPECT_EQ(at, nullptr);
-  }
-  EXPECT_EQ(str_trim_head(nullptr, 1), -1);
-}
-
 TEST(strutil, hexadecimal) {
   char text[8];
   uint8_t bytes[8] = {};

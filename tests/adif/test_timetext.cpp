@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "../support.h"
 #include "adif/frame.h"
 #include "adif/timetext.h"
+#include "support/support.h"
 
 namespace {
 
@@ -101,7 +101,6 @@ TEST(time_text, lengths_and_null) {
   for (const auto write : writers) {
     EXPECT_EQ(write(t, buf, 1), 0);
     EXPECT_STREQ(buf, "");
-    EXPECT_EQ(write(t, nullptr, 20) + write(t, buf, 0) + write(t, buf, -1), -3);
     EXPECT_EQ(write(INT64_MAX, buf, 20), -1);
   }
   EXPECT_EQ(time_to_string(t, buf, 19), 0);

@@ -4,10 +4,10 @@
 #include <cstring>
 #include <vector>
 
-#include "../support.h"
 #include "c2ms.h"
 #include "c2ms/core/records.h"
 #include "c2ms/session/object.h"
+#include "support/support.h"
 
 class Local : public ::testing::Test {
  protected:

@@ -7,69 +7,32 @@
 #include <memory>
 #include <vector>
 
-#include "../support.h"
 #include "adif/bmempool.h"
 #include "c2ms.h"
 #include "c2ms/core/records.h"
+#include "support/books.h"
+#include "support/library.h"
+#include "support/support.h"
 #include "testing/media_server.h"
 
 namespace player {
 
-using clock = std::chrono::steady_clock;
+using support::clock;
+using support::Library;
+using support::sanitized;
+using support::seconds_since;
+using support::took;
 using namespace std::chrono_literals;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-inline constexpr bool sanitized = true;
-#else
-inline constexpr bool sanitized = false;
-#endif
-/// How many times slower than a desk's a machine is: C2MS_SLACK in the environment (emulators).
-inline const double machine_slack = [] {
-  const char *const given = std::getenv("C2MS_SLACK");
-  return given != nullptr ? std::max(1.0, std::atof(given)) : 1.0;
-}();
-/// Bounds on time and memory are for the build that players get; a sanitizer's are this much wider.
-inline const double slack = (sanitized ? 10 : 1) * machine_slack;
-
-inline double seconds_since(clock::time_point start) {
-  return std::chrono::duration<double>(clock::now() - start).count();
-}
-
-/// How many seconds `work` takes.
-template <typename Work>
-double took(Work work) {
-  const auto begin = clock::now();
-  work();
-  return seconds_since(begin);
-}
+/// A record that is used after its return shows only where returned records are watched.
+inline const bool watched =
+    (adif::pool_test_mode(sanitized ? adif::pool_mode::quarantine : adif::pool_mode::recycle),
+     true);
 
 /// Processor time of this process so far, user and system.
 inline double processor_seconds() {
   return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
-
-/// The library, silent, for one scope.
-class Library {
- public:
-  explicit Library(int32_t mem_size = 8 << 20, const char *conf = nullptr) {
-    c2ms_set_diag(nullptr, nullptr);
-    // A record that is used after its return shows only where returned records are watched.
-    adif::pool_test_mode(sanitized ? adif::pool_mode::quarantine : adif::pool_mode::recycle);
-    static const uint8_t hid[20] = {2, 0, 0, 0, 0, 1};
-    mgmt_ = c2ms_mgmt_init(conf, 1, 0, hid, mem_size);
-  }
-  ~Library() { clean(); }
-  Library(const Library &) = delete;
-  Library &operator=(const Library &) = delete;
-  void clean() {
-    if (mgmt_ != nullptr) c2ms_mgmt_clean(mgmt_);
-    mgmt_ = nullptr;
-  }
-  c2ms_mgmt *get() const { return mgmt_; }
-
- private:
-  c2ms_mgmt *mgmt_;
-};
 
 /// A session on generated content, which tells whether what it reads is right.
 class Film {
@@ -159,28 +122,16 @@ class Film {
   uint64_t size_ = 0;
 };
 
+/// Nothing was found.
+inline void expect_none(support::Findings &&findings) {
+  EXPECT_EQ(findings.lines(), std::vector<std::string>());
+}
+
 /// The session's figures, which must agree with each other.
 inline c2ms_stats stats_of(const Film &film) {
-  c2ms_stats s;
-  EXPECT_EQ(c2ms_sess_stats(film.get(), &s, sizeof s), 0);
-  c2ms_node_stats sum = s.gone;
-  for (uint32_t i = 0; i < s.nodes; ++i) {
-    sum.bytes_received += s.node[i].bytes_received;
-    sum.requests += s.node[i].requests;
-    sum.completed += s.node[i].completed;
-    sum.given_up += s.node[i].given_up;
-    sum.failures += s.node[i].failures;
-    sum.share += s.node[i].share;
-  }
-  EXPECT_EQ(sum.bytes_received, s.bytes_received);
-  EXPECT_EQ(sum.requests, s.requests);
-  EXPECT_EQ(sum.completed, s.completed);
-  EXPECT_EQ(sum.given_up, s.given_up);
-  EXPECT_EQ(sum.failures, s.failures);
-  EXPECT_TRUE(s.bytes_received == 0 || std::abs(sum.share - 1) < 0.001) << sum.share;
-  EXPECT_EQ(s.bytes_received, s.bytes_kept + s.bytes_discarded);
-  EXPECT_EQ(s.requests, s.completed + s.given_up + s.in_flight);
-  EXPECT_TRUE(s.in_flight <= 2 * s.nodes && s.won <= s.redundant && s.wasted <= s.completed);
+  support::Findings findings;
+  const c2ms_stats s = support::check_books(findings, film.get());
+  expect_none(std::move(findings));
   return s;
 }
 

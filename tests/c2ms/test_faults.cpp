@@ -1,12 +1,8 @@
 // The fault matrix: one server of four misbehaves in every way that the reference server knows,
 // while a media is described, listed, played, seeked in and closed; then all servers at once. After
 // every run nothing is left of it (Faults::TearDown).
-#include <unistd.h>
-
-#include <atomic>
 #include <cmath>
 
-#include "aftermath.h"
 #include "player.h"
 
 namespace player {
@@ -15,22 +11,11 @@ namespace {
 using refserver::fault;
 using refserver::fault_kind;
 
-// The first thread of a process brings the thread sanitizer's own with it. A thread that was joined
-// is listed for a moment longer.
-chaos::Holdings holdings_at_start() {
-  std::atomic<pid_t> thread{0};
-  std::thread([&] { thread = gettid(); }).join();
-  const std::string listed = "/proc/self/task/" + std::to_string(thread);
-  while (access(listed.c_str(), F_OK) == 0) std::this_thread::yield();
-  return chaos::holdings_now();
-}
-
 // A service, a library and a film over it; TearDown asserts what must hold after every run.
 class Faults : public Served {
  protected:
   void start(uint64_t film_size, refserver::server_options options) {
     Served::start(film_size, options, 0);
-    idle = chaos::idle_of(library->get());
     begun = clock::now();
   }
   // One server for each rate, in bytes a second.
@@ -65,7 +50,7 @@ class Faults : public Served {
   void close_after_a_seek() {
     ASSERT_EQ(c2ms_sess_seek(film->get(), 1), 0);
     std::this_thread::sleep_for(20ms);
-    EXPECT_LT(took([&] { finish(); }), 2.0 * slack);
+    EXPECT_LT(took([&] { finish(); }), 2.0 * slack());
   }
   // What the session counted adds up and is what the servers sent; then it is closed.
   void finish() {
@@ -77,24 +62,20 @@ class Faults : public Served {
   }
   void TearDown() override {
     if (film != nullptr) finish();
-    c2ms_mgmt *const mgmt = library->get();
-    chaos::Findings left;
-    // A timer whose callback runs is free when that has ended; a forgotten one, seconds later.
-    EXPECT_TRUE(eventually([&] { return chaos::idle_of(mgmt).timers == idle.timers; }, 2s));
-    chaos::check_idle(left, mgmt, idle);
+    support::Findings left;
+    library->check(left);
     EXPECT_TRUE(eventually([&] { return server->totals().open == 0; }));
     EXPECT_EQ(server->totals().bad_requests, 0u);
     for (const auto &request : server->log()) EXPECT_LE(request.offset + request.length, size);
     film.reset();
     library.reset();
     server.reset();
-    chaos::check_gone(left, before);
-    EXPECT_EQ(left.lines(), std::vector<std::string>());
+    support::check_gone(left, before);
+    expect_none(std::move(left));
   }
-  const chaos::Holdings before = holdings_at_start();
+  const support::Holdings before = support::holdings_now();
   uint64_t fetched = 0;  // at least: what was played once
   clock::time_point begun;
-  chaos::Idle idle;
 };
 
 // What becomes of the bad server's connection.
@@ -119,8 +100,9 @@ void PrintTo(const row &r, std::ostream *out) {
 }
 
 constexpr int32_t unlisted = 1;  // what has no such phase, or would take minutes
-// A life check asks elsewhere for what is late: every 3 s, plus the transfer and a noisy machine.
-constexpr double life_check = 5.0;
+// A life check asks elsewhere for what is late: every second, plus the transfer and a noisy
+// machine.
+constexpr double life_check = 3.0;
 
 // Each cut of a response at one place, a whole answer in between.
 std::vector<fault> cuts(fault_kind kind, bool payload) {
@@ -174,7 +156,9 @@ class OneOfFour : public Faults, public ::testing::WithParamInterface<row> {
  protected:
   // Slow enough that the bad server gets its share of requests.
   void start_four() {
-    start_rated(40'000'001, {3e6, 3e6, 3e6, 3e6});  // more than the ring holds
+    start_rated(120'000'001, {12e6, 12e6, 12e6, 12e6});  // more than the ring holds
+    library->get()->conn_check_time = 1;
+    library->get()->patience.stalled_us = 1'000'000;
   }
   void misbehave(int at, uint8_t on) {
     for (fault order : GetParam().orders) {
@@ -221,14 +205,15 @@ TEST_P(OneOfFour, PlayingSeekingAndClosing) {
   fetched = 6 * step;
   ASSERT_TRUE(play(0, fetched));
   // On a loaded machine the bad server, which connects again and again, has fewer turns meanwhile.
-  for (; server->totals(0).accepted < GetParam().orders.size() && fetched + step < size;
+  for (; GetParam().must == outcome::again &&
+         server->totals(0).accepted < GetParam().orders.size() && fetched + step < size;
        fetched += step)
     ASSERT_TRUE(play(fetched, fetched + step));
-  EXPECT_LT(film->longest_wait, GetParam().longest_wait * (sanitized ? 3 : 1) * machine_slack);
+  EXPECT_LT(film->longest_wait, GetParam().longest_wait * slack());
   expect_outcome();
   // A second answer of two is not always needed to be seen.
   EXPECT_TRUE(injected(0) > 0 || server->totals(0).accepted > 1) << "not committed";
-  seek_and_read(10);
+  seek_and_read(6);
   server->clear_faults(0);
   server->kill_node(2);
   server->kill_node(3);
@@ -247,7 +232,7 @@ TEST_P(Description, Describing) {
     for (int node = 1; node < 4; ++node) server->set_delay(node, 300);
     return open(C2MS_MEDIA_NOT_EXIST);
   }
-  EXPECT_LT(took([&] { open(); }), 2.0 * slack);
+  EXPECT_LT(took([&] { open(); }), 2.0 * slack());
   ASSERT_TRUE(play(0, 1'000'000));
   if (GetParam().must != outcome::over) return;
   expect_attempts(0);
@@ -259,7 +244,7 @@ class EntryServer : public OneOfFour {};
 TEST_P(EntryServer, Listing) {
   start_four();
   misbehave(refserver::entry_server, refserver::on_srvlist);
-  EXPECT_LT(took([&] { open(GetParam().list_error); }), 2.0 * slack);
+  EXPECT_LT(took([&] { open(GetParam().list_error); }), 2.0 * slack());
   EXPECT_LE(server->totals(refserver::entry_server).accepted, 5u) << "the few attempts of an open";
 }
 
@@ -293,26 +278,28 @@ TEST_F(Faults, ReadingGoesOnWhenServersReturn) {
   ASSERT_TRUE(play(0, 1'000'000));
   server->kill_all(true);
   std::thread revival([&] {
-    std::this_thread::sleep_for(5s);
+    std::this_thread::sleep_for(1500ms);
     server->revive_all();
   });
   const auto accepted = server->totals().accepted;
   const double cost = processor_seconds();
   EXPECT_TRUE(play(1'000'000, 8'000'000));
-  EXPECT_LT(processor_seconds() - cost, (0.02 * 5 + 0.3) * slack) << "mostly waiting";
+  EXPECT_LT(processor_seconds() - cost, (0.02 * 1.5 + 0.3) * slack()) << "mostly waiting";
   EXPECT_TRUE(play(8'000'000, size));
   revival.join();
-  EXPECT_LT(film->longest_wait, 5.0 + 5.0);
+  EXPECT_LT(film->longest_wait, 1.5 + 1.5 + 0.5 * slack()) << "the brake doubles";
   EXPECT_LT(server->totals().accepted - accepted, 60u);
 }
 
 // All servers are silent for longer than one is waited for: a receive keeps its budget, a read goes
 // on by itself.
 TEST_F(Faults, AllStallAndGoOn) {
-  start_rated(20'000'001, {4e6, 4e6});
+  start_rated(20'000'001, {16e6, 16e6});
+  library->get()->conn_check_time = 1;
+  library->get()->patience.stalled_us = 1'000'000;
   open();
   ASSERT_TRUE(play(0, 1'000'000));
-  constexpr int silence_ms = 4'000;
+  constexpr int silence_ms = 1'500;
   const fault stall{.kind = fault_kind::stall_at, .value = 5000, .ms = 12'000};
   on_all([&](int node) { server->set_fault(node, stall); });
   std::thread end([&] {
@@ -322,19 +309,21 @@ TEST_F(Faults, AllStallAndGoOn) {
   const auto budget = [](c2ms_sess *sess, void *buf, int32_t len) {
     const auto begin = clock::now();
     const int n = c2ms_sess_recv(sess, buf, len, 50);
-    EXPECT_LT(seconds_since(begin), 0.5 * slack);
+    EXPECT_LT(seconds_since(begin), 0.5 * slack());
     return n;
   };
   EXPECT_TRUE(play(1'000'000, 12'000'000, budget));
   end.join();
   EXPECT_GT(film->longest_wait, 1.0) << "there was no silence";
-  EXPECT_LT(film->longest_wait, 10.0 + 5.0);  // who is silent for 10 s is given up
+  EXPECT_LT(film->longest_wait, 1.5 + 2.0 + 1.0 * slack());  // who is silent for 1 s is given up
   EXPECT_TRUE(play(12'000'000, size));
 }
 
 // The servers that play are gone for good; the entry server, asked again by itself, names others.
 TEST_F(Faults, AnotherListReplacesDeadServers) {
-  start_rated(30'000'001, {3e6, 3e6, 3e6});
+  start_rated(30'000'001, {20e6, 20e6, 20e6});
+  library->get()->sess_check_time = library->get()->patience.reporting_check_s = 1;
+  library->get()->patience.reopen_after_us = 1'000'000;
   server->set_fault(refserver::entry_server, {.kind = fault_kind::list_duplicates});
   open();
   ASSERT_TRUE(play(0, 1'000'000));
@@ -343,17 +332,18 @@ TEST_F(Faults, AnotherListReplacesDeadServers) {
   server->clear_faults(refserver::entry_server);
   ASSERT_TRUE(play(1'000'000, size));
   EXPECT_GT(server->totals(1).media + server->totals(2).media, 0u);
-  EXPECT_GT(film->longest_wait, 15.0);
-  EXPECT_LT(film->longest_wait, 20.0 + 8 + 8 + 5);  // lost for 20 s, seen at a check, listed
+  EXPECT_GT(film->longest_wait, 0.75);
+  EXPECT_LT(film->longest_wait,
+            1.0 + 1 + 1 + 1 * slack());  // lost for 1 s, seen at a check, listed
 }
 
 // One server is slow, one is stuck: the reader gets what the healthy ones can give.
 TEST_F(Faults, OneSlowOneStuck) {
-  start_rated(40'000'001, {5e6, 5e6, 1e5, 5e6});
+  start_rated(40'000'001, {8e6, 8e6, 1e5, 8e6});
   server->set_fault(3, {.kind = fault_kind::stall_at, .value = 20'000, .from = 3});
   open();
   ASSERT_TRUE(play(0, size));
-  EXPECT_LT(film->longest_wait, 1.0 * slack);
+  EXPECT_LT(film->longest_wait, 1.0 * slack());
   c2ms_stats figures{};
   ASSERT_EQ(c2ms_sess_stats(film->get(), &figures, sizeof figures), 0);
   EXPECT_GT(figures.redundant, 0u);
@@ -367,7 +357,57 @@ TEST_F(Faults, TheFastestFallsSilent) {
   server->set_fault(0, {.kind = fault_kind::stall_at, .value = 20'000, .from = 400});
   open();
   ASSERT_TRUE(play(0, size));
-  EXPECT_LT(film->longest_wait, 1.0 * slack);
+  EXPECT_LT(film->longest_wait, 1.0 * slack());
+}
+
+// Answers of several packs end at a pack's border and in the middle of one: what came before is
+// kept, and only the rest is asked for again.
+TEST_F(Faults, RunsThatAreCutKeepWhatCame) {
+  constexpr uint64_t pack = 16384, cut = 2 * pack;
+  start(12'000'001, {.nodes = 1, .node = {{.rate_bytes_per_s = 20e6, .delay_ms = 5}}});
+  for (uint32_t i = 0; i < 8; ++i)
+    server->add_fault(0, {.kind = fault_kind::close_at,
+                          .value = 37 + cut + i % 2 * pack / 2,
+                          .from = 8 + 4 * i,
+                          .count = 1,
+                          .on = refserver::on_media});
+  open(0, pack);
+  ASSERT_TRUE(play(0, size));
+  int at_a_border = 0, inside = 0;
+  for (const auto &request : server->log()) {
+    if (request.injected != fault_kind::close_at || request.length < cut + pack) continue;
+    ++(request.payload_sent == cut ? at_a_border : inside);
+  }
+  EXPECT_GT(at_a_border, 0);
+  EXPECT_GT(inside, 0);
+  EXPECT_EQ(stats_of(*film).bytes_received, size);
+  EXPECT_EQ(server->totals().payload_sent, size);
+}
+
+// A server throws away what it is asked while it answers: each connection finds that out once.
+TEST_F(Faults, WhoTakesNothingAheadIsNotAskedAheadAgain) {
+  start(20'000'001,
+        {.nodes = 1, .node = {{.rate_bytes_per_s = 20e6, .delay_ms = 40, .one_at_a_time = true}}});
+  open();
+  ASSERT_TRUE(play(0, size));
+  EXPECT_LT(film->longest_wait, 1.0 * slack());
+  EXPECT_GT(server->totals().thrown_away, 0u) << "nothing was asked ahead";
+  EXPECT_LE(server->totals().thrown_away, stats_of(*film).nodes) << "of connections";
+}
+
+TEST_F(Faults, WhoWasSilentAndRecoversIsUsedAgain) {
+  start_rated(30'000'001, {12e6, 12e6});
+  library->get()->conn_check_time = 1;
+  library->get()->patience.stalled_us = 500'000;
+  open();
+  ASSERT_TRUE(play(0, 1'000'000));
+  server->set_fault(0, {.kind = fault_kind::mute, .on = refserver::on_media});
+  const uint64_t sent = server->totals(0).payload_sent;
+  ASSERT_TRUE(play(1'000'000, 14'000'000));
+  EXPECT_LT(server->totals(0).payload_sent - sent, 1'000'000u) << "it was not silent";
+  server->clear_faults(0);
+  ASSERT_TRUE(play(14'000'000, size));
+  EXPECT_GT(server->totals(0).payload_sent - sent, 3'000'000u);
 }
 
 // The servers refuse while the film plays: buffered bytes are delivered, then the reader is told

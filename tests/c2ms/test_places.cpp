@@ -54,7 +54,6 @@ TEST_F(Places, TwoFetchEachByteOnce) {
   pull(end, 1);
   EXPECT_EQ(asked_for(), film->size());
   EXPECT_EQ(c2ms_sess_read_at(film->get(), film->size(), buf.data(), 1, 10), -200);
-  EXPECT_EQ(c2ms_sess_read_at(nullptr, 0, buf.data(), 1, 10), -1);
   // Both places go back: what is left of the last ring serves, the rest comes once more.
   server->clear_log();
   play(10, 30);
@@ -80,7 +79,7 @@ TEST_F(Places, JumpsOfAHostWaitForNobody) {
                          ASSERT_TRUE(film->right(pos, buf.data(), n));
                        }));
   }
-  EXPECT_LT(longest, 0.5 * slack);
+  EXPECT_LT(longest, 0.5 * slack());
 }
 
 // Whatever another thread seeks to, a read at a position delivers that position's bytes.
@@ -128,7 +127,7 @@ TEST_F(Places, SeeksWaitForNobodyAndKeepWhatTheyCan) {
   for (int i = 0; i < 201; ++i)
     times.push_back(took([&] { c2ms_sess_seek(film->get(), random() % film->size()); }));
   std::nth_element(times.begin(), times.begin() + 100, times.end());
-  EXPECT_LT(times[100], 0.005 * slack);
+  EXPECT_LT(times[100], 0.005 * slack());
 }
 
 }  // namespace

@@ -74,7 +74,7 @@ TEST_F(Playing, BufferedBytesNeverWait) {
     const Film second(*library, *server, id);
     opening = std::min(opening, seconds_since(begin));
   }
-  EXPECT_LT(opening, 0.1 * slack);
+  EXPECT_LT(opening, 0.1 * slack());
   const int32_t pack = film->prepare(4096);
   ASSERT_GE(pack, 4096);
   std::vector<uint8_t> buf(static_cast<size_t>(pack));
@@ -87,20 +87,20 @@ TEST_F(Playing, BufferedBytesNeverWait) {
         took([&] { ASSERT_EQ(c2ms_sess_read(film->get(), buf.data(), pack, 0), pack); });
     longest = std::max(longest, seconds);
   }
-  EXPECT_LT(longest, 0.2 * slack);
+  EXPECT_LT(longest, 0.2 * slack());
 }
 
 TEST_F(Playing, RatesAddUp) {
   library = std::make_unique<Library>(16 << 20);
-  start(film_size, {.nodes = 4,
-                    .node = {{.rate_bytes_per_s = 2e6},
-                             {.rate_bytes_per_s = 4e6},
-                             {.rate_bytes_per_s = 6e6},
-                             {.rate_bytes_per_s = 8e6}}});
+  start(25'000'001, {.nodes = 4,
+                     .node = {{.rate_bytes_per_s = 2e6},
+                              {.rate_bytes_per_s = 4e6},
+                              {.rate_bytes_per_s = 6e6},
+                              {.rate_bytes_per_s = 8e6}}});
   const auto begin = clock::now();
   ASSERT_TRUE(film->play(0, size, 65536, Film::blocking));
   const double rate = static_cast<double>(size) / seconds_since(begin);
-  EXPECT_GT(rate, 0.9 * 20e6 / slack);
+  EXPECT_GT(rate, 0.9 * 20e6 / slack());
   // Every byte came once, but for what was asked twice at the slow end.
   EXPECT_LT(static_cast<double>(server->totals().payload_sent), 1.1 * static_cast<double>(size));
 }
@@ -111,8 +111,8 @@ TEST_F(Playing, IdlePlayersAreCheap) {
   ASSERT_GT(c2ms_sess_read(film->get(), buf.data(), 65536, 0), 0);
   ASSERT_TRUE(eventually([&] { return ring_is_full(*film); }));
   const double before = processor_seconds();
-  std::this_thread::sleep_for(3s);
-  EXPECT_LT(processor_seconds() - before, 0.02 * 3 * slack);
+  std::this_thread::sleep_for(1500ms);
+  EXPECT_LT(processor_seconds() - before, 0.02 * 1.5 * slack());
 }
 
 TEST_F(Playing, RangesAndWindowsOfAFile) {

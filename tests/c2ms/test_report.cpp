@@ -80,6 +80,8 @@ class Reporting : public Served {
 };
 
 TEST_F(Reporting, AgentsAnswersAndTheirResults) {
+  const int wait_ms = static_cast<int>(100 * std::min(slack(), 3.0));
+  point(*library, {wait_ms, 3 * wait_ms / 2, wait_ms, wait_ms});
   c2ms_sess *const sess = c2ms_sess_fetch(library->get());
   struct row {
     report_manners manners;
@@ -90,7 +92,7 @@ TEST_F(Reporting, AgentsAnswersAndTheirResults) {
       {{.ping_result = 1, .begin_result = 20, .end_result = 0x7fffffff}, 1, 20, 0x7fffffff},
       {{.noise = true}, 0, 0, 0},
       {{.silent = true}, -400, -400, -400},
-      {{.delay_ms = 2000}, -400, -400, -400},
+      {{.delay_ms = 20 * wait_ms}, -400, -400, -400},
       {{.wrong_kind = true}, -100, -100, -100},
       {{.raw = refserver::bytes(3000, 0x80)}, -400, -400, -400},
       {{.raw = refserver::bytes()}, -400, -400, -400},
@@ -104,7 +106,6 @@ TEST_F(Reporting, AgentsAnswersAndTheirResults) {
   }
   service.stop();
   EXPECT_EQ(c2ms_auth_ping(sess), -500);
-  EXPECT_EQ(c2ms_auth_ping(static_cast<c2ms_sess *>(nullptr)), -1);
   c2ms_sess_close(sess);
 }
 
@@ -141,7 +142,6 @@ TEST_F(Reporting, ReportServersAnswersAndTheirResults) {
   EXPECT_EQ(c2ms_perf_playbgn(sess), -400);
   library->get()->perf_server_ip = 0xffffffff;  // the server's name was not found
   EXPECT_EQ(c2ms_perf_playbgn(sess), -200);
-  EXPECT_EQ(c2ms_perf_playend_bgn(static_cast<c2ms_sess *>(nullptr)), -1);
   c2ms_sess_close(sess);
 }
 
@@ -215,7 +215,7 @@ TEST_F(Reporting, AgentsRefusalEndsReading) {
         [&] { waited = c2ms_sess_read(play.get(), nullptr, static_cast<int32_t>(size), 0); });
     EXPECT_TRUE(reader_waits(play));
     check(play.get());
-    EXPECT_LT(took([&] { reader.join(); }), 1.0 * slack);
+    EXPECT_LT(took([&] { reader.join(); }), 1.0 * slack());
     EXPECT_EQ(waited, code);
     const auto before = server->totals().payload_sent;
     for (int node = 0; node < 2; ++node) server->set_rate(node, 0);
@@ -256,27 +256,28 @@ TEST_F(Reporting, ClosedDuringEachWait) {
     pause_ms(after_ms);
     return took([&] { play.close(); });
   };
-  for (const int after_ms : {0, 50, 150, 250, 350, 450}) {
+  for (const int after_ms : {0, 30, 80, 130, 180, 230}) {
     service.clear();
-    service.set_agent({.delay_ms = 100});
-    service.set_report({.delay_ms = 100});
-    EXPECT_LT(closing(after_ms), 2.0 * slack);
+    service.set_agent({.delay_ms = 50});
+    service.set_report({.delay_ms = 50});
+    EXPECT_LT(closing(after_ms), 1.0 * slack());
     for (const auto channel : {report_channel::agent, report_channel::performance}) {
       EXPECT_TRUE(eventually([&] { return count(channel, 258) == 1; }));
       EXPECT_EQ(count(channel, 257), 1u);
     }
   }
-  for (const int after_ms : {0, 100, 400, 700, 800, 1000}) {  // connected, -500; ping; -400
-    service.set_agent({.silent = after_ms > 500});
+  point(*library, {100, 200, 100, 100});
+  for (const int after_ms : {0, 30, 130, 230, 270, 330}) {  // connected, -500; ping; -400
+    service.set_agent({.silent = after_ms > 200});
     service.set_report({.silent = true});
-    EXPECT_LT(closing(after_ms), 0.6 + 0.3 + 0.6 + 0.6 + 1.0);
+    EXPECT_LT(closing(after_ms), 0.2 + 0.1 + 0.2 + 0.2 + 0.5 * slack());
   }
 }
 
 // Who does not answer delays neither the other channel nor another session: one after another, the
 // last of four would be told after three waits.
 TEST_F(Reporting, SilenceDelaysNobodyElse) {
-  const int wait_ms = static_cast<int>(1000 * slack);
+  const int wait_ms = static_cast<int>(500 * slack());
   point(*library, {wait_ms, wait_ms, wait_ms, wait_ms});
   const auto told = [&](report_channel channel, uint32_t type, size_t times) {
     return eventually([&] { return count(channel, type) >= times; }, 2ms * wait_ms);
@@ -317,7 +318,7 @@ TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
   silence();
   for (const bool closing : {false, true}) {
     Library other;
-    point(other, {1000, 1000, 1000, 1000});
+    point(other, {600, 600, 600, 600});
     std::vector<std::unique_ptr<Film>> films;
     for (int i = 0; i < 4; ++i) films.push_back(std::make_unique<Film>(other, *server, id));
     for (const auto &play : films) begin_check(play->get());
@@ -327,7 +328,7 @@ TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
     });
     std::this_thread::sleep_for(100ms);
     const size_t before = service.messages().size();
-    EXPECT_LT(took([&] { other.clean(); }), 2.0 * slack);
+    EXPECT_LT(took([&] { other.clean(); }), 1.2 * slack());
     closer.join();
     EXPECT_EQ(service.messages().size(), before);
     for (const auto &play : films) play->forget();
@@ -336,7 +337,7 @@ TEST_F(Reporting, CleaningUpEndsWithTheRunningWait) {
 
 // With agent and report server both silent for all of their time, the player notices nothing.
 TEST_F(Reporting, SilenceDoesNotDisturbPlaying) {
-  point(*library, {});
+  point(*library, {1000, 1500, 1000, 1000});
   library->get()->sess_check_time = 1;
   silence();
   Film play(*library, *server, id, 65536);
@@ -346,8 +347,8 @@ TEST_F(Reporting, SilenceDoesNotDisturbPlaying) {
     std::this_thread::sleep_for(25ms);
     return c2ms_sess_read(sess, buf, len, 0);
   };
-  EXPECT_TRUE(play.play(65536, play.size(), 65536, paced));
-  EXPECT_LT(play.longest_wait, 1.0) << "the shortest wait for an answer is 2 s";
+  EXPECT_TRUE(play.play(65536, 100 * 65536, 65536, paced));
+  EXPECT_LT(play.longest_wait, 0.5) << "the shortest wait for an answer is 1 s";
   EXPECT_EQ(service.story(report_channel::agent), "ping");
   EXPECT_EQ(service.story(report_channel::performance).substr(0, 10), "play_begin");
   EXPECT_EQ(play.get()->auth_state, 255);

@@ -155,7 +155,7 @@ TEST_F(Statistics, OfANewCache) {
 
 TEST_F(Statistics, WaitsByTheirCause) {
   start(60'000'001, {}, 0);
-  on_all([&](int node) { server->set_delay(node, 300); });
+  on_all([&](int node) { server->set_delay(node, 120); });
   film = std::make_unique<Film>(*library, *server, id, 262'144);
   const auto read = [&](uint64_t pos, int32_t len, int32_t budget_ms) {
     c2ms_sess_seek(film->get(), pos);
@@ -165,7 +165,7 @@ TEST_F(Statistics, WaitsByTheirCause) {
   EXPECT_EQ(stats_of(*film).wait_seek.count, 1u);
   read(30'000'000, 1000, 10'000);
   EXPECT_EQ(stats_of(*film).wait_seek.count, 2u);
-  EXPECT_GE(stats_of(*film).wait_seek.longest_us, 100'000u);
+  EXPECT_GE(stats_of(*film).wait_seek.longest_us, 60'000u);
   ASSERT_TRUE(eventually([&] { return at_rest(*film); }));
   EXPECT_EQ(stats_of(*film).wait_late.count, 0u);
   // More than the ring holds, in one call.
@@ -264,9 +264,6 @@ TEST_F(Statistics, OfAnOlderOrNewerPlayer) {
     EXPECT_EQ(std::count(room.begin() + static_cast<ptrdiff_t>(bytes), room.end(), 0xaa),
               static_cast<ptrdiff_t>(room.size() - bytes));
   }
-  EXPECT_EQ(c2ms_sess_stats(nullptr, nullptr, 0), -1);
-  EXPECT_EQ(c2ms_sess_stats(film->get(), nullptr, 0), -2);
-  EXPECT_EQ(c2ms_sess_ranges(nullptr, nullptr, 0), -1);
 }
 
 // What is recorded is what was counted; the oldest events give way; nothing is recorded while off.
@@ -322,10 +319,6 @@ TEST_F(Statistics, RecordedEventsAreThoseCounted) {
   ASSERT_EQ(c2ms_sess_trace(film->get(), 0), 0);
   c2ms_sess_seek(film->get(), 5'000'000);
   EXPECT_TRUE(recorded(*film).empty());
-  c2ms_trace_event event;
-  EXPECT_EQ(c2ms_sess_trace(nullptr, 1), -1);
-  EXPECT_EQ(c2ms_sess_trace_read(nullptr, &event, 1, nullptr), -1);
-  EXPECT_EQ(c2ms_sess_trace_read(film->get(), nullptr, 1, nullptr), -2);
   // As much as it may take; the close frees it.
   EXPECT_EQ(c2ms_sess_trace(film->get(), INT32_MAX), 0);
 }

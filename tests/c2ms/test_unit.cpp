@@ -16,6 +16,7 @@
 #include "c2ms/ring/cache.h"
 #include "c2ms/ring/need.h"
 #include "c2ms/ring/pack.h"
+#include "c2ms/ring/range.h"
 #include "local.h"
 
 namespace {
@@ -127,6 +128,7 @@ TEST_F(Unit, AnswersCutAtEveryByte) {
       SCOPED_TRACE(std::string(row.what) + " " + std::to_string(cut));
       c2ms_unit *const unit = begin();
       const auto bytes = answer(unit, row.pdu, row.announced, row.announced, row.result);
+      ASSERT_EQ(c2ms_cache_get_idle_pack(cache), pack(1));
       ASSERT_EQ(feed(unit, bytes, cut), row.expected);
       ASSERT_TRUE(!delivers || unit->state == UNIT_END);
       {
@@ -135,6 +137,8 @@ TEST_F(Unit, AnswersCutAtEveryByte) {
         ASSERT_TRUE(!delivers || pack(0)->state == row.state);
       }
       ASSERT_TRUE(holds_payload(len));
+      const bool idle = delivers && row.state == pack_idle;
+      ASSERT_TRUE(!idle || c2ms_cache_get_idle_pack(cache) == pack(0)) << "it is not found again";
       c2ms_unit_recycle(unit);
     }
   }

@@ -4,9 +4,9 @@
 #include <array>
 #include <atomic>
 
-#include "../support.h"
 #include "adif/tsock.h"
 #include "eprobe/probe.h"
+#include "support/support.h"
 
 inline const uint32_t loopback = htonl(INADDR_LOOPBACK);
 

@@ -354,15 +354,4 @@ TEST_F(Listen, UdpIsWatchedByAllWorkersAndRemovedAsOne) {
   EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST(Null, NeutralResults) {
-  for (int result : {RemoveDevice(nullptr), SetNotify(nullptr, PROBE_READ_ON), StopProbe(nullptr),
-                     GetDeviceTCPNum(nullptr), StartProbe(nullptr, 1), probe_barrier(nullptr),
-                     DrivePump(nullptr), RemoveHook(nullptr), RemoveHookOf(nullptr, nullptr)})
-    EXPECT_EQ(result, -1);
-  EXPECT_EQ(GetDeviceFD(nullptr) + StopTimer(nullptr) + probe_cleanup(nullptr), 0);
-  EXPECT_EQ(GetDevicePara(nullptr) + GetDeviceRemoteIP(nullptr) + GetTimeoutCmd(nullptr), 0u);
-  EXPECT_EQ(GetDeviceLocalPort(nullptr), 65535);
-  EXPECT_EQ(StartTimer2(nullptr, 1, 0, 0, nullptr, nullptr), nullptr);
-}
-
 }  // namespace

@@ -213,16 +213,4 @@ TEST(Monitor, AppendsAReportEachPeriod) {
       << read_file(file);
 }
 
-TEST(FatalDeathTest, EndsAsOperatorsKnowIt) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
-  EXPECT_DEATH(probe_set_profile_monitor(probe_create(1), "unused", 1000),
-               "eprobe/probe.*ms > 1000");
-  EXPECT_DEATH(probe_set_profile_monitor(probe_create(1), nullptr, 2000),
-               "filename != \\(\\(void \\*\\)0\\)");
-  EXPECT_DEATH(AcceptRemote2(nullptr, nullptr, 0, nullptr, nullptr, nullptr),
-               "vpcore != \\(\\(void \\*\\)0\\)");
-  EXPECT_DEATH(AcceptRemote2(probe_create(1), nullptr, 0, nullptr, nullptr, nullptr),
-               "vld != \\(\\(void \\*\\)0\\)");
-}
-
 }  // namespace

@@ -56,7 +56,7 @@ struct Juggler {
     std::mt19937 random(seed);
     const auto start = [&](Place &place) {
       place = {&shots.emplace_back(), nullptr, place.timer};
-      while ((place.timer = place.shot->start(core, random() % 600)) == nullptr) pause_ms(1);
+      while ((place.timer = place.shot->start(core, random() % 150)) == nullptr) pause_ms(1);
     };
     for (Place &place : places) start(place);
     for (unsigned i = 0; Clock::now() < end; ++i) {
@@ -79,11 +79,11 @@ struct Juggler {
   }
 };
 
-TEST(Timers, FiveHundredForTenSecondsAreNeverEarlyLostDoubledOrResurrected) {
+TEST(Timers, FiveHundredAreNeverEarlyLostDoubledOrResurrected) {
   Random random;
   Juggler jugglers[5];
   Engine engine(8);
-  const auto end = Clock::now() + std::chrono::seconds(10);
+  const auto end = Clock::now() + std::chrono::milliseconds(2500);
   Threads(5, [&](int i) {
     jugglers[i].run(engine.core, random.seed() + static_cast<unsigned>(i), end);
   }).join();
@@ -93,7 +93,7 @@ TEST(Timers, FiveHundredForTenSecondsAreNeverEarlyLostDoubledOrResurrected) {
   }
   probe_barrier(engine.core);
   for (Juggler &juggler : jugglers) {
-    EXPECT_GT(juggler.shots.size(), 500u);
+    EXPECT_GT(juggler.shots.size(), 1000u);
     for (const Shot &shot : juggler.shots) {
       ASSERT_LE(shot.fired, shot.at_most) << "doubled or resurrected";
       ASSERT_FALSE(shot.early) << shot.period_ms;

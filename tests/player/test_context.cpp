@@ -5,12 +5,12 @@
 
 #include <atomic>
 
-#include "../support.h"
 #include "c2ms.h"
 #include "c2ms/core/context.h"
 #include "c2ms/core/identity.h"
 #include "c2ms/core/records.h"
 #include "c2ms/session/object.h"
+#include "support/support.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "../support.h"
+#include "support/support.h"
 #include "testing/media_server.h"
 
 namespace rawtest {

@@ -1,18 +1,30 @@
-#include "aftermath.h"
+#include "support/aftermath.h"
 
 #include <dirent.h>
 #include <malloc.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <string>
 #include <thread>
 
 #include "c2ms/core/context.h"
 #include "c2ms/core/records.h"
 #include "eprobe/rac_core.h"
+#include "support/slack.h"
 
-namespace chaos {
+namespace support {
 
 namespace {
+
+// The first thread of a process brings the thread sanitizer's own with it, and one that was joined
+// is listed for a moment longer.
+void start_first_thread() {
+  std::atomic<pid_t> thread{0};
+  std::thread([&] { thread = gettid(); }).join();
+  const std::string listed = "/proc/self/task/" + std::to_string(thread);
+  while (access(listed.c_str(), F_OK) == 0) std::this_thread::yield();
+}
 
 int entries_of(const char *path) {
   int count = 0;
@@ -24,7 +36,7 @@ int entries_of(const char *path) {
 
 template <class Holds>
 bool soon(Holds holds) {
-  const auto end = clock::now() + milliseconds(static_cast<int>(5000 * slack));
+  const auto end = clock::now() + milliseconds(static_cast<int>(5000 * slack()));
   while (!holds()) {
     if (clock::now() > end) return false;
     std::this_thread::sleep_for(milliseconds(1));
@@ -42,6 +54,8 @@ void check_pool(Findings &findings, const char *name, block_pool *pool) {
 }  // namespace
 
 Holdings holdings_now() {
+  static std::once_flag first;
+  std::call_once(first, start_first_thread);
   Holdings now;
   now.descriptors = entries_of("/proc/self/fd");
   now.threads = entries_of("/proc/self/task");
@@ -102,4 +116,4 @@ void check_gone(Findings &findings, const Holdings &before) {
   }
 }
 
-}  // namespace chaos
+}  // namespace support

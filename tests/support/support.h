@@ -1,10 +1,9 @@
-// What several test programs share: random numbers with a printed seed, a folder of one's own, a
-// process of one's own, whole files, waits with a bound, clocks, ports.
+// What several test programs share: random numbers with a printed seed, a folder of one's own,
+// whole files, waits with a bound, clocks, ports.
 #pragma once
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,6 +15,12 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "support/child.h"
+#include "support/slack.h"
+
+using support::in_child;
+using support::slack;
 
 /// Random numbers whose seed is printed when a test fails; C2MS_SEED=n in the environment repeats.
 class Random {
@@ -50,16 +55,6 @@ inline std::string read_file(const std::string &path) {
 
 inline void write_file(const std::string &path, const std::string &text) {
   std::ofstream(path, std::ios::binary) << text;
-}
-
-/// What `work` returns in a process of its own; -1 if that ended otherwise.
-template <class Work>
-int in_child(Work work) {
-  const pid_t child = fork();
-  if (child == 0) _exit(work());
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 inline void pause_ms(int ms) {

@@ -4,9 +4,9 @@
 
 #include "c2ms.h"
 #include "c2ms/core/records.h"
-#include "findings.h"
+#include "support/findings.h"
 
-namespace chaos {
+namespace support {
 
 /// What the process holds.
 struct Holdings {
@@ -30,4 +30,4 @@ void check_idle(Findings &findings, c2ms_mgmt *mgmt, const Idle &before);
 /// Library and servers are gone: descriptors and threads are as before.
 void check_gone(Findings &findings, const Holdings &before);
 
-}  // namespace chaos
+}  // namespace support
