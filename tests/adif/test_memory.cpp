@@ -252,6 +252,8 @@ TEST(Pool, ExhaustionMisses) {
 // 8 threads share 3 units: none is handed out twice, and nobody sleeps while one is free.
 TEST(Pool, WaitingFetchesAllGetTheirTurn) {
   const TestPool pool(3, sizeof(std::atomic<int>));
+  void *const all[] = {fetchUnit(pool), fetchUnit(pool), fetchUnit(pool)};  // however they meet
+  for (void *unit : all) recycleUnit(pool, unit);
   std::atomic<int> shared{0}, served{0};
   Threads(8, [&](int) {
     for (int i = 0; i < 5000; ++i, ++served) {

@@ -110,5 +110,6 @@ TEST(time_text, lengths_and_null) {
   EXPECT_EQ(std::memcmp(bytePointer(frame), text.data(), 19), 0);
   deleteFrame(&frame);
   time_t again;
-  EXPECT_EQ(std::string(get_curtime_str(&again)), ctime(&again));
+  const std::string now = get_curtime_str(&again);
+  EXPECT_EQ(now, ctime(&again));
 }
