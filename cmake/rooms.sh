@@ -26,16 +26,13 @@ includes() {
 }
 
 calls() {
-  local object
-  for object in $(for room in core wire ring fetch report session player; do
-    ls "$build"/c2ms/CMakeFiles/c2ms_$room.dir/$room/*.o
-  done); do
-    nm "$object" | awk -v me="$(sed -E 's,.*\.dir/([a-z]+/[a-z_]+)\.cpp\.o$,\1,' <<< "$object")" '
-      $2 ~ /^[TDBR]$/ { print "defines", $3, me }
-      $1 == "U" { print "uses", $2, me }'
-  done | awk '
-    $1 == "defines" { home[$2] = $3 }
-    $1 == "uses" { used[++n] = $2 " " $3 }
+  local rooms=()
+  for room in core wire ring fetch report session player; do
+    rooms+=("$build"/c2ms/CMakeFiles/c2ms_$room.dir/$room/*.o)
+  done
+  nm -A "${rooms[@]}" | sed -E 's,^[^:]*\.dir/([a-z]+/[a-z_]+)\.cpp\.o:[0-9a-f]* *,\1 ,' | awk '
+    $2 ~ /^[TDBR]$/ { home[$3] = $1 }
+    $2 == "U" { used[++n] = $3 " " $1 }
     END {
       for (i = 1; i <= n; ++i) {
         split(used[i], pair, " ")

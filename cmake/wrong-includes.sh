@@ -15,7 +15,7 @@ compiles() {
     sed -E 's/^ *"command": "//; s/ -o .*$//; s/\\"/"/g; s/^[^ ]*ccache //')
   [[ -n $command ]] || { echo "no source of $1 is built" && exit 1; }
   echo "#include \"$2\"" > "$trial"
-  eval "$command -w -fsyntax-only -x c++ $trial" > /dev/null 2>&1
+  eval "$command -w -E -x c++ $trial" > /dev/null 2>&1
 }
 
 wrong=0

@@ -143,6 +143,37 @@ TEST_F(Opening, ServersThatOnlyKnowOthersAreFew) {
   EXPECT_EQ(opened, 16);
 }
 
+// The list takes 400 ms; servers that are known from the film before need not wait for it. It
+// decides all the same: who is not on it is left, and a refusal ends what was begun.
+TEST_F(Opening, TheNextFilmBeginsWithTheServersOfTheOneBefore) {
+  start(1'000'000, {.nodes = 2, .entry = {.delay_ms = 400}}, 0);
+  const auto open_for_400_ms = [&] {
+    int32_t error = 0;
+    c2ms_sess *const sess = c2ms_sess_open(library->get(), server->url(id).c_str(), &error);
+    EXPECT_EQ(error, 0);
+    std::this_thread::sleep_for(600ms);
+    return sess;
+  };
+  EXPECT_GE(took([&] { EXPECT_EQ(open_error(server->url(id)), 0); }), 0.4);
+  EXPECT_LT(took([&] { EXPECT_EQ(open_error(server->url(id)), 0); }), 0.4);
+
+  server->set_fault(refserver::entry_server, {.kind = refserver::fault_kind::list_duplicates});
+  c2ms_sess *sess = open_for_400_ms();
+  ASSERT_NE(sess, nullptr);
+  EXPECT_TRUE(eventually([&] { return server->totals(1).open == 0; }));
+  EXPECT_EQ(server->totals(0).open, 1u);  // and nobody is connected to twice
+  c2ms_sess_close(sess);
+
+  server->set_fault(refserver::entry_server, {.kind = refserver::fault_kind::refusal, .value = 20});
+  sess = open_for_400_ms();
+  ASSERT_NE(sess, nullptr);
+  char byte;
+  ASSERT_EQ(c2ms_sess_cache_init(sess, 0), 0);
+  ASSERT_EQ(c2ms_sess_range(sess, 0, 1'000'000), 0);
+  EXPECT_EQ(c2ms_sess_read(sess, &byte, 1, 0), C2MS_UNAUTHORIZED);
+  c2ms_sess_close(sess);
+}
+
 // All servers of the first list are dead; the next list names a living one. When none lives, the
 // entry server is asked ever more rarely.
 TEST_F(Opening, AnotherListIsAskedForWhenAllServersOfOneAreDead) {
