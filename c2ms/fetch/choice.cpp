@@ -9,14 +9,15 @@ namespace {
 constexpr double assumed_rate =
     250'000;  // 2 Mbit/s: of the first connection, before anything is known
 constexpr double least_round_trip = 0.0005;
-// Shorter silences than this or a round trip are how packets bunch: TCP sends a window at once.
+// Shorter silences than this or half a round trip are how packets bunch: TCP sends a window at
+// once. All of a round trip finds outages on far ways too late.
 constexpr double long_silence = 0.1;
 constexpr double sooner = 0.95;  // of two that are as quick neither leaves it to the other
 
-// How long a request should take to come. Two are under way on a connection, so two round trips
-// each and some keep it busy even when a run is cut short by its neighbours. A rate that still
-// rises doubles within a round trip, and the one that is known is that of the round trip before.
-constexpr double round_trips_of_run = 2.5;
+// How long a request should take to come. Two are under way on a connection, so three round trips
+// each keep it busy even when a run is cut short by its neighbours. A rate that still rises doubles
+// within a round trip, and the one that is known is that of the round trip before.
+constexpr double round_trips_of_run = 3;
 constexpr double round_trips_growing = 4;
 constexpr double least_run_s = 0.06;  // requests cost bytes, packets and time of both processors
 constexpr double most_run_s =
@@ -82,7 +83,7 @@ double round_trip_of(const lane &one) {
 }
 
 bool is_silent(const lane &one) {
-  return one.silence > std::max(long_silence, one.round_trip);
+  return one.silence > std::max(long_silence, one.round_trip / 2);
 }
 
 // A connection that owes nothing is no better than those beside it: connections die together on one
