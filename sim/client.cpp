@@ -12,12 +12,14 @@ namespace sim {
 
 namespace {
 
+constexpr double entry_s = 0.06;  // the entry server names the others then
 constexpr double probe_s = 3;
 constexpr double help_s = 0.02;     // between two looks for late packs
 constexpr int32_t help_packs = 64;  // that are looked at
 constexpr int64_t description_bytes = 1400;
 constexpr double connect_timeout = 7.55;
 constexpr double first_brake = 0.25;
+constexpr double anew_pause_s = 1;  // between two that are given up for being hopeless
 constexpr double starved_s = 0.2;
 constexpr double idle_s = 30;
 constexpr int most_bearers = 2;  // that a pack has when another one is asked
@@ -35,7 +37,7 @@ Client::Client(const std::vector<link_terms> &links, double access_mbit, const c
   for (const link_terms &one : links) {
     links_.push_back(std::make_unique<Link>(one, seed + 1 + links_.size(), access_.get()));
     channels_.emplace_back().server = links_.size() - 1;
-    open(channels_.back());
+    channels_.back().retry_at = entry_s;
   }
   packs_.resize(static_cast<size_t>(std::ceil(terms.film_bytes / terms.pack_bytes)));
   ring_packs_ = static_cast<int32_t>(terms.ring_bytes / terms.pack_bytes);
@@ -350,28 +352,21 @@ bool Client::is_late(int32_t index, size_t holder) {
   return other.who == holder && other.expected > needed(index, all);
 }
 
-bool Client::wanted_from(size_t who, const lanes_of &all) {
-  double before = 0;
-  for (const answer &each : channels_[who].answers) {
+// Something of what a connection owes is still missing.
+bool Client::wanted_from(const channel &one) const {
+  for (const answer &each : one.answers) {
     for (int32_t k = each.first; k < each.first + each.count; ++k) {
-      if (k < first() || k >= end() || at(k).ready) continue;
-      const double left = static_cast<double>(bytes_of(each) - each.got);
-      const double behind =
-          static_cast<double>(each.first + each.count - 1 - k) * terms_.pack_bytes;
-      if (soonest(k, all, who).expected >
-          c2ms::arrives_in(all, who, before + std::max(left - behind, 1.0)))
-        return true;
+      if (k >= first() && k < end() && !at(k).ready) return true;
     }
-    before += static_cast<double>(bytes_of(each) - each.got);
   }
   return false;
 }
 
 void Client::leave_hopeless() {
   for (size_t i = 0; i < channels_.size(); ++i) {
-    if (channels_[i].answers.empty()) continue;
-    const auto all = lanes();
-    if (c2ms::is_hopeless(all, i) && !wanted_from(i, all)) give_up(channels_[i]);
+    channel &one = channels_[i];
+    if (one.answers.empty() || now_ - one.since < anew_pause_s || wanted_from(one)) continue;
+    if (c2ms::is_hopeless(lanes(), i)) give_up(one);
   }
 }
 

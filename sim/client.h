@@ -7,7 +7,6 @@
 
 #include "c2ms/core/estimate.h"
 #include "c2ms/fetch/choice.h"
-#include "c2ms/fetch/work.h"
 #include "connection.h"
 
 namespace sim {
@@ -76,7 +75,7 @@ class Client {
   bool help_with(int32_t index);
   bool is_late(int32_t index, size_t holder);
   void leave_hopeless();
-  bool wanted_from(size_t who, const lanes_of &all);
+  bool wanted_from(const channel &one) const;
   void grow();
 
   lanes_of lanes() const;

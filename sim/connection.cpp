@@ -10,6 +10,9 @@ constexpr double first_window = 10;
 constexpr double cut_to = 0.7, cubic_c = 0.4;
 constexpr double least_timeout = 0.2;
 constexpr double longest_timeout = 60;
+constexpr double acknowledge_s = 0.04;     // a lone packet waits that long for a second one
+constexpr int64_t told_at_once = 16;       // packets of a young connection
+constexpr double least_growth = 1.0 / 20;  // of an acknowledgement, before anything was lost
 }  // namespace
 
 void Connection::open(double now) {
@@ -45,8 +48,10 @@ void Connection::read_requests(double now) {
 
 void Connection::cut(double now) {
   most_ = window_;
+  back_ = std::cbrt(most_ * (1 - cut_to) / cubic_c);
   threshold_ = window_ = std::max(window_ * cut_to, 2.0);
   epoch_ = last_cut_ = now;
+  was_cut_ = true;
 }
 
 // Slow start ends when a round's first packets find a queue, or when acknowledgements come as a
@@ -73,17 +78,29 @@ void Connection::grow(const flight &one, double now) {
   if (window_ < threshold_) {
     if (queue) {
       threshold_ = most_ = window_;
+      back_ = 0;
       epoch_ = now;
     }
     window_ += 1;
     return;
   }
   const double since = now - epoch_;
-  const double back = std::cbrt(most_ * (1 - cut_to) / cubic_c);
-  const double cubic = cubic_c * std::pow(since + trip - back, 3) + most_;
+  const double cubic = cubic_c * std::pow(since + trip - back_, 3) + most_;
   const double friendly = most_ * cut_to + 3 * (1 - cut_to) / (1 + cut_to) * since / trip;
   const double target = std::min(std::max(cubic, friendly), window_ * 1.5);
-  window_ += target > window_ ? (target - window_) / window_ : 0.01 / window_;
+  const double growth = target > window_ ? (target - window_) / window_ : 0.01 / window_;
+  window_ += was_cut_ ? growth : std::max(growth, least_growth);
+}
+
+// Every second packet is acknowledged with the one before it, each of the first ones and each
+// behind a gap at once.
+void Connection::tell(flight &one) {
+  const bool gap = one.segment != delivered_;
+  const bool second = untold_ >= 0;
+  if (second) air_[static_cast<size_t>(untold_)].told = one.arrives;
+  const bool waits = !gap && !second && acknowledged_++ >= told_at_once;
+  one.told = one.arrives + (waits ? acknowledge_s : 0);
+  untold_ = waits ? static_cast<int64_t>(heard_) : -1;
 }
 
 // Acknowledgements come in the order of sending; a packet before one of them that has not arrived
@@ -93,13 +110,14 @@ void Connection::acknowledge(double now) {
   size_t end = 0, last = 0;
   for (; end < air_.size(); ++end) {
     if (air_[end].arrives >= never) continue;
-    if (air_[end].arrives + back > now) break;
+    if (end >= heard_ || air_[end].told + back > now) break;
     last = end + 1;
   }
   for (size_t i = 0; i < last; ++i) {
     const flight one = air_.front();
     air_.pop_front();
     --heard_;
+    if (untold_ >= 0) --untold_;
     if (one.counted) flying_ -= 1;
     const bool old = one.segment < first_segment_;
     if (one.arrives >= never) {
@@ -108,11 +126,12 @@ void Connection::acknowledge(double now) {
       if (one.sent > last_cut_) cut(now);
       continue;
     }
-    round_trip_ += (now - one.sent - round_trip_) / 8;
+    const double at = one.told + back;
+    round_trip_ += (at - one.sent - round_trip_) / 8;
     timeouts_ = 0;
     if (!old) segments_[static_cast<size_t>(one.segment - first_segment_)].acknowledged = true;
-    grow(one, now);
-    last_heard_ = now;
+    grow(one, at);
+    last_heard_ = at;
   }
   while (!segments_.empty() && segments_.front().arrived && segments_.front().acknowledged) {
     segments_.pop_front();
@@ -153,6 +172,24 @@ void Connection::put(int64_t which, double now) {
   last_sent_ = now;
 }
 
+// A window that has not been used for a round trip and more shrinks to what was used of it.
+void Connection::forget_window(double now) {
+  if (limited_) {
+    used_ = 0;
+    used_up_at_ = now;
+    return;
+  }
+  used_ = std::max(used_, flying_);
+  if (flying_ == 0 || now - used_up_at_ < round_trip_ + least_timeout) return;
+  const double used = std::max(used_, first_window);
+  if (used < window_) {
+    if (threshold_ < never) threshold_ = std::max(threshold_, window_ * 3 / 4);
+    window_ = (window_ + used) / 2;
+  }
+  used_ = 0;
+  used_up_at_ = now;
+}
+
 void Connection::send(double now) {
   const double pause = round_trip_ + least_timeout;
   if (backlog_ > 0 && segments_.empty() && now >= answers_at_) {
@@ -160,6 +197,7 @@ void Connection::send(double now) {
     for (double idle = now - last_sent_; idle > pause && window_ > first_window; idle -= pause) {
       window_ = std::max(window_ / 2, first_window);
     }
+    epoch_ += now - std::max(last_sent_, epoch_);
     last_sent_ = std::max(last_sent_, now);
   }
   limited_ = true;
@@ -197,6 +235,7 @@ int64_t Connection::deliver(double now) {
     const flight &one = air_[heard_];
     if (one.arrives >= never) continue;
     if (one.arrives > now) break;
+    tell(air_[heard_]);
     if (one.segment >= first_segment_)
       segments_[static_cast<size_t>(one.segment - first_segment_)].arrived = true;
   }
@@ -215,6 +254,7 @@ int64_t Connection::step(double now) {
   acknowledge(now);
   time_out(now);
   send(now);
+  forget_window(now);
   return bytes;
 }
 

@@ -27,15 +27,18 @@ class Connection {
   struct flight {  // one sending of a segment
     int64_t segment;
     double sent, arrives;
+    double told = never;  // when the receiver acknowledges it
     bool counted = true;  // in flying_; false once a timeout has written it off
   };
   void read_requests(double now);
   void acknowledge(double now);
+  void tell(flight &one);
   bool finds_queue(const flight &one, double now);
   void grow(const flight &one, double now);
   void cut(double now);
   void time_out(double now);
   void send(double now);
+  void forget_window(double now);
   void put(int64_t which, double now);
   int64_t deliver(double now);
   bool quiet() const { return segments_.empty() && backlog_ == 0 && requests_.empty(); }
@@ -54,7 +57,11 @@ class Connection {
   double window_ = 10, threshold_ = never;  // packets
   double flying_ = 0;
   double most_ = 0, epoch_ = 0;  // cubic: the window at the last cut, when that was
-  bool limited_ = false;         // by the window
+  double back_ = 0;              // seconds from then until it is as large again
+  bool was_cut_ = false;
+  int64_t acknowledged_ = 0, untold_ = -1;  // packets; the place in air_ of one that waits
+  double used_ = 0, used_up_at_ = 0;        // of the window, while it was not the limit
+  bool limited_ = false;                    // by the window
   double last_cut_ = -1, last_sent_ = 0, last_heard_ = 0, paced_until_ = 0;
   double round_at_ = 0, round_least_ = 0;  // of slow start: when it began, the least of its queue
   int round_count_ = 0;

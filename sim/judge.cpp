@@ -26,14 +26,15 @@ void blame(std::string &into, const char *what, double is, double most) {
   into += line;
 }
 
-verdict run(const scenario &one, uint64_t seed, bool verbose) {
+verdict run(const scenario &one, uint64_t seed, source of, bool verbose) {
   verdict v;
   v.got = play(one.net, one.terms, seed, verbose);
-  const network net = reachable(one.net);
-  const double least = one.terms.seek_each > 0 ? 0
-                       : one.terms.pace > 0    ? fluid(net, one.terms).seconds
-                                               : ideal_seconds(net, one.terms);
-  const bool possible = least < one.terms.most_seconds / 2;
+  if (one.terms.pace > 0) {
+    v.best = fluid(one.net, one.terms, of);
+  } else {
+    v.best.seconds = ideal_seconds(one.net, one.terms, of);
+  }
+  const bool possible = one.terms.seek_each > 0 || v.best.seconds < one.terms.most_seconds / 2;
   blame(v.broken, "bytes missing",
         v.got.complete || !possible ? 0 : one.terms.client.film_bytes - v.got.read, 0);
   blame(v.broken, "bytes twice", v.got.twice, free_repeats + repeats * v.got.received);
@@ -49,16 +50,13 @@ double seek_ms(const outcome &got, double part) {
 }
 
 verdict judge(const scenario &one, uint64_t seed, bool verbose) {
-  verdict v = run(one, seed, verbose);
+  verdict v = run(one, seed, source::connections, verbose);
   if (one.terms.seek_each > 0) return v;
-  const network net = reachable(one.net);
   const double slack = exchange(one.net);
   if (one.terms.pace <= 0) {
-    v.best.seconds = ideal_seconds(net, one.terms);
     blame(v.behind, "seconds", v.got.seconds, 1.1 * v.best.seconds + 4 * slack);
     return v;
   }
-  v.best = fluid(net, one.terms);
   v.stalled = std::max(v.got.stalled - v.best.stalled, 0.0);
   blame(v.behind, "seconds stalled", v.got.stalled, v.best.stalled + slack);
   blame(v.behind, "start", v.got.start, 1.3 * v.best.start + 4 * slack);
@@ -66,16 +64,14 @@ verdict judge(const scenario &one, uint64_t seed, bool verbose) {
 }
 
 verdict judge_named(const scenario &one, uint64_t seed, bool verbose) {
-  verdict v = run(one, seed, verbose);
+  verdict v = run(one, seed, source::links, verbose);
   if (one.terms.pace <= 0) {
-    v.best.seconds = ideal_seconds(one.net, one.terms);
     blame(v.behind, "seconds", v.got.seconds, v.best.seconds / one.share);
   } else if (one.terms.seek_each > 0) {
     blame(v.behind, "median seek, ms", seek_ms(v.got, 0.5), one.median_ms);
     blame(v.behind, "seek of nine in ten, ms", seek_ms(v.got, 0.9), one.most_ms);
   } else {
     blame(v.behind, "seconds stalled", v.got.stalled, one.stalled);
-    v.best = fluid(one.net, one.terms);
   }
   return v;
 }

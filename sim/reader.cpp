@@ -112,24 +112,59 @@ class Play {
   outcome result_;
 };
 
-// What two connections bring that double their window each round trip, after one each for
-// themselves, the description and the request.
-double first_windows_mbit(const link_terms &one, double now) {
-  const double trips = std::min((now - one.think) / one.round_trip - 3, 30.0);
-  if (trips < 0) return 0;
-  return 2 * 10 * 1500 * 8e-6 * std::pow(2, std::floor(trips)) / one.round_trip;
-}
-
-double bytes_per_second(const network &net, double now) {
-  double sum = 0;
-  for (const link_terms &one : net.links) {
-    double rate = one.mbit_at(now) * (1 - one.loss);
-    if (net.slow_start) rate = std::min(rate, first_windows_mbit(one, now));
-    sum += rate;
+// Bytes that come over a network, step by step.
+class Stream {
+ public:
+  Stream(const network &net, source of) : net_(net), of_(of) {
+    if (of == source::links) return;
+    if (net.access_mbit > 0) access_ = std::make_unique<Link>(steady(net.access_mbit, 0), 1);
+    const size_t each = std::min<size_t>(most_connections / net.links.size(), most_each);
+    for (const link_terms &one : net.links) {
+      links_.push_back(std::make_unique<Link>(one, 2 + links_.size(), access_.get()));
+      const auto bytes = static_cast<int64_t>(one.mean_mbit() * 1e6 / 8 * request_s);
+      for (size_t i = 0; i < each; ++i) {
+        greedy_.push_back({Connection(links_.back().get()), 2 * one.round_trip + one.think,
+                           std::max<int64_t>(bytes / static_cast<int64_t>(each), packet_bytes)});
+        greedy_.back().connection.open(0);
+      }
+    }
   }
-  if (net.access_mbit > 0) sum = std::min(sum, net.access_mbit);
-  return sum * 1e6 / 8 * packet_bytes / 1500;
-}
+
+  double step(double now) {
+    if (of_ == source::links) return rate(now) * step_s;
+    int64_t sum = 0;
+    for (greedy &one : greedy_) {
+      for (; now >= one.ready && one.owed <= one.request; one.owed += one.request)
+        one.connection.request(now, one.request);
+      const int64_t bytes = one.connection.step(now);
+      one.owed -= bytes;
+      sum += bytes;
+    }
+    return of_connections * static_cast<double>(sum);
+  }
+
+ private:
+  static constexpr size_t most_connections = 8, most_each = 4;
+  static constexpr double request_s = 0.5, of_connections = 0.9;
+  struct greedy {
+    Connection connection;
+    double ready;  // connected, and its description is there
+    int64_t request, owed = 0;
+  };
+
+  double rate(double now) const {
+    double sum = 0;
+    for (const link_terms &one : net_.links) sum += one.mbit_at(now) * (1 - one.loss);
+    if (net_.access_mbit > 0) sum = std::min(sum, net_.access_mbit);
+    return sum * 1e6 / 8 * packet_bytes / 1500;
+  }
+
+  const network &net_;
+  const source of_;
+  std::unique_ptr<Link> access_;
+  std::vector<std::unique_ptr<Link>> links_;
+  std::vector<greedy> greedy_;
+};
 
 }  // namespace
 
@@ -137,14 +172,15 @@ outcome play(const network &net, const play_terms &terms, uint64_t seed, bool ve
   return Play(net, terms, seed).run(verbose);
 }
 
-outcome fluid(const network &net, const play_terms &terms) {
+outcome fluid(const network &net, const play_terms &terms, source of) {
   outcome result;
+  Stream stream(net, of);
   double have = 0, position = 0, waits = 0;
   const double film = terms.client.film_bytes;
   bool started = false;
   for (double now = 0; now < terms.most_seconds && position < film; now += step_s) {
     const double room = terms.client.ring_bytes * 7 / 8 - (have - position);
-    have = std::min(have + std::min(bytes_per_second(net, now) * step_s, room), film);
+    have = std::min(have + std::min(stream.step(now), room), film);
     result.seconds = now;
     if (!started) {
       started = have >= std::min(start_bytes(terms), film);
@@ -160,37 +196,11 @@ outcome fluid(const network &net, const play_terms &terms) {
   return result;
 }
 
-network reachable(const network &net) {
-  constexpr double used = 0.8, of_access = 0.9;
-  constexpr double connections = 8;
-  network all = net;
-  all.slow_start = true;
-  all.access_mbit *= of_access;
-  const double each =
-      std::min(std::floor(connections / static_cast<double>(net.links.size())), 4.0);
-  for (link_terms &one : all.links) {
-    double most = never;
-    // A window of 1.2 / sqrt(loss) packets for each round trip.
-    if (one.loss > 0)
-      most = each * 1.2 / std::sqrt(one.loss) * 1500 * 8e-6 / (one.round_trip + one.think + 0.02);
-    if (one.cap_mbit > 0) most = std::min(most, each * one.cap_mbit);
-    // A server that reads no request ahead is idle between two answers, and those may be half a
-    // second long.
-    const double part = one.one_at_a_time ? 0.5 / (0.5 + one.round_trip + one.think) : 1;
-    for (double &rate : one.mbit) rate = std::min(rate, most) * used * part;
-    for (change &each_change : one.changes) {
-      if (each_change.to < never)
-        each_change.to += std::min(each_change.to - each_change.from, 20.0);
-    }
-  }
-  return all;
-}
-
-double ideal_seconds(const network &net, const play_terms &terms) {
+double ideal_seconds(const network &net, const play_terms &terms, source of) {
+  Stream stream(net, of);
   double have = 0, now = 0;
-  for (; have < terms.client.film_bytes && now < terms.most_seconds; now += step_s) {
-    have += bytes_per_second(net, now) * step_s;
-  }
+  for (; have < terms.client.film_bytes && now < terms.most_seconds; now += step_s)
+    have += stream.step(now);
   return now;
 }
 

@@ -8,8 +8,7 @@ namespace sim {
 
 struct network {
   std::vector<link_terms> links;
-  double access_mbit = 0;   // of a line that all links share; 0: none
-  bool slow_start = false;  // of a fluid: links come up as TCP's first windows do
+  double access_mbit = 0;  // of a line that all links share; 0: none
 };
 
 struct play_terms {
@@ -35,15 +34,14 @@ struct outcome {
 
 outcome play(const network &net, const play_terms &terms, uint64_t seed, bool verbose = false);
 
-/// The same by a fluid with the same ring, which fills all links at once.
-outcome fluid(const network &net, const play_terms &terms);
+/// What a fluid is made of: all that the links carry, or nine tenths of what as many connections as
+/// the client may open bring over them when all of it is welcome, in whatever order it comes.
+enum class source { links, connections };
 
-/// What TCP can reach of a network: a part of each rate, less where packets get lost, and a link
-/// that was silent for some time needs as long again until it is used. Its fluid is what a play is
-/// measured by.
-network reachable(const network &net);
+/// The same by a fluid with the same ring, which has no packs.
+outcome fluid(const network &net, const play_terms &terms, source of);
 
-/// Seconds that the links need for the film when nothing is lost between them.
-double ideal_seconds(const network &net, const play_terms &terms);
+/// Seconds until the film is there when none of that is lost.
+double ideal_seconds(const network &net, const play_terms &terms, source of);
 
 }  // namespace sim

@@ -9,14 +9,16 @@ namespace {
 constexpr double assumed_rate =
     250'000;  // 2 Mbit/s: of the first connection, before anything is known
 constexpr double least_round_trip = 0.0005;
-constexpr double long_silence = 0.1;  // shorter ones are how packets bunch
-constexpr double sooner = 0.95;       // of two that are as quick neither leaves it to the other
+// Shorter silences than this or half a round trip are how packets bunch: TCP sends a window at
+// once. All of a round trip finds outages on far ways too late.
+constexpr double long_silence = 0.1;
+constexpr double sooner = 0.95;  // of two that are as quick neither leaves it to the other
 
-// How long a request should take to come. Two are under way on a connection, so two round trips
-// each keep it busy even when a run is cut short by its neighbours. A rate that still rises may
-// double within a round trip.
-constexpr double round_trips_of_run = 2;
-constexpr double round_trips_growing = 3;
+// How long a request should take to come. Two are under way on a connection, so three round trips
+// each keep it busy even when a run is cut short by its neighbours. A rate that still rises doubles
+// within a round trip, and the one that is known is that of the round trip before.
+constexpr double round_trips_of_run = 3;
+constexpr double round_trips_growing = 4;
 constexpr double least_run_s = 0.06;  // requests cost bytes, packets and time of both processors
 constexpr double most_run_s =
     0.5;  // with any lead: what a connection holds when it dies must be fetched again
@@ -28,8 +30,8 @@ constexpr double first_run_bytes = 48 * 1024;  // a little more than TCP's first
 constexpr double small_run_bytes = 64 * 1024, small_run_s = 0.25;
 
 // The next request leaves earlier than a round trip before the end: the answer may come quicker
-// than it did so far.
-constexpr double ahead_trips = 1.5;
+// than it did so far. It does where the rate still rises.
+constexpr double ahead_trips = 2, ahead_growing = 3;
 constexpr double least_ahead_s = 0.02;  // how late a program may learn that something has come
 
 // After a seek another one is likely. What is under way then delays it, so connections owe one
@@ -56,36 +58,44 @@ constexpr size_t most_each = 4;         // of them to one server
 constexpr double least_window = 5 * 1448;
 constexpr double opens_within = 1;  // seconds; a server that takes longer is not waited for
 
-double known_rate(std::span<const lane> lanes) {
-  double sum = 0;
-  int count = 0;
+// The mean of what is known: of connections to the same server, else of all.
+double known_rate(std::span<const lane> lanes, size_t who) {
+  double beside = 0, all = 0;
+  int count_beside = 0, count = 0;
   for (const lane &one : lanes) {
     if (!one.usable || one.rate <= 0) continue;
-    sum += one.rate;
+    all += one.rate;
     ++count;
+    if (one.server != lanes[who].server) continue;
+    beside += one.rate;
+    ++count_beside;
   }
-  return count == 0 ? assumed_rate : sum / count;
+  if (count_beside > 0) return beside / count_beside;
+  return count == 0 ? assumed_rate : all / count;
 }
 
 double rate_of(std::span<const lane> lanes, size_t who) {
-  return lanes[who].rate > 0 ? lanes[who].rate : known_rate(lanes);
+  return lanes[who].rate > 0 ? lanes[who].rate : known_rate(lanes, who);
 }
 
 double round_trip_of(const lane &one) {
   return std::max(one.round_trip, least_round_trip);
 }
 
+bool is_silent(const lane &one) {
+  return one.silence > std::max(long_silence, one.round_trip / 2);
+}
+
 // A connection that owes nothing is no better than those beside it: connections die together on one
 // way.
 double silence_beside(std::span<const lane> lanes, size_t who) {
   double least = 0;
-  bool any = false;
   for (const lane &one : lanes) {
     if (!one.usable || one.server != lanes[who].server || one.owed <= 0) continue;
-    least = any ? std::min(least, one.silence) : one.silence;
-    any = true;
+    if (!is_silent(one)) return 0;
+    least = least > 0 ? std::min(least, one.silence) : one.silence;
   }
-  return least > long_silence ? least : 0;
+  return least;
 }
 
 double sum_of_rates(std::span<const lane> lanes) {
@@ -129,8 +139,8 @@ double run_bytes(std::span<const lane> lanes, size_t who, const ring_view &ring,
     span = std::max(span, std::min(small_run_bytes / rate_of(lanes, who), small_run_s));
   span = std::min(span, ring_bytes / (ring_share * std::max(sum_of_rates(lanes), 1.0)));
   // A connection that has brought little cannot bring much at once, whatever its first packets
-  // looked like.
-  return std::min(rate_of(lanes, who) * span, std::max(first_run_bytes, one.brought));
+  // looked like: twice as much as so far, as slow start does.
+  return std::min(rate_of(lanes, who) * span, std::max(first_run_bytes, 2 * one.brought));
 }
 
 size_t connections_beside(std::span<const lane> lanes, size_t who) {
@@ -200,7 +210,7 @@ double free_in(std::span<const lane> lanes, size_t who) {
 double arrives_in(std::span<const lane> lanes, size_t who, double bytes) {
   if (bytes <= 0) return 0;
   // A connection that has been silent for long is expected to be silent for as long again.
-  const double silent = lanes[who].silence > long_silence ? lanes[who].silence : 0;
+  const double silent = is_silent(lanes[who]) ? lanes[who].silence : 0;
   return silent + bytes / rate_of(lanes, who);
 }
 
@@ -245,7 +255,9 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
 
 bool asks_ahead(std::span<const lane> lanes, size_t who, const reader_view &reader) {
   const lane &one = lanes[who];
-  const double trips = sought(reader) ? ahead_after_seek : ahead_trips;
+  const double trips = sought(reader) ? ahead_after_seek
+                       : one.growing  ? ahead_growing
+                                      : ahead_trips;
   return one.rate > 0 && one.owed <= one.rate * std::max(round_trip_of(one) * trips, least_ahead_s);
 }
 
@@ -269,6 +281,8 @@ bool is_hopeless(std::span<const lane> lanes, size_t who) {
   constexpr double round_trips = 4, least = 0.2, least_unknown = 2;
   const double rest = arrives_in(lanes, who, lanes[who].owed);
   if (lanes[who].rate <= 0) return rest > least_unknown;
+  // A rate that still rises tells little of the rest, and a new connection begins lower still.
+  if (lanes[who].growing && !is_silent(lanes[who])) return false;
   return rest > std::max(least, round_trips * round_trip_of(lanes[who]));
 }
 
@@ -293,8 +307,7 @@ size_t wants_connection(std::span<const lane> lanes) {
     if (one.silence >= opens_within || connections_beside(lanes, i) > least) continue;
     ++rivals;
     settled = settled && one.rate > 0 && !one.growing;
-    if (!one.usable || one.owed <= 0 || one.silence > long_silence || window_of(one) < least_window)
-      continue;
+    if (!one.usable || one.owed <= 0 || is_silent(one) || window_of(one) < least_window) continue;
     if (best == none || window_of(one) > window_of(lanes[best])) best = i;
   }
   // Where not every server can have one, those get it that bring most in a round trip, and that
