@@ -364,35 +364,41 @@ TEST_F(Faults, TheFastestFallsSilent) {
 // kept, and only the rest is asked for again.
 TEST_F(Faults, RunsThatAreCutKeepWhatCame) {
   constexpr uint64_t pack = 16384, cut = 2 * pack;
-  start(12'000'001, {.nodes = 1, .node = {{.rate_bytes_per_s = 20e6, .delay_ms = 5}}});
-  for (uint32_t i = 0; i < 8; ++i)
+  start(60'000'001, {.nodes = 1, .node = {{.rate_bytes_per_s = 20e6, .delay_ms = 5}}});
+  for (uint32_t i = 0; i < 60; ++i)
     server->add_fault(0, {.kind = fault_kind::close_at,
                           .value = 37 + cut + i % 2 * pack / 2,
-                          .from = 8 + 4 * i,
+                          .from = 8 + 3 * i,
                           .count = 1,
                           .on = refserver::on_media});
   open(0, pack);
-  ASSERT_TRUE(play(0, size));
-  int at_a_border = 0, inside = 0;
-  for (const auto &request : server->log()) {
-    if (request.injected != fault_kind::close_at || request.length < cut + pack) continue;
-    ++(request.payload_sent == cut ? at_a_border : inside);
-  }
-  EXPECT_GT(at_a_border, 0);
-  EXPECT_GT(inside, 0);
-  EXPECT_EQ(stats_of(*film).bytes_received, size);
-  EXPECT_EQ(server->totals().payload_sent, size);
+  const auto was_cut = [&](uint64_t after) {
+    const auto log = server->log();
+    return std::any_of(log.begin(), log.end(), [&](const auto &request) {
+      return request.injected == fault_kind::close_at && request.length >= cut + pack &&
+             request.payload_sent == after;
+    });
+  };
+  const auto both = [&] { return was_cut(cut) && was_cut(cut + pack / 2); };
+  uint64_t at = 0;
+  for (; at < 50'000'000 && !both(); at += 1'000'000) ASSERT_TRUE(play(at, at + 1'000'000));
+  EXPECT_TRUE(both()) << "no long answer was cut";
+  ASSERT_TRUE(play(at, at + 5'000'000));
+  EXPECT_EQ(stats_of(*film).bytes_discarded, 0u);
 }
 
 // A server throws away what it is asked while it answers: each connection finds that out once.
 TEST_F(Faults, WhoTakesNothingAheadIsNotAskedAheadAgain) {
-  start(20'000'001,
+  start(100'000'001,
         {.nodes = 1, .node = {{.rate_bytes_per_s = 20e6, .delay_ms = 40, .one_at_a_time = true}}});
   open();
-  ASSERT_TRUE(play(0, size));
+  const auto thrown_away = [&] { return server->totals().thrown_away; };
+  uint64_t at = 0;  // on a loaded machine requests leave late
+  for (; at < 80'000'000 && thrown_away() == 0; at += 500'000) ASSERT_TRUE(play(at, at + 500'000));
+  ASSERT_TRUE(play(at, at + 15'000'000));
   EXPECT_LT(film->longest_wait, 1.0 * slack());
-  EXPECT_GT(server->totals().thrown_away, 0u) << "nothing was asked ahead";
-  EXPECT_LE(server->totals().thrown_away, stats_of(*film).nodes) << "of connections";
+  EXPECT_GT(thrown_away(), 0u) << "nothing was asked ahead";
+  EXPECT_LE(thrown_away(), stats_of(*film).nodes) << "of connections";
 }
 
 TEST_F(Faults, WhoWasSilentAndRecoversIsUsedAgain) {
