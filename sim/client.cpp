@@ -19,6 +19,7 @@ constexpr int32_t help_packs = 64;  // that are looked at
 constexpr int64_t description_bytes = 1400;
 constexpr double connect_timeout = 7.55;
 constexpr double first_brake = 0.25;
+constexpr double stalled_s = 10;    // without a byte, then a connection that owes some is dropped
 constexpr double anew_pause_s = 1;  // between two that are given up for being hopeless
 constexpr double starved_s = 0.2;
 constexpr double idle_s = 30;
@@ -94,6 +95,7 @@ void Client::receive(double now) {
   for (channel &one : channels_) {
     if (!prepare(one)) continue;
     const int64_t arrived = one.connection->step(now_);
+    if (one.estimate.silence(us(now_)) > stalled_s) give_up(one);
     if (arrived <= 0) continue;
     received_ += static_cast<double>(arrived);
     one.used_at = now_;

@@ -83,8 +83,8 @@ size_t choose_helper(std::span<const lane> lanes, uint32_t holder, double missin
 /// How many of `late` neighbouring packs that are late alike the helper is asked for at once.
 int32_t choose_help(std::span<const lane> lanes, size_t helper, int32_t late, int32_t pack_bytes);
 
-/// True when an answer of which nothing is wanted any more, or all is expected from others sooner,
-/// should be given up: reading the rest takes longer than a new connection.
+/// True when an answer of which nothing is wanted any more should be given up: reading the rest
+/// takes longer than a new connection.
 bool is_hopeless(std::span<const lane> lanes, size_t who);
 
 /// A lane whose server should get one more connection, asked while there are packs that nobody has
