@@ -55,7 +55,6 @@ TEST_F(Event, WaitingForAStateGivesItsLastAnswerAtTheDeadline) {
   EXPECT_TRUE(WaitEventUntil(e_, past, [] { return true; }));
   int asked = 0;  // false before the sleep, true after it, with nobody signalling
   EXPECT_TRUE(WaitEventUntil(e_, start + milliseconds(80), [&] { return ++asked == 2; }));
-  EXPECT_FALSE(WaitEventUntil(nullptr, start, [] { return false; }));
 }
 
 TEST_F(Event, SetEventAllEndsEveryWait) {
@@ -160,7 +159,6 @@ TEST(Processes, CommandsRunAndAreWaitedFor) {
     EXPECT_EQ(exec_cmd(missing, none, 1), 0);
     std::signal(SIGCHLD, before);
   }
-  EXPECT_EQ(exec_cmd(nullptr, argv, 1), -1);
   const std::string ends = "kill $$; echo alive > " + out;
   char *const ending[] = {shell, flag, const_cast<char *>(ends.c_str()), nullptr};
   sigset_t all, old;
@@ -199,7 +197,6 @@ TEST(Processes, ADaemonLocksItsPidFileBeforeItWrites) {
   write_file(folder / "over", "now");
   EXPECT_TRUE(eventually([&] { return flock(again, LOCK_EX | LOCK_NB) == 0; }));
   close(again);
-  EXPECT_LT(daemonize(nullptr, "/"), 0);
 }
 
 }  // namespace
