@@ -77,10 +77,10 @@ struct block_pool {
   event *wakeup;
   int32_t waiters;  ///< threads in blockFetchUnit() that wait
   bool closing;
-  pthread_cond_t drained;         ///< with `lock`: the last waiter of a closing pool has left
-  std::atomic<uint32_t> changes;  ///< moves whenever a waiter should look again
-  adif::pool_mode mode;           ///< fixed by BPoolInit()
-  const pool_span *watched_spans;    ///< as setWatchedSpans()
+  pthread_cond_t drained;          ///< with `lock`: the last waiter of a closing pool has left
+  std::atomic<uint32_t> changes;   ///< moves whenever a waiter should look again
+  adif::pool_mode mode;            ///< fixed by BPoolInit()
+  const pool_span *watched_spans;  ///< as setWatchedSpans()
   int32_t watched_span_count;
 };
 

@@ -1,3 +1,4 @@
+// See driver.h.
 #include "driver.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// See episode.h.
 #include "episode.h"
 
 #include <condition_variable>

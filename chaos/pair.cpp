@@ -1,3 +1,4 @@
+// See pair.h.
 #include "pair.h"
 
 #include <algorithm>

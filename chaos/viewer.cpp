@@ -1,3 +1,4 @@
+// See viewer.h.
 #include "viewer.h"
 
 #include <cstring>

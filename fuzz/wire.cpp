@@ -1,3 +1,4 @@
+// See wire.h.
 #include "wire.h"
 
 #include <sys/socket.h>

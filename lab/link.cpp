@@ -1,3 +1,4 @@
+// See link.h.
 #include "lab/link.h"
 
 #include <algorithm>

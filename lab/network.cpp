@@ -1,3 +1,4 @@
+// See network.h.
 #include "lab/network.h"
 
 #include <algorithm>

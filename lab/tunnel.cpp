@@ -1,3 +1,4 @@
+// See tunnel.h.
 #include "lab/tunnel.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// See client.h.
 #include "client.h"
 
 #include <algorithm>

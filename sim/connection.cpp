@@ -1,3 +1,4 @@
+// See connection.h.
 #include "connection.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See judge.h.
 #include "judge.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See link.h.
 #include "link.h"
 
 #include <algorithm>

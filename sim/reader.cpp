@@ -1,3 +1,4 @@
+// See reader.h.
 #include "reader.h"
 
 #include <algorithm>

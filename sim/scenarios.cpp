@@ -1,3 +1,4 @@
+// See scenarios.h.
 #include "scenarios.h"
 
 #include <algorithm>

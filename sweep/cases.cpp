@@ -1,3 +1,4 @@
+// See cases.h.
 #include "cases.h"
 
 #include <algorithm>

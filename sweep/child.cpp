@@ -1,3 +1,4 @@
+// See child.h.
 #include "child.h"
 
 #include <execinfo.h>

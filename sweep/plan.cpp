@@ -1,3 +1,4 @@
+// See plan.h.
 #include "plan.h"
 
 #include <netdb.h>

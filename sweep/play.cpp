@@ -1,3 +1,4 @@
+// See play.h.
 #include "play.h"
 
 #include <algorithm>

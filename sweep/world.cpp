@@ -1,3 +1,4 @@
+// See world.h.
 #include "world.h"
 
 #include <unistd.h>

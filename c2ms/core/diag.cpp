@@ -1,3 +1,4 @@
+// See diag.h.
 #include "c2ms/core/diag.h"
 
 #include <cstdarg>

@@ -1,3 +1,4 @@
+// See estimate.h.
 #include "c2ms/core/estimate.h"
 
 #include <algorithm>

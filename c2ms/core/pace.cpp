@@ -1,3 +1,4 @@
+// See pace.h.
 #include "c2ms/core/pace.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See recorder.h.
 #include "c2ms/core/recorder.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See time.h.
 #include "c2ms/core/time.h"
 
 namespace c2ms {

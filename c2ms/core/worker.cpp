@@ -1,3 +1,4 @@
+// See worker.h.
 #include "c2ms/core/worker.h"
 
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// See choice.h.
 #include "c2ms/fetch/choice.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See node_record.h.
 #include "c2ms/fetch/node_record.h"
 
 #include <cmath>

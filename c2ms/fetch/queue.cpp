@@ -1,3 +1,4 @@
+// See queue.h.
 #include "c2ms/fetch/queue.h"
 
 #include <algorithm>

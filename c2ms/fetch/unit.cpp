@@ -1,3 +1,4 @@
+// See unit.h.
 #include "c2ms/fetch/unit.h"
 
 #include <algorithm>

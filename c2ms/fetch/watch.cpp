@@ -1,3 +1,4 @@
+// See watch.h.
 #include "c2ms/fetch/watch.h"
 
 #include <algorithm>

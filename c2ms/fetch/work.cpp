@@ -1,3 +1,4 @@
+// See work.h.
 #include "c2ms/fetch/work.h"
 
 #include <algorithm>

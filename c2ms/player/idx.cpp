@@ -1,3 +1,4 @@
+// See idx.h.
 #include "c2ms/player/idx.h"
 
 #include <algorithm>

@@ -151,7 +151,11 @@ lack lack_of(const reading &call, const place &at) {
   const auto final = static_cast<int32_t>((end - 1) / static_cast<uint64_t>(packsize));
   // Few packs of a small ring: it must move on while they are read.
   const int32_t most = std::min(longest_take / packsize, cache->packnum / 8);
-  const int32_t last = std::min(final, at.index + std::max(most, 1) - 1);
+  int32_t last = std::min(final, at.index + std::max(most, 1) - 1);
+  // What the index in memory holds is never fetched.
+  for (int32_t i = at.index + 1; i <= last; ++i) {
+    if (c2ms_cache_in_window(cache, call.window, i)) last = i - 1;
+  }
   const uint64_t final_len = end - static_cast<uint64_t>(final) * static_cast<uint64_t>(packsize);
   return {at.index, last, last == final ? static_cast<int32_t>(final_len) : INT32_MAX};
 }

@@ -1,3 +1,4 @@
+// The figures and buffered ranges that a player asks for; c2ms.h describes the calls.
 #include "c2ms/core/call.h"
 #include "c2ms/core/count.h"
 #include "c2ms/core/records.h"

@@ -1,3 +1,4 @@
+// See auth.h.
 #include "c2ms/report/auth.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// See perf.h.
 #include "c2ms/report/perf.h"
 
 #include <arpa/inet.h>

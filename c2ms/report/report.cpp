@@ -1,3 +1,4 @@
+// See report.h.
 #include "c2ms/report/report.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// See cache.h.
 #include "c2ms/ring/cache.h"
 
 #include <algorithm>

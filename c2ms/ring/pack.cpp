@@ -1,3 +1,4 @@
+// See pack.h.
 #include "c2ms/ring/pack.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The life of a context: start-up, configuration, tear-down. c2ms.h describes the calls.
 #include "c2ms.h"
 #include "c2ms/core/context.h"
 #include "c2ms/core/diag.h"

@@ -1,3 +1,4 @@
+// See object.h.
 #include "c2ms/session/object.h"
 
 #include <algorithm>

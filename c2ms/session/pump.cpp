@@ -40,7 +40,8 @@ int at_the_door(c2ms_mgmt *mgmt, uintptr_t id, Handle handle, Gone gone) {
   Turn turn(ref.sess);
   if (!still_there(mgmt, ref)) return gone(true);
   const int result = handle(ref, turn);
-  if (turn.inside()) ask_entry_if_due(ref.sess);
+  // (While payload was received the strand was free: the session may have ended.)
+  if (turn.inside() && still_open(ref.sess, ref.sess_id)) ask_entry_if_due(ref.sess);
   return result;
 }
 

@@ -1,3 +1,4 @@
+// See reporting.h.
 #include "c2ms/session/reporting.h"
 
 #include "c2ms/core/call.h"

@@ -1,3 +1,4 @@
+// Opening, reopening and closing a session, and the texts of its codes. c2ms.h describes the calls.
 #include "c2ms.h"
 #include "c2ms/core/call.h"
 #include "c2ms/core/diag.h"

@@ -1,3 +1,4 @@
+// See url.h.
 #include "c2ms/session/url.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See boxes.h.
 #include "c2ms/wire/boxes.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See pdu.h.
 #include "c2ms/wire/pdu.h"
 
 #include <algorithm>

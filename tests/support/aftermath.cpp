@@ -1,3 +1,4 @@
+// See aftermath.h.
 #include "support/aftermath.h"
 
 #include <dirent.h>

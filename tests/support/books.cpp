@@ -1,3 +1,4 @@
+// See books.h.
 #include "support/books.h"
 
 #include <cmath>

@@ -1,3 +1,4 @@
+// See library.h.
 #include "support/library.h"
 
 #include <arpa/inet.h>
