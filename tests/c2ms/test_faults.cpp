@@ -412,8 +412,11 @@ TEST_F(Faults, WhoWasSilentAndRecoversIsUsedAgain) {
   ASSERT_TRUE(play(1'000'000, 14'000'000));
   EXPECT_LT(server->totals(0).payload_sent - sent, 1'000'000u) << "it was not silent";
   server->clear_faults(0);
+  const auto delivers = [&] { return server->totals(0).payload_sent - sent > 3'000'000; };
   ASSERT_TRUE(play(14'000'000, size));
-  EXPECT_GT(server->totals(0).payload_sent - sent, 3'000'000u);
+  // How soon depends on where in its brake the connection stands.
+  for (int round = 0; round < 3 && !delivers(); ++round) ASSERT_TRUE(play(0, size));
+  EXPECT_TRUE(delivers());
 }
 
 // The servers refuse while the film plays: buffered bytes are delivered, then the reader is told
