@@ -16,7 +16,7 @@ int c2ms_sess_cmp_sess(const void *a, const void *b);
 int c2ms_sess_cmp_sessid(const void *sess, const void *key);
 
 // Registries, ordered by id. Add: 0, -1, -2, -3 without memory. Get and delete: the object, or
-// NULL. Any thread; Deletion compares id and pointer, so that an old handle never removes a
+// NULL. Any thread. Deletion compares id and pointer, so that an old handle never removes a
 // record's new owner.
 int c2ms_sess_add(c2ms_mgmt *mgmt, c2ms_sess *sess);
 c2ms_sess *c2ms_sess_get(c2ms_mgmt *mgmt, uint32_t id);
@@ -27,6 +27,7 @@ c2ms_node *c2ms_node_get(c2ms_mgmt *mgmt, uint32_t id);
 c2ms_node *c2ms_node_del_by(c2ms_mgmt *mgmt, uint32_t id);
 c2ms_node *c2ms_node_del(c2ms_mgmt *mgmt, c2ms_node *node);
 
+/// The same comparisons for nodes.
 int c2ms_node_cmp_nodeid(const void *node, const void *key);
 int c2ms_node_cmp_node(const void *a, const void *b);
 

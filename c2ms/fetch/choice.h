@@ -1,7 +1,7 @@
 // What decides in the transfer: which packs a connection asks for next, how many at once, when it
 // may be asked ahead of its answer's end, who helps with a late pack, which answer is hopeless.
-// Pure functions of a few numbers: work.h gathers them, the nodes carry out what
-// comes back, the simulation (sim/) does the same without sockets, on thousands of networks.
+// Pure functions of a few numbers: work.h gathers them, the nodes carry out what comes back. The
+// simulation (sim/) does the same without sockets, on thousands of networks.
 //
 // The rule behind all of them: a pack goes to who is expected to bring it first (earliest
 // completion first, the blocking estimation of multipath schedulers), and a connection never waits

@@ -1,8 +1,6 @@
 // See dispatch.h.
 #include "c2ms/fetch/dispatch.h"
 
-#include <array>
-
 #include "c2ms/core/diag.h"
 #include "c2ms/core/records.h"
 #include "c2ms/fetch/node.h"
@@ -77,18 +75,11 @@ int c2ms_sess_dispatch(c2ms_sess *sess) {
   if (sess == nullptr) return 0;
   const Turn turn(sess);
   if (sess->life.load() != c2ms_life::live) return 0;
-  std::array<c2ms_node *, snapshot_nodes> ready;
-  size_t count = 0;
-  {
-    const adif::Guard lock(sess->list_lock);
-    sk_sort_by(sess->node_list, c2ms_node_cmp_node_by_perf);
-    for (int i = 0; i < sk_num(sess->node_list) && count < ready.size(); ++i) {
-      auto *const node = static_cast<c2ms_node *>(sk_value(sess->node_list, i));
-      if (node->state == C2MS_NODE_READY) ready[count++] = node;
-    }
-  }
+  c2ms_sess_node_sort(sess);
+  const chosen_nodes ready =
+      choose_nodes(sess, [](const c2ms_node *node) { return node->state == C2MS_NODE_READY; });
   // Nobody recycles a node while we are in the strand, except a start that fails, and then its own.
-  for (size_t i = 0; i < count; ++i) c2ms_node_download_start_dbg(ready[i]);
+  for (size_t i = 0; i < ready.count; ++i) c2ms_node_download_start_dbg(ready.nodes[i]);
   watch_soon(sess);
   return 0;
 }

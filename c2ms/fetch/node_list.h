@@ -1,6 +1,8 @@
 // The nodes of a session: every node by address, media nodes by speed.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "c2ms/core/records.h"
@@ -35,6 +37,23 @@ namespace c2ms {
 
 inline bool is_media(const c2ms_node *node) {
   return (node->type & node_serves_media) != 0;
+}
+
+/// The media nodes that `wanted` chooses, for a walk that starts or ends nodes.
+struct chosen_nodes {
+  std::array<c2ms_node *, snapshot_nodes> nodes{};
+  size_t count = 0;
+};
+
+template <class Wanted>
+chosen_nodes choose_nodes(c2ms_sess *sess, Wanted wanted) {
+  chosen_nodes chosen;
+  const adif::Guard lock(sess->list_lock);
+  for (int i = 0; i < sk_num(sess->node_list) && chosen.count < chosen.nodes.size(); ++i) {
+    auto *const node = static_cast<c2ms_node *>(sk_value(sess->node_list, i));
+    if (wanted(node)) chosen.nodes[chosen.count++] = node;
+  }
+  return chosen;
 }
 
 /// The fastest usable node (ready or downloading), or NULL, and the number of usable nodes.

@@ -28,23 +28,6 @@ namespace {
 
 using namespace c2ms;
 
-// The media nodes that `wanted` chooses, for a walk that ends nodes.
-struct chosen_nodes {
-  std::array<c2ms_node *, snapshot_nodes> nodes;
-  size_t count = 0;
-};
-
-template <class Wanted>
-chosen_nodes choose_nodes(c2ms_sess *session, Wanted wanted) {
-  chosen_nodes chosen;
-  const adif::Guard lock(session->list_lock);
-  for (int i = 0; i < sk_num(session->node_list) && chosen.count < chosen.nodes.size(); ++i) {
-    auto *const node = static_cast<c2ms_node *>(sk_value(session->node_list, i));
-    if (wanted(node)) chosen.nodes[chosen.count++] = node;
-  }
-  return chosen;
-}
-
 bool is_unconfirmed(const c2ms_node *node) {
   return node->remembered == from_memory::unconfirmed;
 }

@@ -33,12 +33,13 @@ c2ms_unit *pop_unit(c2ms_sess *sess, const c2ms_node *node = nullptr) {
   return unit;
 }
 
-}  // namespace
-
-c2ms_unit *c2ms_sess_unit_issue(c2ms_sess *sess, int32_t first, int32_t count) {
+// A unit for the packs that `bind` gives it.
+c2ms_unit *issue(c2ms_sess *sess,
+                 int32_t (*bind)(c2ms_cache *cache, c2ms_unit *unit, int32_t first, int32_t count),
+                 int32_t first, int32_t count) {
   c2ms_unit *const unit = c2ms_unit_fetch(sess);
   if (unit == nullptr) return nullptr;
-  if (c2ms_cache_bind(&sess->cache_record, unit, first, count) < 1) {
+  if (bind(&sess->cache_record, unit, first, count) < 1) {
     c2ms_unit_recycle(unit);
     return nullptr;
   }
@@ -46,15 +47,14 @@ c2ms_unit *c2ms_sess_unit_issue(c2ms_sess *sess, int32_t first, int32_t count) {
   return unit;
 }
 
+}  // namespace
+
+c2ms_unit *c2ms_sess_unit_issue(c2ms_sess *sess, int32_t first, int32_t count) {
+  return issue(sess, c2ms_cache_bind, first, count);
+}
+
 c2ms_unit *c2ms_sess_unit_issue_again(c2ms_sess *sess, int32_t first, int32_t count) {
-  c2ms_unit *const unit = c2ms_unit_fetch(sess);
-  if (unit == nullptr) return nullptr;
-  if (c2ms_cache_bind_again(&sess->cache_record, unit, first, count) < 1) {
-    c2ms_unit_recycle(unit);
-    return nullptr;
-  }
-  c2ms_unit_init_download(sess, unit);
-  return unit;
+  return issue(sess, c2ms_cache_bind_again, first, count);
 }
 
 int c2ms_sess_unit_put(c2ms_sess *sess, c2ms_unit *unit) {

@@ -15,7 +15,7 @@ int c2ms_cache_seek(c2ms_cache *cache, uint64_t pos, c2ms::cache_use use = c2ms:
 /// the end.
 int c2ms_cache_place(c2ms_cache *cache, uint64_t pos, c2ms_place *out);
 /// Has idle packs asked for as soon as a node can take them: 1 when there are some, else 0. What
-/// asks is the dispatch (fetch/queue.h).
+/// asks is the dispatch (fetch/dispatch.h).
 int c2ms_cache_download_all(c2ms_cache *cache);
 /// Queues a unit for one idle pack. 0; -1, -2 missing cache or pack; or the result.
 int c2ms_cache_download_pack(c2ms_cache *cache, c2ms_pack *pack);

@@ -227,7 +227,7 @@ int c2ms_pump(void *mgmt, void *dev, int event, int kind) {
   if (mgmt == nullptr || event < first_event || event > last_event) return -1;
   WakeOrder wakes;
   const int result = handle(static_cast<c2ms_mgmt *>(mgmt), dev, event, kind);
+  wakes.finish();  // first: a player's function for lines may take its time
   diag_deliver();
-  wakes.finish();
   return result;
 }
