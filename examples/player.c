@@ -16,7 +16,7 @@ static int play(c2ms_sess *film, uint64_t pos, uint64_t size) {
     if (n > 0 && fwrite(buf, 1, (size_t)n, stdout) != (size_t)n) return 1;
     if (n > 0) pos += (uint64_t)n;
   }
-  if (n < 0) fprintf(stderr, "player: read failed (%d) %s\n", (int)n, c2ms_sess_error(n));
+  if (n < 0) fprintf(stderr, "player: read failed: %s (%d)\n", c2ms_read_text(n), (int)n);
   return n < 0 || fflush(stdout) != 0;
 }
 

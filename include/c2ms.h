@@ -83,6 +83,27 @@ enum {
   C2MS_CACHING = -1011             /* "Net data caching" */
 };
 
+/* What the data calls return besides session codes (c2ms_read_text gives their texts). */
+enum {
+  C2MS_NO_SESSION = -1, /* the session is NULL */
+  C2MS_NO_CACHE = -2,   /* before c2ms_sess_cache_init */
+  C2MS_END = -200,      /* the end of the file, or no file is selected */
+  C2MS_NO_PACKS = -201  /* the cache has no packs: c2ms_sess_cache_init has failed */
+};
+
+/* What c2ms_sess_idx_open and c2ms_sess_idx_open_asyn return besides session codes, C2MS_NO_SESSION
+ * and C2MS_NO_CACHE (c2ms_idx_text gives their texts). The same numbers mean other things in the
+ * data calls. */
+enum {
+  C2MS_IDX_NOT_RECEIVED = -200, /* five receives failed */
+  C2MS_IDX_TIMEOUT = -201,      /* not complete within 30 seconds */
+  C2MS_IDX_NO_INDEX = -300,     /* not a readable index file */
+  C2MS_IDX_EMPTY = -301,        /* empty */
+  C2MS_IDX_TOO_BIG = -350,      /* no memory, or more than 64 MiB, packed or unpacked */
+  C2MS_IDX_DAMAGED = -400,      /* damaged, or no memory while it is unpacked */
+  C2MS_IDX_NO_MOOV = -401       /* an MP4 media without a `moov` among its first 20 boxes */
+};
+
 /* ==== The common path: start, open, prepare, read, close, stop =============================== */
 
 /* Starts the library: memory, threads, configuration, identity.
@@ -146,7 +167,7 @@ C2MS_API int32_t c2ms_sess_pack_size(c2ms_sess *sess, int32_t wanted);
 
 /* Gives the session its cache: all memory of the context that is free at this moment, cut into
  * packs of pack_size bytes (at least 4096). It may be called again; the former cache is given back
- * first. Afterwards no file is selected, and reads give -200 until c2ms_sess_range or
+ * first. Afterwards no file is selected, and reads give C2MS_END until c2ms_sess_range or
  * c2ms_sess_set_media selects one. A read that waits in another thread ends with what it has.
  * Blocks while another thread is in c2ms_sess_idx_open, 30 seconds at most.
  *
@@ -169,8 +190,8 @@ C2MS_API int c2ms_sess_range(c2ms_sess *sess, uint64_t base_offset, uint64_t siz
  *   index covers, and before an undeliverable last pack (see c2ms_sess_pack_size).
  *
  * Result: the count of bytes (0 for len below 1), or
- *   -1, -2 no cache, -201 the cache has no packs;
- *   -200 at the end of the file, or when no file is selected;
+ *   C2MS_NO_SESSION, C2MS_NO_CACHE, C2MS_NO_PACKS;
+ *   C2MS_END at the end of the file, or when no file is selected;
  *   C2MS_CLOSED when the session closes, or while reading is cancelled (c2ms_sess_cancel);
  *   C2MS_MEDIA_NOT_EXIST, C2MS_UNAUTHORIZED, C2MS_AUTH_FAILED or C2MS_IN_DEBT when the servers
  *   refuse and no node is left that serves. The last three also when the agent refuses the play:
@@ -202,6 +223,13 @@ C2MS_API int c2ms_mgmt_clean(c2ms_mgmt *mgmt);
 /* The text of a session code; "" for any other number. The text is constant. */
 C2MS_API const char *c2ms_sess_error(int32_t code);
 
+/* The text of any result of a data call (c2ms_sess_read, _recv, _read_at): of session codes that of
+ * c2ms_sess_error, "OK" for 0 and more, "Unknown result" for a number that they never return. Never
+ * NULL or empty; constant. */
+C2MS_API const char *c2ms_read_text(int32_t result);
+/* The same for the results of c2ms_sess_idx_open and c2ms_sess_idx_open_asyn. */
+C2MS_API const char *c2ms_idx_text(int32_t result);
+
 /* ==== Other ways to open ===================================================================== */
 
 /* c2ms_sess_open with a callback. While the open waits for servers, it calls cb about once a second
@@ -225,7 +253,7 @@ C2MS_API int c2ms_sess_recv(c2ms_sess *sess, void *buf, int32_t len, int32_t tim
 /* Seek and receive in one call, for players that read at given positions: no other thread's seek
  * can come between. The position moves to the end of what is delivered. Inside an open index the
  * result is short at the end of the part that the index covers. Results: those of c2ms_sess_recv;
- * -200 also for a pos at or past the end.
+ * C2MS_END also for a pos at or past the end.
  *
  * A player may read at two places in turn, as in a file whose audio and video come in long blocks.
  * As long as the places are at most half the cache apart, nothing is fetched twice. A place that
@@ -283,12 +311,7 @@ C2MS_API int c2ms_sess_idxfile(c2ms_sess *sess, char *idx_text, uint32_t *len);
  * call has unpacked, otherwise 0, also when the index was open already (see c2ms_sess_idx_size).
  * A read that waits in another thread ends with what it has. Blocks for at most 30 seconds. Result:
  * 0, at once when the media has no index file or the index is open already; or
- *   -1, -2 no cache, C2MS_CLOSED closed or cancelled;
- *   -200 five receives failed; -201 not complete within 30 seconds;
- *   -300 not a readable index file; -301 empty;
- *   -350 no memory, or more than 64 MiB, packed or unpacked;
- *   -400 damaged, or no memory while it is unpacked;
- *   -401 an MP4 media without a `moov` among its first 20 boxes. */
+ *   C2MS_NO_SESSION, C2MS_NO_CACHE, C2MS_CLOSED when closed or cancelled, or a C2MS_IDX code. */
 C2MS_API int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len);
 
 /* The incremental open, for players that poll: takes what has arrived and never waits. Result:

@@ -22,27 +22,6 @@ namespace {
 
 using namespace c2ms;
 
-struct code_text {
-  int32_t code;
-  const char *text;
-};
-
-constexpr code_text error_texts[] = {
-    {C2MS_OK, "OK"},
-    {C2MS_INVALID_PARAMETER, "Invalid Parameter"},
-    {C2MS_INVALID_URL, "Invalid URL"},
-    {C2MS_UNSUPPORTED_SCHEME, "Unsupported URL Scheme"},
-    {C2MS_NO_MEMORY, "Memory allocation error"},
-    {C2MS_ENTRY_UNAVAILABLE, "Entry Server unavailable"},
-    {C2MS_CLOSED, "Session closed"},
-    {C2MS_OPEN_TIMEOUT, "Session open timeout"},
-    {C2MS_MEDIA_NOT_EXIST, "Media not exist"},
-    {C2MS_UNAUTHORIZED, "User unauthorized"},
-    {C2MS_AUTH_FAILED, "Authenticate failed"},
-    {C2MS_IN_DEBT, "User in debt"},
-    {C2MS_CACHING, "Net data caching"},
-};
-
 // Opens and closes under way keep c2ms_mgmt_clean from going on.
 class LifeGuard {
  public:
@@ -204,11 +183,4 @@ int c2ms_sess_close(c2ms_sess *sess) {
   if (!sess->life.compare_exchange_strong(live, c2ms_life::closing)) return 0;
   wait_idle(sess);
   return c2ms_sess_recycle(sess);
-}
-
-const char *c2ms_sess_error(int32_t code) {
-  for (const code_text &entry : error_texts) {
-    if (entry.code == code) return entry.text;
-  }
-  return "";
 }

@@ -52,6 +52,13 @@ TEST_F(Opening, UrlErrorsComeBeforeAnyTraffic) {
   EXPECT_STREQ(c2ms_sess_error(-1006), "Session open timeout");
   EXPECT_STREQ(c2ms_sess_error(-1012), "");
   EXPECT_STREQ(c2ms_sess_error(5), "");
+  EXPECT_STREQ(c2ms_read_text(C2MS_END), "End of file");
+  EXPECT_STREQ(c2ms_idx_text(C2MS_IDX_TIMEOUT), "Index not complete in time");
+  for (const auto text : {c2ms_read_text, c2ms_idx_text}) {
+    EXPECT_STREQ(text(C2MS_UNAUTHORIZED), "User unauthorized");
+    EXPECT_STREQ(text(4096), "OK");
+    EXPECT_STREQ(text(-3), "Unknown result");
+  }
   EXPECT_EQ(sock_read_ready(listener, 1), 0);
   close(listener);
 }

@@ -30,4 +30,7 @@ if ! diff "$sources/$kept" <("$sources/cmake/abi/list.sh" "$nm" "$shared" "$sour
   echo "    cmake/abi/list.sh $nm $shared include/c2ms.h > $kept"
   failed=1
 fi
+
+# A host that calls dlclose while a session runs must not take the code from under our threads.
+readelf -d "$shared" | grep -q NODELETE || { echo "$shared may be unloaded"; failed=1; }
 exit $failed
