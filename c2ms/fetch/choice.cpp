@@ -35,10 +35,12 @@ constexpr double small_run_bytes = 64 * 1024, small_run_s = 0.25;
 constexpr double ahead_trips = 2, ahead_growing = 3;
 constexpr double least_ahead_s = 0.02;  // how late a program may learn that something has come
 
-// After a seek another one is likely. What is under way then delays it, so connections owe one
-// round trip at most.
-constexpr double seeks_again_s = 2;
-constexpr double run_after_seek = 0.5, ahead_after_seek = 1;
+// After a seek another one is likely. What is under way then delays it, so connections owe little:
+// round trips of a run, and how long before its end the next request leaves. On near ways that is a
+// round trip, and the connections stay busy; on far ways it would hold up the next seek for longer
+// than they gain.
+constexpr double seeks_again_s = 4;
+constexpr double run_after_seek = 0.5, ahead_after_seek = 1, most_ahead_after_seek_s = 0.2;
 
 constexpr double comfortable_lead =
     2;  // seconds; with more, small requests wait until they are bigger
@@ -126,6 +128,13 @@ bool sought(const reader_view &reader) {
 double run_round_trips(const lane &one, const reader_view &reader) {
   if (sought(reader)) return run_after_seek;
   return one.growing ? round_trips_growing : round_trips_of_run;
+}
+
+// Seconds before an answer's end at which the next request should leave.
+double ahead_span(const lane &one, const reader_view &reader) {
+  const double round_trip = round_trip_of(one);
+  if (sought(reader)) return std::min(round_trip * ahead_after_seek, most_ahead_after_seek_s);
+  return round_trip * (one.growing ? ahead_growing : ahead_trips);
 }
 
 // Bytes that a request should be for.
@@ -256,10 +265,7 @@ run choose_run(std::span<const lane> lanes, size_t who, const ring_view &ring,
 
 bool asks_ahead(std::span<const lane> lanes, size_t who, const reader_view &reader) {
   const lane &one = lanes[who];
-  const double trips = sought(reader) ? ahead_after_seek
-                       : one.growing  ? ahead_growing
-                                      : ahead_trips;
-  return one.rate > 0 && one.owed <= one.rate * std::max(round_trip_of(one) * trips, least_ahead_s);
+  return one.rate > 0 && one.owed <= one.rate * std::max(ahead_span(one, reader), least_ahead_s);
 }
 
 size_t choose_helper(std::span<const lane> lanes, uint32_t holder, double missing, double expected,
