@@ -3,7 +3,7 @@
 # files inside a room, and fails if there is any. It reads the includes of the sources and, for calls,
 # the symbols of the objects in the build folder.
 #
-#   player, session -> report, fetch -> ring, wire -> core
+#   film -> player, session -> report, fetch -> ring, wire -> core
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 readonly build=${1:?a build folder}
@@ -16,6 +16,7 @@ allowed() {
     fetch) echo ring wire core ;;
     report) echo ring wire core ;;
     session | player) echo report fetch ring wire core ;;
+    film) echo session player report fetch ring wire core ;;
   esac
 }
 
@@ -27,7 +28,7 @@ includes() {
 
 calls() {
   local rooms=()
-  for room in core wire ring fetch report session player; do
+  for room in core wire ring fetch report session player film; do
     rooms+=("$build"/c2ms/CMakeFiles/c2ms_$room.dir/$room/*.o)
   done
   nm -A "${rooms[@]}" | sed -E 's,^[^:]*\.dir/([a-z]+/[a-z_]+)\.cpp\.o:[0-9a-f]* *,\1 ,' | awk '

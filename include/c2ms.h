@@ -4,15 +4,13 @@
  * A player opens a media file by its URL and reads it like a local, seekable file. The library
  * fetches the bytes from several servers at once. The usual course is also the first section:
  *
- *     c2ms_mgmt *lib = c2ms_mgmt_init(NULL, uid_low, uid_high, NULL, 16 << 20);
+ *     c2ms_options options = {.struct_size = sizeof options, .memory = 16 << 20, .user = 42};
  *     int32_t err, n;
- *     c2ms_sess *film = c2ms_sess_open(lib, "kesp://entry.example/film?fid=0011...", &err);
- *     uint64_t size;
- *     c2ms_sess_attr(film, NULL, NULL, &size, NULL);
- *     c2ms_sess_cache_init(film, c2ms_sess_pack_size(film, 0));
- *     c2ms_sess_range(film, 0, size);
- *     while ((n = c2ms_sess_read(film, buf, sizeof buf, 0)) >= 0) play(buf, n);
- *     c2ms_sess_close(film);
+ *     c2ms_mgmt *lib = c2ms_mgmt_start(&options, &err);
+ *     c2ms_sess *film = c2ms_sess_start(lib, "kesp://entry.example/film?fid=0011...", NULL, &err);
+ *     if (film == NULL) return fail(c2ms_sess_error(err));
+ *     while ((n = c2ms_sess_read_some(film, C2MS_HERE, buf, 1, sizeof buf, -1)) > 0) play(buf, n);
+ *     c2ms_sess_end(film);
  *     c2ms_mgmt_clean(lib);
  *
  * Words. The entry server names the media servers. A node is a connection to one server. A pack is
@@ -27,19 +25,22 @@
  * Blocking. A call that may wait says so, and for how long. All others never wait for the network.
  *
  * Results. 0 or a positive count is success. -1 means that the first argument is NULL. -2 means
- * that the next thing needed is missing; in the data calls that is the cache. -1000 to -1011 are
+ * that the next thing needed is missing; in the data calls that is the cache. -1000 to -1017 are
  * the session codes below; c2ms_sess_error gives their texts. A call on a session that another
  * thread is closing returns C2MS_CLOSED; c2ms_sess_close and c2ms_sess_idx_size return 0 then. Each
  * function lists its other results, for example "0; -1; -2 no cache".
  *
  * "Kept for compatibility" marks behaviour that looks wrong, but that players may rely on.
  *
- * Effects on the whole process, from c2ms_mgmt_init on:
- *   - The signals SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE and SIGTTIN are ignored, so wait() and
- *     system() no longer see how a child ended.
- *   - Eight threads named "c2ms-N" run until c2ms_mgmt_clean. Threads for name look-ups and for
- *     reports are started when they are needed. All of them block all signals.
- *   - Diagnostic lines go to standard output unless c2ms_set_diag says otherwise.
+ * Effects on the whole process, from the start of a context on:
+ *   - c2ms_mgmt_init ignores the signals SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE and SIGTTIN, once in a
+ *     process, so wait() and system() no longer see how a child ended. c2ms_mgmt_start leaves
+ *     signals alone.
+ *   - Threads named "c2ms-N" run until c2ms_mgmt_clean: eight, or as many as c2ms_mgmt_start was
+ *     told. Threads for opens, name look-ups and reports are started when they are needed. All of
+ *     them block all signals.
+ *   - Diagnostic lines go to standard output unless c2ms_set_diag says otherwise, or every context
+ *     was started with C2MS_QUIET.
  *   - Descriptors are opened with close-on-exec. A connection whose descriptor would be 1024 or
  *     above is not made.
  */
@@ -60,8 +61,7 @@
 extern "C" {
 #endif
 
-/* The context: configuration, identity, memory and threads. A session takes all of the context's
- * free cache memory, so two films at the same time need two contexts. */
+/* The context: configuration, identity, memory and threads. One is enough for all films. */
 typedef struct c2ms_mgmt c2ms_mgmt;
 /* A session: one opened media URL. It belongs to its context and is valid until c2ms_sess_close. */
 typedef struct c2ms_sess c2ms_sess;
@@ -80,7 +80,13 @@ enum {
   C2MS_UNAUTHORIZED = -1008,       /* "User unauthorized" */
   C2MS_AUTH_FAILED = -1009,        /* "Authenticate failed" */
   C2MS_IN_DEBT = -1010,            /* "User in debt" */
-  C2MS_CACHING = -1011             /* "Net data caching" */
+  C2MS_CACHING = -1011,            /* "Net data caching" */
+  C2MS_CANCELLED = -1012,          /* "Open cancelled" */
+  C2MS_TIMED_OUT = -1013,          /* "Timed out" */
+  C2MS_OPENING = -1014,            /* "Session opening" */
+  C2MS_NO_CACHE_MEMORY = -1015,    /* "No cache memory left" */
+  C2MS_NO_ENGINE = -1016,          /* "No threads or descriptors" */
+  C2MS_NO_CIPHERS = -1017          /* "No DES or MD5" */
 };
 
 /* What the data calls return besides session codes (c2ms_read_text gives their texts). */
@@ -104,7 +110,135 @@ enum {
   C2MS_IDX_NO_MOOV = -401       /* an MP4 media without a `moov` among its first 20 boxes */
 };
 
-/* ==== The common path: start, open, prepare, read, close, stop =============================== */
+/* ==== The usual start: a context, a film, reading at positions =============================== */
+
+/* What c2ms_mgmt_start may be told besides (c2ms_options.flags). */
+enum {
+  C2MS_SET_SIGNALS = 1, /* ignore the signals that c2ms_mgmt_init ignores */
+  C2MS_QUIET = 2,       /* no diagnostic lines to standard output */
+  C2MS_NO_REPORTS = 4   /* tell neither agent nor report server of plays */
+};
+
+/* How a context is started. Set struct_size, leave what you do not need 0. */
+typedef struct c2ms_options {
+  uint32_t struct_size;  /* sizeof(c2ms_options) */
+  uint32_t flags;        /* C2MS_SET_SIGNALS, C2MS_QUIET, C2MS_NO_REPORTS */
+  uint64_t memory;       /* bytes for the caches of all sessions, at least 8 MiB; 0: 8 MiB */
+  uint64_t user;         /* the 64-bit user id */
+  const char *conf_path; /* as in c2ms_mgmt_init */
+  const uint8_t *hid;    /* as in c2ms_mgmt_init */
+  uint32_t threads;      /* of the engine, 1 to 8; 0: as many as processors, at most 8 */
+  uint32_t reserved;
+} c2ms_options;
+
+/* c2ms_mgmt_init for a library inside somebody else's program: it never ends the process, and it
+ * leaves signals as they are unless C2MS_SET_SIGNALS is given. The library never raises SIGPIPE.
+ * Memory is touched as it is used: a context of 256 MiB starts as quickly as one of 8 MiB.
+ *
+ * options: NULL for the defaults. err: NULL, or receives 0 or
+ *   C2MS_INVALID_PARAMETER struct_size is 0, threads is above 8, or memory is more than the address
+ *     space or 32 GiB hold;
+ *   C2MS_NO_MEMORY; C2MS_NO_ENGINE threads or descriptors cannot be had;
+ *   C2MS_NO_CIPHERS libgcrypt is older than 1.8.0 or refuses DES or MD5.
+ * Blocks as c2ms_mgmt_init. Result: the context, which c2ms_mgmt_clean frees; or NULL. */
+C2MS_API c2ms_mgmt *c2ms_mgmt_start(const c2ms_options *options, int32_t *err);
+
+/* What c2ms_sess_start and c2ms_sess_begin may be told besides (c2ms_film.flags). */
+enum {
+  C2MS_NO_INDEX = 1, /* leave the index of the media alone */
+  C2MS_OPEN_ONLY = 2 /* as c2ms_sess_open: the player makes the cache and selects the range */
+};
+
+/* How a film is started. Set struct_size, leave what you do not need 0. */
+typedef struct c2ms_film {
+  uint32_t struct_size; /* sizeof(c2ms_film) */
+  uint32_t flags;       /* C2MS_NO_INDEX, C2MS_OPEN_ONLY */
+  uint64_t cache_bytes; /* of the context's memory; 0: all that is free at that moment */
+  uint64_t range_begin; /* the part of the media to play: its first byte, */
+  uint64_t range_size;  /* and its length; 0: up to the end of the media */
+  int32_t pack_size;    /* a wish as in c2ms_sess_pack_size; 0: the library chooses */
+  uint32_t weight;      /* as in c2ms_sess_weight; 0: 100 */
+} c2ms_film;
+
+/* Opens a media and prepares it for reading: c2ms_sess_open, c2ms_sess_cache_init with its part of
+ * the memory, c2ms_sess_range, and c2ms_sess_idx_open when the media has an index. An index that
+ * cannot be had within 10 seconds is done without. Every byte of the range is delivered: the last
+ * pack of size 0 that c2ms_sess_pack_size tells of does not exist here.
+ *
+ * how: NULL for the defaults. Blocks as c2ms_sess_open, and 10 seconds longer for an index at most.
+ * Result: the session, to be ended with c2ms_sess_close or c2ms_sess_end; or NULL. err: NULL, or
+ * receives 0, a code of c2ms_sess_open, or
+ *   C2MS_INVALID_PARAMETER struct_size is 0, or the range does not lie in the media;
+ *   C2MS_NO_CACHE_MEMORY the context has not that much memory left, or less than 64 KiB. */
+C2MS_API c2ms_sess *c2ms_sess_start(c2ms_mgmt *mgmt, const char *url, const c2ms_film *how,
+                                    int32_t *err);
+
+/* The same without waiting: the result is the session while it opens. Until it is open, all calls
+ * on it but c2ms_sess_wait, c2ms_sess_cancel, c2ms_sess_ready_fd, c2ms_sess_close and
+ * c2ms_sess_end return C2MS_OPENING; after an open that has failed, they return its code. A failed
+ * one must be closed, too. The library opens up to 16 sessions of a context at once; more wait for
+ * their turn.
+ *
+ * Result: the session; or NULL, with err C2MS_INVALID_PARAMETER, C2MS_INVALID_URL,
+ * C2MS_UNSUPPORTED_SCHEME, C2MS_NO_MEMORY (also when no thread can be had) or C2MS_CLOSED. */
+C2MS_API c2ms_sess *c2ms_sess_begin(c2ms_mgmt *mgmt, const char *url, const c2ms_film *how,
+                                    int32_t *err);
+
+/* Waits until a session is open, at most timeout_ms milliseconds; 0 or less asks without waiting.
+ * Any number of threads. Result: 0 it is open; C2MS_OPENING not yet; the code that has ended the
+ * open, C2MS_CANCELLED among them (c2ms_sess_cancel); C2MS_CLOSED; -1. */
+C2MS_API int c2ms_sess_wait(c2ms_sess *sess, int32_t timeout_ms);
+
+#define C2MS_HERE UINT64_MAX /* in place of a position: the read position */
+
+/* Reads at a position as soon as something useful is there: waits for `min` bytes and copies up to
+ * `len`. With min 0 it never waits. The position moves to the end of what is delivered. Reads of
+ * the index's part and beyond it are one.
+ *
+ * pos: a position, or C2MS_HERE. min: 0 to len. timeout_ms: 0 does not wait, below 0 waits without
+ * limit.
+ *
+ * Result: the count of bytes. It is below min only at the end of the file, or when another thread
+ * has seeked, selected a file or changed the index. Otherwise C2MS_TIMED_OUT: min bytes were not
+ * there in time; none is delivered, the position is pos, and the bytes that have come stay in the
+ * cache. All others are those of c2ms_sess_read. */
+C2MS_API int c2ms_sess_read_some(c2ms_sess *sess, uint64_t pos, void *buf, int32_t min, int32_t len,
+                                 int32_t timeout_ms);
+
+/* A descriptor for poll(2): readable while c2ms_sess_read_some at the read position with min 1
+ * would return at once, and when an open has ended. Poll for POLLIN; never read from it. It belongs
+ * to the session and lives until its close; every call gives the same one. Whatever makes the
+ * position readable makes the descriptor readable; it ceases to be readable in a call that finds
+ * nothing to read. As long as it is readable nothing is written to it. Result: the descriptor; -1;
+ * C2MS_NO_ENGINE no descriptor can be had; C2MS_CLOSED. */
+C2MS_API int c2ms_sess_ready_fd(c2ms_sess *sess);
+
+/* c2ms_sess_close without waiting for agent and report server: they hear of the end from a thread
+ * of the library, in the same order. Blocks for a few milliseconds at most, until the calls that
+ * wait on the session have left. What is not told when c2ms_mgmt_clean is called is told then (see
+ * there). Result: 0; -1. */
+C2MS_API int c2ms_sess_end(c2ms_sess *sess);
+
+/* The MIME type of the media, after its type number: "video/mp4", or "application/octet-stream" for
+ * types that have none. Constant. */
+C2MS_API const char *c2ms_sess_mime(c2ms_sess *sess);
+
+/* ==== Several films in one context =========================================================== */
+
+/* Changes the size of a session's cache while it plays. What lies ahead of the reader stays, as far
+ * as the new cache holds it. bytes: rounded down to whole packs, at least 16 packs. Blocks while
+ * another thread is in c2ms_sess_idx_open, 30 seconds at most; a waiting read ends with what it
+ * has. Result: 0; -1; C2MS_NO_CACHE; C2MS_NO_CACHE_MEMORY the context has not that much left,
+ * nothing has changed; C2MS_NO_MEMORY no heap memory for the records of the packs, likewise. */
+C2MS_API int c2ms_sess_resize(c2ms_sess *sess, uint64_t bytes);
+
+/* How important a session is beside the others of its context: 1 to 1000, at first 100. A session
+ * asks its servers for bytes only while every session of a greater weight has enough ahead: three
+ * quarters of what its cache can hold, or the rest of its file. Set the next film to 1 while it
+ * fills in the background, and to 100 when it plays. Result: 0; -1; C2MS_INVALID_PARAMETER. */
+C2MS_API int c2ms_sess_weight(c2ms_sess *sess, uint32_t weight);
+
+/* ==== The same step by step: start, open, prepare, read, close, stop ========================= */
 
 /* Starts the library: memory, threads, configuration, identity.
  *
@@ -215,9 +349,10 @@ C2MS_API int c2ms_sess_seek(c2ms_sess *sess, uint64_t pos);
 C2MS_API int c2ms_sess_close(c2ms_sess *sess);
 
 /* Stops the library and frees everything, open sessions included. Calls that wait on those return
- * C2MS_CLOSED first. No other call on the context may begin once this one has. Blocks until the
- * message to agent or report server and the name look-up that are under way end: at most 8 seconds
- * and the time of the look-up. Result: 0; -1. */
+ * C2MS_CLOSED first. No other call on the context may begin once this one has. Blocks until agent
+ * and report server have heard of the sessions that c2ms_sess_end has closed, at most 2 seconds,
+ * and until the message that is under way ends: 10 seconds at most in all. Result: 0; 1 the end of
+ * a session could not be told; -1. */
 C2MS_API int c2ms_mgmt_clean(c2ms_mgmt *mgmt);
 
 /* The text of a session code; "" for any other number. The text is constant. */
@@ -237,6 +372,11 @@ C2MS_API const char *c2ms_idx_text(int32_t result);
  * C2MS_UNAUTHORIZED, which is also the code of a server's refusal. */
 C2MS_API c2ms_sess *c2ms_sess_open1(c2ms_mgmt *mgmt, const char *url, int32_t *err,
                                     int32_t (*cb)(void));
+
+/* c2ms_sess_open for a host with an interrupt callback: calls cb(arg) every 20 milliseconds on this
+ * thread, during the name look-up as well. A negative result ends the open with C2MS_CANCELLED. */
+C2MS_API c2ms_sess *c2ms_sess_open2(c2ms_mgmt *mgmt, const char *url, int32_t *err,
+                                    int32_t (*cb)(void *arg), void *arg);
 
 /* Asks the entry server for media servers again; the open media stays open. The library does this
  * by itself when its servers are lost. May block in a name look-up. Result: 0; -1; -100 no
@@ -265,6 +405,9 @@ C2MS_API int c2ms_sess_read_at(c2ms_sess *sess, uint64_t pos, void *buf, int32_t
  * c2ms_sess_read_at, c2ms_sess_idx_open and c2ms_sess_idx_open_asyn return C2MS_CLOSED at once,
  * even if bytes have arrived. A call already waiting returns C2MS_CLOSED even if cancel is switched
  * off again immediately. Everything else works, and the cache keeps filling.
+ *
+ * While a session opens (c2ms_sess_begin), switching cancel on ends the open with C2MS_CANCELLED,
+ * within 20 milliseconds and for good.
  *
  * A cancelled read delivers nothing, whatever its buffer holds: the position is where it was before
  * the call, unless another thread has moved it. A cancelled c2ms_sess_idx_open has failed; an

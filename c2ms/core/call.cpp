@@ -1,6 +1,7 @@
 // See call.h.
 #include "c2ms/core/call.h"
 
+#include "c2ms.h"
 #include "c2ms/core/diag.h"
 #include "c2ms/core/records.h"
 
@@ -18,7 +19,17 @@ CallCount::~CallCount() {
   sess_->calls.fetch_sub(1);
 }
 
-CallGuard::CallGuard(c2ms_sess *sess) : count_(sess), entered_(is_live(sess)) {}
+ContextCall::ContextCall(c2ms_mgmt *mgmt) : mgmt_(mgmt) {
+  if (mgmt_ != nullptr) mgmt_->calls.fetch_add(1);
+}
+
+ContextCall::~ContextCall() {
+  diag_deliver();
+  if (mgmt_ != nullptr) mgmt_->calls.fetch_sub(1);
+}
+
+CallGuard::CallGuard(c2ms_sess *sess)
+    : count_(sess), refusal_(is_live(sess) ? sess->opened.load() : C2MS_CLOSED) {}
 
 CallGuard::~CallGuard() {
   diag_deliver();

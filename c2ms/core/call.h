@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+struct c2ms_mgmt;
 struct c2ms_sess;
 
 namespace c2ms {
@@ -23,19 +24,34 @@ class CallCount {
   c2ms_sess *const sess_;
 };
 
-/// Counts a player's call into a session; false when the session is closing or closed: the call
-/// then touches nothing and returns C2MS_CLOSED. Delivers the diagnostic lines of the call.
+/// Counts an open or a close under way into its context (NULL: none), and out: c2ms_mgmt_clean
+/// waits for it. Delivers the diagnostic lines of the call.
+class ContextCall {
+ public:
+  explicit ContextCall(c2ms_mgmt *mgmt);
+  ~ContextCall();
+  ContextCall(const ContextCall &) = delete;
+  ContextCall &operator=(const ContextCall &) = delete;
+
+ private:
+  c2ms_mgmt *const mgmt_;
+};
+
+/// Counts a player's call into a session; false when the session is closing, closed or not open:
+/// the call then touches nothing and returns refusal(). Delivers the diagnostic lines of the call.
 class CallGuard {
  public:
   explicit CallGuard(c2ms_sess *sess);
   ~CallGuard();
   CallGuard(const CallGuard &) = delete;
   CallGuard &operator=(const CallGuard &) = delete;
-  explicit operator bool() const { return entered_; }
+  explicit operator bool() const { return refusal_ == 0; }
+  /// C2MS_CLOSED, C2MS_OPENING, or what has ended the open; 0 inside.
+  int32_t refusal() const { return refusal_; }
 
  private:
   const CallCount count_;
-  const bool entered_;
+  const int32_t refusal_;
 };
 
 /// True when a call must end that has found the session's `cancel` as `seen` when it began: cancel

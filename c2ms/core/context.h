@@ -12,6 +12,9 @@
 void *c2ms_mem_alloc(c2ms_mgmt *mgmt, int32_t size);
 int c2ms_mem_free(c2ms_mgmt *mgmt, void *ptr);
 
+/// Cuts a block of the arena down to `size` bytes where it is.
+void c2ms_mem_shrink(c2ms_mgmt *mgmt, void *ptr, int32_t size);
+
 /// Bytes of the largest block that the arena can serve now.
 int32_t c2ms_mem_avail(c2ms_mgmt *mgmt);
 

@@ -25,6 +25,8 @@ void to_stdout(void *, const char *line) {
 std::mutex target_lock;
 diag_fn target = to_stdout;
 void *target_arg = nullptr;
+bool quiet = false;  // every context until now has asked for it
+bool any_context = false;
 
 struct waiting_line {
   waiting_line *next;
@@ -40,7 +42,7 @@ constinit thread_local waiting_lines waiting{};
 
 bool silent() {
   const std::lock_guard lock(target_lock);
-  return target == nullptr;
+  return target == nullptr || (target == to_stdout && quiet);
 }
 
 struct receiver {
@@ -53,6 +55,7 @@ struct receiver {
 
 receiver current_receiver() {
   const std::lock_guard lock(target_lock);
+  if (target == to_stdout && quiet) return {nullptr, nullptr};
   return {target, target_arg};
 }
 
@@ -64,8 +67,11 @@ void on_foundation_line(const char *line) {
 
 }  // namespace
 
-void diag_take_foundation() {
+void diag_new_context(bool wants_quiet) {
   adif::set_line_sink(on_foundation_line);
+  const std::lock_guard lock(target_lock);
+  quiet = wants_quiet && (quiet || !any_context);
+  any_context = true;
 }
 
 void diag(const char *format, ...) {

@@ -7,9 +7,10 @@ namespace c2ms {
 /// calls; a silenced player's lines are not even formatted.
 void diag(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-/// From here on the foundation's lines go the same way, at once: its calls that say something are
-/// made with no lock held.
-void diag_take_foundation();
+/// A context is being made. From here on the foundation's lines go the same way, at once: its calls
+/// that say something are made with no lock held. Standard output gets no lines while every context
+/// so far wants it quiet.
+void diag_new_context(bool wants_quiet);
 
 /// Delivers this thread's waiting lines. Call it with no lock held.
 void diag_deliver();

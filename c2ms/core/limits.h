@@ -46,6 +46,7 @@ inline constexpr int64_t min_rtt_us = 200'000;
 inline constexpr int max_short_answers = 3;
 
 // Sessions.
+inline constexpr uint32_t usual_weight = 100;
 inline constexpr int open_timeouts = 20;  // one-second waits of an open
 inline constexpr int max_entry_asks = 8;  // the pause between two doubles up to here
 inline constexpr int64_t reopen_after_us = 20'000'000;
@@ -60,6 +61,7 @@ inline constexpr int max_failed_opens_waiting = 32;  // to be reported; further 
 // The index of a media.
 inline constexpr uint64_t max_index_bytes = uint64_t{64} << 20;  // packed or not
 inline constexpr int64_t index_open_ms = 30'000;
+inline constexpr int64_t index_start_ms = 10'000;  // of a film that starts, which can do without
 inline constexpr int32_t index_receive_ms = 10'000;
 inline constexpr int max_index_failures = 5;
 inline constexpr int max_boxes = 20;
@@ -77,6 +79,8 @@ inline constexpr uint32_t media_response_bytes = 37;    // and the fixed part
 inline constexpr int request_buffer_bytes = 256;
 inline constexpr int unit_frame_bytes = 160;
 inline constexpr int max_units_per_pack = 5;
+inline constexpr int32_t max_cache_blocks = 8;    // of the arena, for one session
+inline constexpr int32_t max_end_packs = 128;     // of the file's beginning, and of its end
 inline constexpr uint64_t no_place = UINT64_MAX;  // of a position
 inline constexpr int32_t default_pack_bytes = 8192;
 inline constexpr int32_t min_pack_bytes = 4096;

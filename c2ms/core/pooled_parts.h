@@ -24,7 +24,7 @@ inline constexpr pool_span sess_watched[] = {
     span_between(offsetof(c2ms_sess, open_pending), offsetof(c2ms_sess, status)),
     span_between(offsetof(c2ms_sess, media_name), offsetof(c2ms_sess, desc_count)),
     span_between(offsetof(c2ms_sess, speed_lock), offsetof(c2ms_sess, cache_record)),
-    span_between(offsetof(c2ms_sess, cache_buf), offsetof(c2ms_sess, read_gate)),
+    span_between(offsetof(c2ms_sess, cache_block), offsetof(c2ms_sess, read_gate)),
     span_between(offsetof(c2ms_sess, idx_zbuf), offsetof(c2ms_sess, mgmt)),
     span_between(offsetof(c2ms_sess, perf_state), offsetof(c2ms_sess, strand)),
 };

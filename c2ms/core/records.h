@@ -58,6 +58,7 @@ struct report_waits {
   int reply_ms = 8000;
   int connect_ms = 2000;
   int send_ms = 1000;
+  int farewell_ms = 2000;  // for the ends of sessions, when the context is cleaned
 };
 
 /// How long a play bears with what does not go on; tests shorten them.
@@ -67,6 +68,7 @@ struct patience {
   int64_t settled_us = c2ms::settled_us;            // ready that long: the brake begins anew
   int64_t ratio_stalled_us = c2ms::ratio_stalled_us;
   int64_t index_open_ms = c2ms::index_open_ms;
+  int64_t index_start_ms = c2ms::index_start_ms;
   int32_t index_receive_ms = c2ms::index_receive_ms;
   int32_t open_s = c2ms::open_timeouts;
   int32_t reporting_check_s = c2ms::reporting_check_time_s;
@@ -85,6 +87,18 @@ enum class from_memory : uint8_t { no, unconfirmed, confirmed };
 
 /// What a reporting thread has to do for a session on one channel; ended: all has been said.
 enum class report_job : int { none, queued, running, ended };
+
+/// Whether a thread of the library opens a session; abandoned: the player has closed it meanwhile.
+enum class open_job : uint8_t { none, running, abandoned };
+
+/// What the player wants of a session beside its media, for the thread that opens it.
+struct open_wishes {
+  int32_t (*prepare)(c2ms_sess *sess) = nullptr;  // after the description; NULL: nothing
+  uint64_t cache_bytes = 0;                       // 0: all that is free
+  uint64_t range_begin = 0, range_size = 0;       // size 0: to the end
+  int32_t pack_size = 0;
+  bool index = false;
+};
 
 /// What a node's range requests came to (player/stats.h).
 struct tally {
@@ -113,6 +127,12 @@ enum class cache_use : uint8_t { play, packed_index, box_headers };
 /// before the seek (or the choice of the file), or whatever it was until the call was cancelled.
 enum class wait_cause : uint8_t { no_node, late, seek, cancelled };
 inline constexpr size_t wait_causes = 4;
+
+/// A part of the arena that belongs to a session's cache.
+struct cache_block {
+  uint8_t *at = nullptr;
+  int32_t bytes = 0;
+};
 
 struct wait_count {
   uint64_t count = 0, total_us = 0, longest_us = 0;
@@ -289,6 +309,10 @@ struct c2ms_cache {
   int32_t wanted_from GUARDED_BY(lock) = 0;  // prefetching begins there (c2ms_cache_seek_to)
   int32_t idle_from GUARDED_BY(lock) = 0;    // no wanted pack from wanted_from up to here is idle
   c2ms::cache_use use GUARDED_BY(lock) = c2ms::cache_use::play;
+  // The file's first and last packs, once they have left the ring (ring/ends.h).
+  uint8_t *ends GUARDED_BY(lock) = nullptr;
+  int32_t end_packs GUARDED_BY(lock) = 0;                          // of each end
+  int32_t end_len[2 * c2ms::max_end_packs] GUARDED_BY(lock) = {};  // 0: not kept
   std::atomic<uint32_t> generation{
       0};  // of file and buffer: a unit of another one delivers nothing
   std::atomic<uint32_t> seek_count{0};   // a reader that finds it changed ends with what it has
@@ -413,6 +437,10 @@ struct c2ms_sess {
   std::atomic<uint8_t> hook_registered{0};
   struct event *event = nullptr;
   std::atomic<uint32_t> wake_count{0};
+  // The open (session/opening.h): 0 open, C2MS_OPENING, or what has ended it.
+  std::atomic<int32_t> opened{0};
+  std::atomic<c2ms::open_job> opener{c2ms::open_job::none};
+  c2ms::open_wishes wishes;
 
   // Media description: written in the strand before desc_count becomes 1, constant afterwards.
   char media_name[37]{};
@@ -437,6 +465,7 @@ struct c2ms_sess {
   uint64_t twice GUARDED_BY(speed_lock) = 0;      // payload that made no pack longer
   std::atomic<uint64_t> delivered{0};             // bytes
   uint64_t cache_limit = 0;
+  std::atomic<uint32_t> weight{c2ms::usual_weight};  // beside the other sessions (fetch/share.h)
   rac_timer *speed_timer = nullptr;
 
   std::atomic<uint32_t> next_pdu_id{1};
@@ -471,8 +500,9 @@ struct c2ms_sess {
   // Cache.
   c2ms_cache cache_record;
   std::atomic<c2ms_cache *> cache{nullptr};  // &cache_record once set up
-  void *cache_buf = nullptr;                 // changed under the read gate
-  int32_t cache_buf_size = 0;
+  // The cache's memory, of the context's arena (ring/memory.h). Changed under the read gate.
+  c2ms::cache_block cache_block[c2ms::max_cache_blocks];
+  int32_t cache_blocks = 0;
   adif::Gate read_gate{c2ms::rank_read_gate};
 
   // Index (player/idx.h). Changed under the read gate; the words that tell where the window lies
@@ -489,13 +519,19 @@ struct c2ms_sess {
   std::atomic<uint8_t> idx_mem{0};
 
   rac_timer *check_timer = nullptr;
-  rac_timer *watch_timer = nullptr;    // while something is under way (fetch/watch.h)
-  bool watches_soon = false;           // it runs for a deadline that is near
-  int64_t open_time = 0;               // seconds
+  rac_timer *watch_timer = nullptr;  // while something is under way (fetch/watch.h)
+  bool watches_soon = false;         // it runs for a deadline that is near
+  bool yields = false;               // has asked for nothing because another session needs the line
+  int64_t open_time = 0;             // seconds
   std::atomic<int64_t> close_time{0};  // the same; 0 until the session closes
   uint8_t token[8]{};
   c2ms_mgmt *mgmt = nullptr;
   rac_core *probe = nullptr;
+
+  // The descriptor for a host's poll loop (player/ready.h): wanted by this session, and readable.
+  // It is made once with the record.
+  std::atomic<bool> ready_wanted{false}, ready_lit{false};
+  std::atomic<int> ready_fd{-1};
 
   // Reporting (session/reporting.h). States are written by the running job of their channel; counts
   // belong to the strand.
@@ -563,7 +599,8 @@ struct c2ms_mgmt {
       c2ms::rank_registry};  // one session at a time looks what is free and takes it
   adif::Mutex mem_lock{c2ms::rank_memory};
   mem_unit *mem = nullptr;
-  int32_t mem_size = 0;
+  int64_t mem_size = 0;
+  size_t block_bytes = 0;  // of the mapping that holds context and arena
   uint8_t *arena = nullptr;
   rac_core *probe = nullptr;
   // The handler of every device and timer (session/pump.h); set before the first is made.
@@ -573,13 +610,19 @@ struct c2ms_mgmt {
 
   c2ms::Worker resolver{"c2ms-resolver"};  // looks names up for sessions that reopen by themselves
 
+  c2ms::Worker openers{"c2ms-open", c2ms::Worker::most_threads};  // of sessions begun elsewhere
+
   // Reporting.
   std::atomic<uint32_t> next_message{1};  // sequence number, shared by both channels
   c2ms::report_waits report_waits;        // constant once sessions are open, as the next
   uint32_t agent_ip = htonl(INADDR_LOOPBACK);
   c2ms::Worker perf_reporter{"c2ms-report", c2ms::Worker::most_threads};
   c2ms::Worker auth_reporter{"c2ms-agent", c2ms::Worker::most_threads};
-  std::atomic<int> perf_failed_opens{0}, auth_failed_opens{0};  // that wait to be reported
+  std::atomic<int> perf_failed_opens{0}, auth_failed_opens{0};     // that wait to be reported
+  c2ms::Worker closers{"c2ms-close", c2ms::Worker::most_threads};  // of sessions that have ended
+  std::atomic<int> farewells{0};    // their sessions that agent and report server have not heard of
+  std::atomic<bool> untold{false};  // one was given up because the context was cleaned
+  bool reports = true;              // constant once sessions are open
 
   std::atomic<bool> closing{false};
   std::atomic<int32_t> calls{0};  // opens and closes under way

@@ -2,7 +2,9 @@
 #include "c2ms/core/wake.h"
 
 #include <sched.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -53,11 +55,26 @@ void c2ms_cache_wake(c2ms_cache *cache) {
   if (cache == nullptr) return;
   cache->wake_count.fetch_add(1);
   adif::signal_lasting_event(cache->event, 1);
+  light(cache->session);
+}
+
+void c2ms::light(c2ms_sess *sess) {
+  if (!sess->ready_wanted || sess->opened == C2MS_OPENING || sess->ready_lit.exchange(true)) return;
+  const uint64_t one = 1;
+  // (A counter that was read a moment ago has room.)
+  while (write(sess->ready_fd, &one, sizeof one) < 0 && errno == EINTR) {
+  }
+}
+
+void c2ms::cancel_open(c2ms_sess *sess) {
+  int32_t opening = C2MS_OPENING;
+  if (sess->opened.compare_exchange_strong(opening, C2MS_CANCELLED)) wake_opener(sess);
 }
 
 void c2ms::wake_opener(c2ms_sess *sess) {
   sess->wake_count.fetch_add(1);
-  SetEvent(sess->event, 100);
+  SetEventAll(sess->event, 100);
+  light(sess);
 }
 
 void c2ms::wake_waiters(c2ms_sess *sess) {

@@ -18,6 +18,11 @@ void c2ms_cache_wake(c2ms_cache *cache);
 
 namespace c2ms {
 
+/// Makes the session's descriptor for poll loops readable, if there is one and it is not. Any
+/// thread.
+void light(c2ms_sess *sess);
+/// Ends an open that is under way with C2MS_CANCELLED; nothing for any other session.
+void cancel_open(c2ms_sess *sess);
 /// Lets the waiting opener look again.
 void wake_opener(c2ms_sess *sess);
 /// Wakes everybody who waits in a call on the session.

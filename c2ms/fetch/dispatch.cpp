@@ -80,6 +80,10 @@ int c2ms_sess_dispatch(c2ms_sess *sess) {
       choose_nodes(sess, [](const c2ms_node *node) { return node->state == C2MS_NODE_READY; });
   // Nobody recycles a node while we are in the strand, except a start that fails, and then its own.
   for (size_t i = 0; i < ready.count; ++i) c2ms_node_download_start_dbg(ready.nodes[i]);
-  watch_soon(sess);
+  if (sess->yields) {
+    start_watch(sess);
+  } else {
+    watch_soon(sess);
+  }
   return 0;
 }

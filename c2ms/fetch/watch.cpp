@@ -241,10 +241,14 @@ void watch_session(c2ms_sess *sess) {
   const watched seen = look(cache);
   help(sess, seen);
   give_up_hopeless(sess);
-  fit_connections(sess);
-  if (is_near(seen)) {
+  if (sess->yields) {
+    mark_dispatch_due(sess);  // does the other session still need the line?
+  } else {
+    fit_connections(sess);
+  }
+  if (is_near(seen) && !sess->yields) {
     watch_soon(sess);
-  } else if (sess->ready_num < sess->usable_num) {
+  } else if (sess->ready_num < sess->usable_num || sess->yields) {
     start_watch(sess);
   }
 }

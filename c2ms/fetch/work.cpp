@@ -6,12 +6,14 @@
 #include "c2ms/core/strand_hold.h"
 #include "c2ms/core/time.h"
 #include "c2ms/fetch/choice.h"
+#include "c2ms/fetch/share.h"
 #include "c2ms/ring/range.h"
 
 namespace c2ms {
 
 namespace {
 
+constexpr double brief_s = 0.25;
 constexpr int64_t probe_us = 3'000'000;  // a node that gets nothing is tried again that often
 
 lane lane_of(const c2ms_node *node, int64_t now) {
@@ -49,6 +51,11 @@ idle_packs idle_of(c2ms_cache *cache) {
   found.view.packs = cache->packnum - cache->reserve;
   found.view.urgent_end = cache->urgent_end;
   return found;
+}
+
+// As many packs as a connection brings before somebody else may need the line.
+int32_t brief(const lane &one, int32_t pack_bytes) {
+  return std::max(static_cast<int32_t>(one.rate * brief_s / pack_bytes), 1);
 }
 
 }  // namespace
@@ -95,12 +102,16 @@ run choose_work(c2ms_sess *sess, c2ms_node *node) {
   idle_packs idle;
   if (!fill_ring_view(cache, &idle)) return {};
   if (node == nullptr) return {idle.stretches[0].first, 1};
+  const standing among = standing_of(sess);
+  sess->yields = among.yields;
+  if (among.yields) return {};
   const session_lanes known = lanes_of(sess);
   const size_t who = known.find(node);
   if (who == known.count) return {};
   const int64_t now = now_us();
   const bool probe = node->asked_at_us == 0 && now - node->probed_at_us > probe_us;
-  const run chosen = choose_run(known.all(), who, idle.view, reader_of(cache), probe);
+  run chosen = choose_run(known.all(), who, idle.view, reader_of(cache), probe);
+  if (among.shares) chosen.count = std::min(chosen.count, brief(known.lanes[who], cache->packsize));
   if (chosen.count > 0) node->probed_at_us = now;
   return chosen;
 }

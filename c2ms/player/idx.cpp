@@ -14,6 +14,7 @@
 #include "c2ms/fetch/seek.h"
 #include "c2ms/player/gate.h"
 #include "c2ms/player/reader.h"
+#include "c2ms/player/ready.h"
 #include "c2ms/ring/cache.h"
 #include "c2ms/ring/index.h"
 #include "c2ms/wire/boxes.h"
@@ -24,7 +25,10 @@ namespace {
 using namespace c2ms;
 
 std::chrono::milliseconds open_limit(const c2ms_sess *sess) {
-  return std::chrono::milliseconds(sess->mgmt->patience.index_open_ms);
+  const patience &patience = sess->mgmt->patience;
+  // A film that is being started does without it sooner.
+  return std::chrono::milliseconds(sess->opened == C2MS_OPENING ? patience.index_start_ms
+                                                                : patience.index_open_ms);
 }
 
 // Whoever waits for the index is to be told so at once.
@@ -240,7 +244,10 @@ int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len) {
   if (len != nullptr) *len = 0;
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  return call ? open_index(sess, len) : call.refusal();
+}
+
+int c2ms::open_index(c2ms_sess *sess, uint32_t *len) {
   c2ms_cache *const cache = sess->cache.load();
   if (c2ms_cache_packsize(cache) < 1) return -2;
   if (cancelled_since(sess, sess->cancel)) return C2MS_CLOSED;
@@ -249,6 +256,7 @@ int c2ms_sess_idx_open(c2ms_sess *sess, uint32_t *len) {
   const GateGuard gate(sess, t0 + open_limit(sess), cache);
   if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return idx_timed_out;
+  const ReadyGuard ready(sess);
   return sess->idx_mem != 0 ? 0 : open_waiting(sess, cache, t0, len);
 }
 
@@ -256,7 +264,7 @@ int c2ms_sess_idx_open_asyn(c2ms_sess *sess, uint32_t *len) {
   if (len != nullptr) *len = 0;
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   c2ms_cache *const cache = sess->cache.load();
   if (c2ms_cache_packsize(cache) < 1) return -2;
   if (cancelled_since(sess, sess->cancel)) return C2MS_CLOSED;
@@ -264,13 +272,14 @@ int c2ms_sess_idx_open_asyn(c2ms_sess *sess, uint32_t *len) {
   const GateGuard gate(sess, one_try);
   if (gate.cancelled()) return C2MS_CLOSED;
   if (!gate) return C2MS_CACHING;
+  const ReadyGuard ready(sess);
   return sess->idx_mem != 0 ? 0 : open_step(sess, cache, len);
 }
 
 int c2ms_sess_idx_read(c2ms_sess *sess, void *buf, int32_t len, uint32_t off) {
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   const GateGuard gate(sess, no_limit);
   if (sess->idx_mem == 0) return idx_not_open;
   if (sess->idx_buf == nullptr) return idx_no_buffer;
@@ -284,7 +293,7 @@ int c2ms_sess_idx_read(c2ms_sess *sess, void *buf, int32_t len, uint32_t off) {
 int c2ms_sess_idx_offset(c2ms_sess *sess, uint64_t *offset) {
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   if (offset != nullptr) *offset = sess->idx_offset;
   return 0;
 }
@@ -298,7 +307,7 @@ uint32_t c2ms_sess_idx_size(c2ms_sess *sess) {
 int c2ms_sess_idx_attr(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   if (sess->idx_len == 0) return 0;
   const uint32_t at_end = sess->moov_at_end;
   return at_end <= 1 ? static_cast<int>(at_end) + 1 : -2;
@@ -307,7 +316,7 @@ int c2ms_sess_idx_attr(c2ms_sess *sess) {
 int c2ms_sess_is_in_idx(c2ms_sess *sess, uint64_t pos) {
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   const uint64_t offset = sess->idx_offset;
   return offset != 0 && pos >= offset && pos - offset < sess->idx_buf_len ? 1 : 0;
 }
@@ -315,9 +324,10 @@ int c2ms_sess_is_in_idx(c2ms_sess *sess, uint64_t pos) {
 int c2ms_sess_idx_close(c2ms_sess *sess) {
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   c2ms_cache *const cache = sess->cache.load();
   const GateGuard gate(sess, no_limit, cache);
+  const ReadyGuard ready(sess);
   clear_index(sess, cache);
   if (cache == nullptr) return 0;
   if (is_opening(sess, cache)) {

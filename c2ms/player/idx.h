@@ -19,3 +19,11 @@
 /// sess->idx_opening.walk stands on it; -100 no `moov`, or a header came short; -230; the negative
 /// result of a receive.
 int c2ms_sess_idx_parse_moov(c2ms_sess *sess, c2ms::steady::time_point t0);
+
+namespace c2ms {
+
+/// c2ms_sess_idx_open for a session that is being opened, too. A call that counts itself into the
+/// session, or the thread that opens it.
+int open_index(c2ms_sess *sess, uint32_t *len);
+
+}  // namespace c2ms

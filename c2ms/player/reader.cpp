@@ -38,6 +38,8 @@ struct reading {
   c2ms_cache *cache;
   uint8_t *out;  // NULL: skip
   int32_t len;
+  int32_t least;                // bytes for which it waits, 0 to len
+  bool all;                     // fewer in time are none
   steady::time_point deadline;  // min(): never waits; max(): waits without limit
   int32_t copied = 0;
   int32_t result = 0;  // when nothing is copied
@@ -49,7 +51,9 @@ struct reading {
   int64_t waited_us = 0;
   c2ms_window window{};  // changes under the read gate alone
 
-  bool expired() const {
+  // Nothing is waited for any more.
+  bool expired() const { return copied >= least || out_of_time(); }
+  bool out_of_time() const {
     if (deadline == steady::time_point::max()) return false;
     return deadline == steady::time_point::min() || steady::now() >= deadline;
   }
@@ -104,7 +108,8 @@ step take(reading &call, const place &at) {
   if (asked_for && wanted == 0) return step::stop;  // a last pack of size 0
   const int32_t there = std::clamp(pack->len - at.in_pack, 0, wanted);
   const bool enough = there == wanted || pack->state == pack_ready;
-  if (!enough && !call.expired()) return pack->state == pack_idle ? step::request : step::wait;
+  const bool serves = enough || call.copied + there >= call.least;
+  if (!serves && !call.expired()) return pack->state == pack_idle ? step::request : step::wait;
   if (there > 0 && call.out != nullptr) {
     std::memcpy(call.out + call.copied, pack->buf + at.in_pack, static_cast<size_t>(there));
   }
@@ -147,7 +152,7 @@ lack lack_of(const reading &call, const place &at) {
   const c2ms_cache *const cache = call.cache;
   const int32_t packsize = cache->packsize;
   const uint64_t end =
-      std::min(call.pos + static_cast<uint64_t>(call.len - call.copied), call.media_size);
+      std::min(call.pos + static_cast<uint64_t>(call.least - call.copied), call.media_size);
   const auto final = static_cast<int32_t>((end - 1) / static_cast<uint64_t>(packsize));
   // Few packs of a small ring: it must move on while they are read.
   const int32_t most = std::min(longest_take / packsize, cache->packnum / 8);
@@ -278,36 +283,62 @@ bool read_pack(reading &call) {
   }
 }
 
-int read_until(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t len,
-               steady::time_point deadline) {
-  reading call{cache, static_cast<uint8_t *>(buf), len, deadline};
+// Begins a call at its place.
+reading begin_at(c2ms_cache *cache, const c2ms_place &from) REQUIRES(cache->lock) {
+  reading call{};
+  call.cache = cache;
   call.begin = call.pos = from.pos;
   call.seek_count = from.seek_count;
+  call.media_size = cache->media_size;
+  call.after_seek = cache->served_seek != call.seek_count;
+  call.window = c2ms_cache_window(cache);
+  return call;
+}
+
+// The end of the packs that the first read after a seek needs, 0 for a later one.
+int32_t urgent_end_of(const reading &call) {
+  if (!call.after_seek) return 0;
+  const auto packsize = static_cast<uint64_t>(call.cache->packsize.load());
+  const uint64_t end = call.pos + static_cast<uint64_t>(std::clamp(call.least, 0, longest_take));
+  return static_cast<int32_t>((end + packsize - 1) / packsize);
+}
+
+// A call that has waited in vain, and is to deliver all it waited for or nothing.
+bool in_vain(const reading &call) {
+  return call.all && call.copied < call.least && call.pos < call.media_size && call.result == 0 &&
+         call.out_of_time() && call.cache->seek_count.load() == call.seek_count;
+}
+
+int read_until(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t len,
+               steady::time_point deadline, int32_t least, bool all) {
+  reading call{};
   {
     const adif::Guard lock(cache->lock);
     ++cache->read_calls;
-    call.media_size = cache->media_size;
-    call.after_seek = cache->served_seek != call.seek_count;
-    call.window = c2ms_cache_window(cache);
-    const int32_t packsize = cache->packsize;
-    const uint64_t end = call.pos + static_cast<uint64_t>(std::max(std::min(len, longest_take), 0));
-    cache->urgent_end = call.after_seek
-                            ? static_cast<int32_t>((end + static_cast<uint64_t>(packsize) - 1) /
-                                                   static_cast<uint64_t>(packsize))
-                            : 0;
+    call = begin_at(cache, from);
+    call.out = static_cast<uint8_t *>(buf);
+    call.len = len;
+    call.least = least;
+    call.all = all;
+    call.deadline = deadline;
+    cache->urgent_end = urgent_end_of(call);
   }
   if (cache->packnum < 1) return -201;
   if (call.pos >= call.media_size) return -200;
   if (len < 1) return 0;
   while (call.copied < len && call.pos < call.media_size && read_pack(call)) {
   }
-  // A cancelled call has delivered nothing: the next one finds the same bytes.
+  if (in_vain(call)) {
+    call.copied = 0;
+    call.result = C2MS_TIMED_OUT;
+  }
+  // A call that delivers nothing leaves the position: the next one finds the same bytes.
   if (call.copied == 0 && call.pos != call.begin) {
     c2ms_cache_advance(cache, call.begin, call.seek_count);
   }
   {
     const adif::Guard lock(cache->lock);
-    if (call.copied < len) ++cache->short_reads;
+    if (call.copied < least) ++cache->short_reads;
     if (call.copied > 0) cache->served_seek = call.seek_count;
     cache->pace.delivered(c2ms::now_us(), call.copied, call.waited_us);
   }
@@ -331,8 +362,8 @@ bool c2ms_cache_advance(c2ms_cache *cache, uint64_t pos, uint32_t seek_count) {
 
 int c2ms_cache_read(c2ms_cache *cache, void *buf, int32_t len, int32_t nonblock) {
   if (cache == nullptr) return -1;
-  return read_until(cache, c2ms_cache_here(cache), buf, len,
-                    nonblock != 0 ? steady::time_point::min() : steady::time_point::max());
+  const auto deadline = nonblock != 0 ? steady::time_point::min() : steady::time_point::max();
+  return read_until(cache, c2ms_cache_here(cache), buf, len, deadline, len, false);
 }
 
 int c2ms_cache_recv(c2ms_cache *cache, void *buf, int32_t len, int32_t timeout_ms) {
@@ -344,5 +375,33 @@ int c2ms_cache_recv_at(c2ms_cache *cache, const c2ms_place &from, void *buf, int
                        int32_t timeout_ms) {
   const auto deadline = timeout_ms > 0 ? steady::now() + std::chrono::milliseconds(timeout_ms)
                                        : steady::time_point::min();
-  return read_until(cache, from, buf, len, deadline);
+  return read_until(cache, from, buf, len, deadline, len, false);
+}
+
+int c2ms_cache_read_some(c2ms_cache *cache, const c2ms_place &from, void *buf, int32_t least,
+                         int32_t len, steady::time_point deadline) {
+  return read_until(cache, from, buf, len, deadline, least, true);
+}
+
+bool c2ms_cache_poll(c2ms_cache *cache) {
+  reading call{};
+  const c2ms_place here = c2ms_cache_here(cache);
+  {
+    const adif::Guard lock(cache->lock);
+    call = begin_at(cache, here);
+  }
+  call.len = call.least = 1;
+  if (cache->packnum < 1 || call.pos >= call.media_size || call.window.has(call.pos)) return true;
+  const place at = where(call);
+  if (at.pack == nullptr || ended(call, true)) return true;
+  bool elsewhere, idle;
+  {
+    const adif::Guard lock(at.pack->lock);
+    elsewhere = at.pack->index != at.index;
+    idle = at.pack->state == pack_idle;
+    if (!elsewhere && (at.pack->len > at.in_pack || at.pack->state == pack_ready)) return true;
+  }
+  if (elsewhere && !move_range(call, at)) return true;
+  if (elsewhere || idle) request(call, at);
+  return c2ms_cache_need(cache, at.index, at.index, at.in_pack + 1, false);
 }

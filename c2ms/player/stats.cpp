@@ -169,7 +169,7 @@ int c2ms_sess_stats(c2ms_sess *sess, c2ms_stats *stats, size_t struct_size) {
   if (sess == nullptr) return -1;
   if (stats == nullptr) return -2;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   c2ms_stats all{};
   all.struct_size = static_cast<uint32_t>(std::min(struct_size, sizeof all));
   take_session(sess, &all);
@@ -187,7 +187,7 @@ int c2ms_sess_ranges(c2ms_sess *sess, c2ms_byte_range *ranges, int max) {
   using namespace c2ms;
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   c2ms_cache *const cache = sess->cache.load();
   if (cache == nullptr) return -2;
   int count = 0;

@@ -12,7 +12,7 @@ int c2ms_sess_trace(c2ms_sess *sess, int events) {
   using namespace c2ms;
   if (sess == nullptr) return -1;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   trace_stop(sess);
   if (events < 1) return 0;
   const auto size = static_cast<size_t>(std::min(events, C2MS_TRACE_MOST));
@@ -34,7 +34,7 @@ int c2ms_sess_trace_read(c2ms_sess *sess, c2ms_trace_event *events, int max, uin
   if (sess == nullptr) return -1;
   if (events == nullptr) return -2;
   const CallGuard call(sess);
-  if (!call) return C2MS_CLOSED;
+  if (!call) return call.refusal();
   const adif::Guard lock(sess->speed_lock);
   recorder &trace = sess->trace;
   if (lost != nullptr) *lost = trace.lost;

@@ -39,6 +39,7 @@ struct report_facts {
   uint64_t total_bytes = 0, recv_time = 0;         // bytes; microseconds of receiving
   uint32_t realtime_speed = 0, average_speed = 0;  // bytes per millisecond
   uint64_t read_pos = 0;
+  std::atomic<bool> *untold = nullptr;  // set when the farewell is given up; NULL: nobody asks
 };
 
 /// The facts of a session as they are now; its management context is set. Any thread while the

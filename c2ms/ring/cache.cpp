@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "c2ms/core/recorder.h"
+#include "c2ms/ring/ends.h"
 #include "c2ms/ring/pack.h"
 #include "c2ms/ring/window.h"
 
@@ -13,6 +14,7 @@ namespace {
 void give_back_packs(c2ms_cache *cache) REQUIRES(cache->lock) {
   cache->generation.fetch_add(1);
   cache->packnum = 0;
+  c2ms_cache_forget_ends(cache);
   while (auto *pack = static_cast<c2ms_pack *>(sk_pop(cache->packs))) {
     c2ms_pack_exit_download(pack, -1);
     c2ms_pack_recycle(cache->session->mgmt, pack);
@@ -134,6 +136,7 @@ int c2ms_cache_setfile(c2ms_cache *cache, const uint8_t *fid, uint64_t base_offs
   cache->last_pack_len = static_cast<int32_t>(media_size % packsize);
   cache->max_first = std::max(static_cast<int32_t>(total) - packnum, 0);
   go_to_start(cache);
+  c2ms_cache_forget_ends(cache);
   cache->use = use;
   // Units of the former file lose their packs here, and would not pass the generation either.
   cache->generation.fetch_add(1);

@@ -5,6 +5,7 @@
 
 #include "c2ms/core/recorder.h"
 #include "c2ms/ring/cache.h"
+#include "c2ms/ring/ends.h"
 #include "c2ms/ring/pack.h"
 #include "c2ms/ring/window.h"
 
@@ -86,7 +87,7 @@ int32_t place_range(c2ms_cache *cache, uint64_t target) REQUIRES(cache->lock) {
   if (new_first >= old_first && new_first < old_end) reset_from = static_cast<int32_t>(old_end);
   if (new_first < old_first) reset_to = std::min(reset_to, old_first);
   for (int32_t i = reset_from; i < reset_to; ++i)
-    c2ms_pack_exit_download(c2ms_cache_slot(cache, i), i);
+    c2ms_cache_turn_over(cache, c2ms_cache_slot(cache, i), i);
   cache->first_index = new_first;
   return reset_from < reset_to ? reset_from : INT32_MAX;
 }

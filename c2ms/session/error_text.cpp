@@ -24,6 +24,12 @@ constexpr code_text session_texts[] = {
     {C2MS_AUTH_FAILED, "Authenticate failed"},
     {C2MS_IN_DEBT, "User in debt"},
     {C2MS_CACHING, "Net data caching"},
+    {C2MS_CANCELLED, "Open cancelled"},
+    {C2MS_TIMED_OUT, "Timed out"},
+    {C2MS_OPENING, "Session opening"},
+    {C2MS_NO_CACHE_MEMORY, "No cache memory left"},
+    {C2MS_NO_ENGINE, "No threads or descriptors"},
+    {C2MS_NO_CIPHERS, "No DES or MD5"},
 };
 
 constexpr code_text read_texts[] = {

@@ -5,6 +5,7 @@
 #include "c2ms/core/identity.h"
 #include "c2ms/core/pooled_parts.h"
 #include "c2ms/core/records.h"
+#include "c2ms/core/time.h"
 #include "c2ms/core/wake.h"
 #include "c2ms/fetch/node_record.h"
 #include "c2ms/fetch/unit.h"
@@ -13,10 +14,12 @@
 #include "c2ms/session/pump.h"
 
 #include <signal.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -95,9 +98,25 @@ void drop_pool(block_pool **pool) {
   BPoolCleanup(old);
 }
 
+// Context and arena are one mapping: memory is had when it is touched, and given back to the
+// system.
+c2ms_mgmt *make_block(int64_t arena_bytes) {
+  const auto size = static_cast<size_t>(static_cast<int64_t>(arena_offset) + arena_bytes);
+  void *const block =
+      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (block == MAP_FAILED) return nullptr;
+  c2ms_mgmt *const mgmt = new (block) c2ms_mgmt();
+  mgmt->block_bytes = size;
+  mgmt->arena = static_cast<uint8_t *>(block) + arena_offset;
+  mgmt->mem_size = arena_bytes;
+  mgmt->mem = mem_unit_init(mgmt->arena, arena_bytes);
+  return mgmt;
+}
+
 void destroy(c2ms_mgmt *mgmt) {
+  const size_t size = mgmt->block_bytes;
   mgmt->~c2ms_mgmt();
-  kfree_dbg(mgmt);
+  munmap(mgmt, size);
 }
 
 bool make_registries(c2ms_mgmt *mgmt) {
@@ -158,14 +177,32 @@ void drain_callers(c2ms_mgmt *mgmt) {
   while (mgmt->calls.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
+// Gives agent and report server some time to hear of the sessions that have ended.
+void await_farewells(c2ms_mgmt *mgmt) {
+  const auto end = steady::now() + std::chrono::milliseconds(mgmt->report_waits.farewell_ms);
+  while (mgmt->farewells.load() > 0 && steady::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 // 0 when the name is not found, which nobody can be reached at.
 uint32_t address_of(const char *host) {
   const uint32_t address = sock_get_hostip(host);
   return address == SOCK_NO_ADDRESS ? 0 : address;
 }
 
+// What a context is started with.
+struct start {
+  const char *conf_path = nullptr;
+  uint64_t user = 0;
+  const uint8_t *hid = nullptr;
+  int64_t arena_bytes = min_arena_bytes;
+  uint32_t threads = engine_threads;
+  bool reports = true;
+};
+
 // Tells why there is no context.
-c2ms_mgmt *refuse(const char *why) {
+c2ms_mgmt *refuse(int32_t code, int32_t *err, const char *why) {
+  *err = code;
   diag("c2ms_mgmt_init: %s\n", why);
   diag_deliver();
   return nullptr;
@@ -185,47 +222,114 @@ void free_context(c2ms_mgmt *mgmt) {
   destroy(mgmt);
 }
 
-}  // namespace
-
-c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
-                          const uint8_t *hid, int32_t mem_size) {
-  diag_take_foundation();
-  // Without MD5 every session would have the same token.
-  if (!crypto::gcrypt_works()) return refuse("libgcrypt is too old, or refuses DES or MD5");
-  mem_size = std::max(mem_size, min_arena_bytes);
-  void *const block = kzalloc_dbg(static_cast<int64_t>(arena_offset) + mem_size);
-  if (block == nullptr) return refuse("no memory");
-  c2ms_mgmt *const mgmt = new (block) c2ms_mgmt();
-  mgmt->on_event = c2ms_pump;
-  mgmt->probe = probe_create(engine_threads);
-  if (mgmt->probe == nullptr) {
-    destroy(mgmt);
-    return refuse("no memory or no descriptors for the engine");
-  }
+void take_identity(c2ms_mgmt *mgmt, const start &with) {
   std::memcpy(mgmt->des_key, "QaZiXuRo", sizeof mgmt->des_key);
   mgmt->oemid = g_oemid;
   mgmt->vendorid = g_vendorid;
   mgmt->build_time = static_cast<int32_t>(get_time_from_string(g_build_time, -1));
-  mgmt->perf_server_ip = address_of(g_perf_server);
-
-  mgmt->mem_size = mem_size;
-  mgmt->arena = static_cast<uint8_t *>(block) + arena_offset;
-  mgmt->mem = mem_unit_init(mgmt->arena, mem_size);
-  if (conf_path != nullptr) std::strncpy(mgmt->conf_path, conf_path, sizeof mgmt->conf_path - 1);
-  c2ms_mgmt_readconf(mgmt);
-
   mgmt->version = g_version;
   mgmt->proto_ver = g_proto_ver;
-  mgmt->uid_low = uid_low;
-  mgmt->uid_high = uid_high;
+  mgmt->uid_low = static_cast<uint32_t>(with.user);
+  mgmt->uid_high = static_cast<uint32_t>(with.user >> 32);
   c2ms_mgmt_readhid(mgmt);
-  if (hid != nullptr) set_hardware_id(mgmt, hid, 20);
+  if (with.hid != nullptr) set_hardware_id(mgmt, with.hid, 20);
+}
 
+// Everything but the threads. NULL, and why.
+c2ms_mgmt *make_context(const start &with, int32_t *err) {
+  // Without MD5 every session would have the same token.
+  if (!crypto::gcrypt_works()) {
+    return refuse(C2MS_NO_CIPHERS, err, "libgcrypt is too old, or refuses DES or MD5");
+  }
+  c2ms_mgmt *const mgmt = make_block(with.arena_bytes);
+  if (mgmt == nullptr) return refuse(C2MS_NO_MEMORY, err, "no memory");
+  mgmt->on_event = c2ms_pump;
+  mgmt->reports = with.reports;
+  mgmt->probe = probe_create(with.threads);
+  if (mgmt->probe == nullptr) {
+    destroy(mgmt);
+    return refuse(C2MS_NO_ENGINE, err, "no memory or no descriptors for the engine");
+  }
+  if (with.conf_path != nullptr) {
+    std::strncpy(mgmt->conf_path, with.conf_path, sizeof mgmt->conf_path - 1);
+  }
+  take_identity(mgmt, with);
+  if (with.reports) mgmt->perf_server_ip = address_of(g_perf_server);
   if (!make_registries(mgmt) || !make_pools(mgmt)) {
     free_context(mgmt);
-    return refuse("no memory");
+    return refuse(C2MS_NO_MEMORY, err, "no memory");
   }
-  for (const int number : {SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE, SIGTTIN}) signal(number, SIG_IGN);
+  return mgmt;
+}
+
+// The process's own, once: a player that has set them since then keeps what it has set.
+void ignore_signals() {
+  static std::once_flag done;
+  std::call_once(done, [] {
+    for (const int number : {SIGCHLD, SIGTSTP, SIGTTOU, SIGPIPE, SIGTTIN}) signal(number, SIG_IGN);
+  });
+}
+
+constexpr uint32_t known_flags = C2MS_SET_SIGNALS | C2MS_QUIET | C2MS_NO_REPORTS;
+constexpr uint64_t most_memory = sizeof(void *) == 4 ? INT32_MAX : uint64_t{32} << 30;
+
+// The player's structure, which may be of another version: a shorter one ends in zeros. False when
+// it can't be meant.
+bool take_options(const c2ms_options *given, c2ms_options *out) {
+  *out = {};
+  if (given == nullptr) return true;
+  if (given->struct_size < sizeof given->struct_size) return false;
+  std::memcpy(out, given, std::min<size_t>(given->struct_size, sizeof *out));
+  return (out->flags & ~known_flags) == 0 && out->threads <= engine_threads &&
+         out->memory <= most_memory;
+}
+
+uint32_t threads_of(const c2ms_options &options) {
+  if (options.threads != 0) return options.threads;
+  return std::clamp(std::thread::hardware_concurrency(), 1U, engine_threads);
+}
+
+// Sessions that were given their own share lose no bytes of it to the headers of their blocks.
+constexpr int64_t arena_slack = 64 * 1024;
+
+}  // namespace
+
+c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_high,
+                          const uint8_t *hid, int32_t mem_size) {
+  diag_new_context(false);
+  start with;
+  with.conf_path = conf_path;
+  with.user = uint64_t{uid_high} << 32 | uid_low;
+  with.hid = hid;
+  with.arena_bytes = std::max(mem_size, min_arena_bytes);
+  int32_t err;
+  c2ms_mgmt *const mgmt = make_context(with, &err);
+  if (mgmt == nullptr) return nullptr;
+  c2ms_mgmt_readconf(mgmt);
+  ignore_signals();
+  StartProbe(mgmt->probe, 1);
+  diag_deliver();
+  return mgmt;
+}
+
+c2ms_mgmt *c2ms_mgmt_start(const c2ms_options *options, int32_t *err) {
+  int32_t ignored;
+  int32_t &error = err != nullptr ? *err : ignored;
+  error = 0;
+  c2ms_options with;
+  if (!take_options(options, &with)) {
+    error = C2MS_INVALID_PARAMETER;
+    return nullptr;
+  }
+  diag_new_context((with.flags & C2MS_QUIET) != 0);
+  const auto memory = static_cast<int64_t>(with.memory);
+  c2ms_mgmt *const mgmt = make_context({with.conf_path, with.user, with.hid,
+                                        std::max<int64_t>(memory, min_arena_bytes) + arena_slack,
+                                        threads_of(with), (with.flags & C2MS_NO_REPORTS) == 0},
+                                       &error);
+  if (mgmt == nullptr) return nullptr;
+  c2ms_mgmt_readconf(mgmt);
+  if ((with.flags & C2MS_SET_SIGNALS) != 0) ignore_signals();
   StartProbe(mgmt->probe, 1);
   diag_deliver();
   return mgmt;
@@ -233,14 +337,18 @@ c2ms_mgmt *c2ms_mgmt_init(const char *conf_path, uint32_t uid_low, uint32_t uid_
 
 int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return -1;
+  await_farewells(mgmt);
   drain_callers(mgmt);
+  mgmt->openers.stop();
+  mgmt->closers.stop();
+  const bool untold = mgmt->untold || mgmt->farewells > 0;  // those that had not begun were dropped
   mgmt->resolver.stop();
   mgmt->perf_reporter.stop();
   mgmt->auth_reporter.stop();
   StopProbe(mgmt->probe);
   free_context(mgmt);  // the callers have left, too: nobody else is here any more
   diag_deliver();
-  return 0;
+  return untold ? 1 : 0;
 }
 
 int c2ms_mgmt_readconf(c2ms_mgmt *mgmt) {

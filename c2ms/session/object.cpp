@@ -1,6 +1,8 @@
 // See object.h.
 #include "c2ms/session/object.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -24,6 +26,7 @@
 #include "c2ms/report/report.h"
 #include "c2ms/ring/cache.h"
 #include "c2ms/ring/index.h"
+#include "c2ms/ring/memory.h"
 #include "c2ms/session/reporting.h"
 #include "crypto/md5.h"
 
@@ -47,6 +50,9 @@ bool make_once(c2ms_sess *sess) {
 }
 
 void reset_opening(c2ms_sess *sess) {
+  sess->opened = 0;
+  sess->opener = open_job::none;
+  sess->wishes = {};
   sess->open_pending = 0;
   sess->url_type = 0;
   sess->url[0] = '\0';
@@ -72,6 +78,7 @@ void reset_opening(c2ms_sess *sess) {
 void reset_reporting(c2ms_sess *sess) {
   sess->perf_state = sess->auth_state = 0;
   sess->perf_alive_count = sess->auth_alive_count = 0;
+  sess->ready_wanted = false;
   sess->refusal = 0;
   sess->cancel = 0;
   sess->cancel_seen = 0;
@@ -86,6 +93,8 @@ void reset_media(c2ms_sess *sess) {
   sess->desc_count = 0;
   sess->seek_num = 0;
   sess->cache_limit = 0;
+  sess->weight = usual_weight;
+  sess->yields = false;
 }
 
 void reset_counters(c2ms_sess *sess) {
@@ -117,9 +126,12 @@ c2ms_node *any_node(c2ms_sess *sess) {
 void release_cache(c2ms_sess *sess) {
   c2ms_cache *const cache = sess->cache.exchange(nullptr);
   c2ms_cache_clean(cache);
-  if (sess->cache_buf != nullptr) c2ms_mem_free(sess->mgmt, sess->cache_buf);
-  sess->cache_buf = nullptr;
-  sess->cache_buf_size = 0;
+  keep_memory(sess, 0);
+}
+
+void end_nodes(c2ms_sess *sess, int (*end_node)(c2ms_node *)) {
+  while (c2ms_node *node = any_node(sess)) end_node(node);
+  sess->entry_node = nullptr;
 }
 
 // Everything that an open session holds, but its record.
@@ -131,8 +143,7 @@ void release_contents(c2ms_sess *sess, int (*end_node)(c2ms_node *)) {
   sess->hook_registered = 0;
   sess->open_pending = 0;
   sess->url_type = 0;
-  while (c2ms_node *node = any_node(sess)) end_node(node);
-  sess->entry_node = nullptr;
+  end_nodes(sess, end_node);
   c2ms_sess_server_clear(sess);
   c2ms_sess_unit_clear(sess);
   c2ms_sess_idx_release(sess);
@@ -223,9 +234,38 @@ int c2ms_sess_recycle(c2ms_sess *sess) {
   return recycle_session(sess, last_report::here);
 }
 
+namespace {
+
+int unregister_and_return(c2ms_sess *sess) {
+  c2ms_mgmt *const mgmt = sess->mgmt;
+  {
+    const Turn strand(sess);
+    if (!unregister(sess)) return 0;
+    sess->life = c2ms_life::pooled;
+  }
+  return_record(mgmt->sess_pool, sess, c2ms_sess_free);
+  return 0;
+}
+
+// False when no thread can be had.
+bool report_elsewhere(c2ms_sess *sess, report_facts facts) {
+  c2ms_mgmt *const mgmt = sess->mgmt;
+  facts.untold = &mgmt->untold;
+  mgmt->farewells.fetch_add(1);
+  const auto job = [sess, facts, mgmt] {
+    report_closing(sess, facts);
+    unregister_and_return(sess);
+    mgmt->farewells.fetch_sub(1);
+  };
+  if (mgmt->closers.post(job)) return true;
+  mgmt->farewells.fetch_sub(1);
+  return false;
+}
+
+}  // namespace
+
 int c2ms::recycle_session(c2ms_sess *sess, last_report report) {
   if (sess == nullptr) return -1;
-  c2ms_mgmt *const mgmt = sess->mgmt;
   report_facts facts;
   {
     const Turn strand(sess);
@@ -235,15 +275,10 @@ int c2ms::recycle_session(c2ms_sess *sess, last_report report) {
     facts = report_facts_of(sess);
     release_contents(sess, c2ms_node_recycle);
   }
-  if (report == last_report::here) report_closing(sess, facts);
+  if (report == last_report::elsewhere && report_elsewhere(sess, facts)) return 0;
+  if (report == last_report::here || report == last_report::elsewhere) report_closing(sess, facts);
   if (report == last_report::handed_over) report_failed_open(facts);
-  {
-    const Turn strand(sess);
-    if (!unregister(sess)) return 0;
-    sess->life = c2ms_life::pooled;
-  }
-  return_record(mgmt->sess_pool, sess, c2ms_sess_free);
-  return 0;
+  return unregister_and_return(sess);
 }
 
 int c2ms_sess_free(c2ms_sess *sess) {
@@ -254,6 +289,8 @@ int c2ms_sess_free(c2ms_sess *sess) {
   DestroyEvent(sess->cache_record.event);
   DestroyEvent(sess->event);
   DestroyEvent(sess->report_event);
+  // (In a record that was never used it is 0.)
+  if (sess->mark.constructed != 0 && sess->ready_fd >= 0) close(sess->ready_fd);
   sess->~c2ms_sess();
   kfree_dbg(sess);
   return 0;
@@ -279,4 +316,7 @@ void c2ms_sess_random(c2ms_sess *sess, uint8_t *out) {
   Md5Val(&seed, sizeof seed, out);
 }
 
-namespace {}  // namespace
+void c2ms::end_nodes(c2ms_sess *sess) {
+  check_inside(sess);
+  ::end_nodes(sess, c2ms_node_recycle);
+}

@@ -29,9 +29,13 @@ void c2ms_sess_random(c2ms_sess *sess, uint8_t *out);
 
 namespace c2ms {
 
-/// Who sends what an ending session has to report: nobody, the calling thread (which waits), or the
-/// reporting thread.
-enum class last_report : uint8_t { none, here, handed_over };
+/// Who sends what an ending session has to report: nobody; the calling thread, which waits; a
+/// thread of the library, with the record kept meanwhile; or, of a failed open, the reporting
+/// threads.
+enum class last_report : uint8_t { none, here, elsewhere, handed_over };
+
+/// Ends all nodes of a session whose open has failed. Inside the strand.
+void end_nodes(c2ms_sess *sess);
 
 /// c2ms_sess_recycle with this choice.
 int recycle_session(c2ms_sess *sess, last_report report);

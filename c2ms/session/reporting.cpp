@@ -39,8 +39,11 @@ bool is_refusal(int result) {
   return result == 20 || result == 30 || result == 40;
 }
 
+// Nothing new is begun then: the farewell stays untold.
 bool cleaning_up(const report_facts &facts) {
-  return facts.mgmt->closing.load();
+  const bool cleaning = facts.mgmt->closing.load();
+  if (cleaning && facts.untold != nullptr) *facts.untold = true;
+  return cleaning;
 }
 
 uint8_t begin_perf(c2ms_sess *sess) {
@@ -158,6 +161,7 @@ void report_failed_open(const report_facts &facts, const channel &on) {
 
 void report_check(c2ms_sess *sess) {
   check_inside(sess);
+  if (!sess->mgmt->reports) return;
   // The first attempt to report makes every session's checks this far apart, whatever was
   // configured.
   if (sess->perf_state == not_begun || sess->auth_state == not_begun) {
@@ -168,6 +172,7 @@ void report_check(c2ms_sess *sess) {
 }
 
 void report_closing(c2ms_sess *sess, const report_facts &facts) {
+  if (!facts.mgmt->reports) return;
   sess->farewell = &facts;
   queue(sess, perf);
   end(sess, auth, facts);
@@ -178,6 +183,7 @@ void report_closing(c2ms_sess *sess, const report_facts &facts) {
 }
 
 void report_failed_open(const report_facts &facts) {
+  if (!facts.mgmt->reports) return;
   report_failed_open(facts, perf);
   report_failed_open(facts, auth);
 }

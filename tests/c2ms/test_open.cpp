@@ -50,7 +50,8 @@ TEST_F(Opening, UrlErrorsComeBeforeAnyTraffic) {
   EXPECT_EQ(c2ms_sess_open(library->get(), nullptr, &error), nullptr);
   EXPECT_EQ(error, C2MS_INVALID_URL);
   EXPECT_STREQ(c2ms_sess_error(-1006), "Session open timeout");
-  EXPECT_STREQ(c2ms_sess_error(-1012), "");
+  EXPECT_STREQ(c2ms_sess_error(C2MS_NO_CIPHERS), "No DES or MD5");
+  EXPECT_STREQ(c2ms_sess_error(C2MS_NO_CIPHERS - 1), "");
   EXPECT_STREQ(c2ms_sess_error(5), "");
   EXPECT_STREQ(c2ms_read_text(C2MS_END), "End of file");
   EXPECT_STREQ(c2ms_idx_text(C2MS_IDX_TIMEOUT), "Index not complete in time");
