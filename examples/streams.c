@@ -4,8 +4,8 @@
  *
  *     streams [--index] [--pack BYTES] URL
  *
- * Output, one line: "index yes|no result R, N streams, open S s, index S s, streams S s, total S
- * s"; total runs from the start of c2ms_sess_open to the end of avformat_find_stream_info. Exit
+ * Output, one line: "index yes|no, N streams, start S s, streams S s, total S s"; the start
+ * includes the index when there is one, total runs to the end of avformat_find_stream_info. Exit
  * status 0, 1 failed, 2 usage.
  */
 #include <c2ms.h>
@@ -15,10 +15,9 @@
 #include <string.h>
 #include <time.h>
 
-enum { io_buffer = 32768, end_of_file = -200 };
+enum { io_buffer = 32768 };
 
-/* The demuxer's view of a session. It keeps the end itself, because the library turns a seek to the
- * end into one to the last byte. */
+/* The demuxer's view of a session: it reads at positions. */
 struct source {
   c2ms_sess *sess;
   int64_t pos, size;
@@ -30,12 +29,12 @@ static double now_s(void) {
   return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
 }
 
+/* Waits for one byte and takes what is there; never 0, which a demuxer takes for a failure. */
 static int read_source(void *opaque, uint8_t *buf, int len) {
   struct source *const s = opaque;
-  if (s->pos >= s->size) return AVERROR_EOF;
-  const int n = c2ms_sess_read(s->sess, buf, len, 0);
-  if (n == end_of_file) return AVERROR_EOF;
-  if (n < 0) return AVERROR(EIO);
+  const int n = c2ms_sess_read_some(s->sess, (uint64_t)s->pos, buf, 1, len, -1);
+  if (n == C2MS_END) return AVERROR_EOF;
+  if (n < 1) return AVERROR(EIO);
   s->pos += n;
   return n;
 }
@@ -47,7 +46,6 @@ static int64_t seek_source(void *opaque, int64_t offset, int whence) {
   if (whence == SEEK_CUR) offset += s->pos;
   if (whence == SEEK_END) offset += s->size;
   if (offset < 0 || offset > s->size) return AVERROR(EINVAL);
-  if (offset < s->size && c2ms_sess_seek(s->sess, (uint64_t)offset) < 0) return AVERROR(EIO);
   return s->pos = offset;
 }
 
@@ -77,7 +75,9 @@ static int find_streams(struct source *source) {
 static int time_streams(c2ms_mgmt *library, const char *url, int with_index, int32_t pack) {
   const double start = now_s();
   int32_t error = 0;
-  c2ms_sess *const sess = c2ms_sess_open(library, url, &error);
+  const c2ms_film how = {
+      .struct_size = sizeof how, .flags = with_index ? 0 : C2MS_NO_INDEX, .pack_size = pack};
+  c2ms_sess *const sess = c2ms_sess_start(library, url, &how, &error);
   if (!sess) {
     fprintf(stderr, "streams: %s\n", c2ms_sess_error(error));
     return 1;
@@ -85,25 +85,19 @@ static int time_streams(c2ms_mgmt *library, const char *url, int with_index, int
   const double opened = now_s();
   uint64_t size = 0;
   c2ms_sess_attr(sess, NULL, NULL, &size, NULL);
-  c2ms_sess_cache_init(sess, c2ms_sess_pack_size(sess, pack));
-  const int index = with_index ? c2ms_sess_idx_open(sess, NULL) : 0;
-  /* Opening the index leaves the session on the media. */
-  if (!with_index || c2ms_sess_idxfile(sess, NULL, NULL) != 1) c2ms_sess_range(sess, 0, size);
-  const double indexed = now_s();
   struct source source = {sess, 0, (int64_t)size};
   const int streams = find_streams(&source);
   const double found = now_s();
-  printf(
-      "index %s result %d, %d streams, open %.3f s, index %.3f s, streams %.3f s, total %.3f s\n",
-      with_index ? "yes" : "no", index, streams, opened - start, indexed - opened, found - indexed,
-      found - start);
-  c2ms_sess_close(sess);
+  printf("index %s, %d streams, start %.3f s, streams %.3f s, total %.3f s\n",
+         c2ms_sess_idx_size(sess) > 0 ? "yes" : "no", streams, opened - start, found - opened,
+         found - start);
+  c2ms_sess_end(sess);
   return streams > 0 ? 0 : 1;
 }
 
 int main(int argc, char **argv) {
   int with_index = 0;
-  int32_t pack = 65536;
+  int32_t pack = 0; /* the library chooses */
   int i = 1;
   for (; i < argc - 1; ++i) {
     if (strcmp(argv[i], "--index") == 0) {
@@ -119,8 +113,9 @@ int main(int argc, char **argv) {
     return 2;
   }
   av_log_set_level(AV_LOG_ERROR);
-  c2ms_set_diag(NULL, NULL);
-  c2ms_mgmt *const library = c2ms_mgmt_init(NULL, 1, 0, NULL, 16 << 20);
+  const c2ms_options options = {
+      .struct_size = sizeof options, .flags = C2MS_QUIET, .memory = 16 << 20, .user = 1};
+  c2ms_mgmt *const library = c2ms_mgmt_start(&options, NULL);
   if (!library) return 1;
   const int status = time_streams(library, argv[i], with_index, pack);
   c2ms_mgmt_clean(library);

@@ -23,7 +23,7 @@ foreach(tool c2ms-get c2ms-server)
   endif()
 endforeach()
 install(FILES README.md CHANGELOG.md docs/integrating.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES examples/player.c DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES examples/player.c examples/streams.c DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 # What the headers of foundation and engine were compiled with: layouts follow from it.
 set(embedded_definitions _GNU_SOURCE _FILE_OFFSET_BITS=64)
@@ -56,6 +56,14 @@ function(c2ms_pkgconfig pc_name pc_description)
   endforeach()
   configure_file(cmake/install/pkgconfig.in ${pc_name}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${pc_name}.pc DESTINATION ${pkgconfig_dir})
+  # Below /usr nobody moves it, and pkg-config leaves out the system's folders when they are named plainly.
+  install(CODE "
+    if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+      set(file \"\$ENV{DESTDIR}/usr/${pkgconfig_dir}/${pc_name}.pc\")
+      file(READ \"\${file}\" text)
+      string(REGEX REPLACE \"prefix=[^\n]*pcfiledir[^\n]*\" \"prefix=/usr\" text \"\${text}\")
+      file(WRITE \"\${file}\" \"\${text}\")
+    endif()")
 endfunction()
 
 # libgcrypt stands among the private libraries, not the required packages: who links the shared library

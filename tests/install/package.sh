@@ -31,6 +31,8 @@ done
 library=$(find "$system/usr/lib" -name 'libc2ms.so.?')
 [[ -n $library ]] || { echo "no libc2ms.so"; exit 1; }
 export LD_LIBRARY_PATH=${library%/*}
+flags=$(PKG_CONFIG_PATH=${library%/*}/pkgconfig pkg-config --cflags --libs c2ms | xargs)
+[[ $flags == -lc2ms ]] || { echo "pkg-config names folders that every compiler knows: $flags"; exit 1; }
 start_service "$system/usr/bin/c2ms-server" --nodes 2 "$film"
 "$system/usr/bin/c2ms-get" -o "$scratch/got" "$url"
 cmp "$film" "$scratch/got"
