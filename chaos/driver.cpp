@@ -78,23 +78,53 @@ void Driver::open(Slot &slot) {
 
 void Driver::close(Slot &slot) {
   c2ms_sess *const sess = slot.sess.exchange(nullptr);
-  if (sess != nullptr) expect("close", c2ms_sess_close(sess), {0});
+  if (sess == nullptr) return;
+  expect("close", opens_ % 2 == 0 ? c2ms_sess_close(sess) : c2ms_sess_end(sess), {0});
 }
 
 void Driver::read(Dice &dice, c2ms_sess *sess) {
   static thread_local uint8_t buffer[4096];
   const int32_t len = 1 + static_cast<int32_t>(dice.spread(sizeof buffer - 1));
-  const int n = dice.one_in(2) ? c2ms_sess_read(sess, buffer, len, 1)
-                               : c2ms_sess_recv(sess, buffer, len, dice.between(0, 2));
+  int n;
+  switch (dice.below(4)) {
+    case 0:
+      n = c2ms_sess_read(sess, buffer, len, 1);
+      break;
+    case 1:
+      n = c2ms_sess_recv(sess, buffer, len, dice.between(0, 2));
+      break;
+    case 2:
+      n = c2ms_sess_read_at(sess, dice.below(film_bytes), buffer, len, dice.between(0, 2));
+      break;
+    default:
+      n = c2ms_sess_read_some(sess, C2MS_HERE, buffer, dice.between(0, len), len,
+                              dice.between(0, 2));
+  }
   if (n > len) findings_.add("a read gave %d of %d", n, len);
   if (n > 0) bytes_ += static_cast<uint64_t>(n);
-  if (n < 0) expect("read", n, {-2, -200, -201});
+  if (n < 0) expect("read", n, {-2, -200, -201, C2MS_TIMED_OUT});
 }
 
 void Driver::ask(Dice &dice, c2ms_sess *sess) {
   int32_t ratio = -1;
   uint64_t size = 0;
-  switch (dice.below(9)) {
+  switch (dice.below(14)) {
+    case 9:
+      return expect("resize", c2ms_sess_resize(sess, dice.below(16 << 20)),
+                    {0, -2, C2MS_NO_CACHE_MEMORY});
+    case 10:
+      return expect("weight", c2ms_sess_weight(sess, 1 + dice.below(2) * 99), {0});
+    case 11:
+      // Cancelled calls of the other threads give what a closing session gives.
+      expect("cancel", c2ms_sess_cancel(sess, 1), {0});
+      return expect("cancel", c2ms_sess_cancel(sess, 0), {0});
+    case 12: {
+      c2ms_stats stats;
+      return expect("stats", c2ms_sess_stats(sess, &stats, sizeof stats), {0});
+    }
+    case 13:
+      if (c2ms_sess_ready_fd(sess) == -1) findings_.add("no descriptor");
+      return;
     case 0:
       return expect("bufratio", c2ms_sess_bufratio(sess, &ratio), {0, -2, -400});
     case 1:

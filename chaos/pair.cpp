@@ -69,8 +69,9 @@ void Pair::close() {
   c2ms_sess *const sess = sess_.exchange(nullptr);
   if (sess == nullptr) return;
   world_.books.enter(world_.findings, sess);
-  const int result =
-      timed(world_.findings, other_call, "close", 3, [&] { return c2ms_sess_close(sess); });
+  const int result = timed(world_.findings, other_call, "close", 3, [&] {
+    return other_dice_.one_in(2) ? c2ms_sess_close(sess) : c2ms_sess_end(sess);
+  });
   if (result != 0) world_.findings.add("close gave %d", result);
   while (users_ > 0) std::this_thread::yield();
 }
@@ -100,6 +101,15 @@ void Pair::act(c2ms_sess *sess) {
                                [&] { return c2ms_sess_cache_init(sess, pack_); });
       if (result != 0) world_.findings.add("cache_init gave %d", result);
       return select_file(sess);
+    }
+    case 6: {
+      // The reader goes on where it was.
+      const uint64_t bytes = other_dice_.below(12 << 20);
+      const int result = timed(world_.findings, other_call, "resize", 1.0,
+                               [&] { return c2ms_sess_resize(sess, bytes); });
+      if (result != 0 && result != C2MS_NO_CACHE_MEMORY)
+        world_.findings.add("resize gave %d", result);
+      return;
     }
     case 5: {
       int32_t ratio = -1;

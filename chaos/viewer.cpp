@@ -39,14 +39,32 @@ int32_t give_up_in_a_storm() {
   return opening_in->calm ? 0 : -1;
 }
 
+// An open that is a handle: waited for in steps, and cancelled in a storm.
+c2ms_sess *open_by_handle(const World &world, c2ms_mgmt *mgmt, const char *url, int32_t *error) {
+  c2ms_film how{};
+  how.struct_size = sizeof how;
+  how.flags = C2MS_OPEN_ONLY;
+  c2ms_sess *const sess = c2ms_sess_begin(mgmt, url, &how, error);
+  if (sess == nullptr) return nullptr;
+  int waits = 0;
+  while ((*error = c2ms_sess_wait(sess, 25)) == C2MS_OPENING) {
+    if (++waits > 20 && !world.calm) c2ms_sess_cancel(sess, 1);
+  }
+  if (*error == 0) return sess;
+  c2ms_sess_end(sess);
+  return nullptr;
+}
+
 }  // namespace
 
 c2ms_sess *open_session(World &world, c2ms_mgmt *mgmt, Tally &tally, current_call &current) {
   int32_t error = 1;
   opening_in = &world;
   const std::string url = world.server.url(world.film);
+  const bool by_handle = tally.opens % 2 == 1;
   c2ms_sess *const sess = timed(world.findings, current, "open", 24, [&] {
-    return c2ms_sess_open1(mgmt, url.c_str(), &error, give_up_in_a_storm);
+    return by_handle ? open_by_handle(world, mgmt, url.c_str(), &error)
+                     : c2ms_sess_open1(mgmt, url.c_str(), &error, give_up_in_a_storm);
   });
   ++tally.opens;
   world.books.opened();
@@ -56,7 +74,7 @@ c2ms_sess *open_session(World &world, c2ms_mgmt *mgmt, Tally &tally, current_cal
   }
   ++tally.failed_opens;
   const bool documented = error == C2MS_ENTRY_UNAVAILABLE || error == C2MS_OPEN_TIMEOUT ||
-                          error == C2MS_UNAUTHORIZED ||
+                          error == (by_handle ? C2MS_CANCELLED : C2MS_UNAUTHORIZED) ||
                           (world.refuses && error <= C2MS_MEDIA_NOT_EXIST && error >= C2MS_IN_DEBT);
   if (!documented) world.findings.add("open ended with %d", error);
   // Connections are refused at once: a player does not try again without a pause.
@@ -88,8 +106,9 @@ bool Viewer::open() {
 void Viewer::close() {
   if (sess_ == nullptr) return;
   world_.books.enter(world_.findings, sess_);
-  const int result =
-      timed(world_.findings, current, "close", 3, [&] { return c2ms_sess_close(sess_); });
+  const int result = timed(world_.findings, current, "close", 3, [&] {
+    return dice_.one_in(2) ? c2ms_sess_close(sess_) : c2ms_sess_end(sess_);
+  });
   if (result != 0) world_.findings.add("close gave %d", result);
   sess_ = nullptr;
 }
@@ -170,7 +189,7 @@ void Viewer::read_some(bool may_wait) {
   const int32_t len = 1 + static_cast<int32_t>(dice_.spread(buffer_bytes - 1));
   uint8_t *const to = dice_.one_in(10) ? nullptr : buffer;
   int n;
-  switch (may_wait ? dice_.below(3) : 1 + dice_.below(2)) {
+  switch (may_wait ? dice_.below(4) : 1 + dice_.below(2)) {
     case 0:
       n = timed(world_.findings, current, "read", until_recovered,
                 [&] { return c2ms_sess_read(sess_, to, len, 0); });
@@ -183,6 +202,17 @@ void Viewer::read_some(bool may_wait) {
                 [&] { return c2ms_sess_read(sess_, to, len, 1); });
       take("polling read", n, to, len);
       break;
+    case 3: {
+      const int32_t min = dice_.between(0, len);
+      n = timed(world_.findings, current, "read some", until_recovered, [&] {
+        return c2ms_sess_read_some(sess_, C2MS_HERE, to, min, len, dice_.one_in(2) ? -1 : 20);
+      });
+      if (n == C2MS_TIMED_OUT && min > 0) break;
+      take("read some", n, to, len);
+      if (n >= 0 && n < min && pos_ < length_ && !world_.refuses)
+        world_.findings.add("read some gave %d of at least %d", n, min);
+      break;
+    }
     default: {
       const int budget_ms = dice_.between(-1, 40);
       n = timed(world_.findings, current, "receive", at_once,

@@ -79,6 +79,11 @@ Idle idle_of(c2ms_mgmt *mgmt) {
 }
 
 void check_idle(Findings &findings, c2ms_mgmt *mgmt, const Idle &before) {
+  // The ends of sessions may still be told to agent and report server.
+  soon([&] {
+    const adif::Guard lock(mgmt->sess_lock);
+    return sk_num(mgmt->sessions) == 0;
+  });
   check_pool(findings, "session", mgmt->sess_pool);
   check_pool(findings, "node", mgmt->node_pool);
   check_pool(findings, "unit", mgmt->unit_pool);
