@@ -84,7 +84,7 @@ class Collection {
 };
 
 void add_failing(Collection *all, World &world, const counter &count) {
-  for (const script which : {script::play, script::index, script::steps}) {
+  for (const script which : {script::play, script::index, script::steps, script::film}) {
     std::vector<uint32_t> most;
     for (int kind = 0; kind < calls; ++kind) {
       for (const bool for_good : {false, true}) {
@@ -113,7 +113,7 @@ void run_storm(Report &report, World &world, script which, weather kind, uint32_
 }
 
 void add_storms(Collection *all, World &world) {
-  for (const script which : {script::play, script::steps}) {
+  for (const script which : {script::play, script::steps, script::film}) {
     for (const weather kind : {weather::eintr, weather::eagain, weather::pieces, weather::all}) {
       for (const uint32_t percent : {10u, 50u, 90u}) {
         for (uint64_t seed = 1; seed <= (all->is_quick() ? 1 : storm_seeds); ++seed) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "c2ms/core/records.h"
 #include "support/library.h"
@@ -55,6 +56,8 @@ struct Errors {
 };
 constexpr Errors no_errors{};
 constexpr Errors open_errors{{C2MS_NO_MEMORY, C2MS_ENTRY_UNAVAILABLE, C2MS_OPEN_TIMEOUT}};
+constexpr Errors film_errors{
+    {C2MS_NO_MEMORY, C2MS_ENTRY_UNAVAILABLE, C2MS_OPEN_TIMEOUT, C2MS_NO_CACHE_MEMORY}};
 constexpr Errors cache_errors{{-2, -5}};
 constexpr Errors index_errors{{-200, -201, -350, -400, C2MS_NO_MEMORY}};
 
@@ -74,7 +77,9 @@ class Play {
   template <class Act>
   bool step(const char *name, const Errors &allowed, Act act);
   bool start();
+  c2ms_mgmt *start_context() const;
   bool open();
+  int begin_film();
   bool set_up();
   bool open_index();
   bool open_index_in_steps();
@@ -112,10 +117,19 @@ bool Play::step(const char *name, const Errors &allowed, Act act) {
   return excused && result >= 0;
 }
 
+c2ms_mgmt *Play::start_context() const {
+  if (which_ != script::film) return c2ms_mgmt_init(configuration(), 1, 0, nullptr, 0);
+  c2ms_options options{};
+  options.struct_size = sizeof options;
+  options.threads = 3;
+  options.conf_path = configuration();
+  return c2ms_mgmt_start(&options, nullptr);
+}
+
 bool Play::start() {
   // Without a library: no memory.
   const bool started = step("start", Errors{{-1}}, [this] {
-    mgmt_ = c2ms_mgmt_init(configuration(), 1, 0, nullptr, 0);
+    mgmt_ = start_context();
     return mgmt_ != nullptr ? 0 : -1;
   });
   if (!started) return false;
@@ -124,7 +138,18 @@ bool Play::start() {
   return true;
 }
 
+int Play::begin_film() {
+  int32_t error = 0;
+  sess_ = c2ms_sess_begin(mgmt_, media_.url.c_str(), nullptr, &error);
+  if (sess_ == nullptr) return error;
+  while ((error = c2ms_sess_wait(sess_, 1000)) == C2MS_OPENING) {
+  }
+  if (error != 0) c2ms_sess_end(std::exchange(sess_, nullptr));
+  return error;
+}
+
 bool Play::open() {
+  if (which_ == script::film) return step("begin", film_errors, [this] { return begin_film(); });
   const std::string url = which_ == script::play ? named(media_.url) : media_.url;
   return step("open", open_errors, [&] {
     int32_t error = 0;
@@ -137,6 +162,7 @@ bool Play::set_up() {
   uint64_t size = 0;
   c2ms_sess_attr(sess_, nullptr, nullptr, &size, nullptr);
   if (size != media_.bytes.size()) report_.find("the size is wrong");
+  if (which_ == script::film) return true;
   const int32_t pack = which_ == script::play ? small_pack : big_pack;
   return step("cache", cache_errors,
               [&] { return c2ms_sess_cache_init(sess_, c2ms_sess_pack_size(sess_, pack)); }) &&
@@ -168,10 +194,16 @@ bool Play::open_index_in_steps() {
 
 bool Play::open_index() {
   if (which_ == script::play) return true;
-  const bool opened =
-      which_ == script::steps
-          ? open_index_in_steps()
-          : step("index", index_errors, [this] { return c2ms_sess_idx_open(sess_, nullptr); });
+  // A film that starts while something fails may do without.
+  if (which_ == script::film && c2ms_sess_idx_size(sess_) == 0) {
+    if (!failures_possible()) report_.find("the index is not open");
+    return true;
+  }
+  bool opened = which_ == script::film;
+  if (which_ == script::steps) opened = open_index_in_steps();
+  if (which_ == script::index) {
+    opened = step("index", index_errors, [this] { return c2ms_sess_idx_open(sess_, nullptr); });
+  }
   if (!opened) return false;
   const uint64_t length = media_.bytes.size() - media_.moov_at;
   uint64_t offset = 0;
@@ -191,7 +223,9 @@ bool Play::read(uint64_t from, uint64_t to, bool waits) {
   const auto begin = support::clock::now();
   for (uint64_t at = from; at < to;) {
     const auto length = static_cast<int32_t>(std::min<uint64_t>(sizeof buffer, to - at));
-    const int n = in_library("read", [&] {
+    const int n = in_library("read", [&]() -> int {
+      if (which_ == script::film)
+        return c2ms_sess_read_some(sess_, at, buffer, waits ? length : 1, length, -1);
       return waits ? c2ms_sess_read(sess_, buffer, length, 0)
                    : c2ms_sess_recv(sess_, buffer, length, 50);
     });
@@ -214,7 +248,9 @@ bool Play::read(uint64_t from, uint64_t to, bool waits) {
 
 void Play::close() {
   if (sess_ == nullptr) return;
-  const int result = in_library("close", [this] { return c2ms_sess_close(sess_); });
+  const int result = in_library("close", [this] {
+    return which_ == script::film ? c2ms_sess_end(sess_) : c2ms_sess_close(sess_);
+  });
   if (result != 0) report_.find("close gave %d", result);
   sess_ = nullptr;
 }

@@ -12,8 +12,9 @@ enum class script : uint8_t {
   play,   ///< start, open by name, read, seek, read, close, stop
   index,  ///< the same with the index opened first, in one call
   steps,  ///< and call by call
+  film,   ///< the usual start: begun, waited for, read at positions, ended
 };
-inline constexpr const char *script_names[] = {"play", "index", "steps"};
+inline constexpr const char *script_names[] = {"play", "index", "steps", "film"};
 
 /// Starts the world. `arm` is called when the library is about to be started. Then a second,
 /// healthy play. The seconds that the first took.

@@ -81,8 +81,9 @@ Idle idle_of(c2ms_mgmt *mgmt) {
 void check_idle(Findings &findings, c2ms_mgmt *mgmt, const Idle &before) {
   // The ends of sessions may still be told to agent and report server.
   soon([&] {
-    const adif::Guard lock(mgmt->sess_lock);
-    return sk_num(mgmt->sessions) == 0;
+    int allocated, free, in_use = 0;
+    getProfile(mgmt->sess_pool, &allocated, &free, &in_use);
+    return in_use == 0;
   });
   check_pool(findings, "session", mgmt->sess_pool);
   check_pool(findings, "node", mgmt->node_pool);
