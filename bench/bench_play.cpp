@@ -33,6 +33,7 @@ constexpr section sections[] = {
     {"memory", bench::bench_memory},
     {"index", bench::bench_index},
     {"places", bench::bench_places},
+    {"share", bench::bench_share},
 };
 
 int usage() {

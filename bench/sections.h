@@ -37,5 +37,7 @@ void bench_memory(const effort &e, results &out);
 void bench_index(const effort &e, results &out);
 /// A film whose streams come in long blocks, read at two places in turn.
 void bench_places(const effort &e, results &out);
+/// The next film beside the one that plays.
+void bench_share(const effort &e, results &out);
 
 }  // namespace bench

@@ -2,6 +2,8 @@
 // knows every byte it should get.
 #pragma once
 
+#include <poll.h>
+
 #include <algorithm>
 #include <functional>
 #include <memory>
@@ -108,6 +110,14 @@ class Film {
 
   static int blocking(c2ms_sess *sess, void *buf, int32_t len) {
     return c2ms_sess_read(sess, buf, len, 0);
+  }
+
+  /// As a poll loop reads: when the descriptor says so, without waiting in the library.
+  static int polling(c2ms_sess *sess, void *buf, int32_t len) {
+    pollfd one{c2ms_sess_ready_fd(sess), POLLIN, 0};
+    if (poll(&one, 1, 60'000) != 1) return 0;
+    const int n = c2ms_sess_read_some(sess, C2MS_HERE, buf, 1, len, 0);
+    return n == C2MS_TIMED_OUT ? 0 : n;
   }
 
   c2ms_sess *get() const { return sess_; }
