@@ -74,6 +74,19 @@ conf_mgmt *conf_mgmt_init(const char *path) {
   return conf;
 }
 
+conf_mgmt *conf_mgmt_try_init(const char *path) {
+  bool no_memory;
+  profile_section *const profile = TryLoadProfile(path, &no_memory);
+  conf_mgmt *const conf = no_memory ? nullptr : conf_mgmt_init(nullptr);
+  if (conf == nullptr) {
+    FreeProfile(profile);
+    return nullptr;
+  }
+  if (path != nullptr) conf->path = copy_path(path);
+  conf->profile = profile;
+  return conf;
+}
+
 int conf_mgmt_read(conf_mgmt *conf, const char *path) {
   if (conf == nullptr || path == nullptr) return -1;
   // `path` may be the handle's own, or a value of the profile that is about to be freed: from here

@@ -21,6 +21,9 @@ struct conf_mgmt {
 /// A handle, with `path` loaded; null is no path and no profile. End it with conf_mgmt_cleanup().
 /// Null only when memory has run out.
 [[nodiscard]] conf_mgmt *conf_mgmt_init(const char *path);
+/// The same for programs that must not end: null without memory for the handle or the profile, of
+/// which conf_mgmt_init() ends the process with status 1.
+[[nodiscard]] conf_mgmt *conf_mgmt_try_init(const char *path);
 /// Replaces path and profile by those of another file. 0; -1 when no profile resulted or an
 /// argument is null.
 int conf_mgmt_read(conf_mgmt *conf, const char *path);

@@ -30,9 +30,7 @@ using profile_ptr =
                     decltype([](profile_section *profile) { FreeProfile(profile); })>;
 
 // A profile that is only half there would be worse than none: without memory the process ends.
-void *take_or_exit(int64_t size, adif::source_place caller = adif::source_place::current()) {
-  void *const p = kzalloc_dbg(size);
-  if (p != nullptr) return p;
+[[noreturn]] void end_without_memory(adif::source_place caller = adif::source_place::current()) {
   adif::say_line("file %s, line %d memory NULL! exit(1)\n", "adif/confile.cpp", caller.line);
   std::exit(1);
 }
@@ -41,9 +39,10 @@ std::string_view cut(std::string_view text, int longest) {
   return text.substr(0, static_cast<size_t>(longest));
 }
 
+// These give null without memory.
 char *copy_text(std::string_view text) {
-  auto *const copy = static_cast<char *>(take_or_exit(static_cast<int64_t>(text.size()) + 1));
-  text.copy(copy, text.size());
+  auto *const copy = static_cast<char *>(kzalloc_dbg(static_cast<int64_t>(text.size()) + 1));
+  if (copy != nullptr) text.copy(copy, text.size());
   return copy;
 }
 
@@ -53,16 +52,24 @@ void put_text(std::string_view text, char *out) {
 }
 
 profile_section *new_section(std::string_view name) {
-  auto *const section = static_cast<profile_section *>(take_or_exit(sizeof(profile_section)));
+  auto *const section = static_cast<profile_section *>(kzalloc_dbg(sizeof(profile_section)));
+  if (section == nullptr) return nullptr;
   section->name = copy_text(name);
-  return section;
+  if (section->name != nullptr) return section;
+  kfree_dbg(section);
+  return nullptr;
 }
 
 profile_key *new_key(std::string_view key, std::string_view value) {
-  auto *const entry = static_cast<profile_key *>(take_or_exit(sizeof(profile_key)));
+  auto *const entry = static_cast<profile_key *>(kzalloc_dbg(sizeof(profile_key)));
+  if (entry == nullptr) return nullptr;
   entry->key = copy_text(key);
   entry->value = copy_text(value);
-  return entry;
+  if (entry->key != nullptr && entry->value != nullptr) return entry;
+  kfree_dbg(entry->key);
+  kfree_dbg(entry->value);
+  kfree_dbg(entry);
+  return nullptr;
 }
 
 profile_section *find_section(profile_section *profile, const char *name) {
@@ -118,6 +125,8 @@ class profile_builder {
     }
   }
 
+  // Something has no place for want of memory: nothing more is added.
+  bool lacks_memory() const { return last_section_ == nullptr; }
   profile_section *release() { return head_.release(); }
 
  private:
@@ -125,7 +134,7 @@ class profile_builder {
     char name[kProfileSectionMax + 1];
     GetSectionName(line, name);
     last_section_ = last_section_->next = new_section(name);
-    last_key_ = &last_section_->first_key;
+    if (last_section_ != nullptr) last_key_ = &last_section_->first_key;
   }
 
   void add_key(const char *line) {
@@ -133,12 +142,17 @@ class profile_builder {
     char value[kProfileValueMax + 1];
     GetKeyInfo(line, key, value);
     *last_key_ = new_key(key, value);
+    if (*last_key_ == nullptr) {
+      last_section_ = nullptr;
+      return;
+    }
     last_key_ = &(*last_key_)->next;
   }
 
   profile_ptr head_{new_section("")};
-  profile_section *last_section_ = head_.get();
-  profile_key **last_key_ = &head_->first_key;  // where the next key is linked
+  profile_section *last_section_ = head_.get();  // null: no memory
+  profile_key **last_key_ =
+      head_ != nullptr ? &head_->first_key : nullptr;  // where the next key is linked
 };
 
 }  // namespace
@@ -177,10 +191,11 @@ void GetKeyInfo(const char *line, char *key_out, char *value_out) {
   put_text(cut(text.substr(value), kProfileValueMax), value_out);
 }
 
-profile_section *ParseProfile(const char *data, int64_t length, const char *path) {
+profile_section *TryParseProfile(const char *data, int64_t length, const char *path,
+                                 bool *no_memory) {
   profile_builder builder;
   char line[kProfileLineMax + 1];
-  for (int64_t at = 0; at < length;) {
+  for (int64_t at = 0; at < length && !builder.lacks_memory();) {
     // A longer line falls into pieces, each a line of its own (meant).
     const auto most = static_cast<size_t>(std::min<int64_t>(length - at, kProfileLineMax));
     const void *const feed = std::memchr(data + at, '\n', most);
@@ -193,14 +208,30 @@ profile_section *ParseProfile(const char *data, int64_t length, const char *path
     }
     at += static_cast<int64_t>(size);
   }
-  return builder.release();
+  *no_memory = builder.lacks_memory();
+  return *no_memory ? nullptr : builder.release();
 }
 
-profile_section *LoadProfile(const char *path) {
+profile_section *ParseProfile(const char *data, int64_t length, const char *path) {
+  bool no_memory = false;
+  profile_section *const profile = TryParseProfile(data, length, path, &no_memory);
+  if (no_memory) end_without_memory();
+  return profile;
+}
+
+profile_section *TryLoadProfile(const char *path, bool *no_memory) {
+  *no_memory = false;
   if (path == nullptr) return nullptr;
   adif::kptr<char> content;
   const int64_t length = read_file(path, &content);
-  return ParseProfile(content.get(), length, path);
+  return TryParseProfile(content.get(), length, path, no_memory);
+}
+
+profile_section *LoadProfile(const char *path) {
+  bool no_memory;
+  profile_section *const profile = TryLoadProfile(path, &no_memory);
+  if (no_memory) end_without_memory();
+  return profile;
 }
 
 void SaveProfile(const char *path, const profile_section *profile) {
@@ -243,6 +274,7 @@ void WriteProfileString(profile_section *profile, const char *section, const cha
   profile_key *entry = find_key(holder, kept_key);
   if (entry == nullptr) {
     entry = new_key(kept_key, cut(value, kProfileValueMax));
+    if (entry == nullptr) end_without_memory();
     // At the front (meant): what was set comes before what was loaded.
     entry->next = holder->first_key;
     holder->first_key = entry;
@@ -251,6 +283,7 @@ void WriteProfileString(profile_section *profile, const char *section, const cha
   // `value` may be the stored text itself.
   char *const old_value = entry->value;
   entry->value = copy_text(cut(value, kProfileValueMax));
+  if (entry->value == nullptr) end_without_memory();
   kfree_dbg(old_value);
 }
 

@@ -54,6 +54,10 @@ void GetKeyInfo(const char *line, char *key_out, char *value_out);
 [[nodiscard]] profile_section *LoadProfile(const char *path);
 /// The same from `length` bytes at `data`, which may hold anything. `path` is for the message.
 [[nodiscard]] profile_section *ParseProfile(const char *data, int64_t length, const char *path);
+/// The same without an end of the process: without memory null, and true in `*no_memory`.
+[[nodiscard]] profile_section *TryLoadProfile(const char *path, bool *no_memory);
+[[nodiscard]] profile_section *TryParseProfile(const char *data, int64_t length, const char *path,
+                                               bool *no_memory);
 /// Writes the profile, replacing the file; the unnamed section comes first, without a header.
 /// Nothing is written, and nothing said, when the file can't be opened.
 void SaveProfile(const char *path, const profile_section *profile);

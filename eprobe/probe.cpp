@@ -94,20 +94,24 @@ void *worker_main(void *arg) {
 }
 
 /// Signals are the program's own business: the workers inherit a mask that blocks them all.
-void start_workers(rac_core *core) {
+/// False when one cannot be made; those before it run.
+bool start_workers(rac_core *core) {
   sigset_t all, old;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &old);
+  bool all_run = true;
   {
     rac_guard guard(core->state_lock);
-    for (uint32_t i = 0; i < core->nbases; ++i) {
+    for (uint32_t i = 0; i < core->nbases && all_run; ++i) {
       rac_base *base = &core->bases[i];
       base->running = true;
-      if (rac_create_thread(&base->thread, worker_main, base) != 0) std::exit(STARTUP_FAILED);
+      all_run = rac_create_thread(&base->thread, worker_main, base) == 0;
+      base->running = all_run;
+      core->threads = all_run ? i + 1 : i;
     }
-    core->threads = core->nbases;
   }
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  return all_run;
 }
 
 /// True for the one caller that is to join; the others wait here until that is done.
@@ -126,7 +130,12 @@ bool enter_join(rac_core *core) {
 
 void join_workers(rac_core *core) {
   if (!enter_join(core)) return;
-  for (uint32_t i = 0; i < core->nbases; ++i) pthread_join(core->bases[i].thread, nullptr);
+  uint32_t threads;
+  {
+    rac_guard guard(core->state_lock);
+    threads = core->threads;
+  }
+  for (uint32_t i = 0; i < threads; ++i) pthread_join(core->bases[i].thread, nullptr);
   rac_guard guard(core->state_lock);
   core->threads = 0;
   core->joining = false;
@@ -190,7 +199,11 @@ rac_core *probe_create(uint32_t nthreads) {
   return nullptr;
 }
 
-int StartProbe(rac_core *core, int nowait) {
+namespace {
+
+constexpr int NO_THREAD = -3;
+
+int start(rac_core *core, int nowait) {
   if (core == nullptr) return -1;
   const uint32_t return_at_once = static_cast<uint32_t>(nowait) & 0xff;
   // A worker cannot wait for its own end, and a run that it is still part of must not meet the
@@ -208,10 +221,23 @@ int StartProbe(rac_core *core, int nowait) {
   core->stop.store(0, std::memory_order_release);
   core->exiting.store(0, std::memory_order_release);
   rac_time_update(0, 0);
-  if (rac_init_threads() == -1) std::exit(STARTUP_FAILED);
-  start_workers(core);
+  if (rac_init_threads() == -1 || !start_workers(core)) return NO_THREAD;
   if (return_at_once == 0) join_workers(core);
   return 0;
+}
+
+}  // namespace
+
+int StartProbe(rac_core *core, int nowait) {
+  const int result = start(core, nowait);
+  if (result == NO_THREAD) std::exit(STARTUP_FAILED);
+  return result;
+}
+
+int probe_start(rac_core *core) {
+  const int result = start(core, 1);
+  if (result == NO_THREAD) StopProbe(core);  // those that run
+  return result;
 }
 
 int StopProbe(rac_core *core) {

@@ -79,6 +79,10 @@ rac_core *probe_create(uint32_t nthreads);
 /// cannot be made.
 int StartProbe(rac_core *core, int nowait);
 
+/// StartProbe(core, 1) for programs that must not end: -3 if a thread cannot be made; then none
+/// runs.
+int probe_start(rac_core *core);
+
 /// Tells the workers to end and, when the latest StartProbe had `nowait`, waits for that. A
 /// callback may call it too; it does not wait then, and the instance is started again from another
 /// thread. -1 for NULL, 0 otherwise (at once if stopped already).

@@ -623,6 +623,7 @@ struct c2ms_mgmt {
   std::atomic<int> farewells{0};    // their sessions that agent and report server have not heard of
   std::atomic<bool> untold{false};  // one was given up because the context was cleaned
   bool reports = true;              // constant once sessions are open
+  bool may_exit = true;             // the process, as c2ms_mgmt_init and _readconf tell
 
   std::atomic<bool> closing{false};
   std::atomic<int32_t> calls{0};  // opens and closes under way

@@ -2,30 +2,13 @@
 #include "c2ms/core/worker.h"
 
 #include <pthread.h>
-#include <signal.h>
 
 #include <exception>
 #include <memory>
 
+#include "c2ms/core/blocked_signals.h"
+
 namespace c2ms {
-
-namespace {
-
-// Threads of the library leave signals to the player.
-class BlockedSignals {
- public:
-  BlockedSignals() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before_);
-  }
-  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_;
-};
-
-}  // namespace
 
 // With the lock held.
 void Worker::start_thread() {

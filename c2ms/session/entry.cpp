@@ -7,8 +7,11 @@
 #include <utility>
 
 #include "adif/tsock.h"
+#include "c2ms.h"
+#include "c2ms/core/call.h"
 #include "c2ms/core/context.h"
 #include "c2ms/core/known.h"
+#include "c2ms/core/lookup.h"
 #include "c2ms/core/registry.h"
 #include "c2ms/core/servers.h"
 #include "c2ms/core/strand_hold.h"
@@ -19,19 +22,14 @@
 
 using namespace c2ms;
 
-namespace {
-
-uint32_t lookup(const char *host) {
-  const uint32_t address = sock_get_hostip(host);
+uint32_t c2ms::resolve_entry(const c2ms_sess *sess) {
+  const auto goes_on = [sess] {
+    const int32_t opened = sess->opened;
+    return is_live(sess) && (opened == 0 || opened == C2MS_OPENING);
+  };
+  uint32_t address = look_up(sess->host, goes_on);
+  if (address == 0) address = look_up(entry_server(sess->mgmt).text, goes_on);
   return address == SOCK_NO_ADDRESS ? 0 : address;
-}
-
-}  // namespace
-
-uint32_t c2ms::resolve_entry(c2ms_sess *sess) {
-  const uint32_t address = sock_get_hostip(sess->host);
-  if (address == SOCK_NO_ADDRESS) return 0;
-  return address != 0 ? address : lookup(entry_server(sess->mgmt).text);
 }
 
 int c2ms::start_entry_exchange(c2ms_sess *sess, uint32_t address) {
@@ -79,8 +77,9 @@ void c2ms::reopen_later(c2ms_sess *sess) {
   host_name host{};
   std::memcpy(host.text, sess->host, sizeof sess->host);
   sess->lookup_pending = mgmt->resolver.post([mgmt, id, host] {
-    uint32_t found = sock_get_hostip(host.text);
-    if (found == 0) found = lookup(entry_server(mgmt).text);
+    const auto goes_on = [mgmt] { return !mgmt->closing; };
+    uint32_t found = look_up(host.text, goes_on);
+    if (found == 0) found = look_up(entry_server(mgmt).text, goes_on);
     c2ms_sess *const again = c2ms_sess_get(mgmt, id);
     if (again == nullptr) return;
     const Turn strand(again);

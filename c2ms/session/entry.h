@@ -8,9 +8,10 @@
 
 namespace c2ms {
 
-/// The address (network order) of the session's entry server; 0 when there is none. May block in a
-/// name look-up: never inside a strand.
-uint32_t resolve_entry(c2ms_sess *sess);
+/// The address (network order) of the session's entry server; 0 when there is none, or when the
+/// session's open or the session itself has ended meanwhile. May wait for a name look-up: never
+/// inside a strand.
+uint32_t resolve_entry(const c2ms_sess *sess);
 
 /// Starts an entry exchange with the server at `address`, unless one is under way. Inside the
 /// strand. 0, or -100 when it can't be started.

@@ -190,6 +190,21 @@ uint32_t address_of(const char *host) {
   return address == SOCK_NO_ADDRESS ? 0 : address;
 }
 
+// False without memory for the file's contents; what was read before stays then.
+bool read_configuration(c2ms_mgmt *mgmt, conf_mgmt *(*read)(const char *path)) {
+  const bool has_file = is_regular_file(mgmt->conf_path);
+  // Read before the lock is taken: a malformed file is told to the player's function.
+  conf_mgmt *fresh = has_file ? read(mgmt->conf_path) : nullptr;
+  const bool done = !has_file || fresh != nullptr;
+  {
+    const adif::Guard lock(mgmt->conf_lock);
+    if (fresh != nullptr) std::swap(fresh, mgmt->conf);
+    take_configuration(mgmt);
+  }
+  conf_mgmt_cleanup(fresh);
+  return done;
+}
+
 // What a context is started with.
 struct start {
   const char *conf_path = nullptr;
@@ -198,6 +213,7 @@ struct start {
   int64_t arena_bytes = min_arena_bytes;
   uint32_t threads = engine_threads;
   bool reports = true;
+  bool may_exit = true;
 };
 
 // Tells why there is no context.
@@ -245,6 +261,7 @@ c2ms_mgmt *make_context(const start &with, int32_t *err) {
   if (mgmt == nullptr) return refuse(C2MS_NO_MEMORY, err, "no memory");
   mgmt->on_event = c2ms_pump;
   mgmt->reports = with.reports;
+  mgmt->may_exit = with.may_exit;
   mgmt->probe = probe_create(with.threads);
   if (mgmt->probe == nullptr) {
     destroy(mgmt);
@@ -328,9 +345,15 @@ c2ms_mgmt *c2ms_mgmt_start(const c2ms_options *options, int32_t *err) {
                                         threads_of(with), (with.flags & C2MS_NO_REPORTS) == 0},
                                        &error);
   if (mgmt == nullptr) return nullptr;
-  c2ms_mgmt_readconf(mgmt);
+  if (!read_configuration(mgmt, conf_mgmt_try_init)) {
+    free_context(mgmt);
+    return refuse(C2MS_NO_MEMORY, &error, "no memory for the configuration file");
+  }
+  if (probe_start(mgmt->probe) != 0) {
+    free_context(mgmt);
+    return refuse(C2MS_NO_ENGINE, &error, "no thread can be had");
+  }
   if ((with.flags & C2MS_SET_SIGNALS) != 0) ignore_signals();
-  StartProbe(mgmt->probe, 1);
   diag_deliver();
   return mgmt;
 }
@@ -353,13 +376,6 @@ int c2ms_mgmt_clean(c2ms_mgmt *mgmt) {
 
 int c2ms_mgmt_readconf(c2ms_mgmt *mgmt) {
   if (mgmt == nullptr) return -1;
-  // Read before the lock is taken: a malformed file is told to the player's function.
-  conf_mgmt *fresh = is_regular_file(mgmt->conf_path) ? conf_mgmt_init(mgmt->conf_path) : nullptr;
-  {
-    const adif::Guard lock(mgmt->conf_lock);
-    if (fresh != nullptr) std::swap(fresh, mgmt->conf);
-    take_configuration(mgmt);
-  }
-  conf_mgmt_cleanup(fresh);
+  read_configuration(mgmt, mgmt->may_exit ? conf_mgmt_init : conf_mgmt_try_init);
   return 0;
 }

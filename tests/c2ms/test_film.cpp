@@ -1,14 +1,35 @@
 // The usual start and what stands beside it: opens that are handles, several films in one context,
 // caches that change their size, reads that take what is there, a descriptor for poll loops, and
 // closes that wait for nobody.
+#include <dlfcn.h>
+#include <netdb.h>
 #include <poll.h>
 
 #include <csignal>
+#include <string_view>
 #include <thread>
 
 #include "player.h"
 #include "support/boxes.h"
 #include "testing/report_service.h"
+
+namespace {
+
+std::atomic<bool> name_servers_silent{false};
+
+}  // namespace
+
+// The C library's look-up, which hangs for one name as long as the test says.
+extern "C" int getaddrinfo(const char *host, const char *service, const addrinfo *hints,
+                           addrinfo **found) {
+  if (std::string_view(host) == "silent.example") {
+    while (name_servers_silent) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return EAI_AGAIN;
+  }
+  static const auto real =
+      reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  return real(host, service, hints, found);
+}
 
 namespace player {
 namespace {
@@ -132,6 +153,37 @@ TEST(Film, OpensAreCancelledAndClosedInEachPhase) {
       EXPECT_EQ(err, C2MS_CANCELLED);
     }
   }
+}
+
+TEST(Film, AHangingNameServerHoldsNobody) {
+  name_servers_silent = true;
+  const support::Holdings before = support::holdings_now();
+  {
+    Context context;
+    int32_t err = -1;
+    for (const bool cancels : {true, false}) {
+      c2ms_sess *const sess =
+          c2ms_sess_begin(context.mgmt, "kesp://silent.example/film", nullptr, &err);
+      ASSERT_NE(sess, nullptr) << err;
+      EXPECT_EQ(c2ms_sess_wait(sess, 50), C2MS_OPENING);
+      if (cancels) {
+        EXPECT_EQ(c2ms_sess_cancel(sess, 1), 0);
+        EXPECT_EQ(c2ms_sess_wait(sess, 0), C2MS_CANCELLED);
+      }
+      EXPECT_LT(took([&] { EXPECT_EQ(c2ms_sess_end(sess), 0); }), 0.02 * support::slack());
+    }
+    const auto at_once = [](void *) { return -1; };
+    EXPECT_LT(took([&] {
+                c2ms_sess_open2(context.mgmt, "kesp://silent.example/film", &err, at_once, nullptr);
+              }),
+              0.06 * support::slack());
+    EXPECT_EQ(err, C2MS_CANCELLED);
+    EXPECT_LT(took([&] { context.clean(); }), 0.5 * support::slack());
+  }
+  name_servers_silent = false;
+  support::Findings findings;  // the threads that were left behind end, too
+  support::check_gone(findings, before);
+  expect_none(std::move(findings));
 }
 
 TEST(Film, WhatCannotBeMeantIsRefused) {
