@@ -27,7 +27,7 @@ Case failing_case(World &world, script which, call kind, uint32_t nth, bool for_
           [=, &world](Report &report) {
             run_play(report, world, which, [=] { plan::arm(kind, nth, for_good); });
           },
-          ending::lives_or_exits};
+          which == script::film ? ending::lives : ending::lives_or_exits};
 }
 
 /// How many calls of each kind a play makes: the most of a few runs.
