@@ -40,7 +40,7 @@ constexpr double least_ahead_s = 0.02;  // how late a program may learn that som
 // round trip, and the connections stay busy; on far ways it would hold up the next seek for longer
 // than they gain.
 constexpr double seeks_again_s = 4;
-constexpr double run_after_seek = 0.5, ahead_after_seek = 1, most_ahead_after_seek_s = 0.2;
+constexpr double run_after_seek = 0.5, ahead_after_seek = 1, most_ahead_after_seek_s = 0.1;
 
 constexpr double comfortable_lead =
     2;  // seconds; with more, small requests wait until they are bigger
