@@ -89,6 +89,7 @@ compile() {
   local root=$PWD list
   list=$(commands)
   for file in "${sources[@]}"; do
+    [[ $file != players/* ]] || continue  # built by ./dev players alone, where their packages are
     grep -qF "$root/$file"$'\t' <<< "$list" || breach no-target "$file" "belongs to no target"
   done
   # Every file of ours through clang's front end: warnings, thread-safety analysis, no code.
@@ -97,6 +98,7 @@ compile() {
   # Every header alone, with the flags of a source beside it (c2ms.h: of the example player, in C, too).
   for header in "${headers[@]}"; do
     local folder=${header%/*} beside flags
+    [[ $folder != players/* ]] || continue
     [[ $folder != include ]] || folder=c2ms/player
     [[ $folder != tests ]] || folder=tests/adif
     beside=$(grep -m 1 "^$root/$folder/[^/]*\.cpp"$'\t' <<< "$list" | cut -f 2) || {
