@@ -503,7 +503,6 @@ struct c2ms_mgmt {
   adif::Mutex mem_lock{c2ms::rank_memory};
   mem_unit *mem = nullptr;
   int64_t mem_size = 0;
-  size_t block_bytes = 0;  // of the mapping that holds context and arena
   uint8_t *arena = nullptr;
   rac_core *probe = nullptr;
   // The handler of every device and timer (session/pump.h); set before the first is made.

@@ -32,21 +32,34 @@ lane lane_of(const c2ms_node *node, int64_t now) {
   return one;
 }
 
+// Adds the idle packs from `first` to `end`, as many stretches as there is room for.
+void add_idle(c2ms_cache *cache, int32_t first, int32_t end, idle_packs *found)
+    REQUIRES(cache->lock) {
+  for (int32_t i = first; i < end; ++i) {
+    if (!c2ms_cache_may_ask(cache, i)) continue;
+    stretch &last = found->stretches[found->count == 0 ? 0 : found->count - 1];
+    if (found->count > 0 && last.first + last.count == i) {
+      ++last.count;
+    } else if (found->count < found->stretches.size()) {
+      found->stretches[found->count++] = {i, 1};
+    } else {
+      return;
+    }
+  }
+}
+
+// With two reading places the range follows the lower one. Who reads at the upper one comes first
+// all the same, with a quarter of the ring: it may have jumped there for good.
 idle_packs idle_of(c2ms_cache *cache) {
   idle_packs found;
   const adif::Guard lock(cache->lock);
   const ahead_packs ahead = c2ms_cache_ahead(cache);
-  for (int32_t i = ahead.first; i < ahead.end; ++i) {
-    if (!c2ms_cache_may_ask(cache, i)) continue;
-    stretch &last = found.stretches[found.count == 0 ? 0 : found.count - 1];
-    if (found.count > 0 && last.first + last.count == i) {
-      ++last.count;
-    } else if (found.count < found.stretches.size()) {
-      found.stretches[found.count++] = {i, 1};
-    } else {
-      break;
-    }
+  if (cache->read_index > cache->wanted_from) {
+    const int32_t from = std::max(cache->read_index, cache->first_index.load());
+    const int32_t quarter = std::max(cache->packnum / 4, 1);
+    add_idle(cache, from, std::min(ahead.end, from + quarter), &found);
   }
+  if (found.count == 0) add_idle(cache, ahead.first, ahead.end, &found);
   found.view.pack_bytes = cache->packsize;
   found.view.packs = cache->packnum - cache->reserve;
   found.view.urgent_end = cache->urgent_end;

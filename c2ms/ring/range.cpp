@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "c2ms/core/recorder.h"
+#include "c2ms/core/time.h"
 #include "c2ms/ring/cache.h"
 #include "c2ms/ring/ends.h"
 #include "c2ms/ring/pack.h"
@@ -145,6 +146,7 @@ void c2ms_cache_take_place(c2ms_cache *cache, uint64_t pos) REQUIRES(cache->lock
   // With blocks of two streams in turn, who jumps is the lower one: it has come to the end of its
   // block and passes over the other's, where the other stands.
   const bool other_jumps = two && cache->other_pos < cache->read_pos;
+  if (!two) cache->sought_at_us = c2ms::now_us();
   if (!two || goes_on || other_jumps) cache->other_pos = cache->read_pos;
 }
 

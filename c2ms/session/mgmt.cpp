@@ -35,9 +35,6 @@ using namespace c2ms;
 
 constexpr char section[] = "Communication Option";
 
-// The arena follows the context in one block, aligned for any use.
-constexpr size_t arena_offset = (sizeof(c2ms_mgmt) + 63) / 64 * 64;
-
 int32_t configured_seconds(conf_mgmt *conf, const char *key, int32_t fallback) {
   const int32_t value = conf_get_int(conf, section, key);
   return value < 1 ? fallback : std::min(value, max_period_s);
@@ -98,25 +95,33 @@ void drop_pool(block_pool **pool) {
   BPoolCleanup(old);
 }
 
-// Context and arena are one mapping: memory is had when it is touched, and given back to the
+// The arena is a mapping of its own: memory is had when it is touched, and given back to the
 // system.
+uint8_t *map_arena(int64_t bytes) {
+  void *const at = mmap(nullptr, static_cast<size_t>(bytes), PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return at == MAP_FAILED ? nullptr : static_cast<uint8_t *>(at);
+}
+
 c2ms_mgmt *make_block(int64_t arena_bytes) {
-  const auto size = static_cast<size_t>(static_cast<int64_t>(arena_offset) + arena_bytes);
-  void *const block =
-      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (block == MAP_FAILED) return nullptr;
+  void *const block = kzalloc_dbg(sizeof(c2ms_mgmt));
+  if (block == nullptr) return nullptr;
+  uint8_t *const arena = map_arena(arena_bytes);
+  if (arena == nullptr) {
+    kfree_dbg(block);
+    return nullptr;
+  }
   c2ms_mgmt *const mgmt = new (block) c2ms_mgmt();
-  mgmt->block_bytes = size;
-  mgmt->arena = static_cast<uint8_t *>(block) + arena_offset;
+  mgmt->arena = arena;
   mgmt->mem_size = arena_bytes;
-  mgmt->mem = mem_unit_init(mgmt->arena, arena_bytes);
+  mgmt->mem = mem_unit_init(arena, arena_bytes);
   return mgmt;
 }
 
 void destroy(c2ms_mgmt *mgmt) {
-  const size_t size = mgmt->block_bytes;
+  munmap(mgmt->arena, static_cast<size_t>(mgmt->mem_size));
   mgmt->~c2ms_mgmt();
-  munmap(mgmt, size);
+  kfree_dbg(mgmt);
 }
 
 bool make_registries(c2ms_mgmt *mgmt) {

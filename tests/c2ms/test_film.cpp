@@ -397,6 +397,30 @@ TEST(Film, HeadAndTailAreFetchedOnce) {
   c2ms_sess_end(sess);
 }
 
+// The bytes between the two places would take four seconds.
+TEST(Film, AJumpForwardInABigCacheDoesNotWaitForWhatLiesBetween) {
+  Context context(32 * megabyte);
+  refserver::media_server server(
+      {.nodes = 2, .node = {{.rate_bytes_per_s = 2e6}, {.rate_bytes_per_s = 2e6}}});
+  const auto id = server.add_generated("film.ts", 30 * megabyte, 8);
+  ASSERT_TRUE(server.start());
+  int32_t err;
+  c2ms_sess *const sess = c2ms_sess_start(context.mgmt, server.url(id).c_str(), nullptr, &err);
+  ASSERT_NE(sess, nullptr) << err;
+  std::vector<uint8_t> buf(megabyte);
+  const auto read = [&](uint64_t pos, int32_t len) {
+    ASSERT_EQ(c2ms_sess_read_some(sess, pos, buf.data(), len, len, 20'000), len);
+    EXPECT_EQ(refserver::content_mismatch(id, pos, buf.data(), static_cast<size_t>(len)),
+              static_cast<size_t>(len));
+  };
+  read(0, 20'000);
+  for (const uint64_t pos : {15 * megabyte, 29 * megabyte, 8 * megabyte}) {
+    EXPECT_LT(took([&] { read(pos, 20'000); }), 1.0 * support::slack()) << pos;
+    EXPECT_LT(took([&] { read(pos + 20'000, megabyte / 2); }), 1.5 * support::slack()) << pos;
+  }
+  c2ms_sess_end(sess);
+}
+
 TEST(Film, ABackgroundFilmWaitsForTheForeground) {
   Context context(16 * megabyte);
   refserver::media_server server(
